@@ -1,0 +1,36 @@
+// Memory that several processors touch without a lock, and the order they rely on.
+#pragma once
+
+#include "ndisfilter-kernel.h"
+
+template <class T> T LoadRelaxed(const volatile T& value)
+{
+    return __atomic_load_n(&value, __ATOMIC_RELAXED);
+}
+
+template <class T, class V> VOID StoreRelaxed(volatile T& value, V desired)
+{
+    const T converted = desired;
+    __atomic_store_n(&value, converted, __ATOMIC_RELAXED);
+}
+
+template <class T> T LoadAcquire(const volatile T& value)
+{
+    return __atomic_load_n(&value, __ATOMIC_ACQUIRE);
+}
+
+template <class T, class V> VOID StoreRelease(volatile T& value, V desired)
+{
+    const T converted = desired;
+    __atomic_store_n(&value, converted, __ATOMIC_RELEASE);
+}
+
+// Copies out of memory that another driver or program may be writing: each byte is read once, none is torn.
+inline VOID CopyRelaxed(PVOID destination, const volatile VOID* source, SIZE_T size)
+{
+    PUCHAR to = static_cast<PUCHAR>(destination);
+    const volatile UCHAR* from = static_cast<const volatile UCHAR*>(source);
+    for (SIZE_T i = 0; i < size; i++) {
+        to[i] = LoadRelaxed(from[i]);
+    }
+}

@@ -1,0 +1,68 @@
+// The handle check behind every Filter_IsValid function, and the blocks that hold a name.
+#include "ndisfilter-handle.h"
+
+#include "ndisfilter-internal.h"
+
+FILTER_NOT_INSTRUMENTED ULONG ReadUntrustedWord(const volatile VOID* address)
+{
+    return *static_cast<const volatile ULONG*>(address);
+}
+
+BOOLEAN CheckHandle(PCSTR checkName, const VOID* handle, SIZE_T tagOffset, ULONG tag,
+                    BOOLEAN (*holds)(const VOID* handle))
+{
+    ULONG tagRead = 0xFFFFFFFF;
+    BOOLEAN valid = FALSE;
+    if (handle != nullptr) {
+        const NTSTATUS code = Guarded([&] {
+            tagRead = ReadUntrustedWord(
+                reinterpret_cast<const volatile VOID*>(reinterpret_cast<ULONG_PTR>(handle) + tagOffset));
+            valid = tagRead == tag && (holds == nullptr || holds(handle));
+        });
+        if (code != 0) {
+            PrintException(checkName, code);
+            return FALSE;
+        }
+    }
+    if (!valid) {
+        DbgPrint("%s: Invalid Handle 0x%p, bad tag 0x%x\n", checkName, handle, tagRead);
+    }
+    return valid;
+}
+
+PVOID AllocateNamedBlock(SIZE_T recordSize, SIZE_T extraSize, USHORT nameLength, ULONG tag, STRING* name)
+{
+    constexpr SIZE_T ExtraAlignment = 64;
+    const SIZE_T slack = extraSize != 0 ? ExtraAlignment - 1 : 0;
+    PVOID block = AllocateZeroed(recordSize + slack + extraSize + nameLength + 2, tag);
+    if (block == nullptr) {
+        return nullptr;
+    }
+    ULONG_PTR behind = reinterpret_cast<ULONG_PTR>(block) + recordSize;
+    if (extraSize != 0) {
+        behind = (behind + slack) & ~(ExtraAlignment - 1);
+    }
+    name->Length = nameLength;
+    name->MaximumLength = static_cast<USHORT>(nameLength + 2);
+    name->Buffer = reinterpret_cast<PCHAR>(behind + extraSize);
+    return block;
+}
+
+FILTER_STATUS CopyNameOut(PCSTR functionName, const STRING& name, ULONG tag, STRING** ppName)
+{
+    STRING header;
+    STRING* copy = static_cast<STRING*>(AllocateNamedBlock(sizeof(STRING), 0, name.Length, tag, &header));
+    if (copy == nullptr) {
+        return FILTER_STATUS_SUCCESS;
+    }
+    *copy = header;
+    const NTSTATUS code = Guarded([&] {
+        CopyText(copy->Buffer, name.Buffer, header.Length);
+        *ppName = copy;
+    });
+    if (code != 0) {
+        Filter_FreeMemory(copy);
+        return ExceptionStatus(functionName, code);
+    }
+    return FILTER_STATUS_SUCCESS;
+}

@@ -1,0 +1,93 @@
+// What all records behind handles share: the check of a handle's tag, and blocks that hold a name.
+#pragma once
+
+#include "ndisfilter-lock.h"
+#include "ndisfilter-records.h"
+#include "ndisfilter-trace.h"
+
+// A word of memory that may be freed, foreign or unmapped: such memory is read through here and inside a guard only.
+ULONG ReadUntrustedWord(const volatile VOID* address);
+
+// TRUE when the handle is not null, the word at `tagOffset` is `tag`, and `holds` (if given) says so of the record; it
+// runs inside the guard. Otherwise says why not in the debug output, under the name of the exported check.
+BOOLEAN CheckHandle(PCSTR checkName, const VOID* handle, SIZE_T tagOffset, ULONG tag,
+                    BOOLEAN (*holds)(const VOID* handle) = nullptr);
+
+template <class Record>
+BOOLEAN CheckRecord(PCSTR checkName, const Record* handle, ULONG tag, BOOLEAN (*holds)(const VOID*) = nullptr)
+{
+    return CheckHandle(checkName, handle, offsetof(Record, m_Tag), tag, holds);
+}
+
+// A zero-filled block of a record, `extraSize` bytes that start at a multiple of 64, and the characters of a name with
+// two zero bytes behind them. `name` is set to the room for the characters, which the caller fills; the extra bytes
+// end where the name begins. nullptr when no memory is left.
+PVOID AllocateNamedBlock(SIZE_T recordSize, SIZE_T extraSize, USHORT nameLength, ULONG tag, STRING* name);
+
+// The characters of a name; of an empty one the address may be null.
+inline VOID CopyText(PCHAR destination, const CHAR* source, USHORT length)
+{
+    if (length != 0) {
+        RtlCopyMemory(destination, source, length);
+    }
+}
+
+// Hands out a copy of a name in a block of its own. No memory: success, and nothing is written.
+FILTER_STATUS CopyNameOut(PCSTR functionName, const STRING& name, ULONG tag, STRING** ppName);
+
+// A registration of a record under a name that must be unique in its list.
+template <class Record> struct NamedRegistration {
+    PCSTR FunctionName;
+    const STRING* Name; // the caller's
+    Record** Handle;    // the caller's output
+    NDIS_RW_LOCK& Lock;
+    RecordList<Record>& List;
+    STRING Record::*NameField;
+    FILTER_STATUS KnownStatus; // when the list holds the name already
+    ULONG PoolTag;
+    SIZE_T ExtraSize = 0;
+};
+
+// `fill` sets the fields of the new record but its name, and places it in the list. Runs under the list's lock, and
+// touches the caller's memory there in guards, so that a fault neither keeps the lock nor leaves a record behind. No
+// memory: success, and the output is not written.
+template <class Record, class Fill>
+FILTER_STATUS RegisterNamed(const NamedRegistration<Record>& registration, const Fill& fill)
+{
+    const STRING name = *registration.Name; // read once: the record has room for this length
+    NTSTATUS code;
+    {
+        WriteLock lock(registration.Lock);
+        BOOLEAN known = FALSE;
+        code = Guarded([&] {
+            for (const Record& entry : registration.List) {
+                if (Filter_CompareString(&(entry.*registration.NameField), &name) == 0) {
+                    known = TRUE;
+                    return;
+                }
+            }
+        });
+        if (code == 0 && known) {
+            return registration.KnownStatus;
+        }
+        if (code == 0) {
+            STRING room;
+            Record* record = static_cast<Record*>(AllocateNamedBlock(sizeof(Record), registration.ExtraSize,
+                                                                     name.Length, registration.PoolTag, &room));
+            if (record == nullptr) {
+                return FILTER_STATUS_SUCCESS;
+            }
+            record->*registration.NameField = room;
+            fill(*record);
+            code = Guarded([&] {
+                CopyText(room.Buffer, name.Buffer, name.Length);
+                *registration.Handle = record;
+            });
+            if (code != 0) {
+                RecordList<Record>::Unlink(*record);
+                Filter_FreeMemory(record);
+            }
+        }
+    }
+    return code == 0 ? FILTER_STATUS_SUCCESS : ExceptionStatus(registration.FunctionName, code);
+}

@@ -1,0 +1,93 @@
+// What the files of the framework call of one another and nobody else does, by the file that holds it.
+#pragma once
+
+#include "ndisfilter-state.h"
+#include "ndisfilter-trace.h"
+
+// How long the unload waits for the workers' exit event, and the share thread for new blocks.
+constexpr UINT SHARE_WAIT_MS = 0x0FFFFFFF;
+
+extern "C" {
+
+// ---- ndisfilter-main: dispatch routines and the life of the global state
+NTSTATUS DriverEntry(PDRIVER_OBJECT pDriverObject, PUNICODE_STRING pRegistryPath);
+NTSTATUS NdisFilterOpen(PDEVICE_OBJECT pDeviceObject, PIRP pIrp);
+NTSTATUS NdisFilterClose(PDEVICE_OBJECT pDeviceObject, PIRP pIrp);
+NTSTATUS NdisFilterCleanup(PDEVICE_OBJECT pDeviceObject, PIRP pIrp);
+NTSTATUS NdisFilterShutdown(PDEVICE_OBJECT pDeviceObject, PIRP pIrp);
+VOID NdisFilterUnload(PDRIVER_OBJECT pDriverObject);
+VOID NdisFilterInitialize();
+VOID NdisFilterDeInitialize();
+
+// Stores status and length in the request and completes it.
+NTSTATUS CompleteRequest(PIRP pIrp, NTSTATUS status, ULONG_PTR information);
+
+// What every worker thread does first and last: counts itself and runs at the lowest real-time priority.
+VOID EnterWorkerThread();
+VOID LeaveWorkerThread(); // ends the thread
+
+// ---- ndisfilter-main-binding
+NTSTATUS NdisFilterInternalIoControl(PDEVICE_OBJECT pDeviceObject, PIRP pIrp);
+VOID InitializeHookInterface(); // the framework's own copy: unbound, callbacks filled in
+
+// ---- ndisfilter-main-requests
+NTSTATUS NdisFilterIoControl(PDEVICE_OBJECT pDeviceObject, PIRP pIrp);
+
+// ---- ndisfilter-memory
+// A zero-filled block for a record. nullptr when no memory is left.
+PVOID AllocateZeroed(SIZE_T size, ULONG tag);
+
+// ---- ndisfilter-settings
+// Queues a routine on the delayed work queue; nothing happens when no memory is left. Runs at PASSIVE_LEVEL.
+BOOLEAN QueueWork(VOID (*routine)(PVOID context), PVOID context);
+// Waits until every routine queued with QueueWork has returned, for the unload.
+VOID WaitForQueuedWork();
+
+// ---- ndisfilter-event
+FilterEventRecord* TakeEventRecord(); // nullptr when 1,023 are out or no memory is left
+VOID GiveBackEventRecord(FilterEventRecord* record);
+
+// ---- ndisfilter-adapter: callbacks for the hook driver
+ULONG NdisFilter_AdapterOpened(FilterAdapter* pAdapter);
+ULONG NdisFilter_AdapterStatusChanged(FilterAdapter* pAdapter, NDIS_STATUS nStatus);
+ULONG NdisFilter_AdapterClosed(FilterAdapter* pAdapter);
+VOID NdisFilter_EnumOpenedAdapter();
+// Calls every adapter event handler, at DISPATCH_LEVEL under the handler list's lock. Answers 0, or the code of the
+// exception that ended the walk, which the raiser reports under its own name.
+NTSTATUS DeliverAdapterEvent(ULONG nEvent, FilterAdapter* hAdapter);
+ULONG ReadAdapterCount();                 // read once, at most 32
+AdapterInfo ReadAdapterInfo(ULONG index); // a copy, taken without the lock
+
+// ---- ndisfilter-packetfilter
+PacketFilterCounters SumFilterCounters(const PacketFilter& filter);
+
+// ---- ndisfilter-packetapi-invoke: callbacks for the hook driver
+VOID NdisFilter_FilterReceivedPacket(FilterPacket* pPacket);
+VOID NdisFilter_FilterSendPacket(FilterPacket* pPacket);
+// As Filter_InvokeFiltersEx, for a filter handle that may be stale: the packet is released when no chain holds it.
+VOID InvokeQueuedFilter(FILTER_METHOD nMethod, PacketFilter* hPacketFilter, FilterPacket* pPacket);
+
+// ---- ndisfilter-packetapi-inject
+VOID InjectedPacketThread(PVOID pContext); // pContext: the queue's index
+
+// ---- ndisfilter-sharedmem
+MappedMemory* NdisFilter_AllocateMappedMemory();
+VOID NdisFilter_FreeMappedMemory(MappedMemory* pMappedMemory);
+VOID InitializeSharedMemory(MappedMemory* pMappedMemory);
+PVOID NdisFilter_MapMemoryToUserSpace(MappedMemory* pMappedMemory);
+VOID NdisFilter_UnmapMemoryToUserSpace(MappedMemory* pMappedMemory);
+ULONG_PTR NdisFilter_StartShare(PIRP pIrp);
+VOID NdisFilter_StopShare(PIRP pIrp);
+VOID NdisFilter_TerminateShare();
+FilterPacket* NdisFilter_ReadShareMemory();
+BOOLEAN NdisFilter_WriteShareMemory(FilterPacket* pPacket);
+BOOLEAN NdisFilter_WriteSignalPacket(PVOID pSignal);
+BOOLEAN IsOutputRingEmpty(); // FALSE, too, when the program has spoilt an index
+
+// ---- ndisfilter-sharedmem-requests
+VOID ShareMemoryThread(PVOID pContext);
+NTSTATUS NdisFilter_IOCtrlReadShare(PIRP pIrp);
+NTSTATUS NdisFilter_IOCtrlWriteShare(PIRP pIrp);
+VOID NdisFilter_CompleteRead();
+VOID CancelPendingReadShare(PDEVICE_OBJECT pDeviceObject, PIRP pIrp);
+}

@@ -1,0 +1,172 @@
+// Binding with the NDIS hook driver: one internal request exchanges callbacks and hook functions, another undoes it.
+#include "ndisfilter-internal.h"
+
+#include <stddef.h>
+
+static_assert(sizeof(NdisHookAPI) == 168);
+static_assert(offsetof(NdisHookAPI, Filter_AdapterOpened) == 16);
+static_assert(offsetof(NdisHookAPI, Hook_GetOsVersion) == 56);
+static_assert(offsetof(NdisHookAPI, Hook_MmUnmapLockedPages) == 160);
+
+namespace
+{
+
+// Calls visit(name, pointer to member) for the framework's callbacks, in record order.
+template <class Visit> VOID ForEachCallback(const Visit& visit)
+{
+    visit("Filter_AdapterOpened", &NdisHookAPI::Filter_AdapterOpened);
+    visit("Filter_AdapterStatusChanged", &NdisHookAPI::Filter_AdapterStatusChanged);
+    visit("Filter_AdapterClosed", &NdisHookAPI::Filter_AdapterClosed);
+    visit("Filter_FilterReceivedPacket", &NdisHookAPI::Filter_FilterReceivedPacket);
+    visit("Filter_FilterSendPacket", &NdisHookAPI::Filter_FilterSendPacket);
+}
+
+// The same for the hook driver's functions.
+template <class Visit> VOID ForEachHookFunction(const Visit& visit)
+{
+    visit("Hook_GetOsVersion", &NdisHookAPI::Hook_GetOsVersion);
+    visit("Hook_HandleIoControl", &NdisHookAPI::Hook_HandleIoControl);
+    visit("Hook_AllocatePacket", &NdisHookAPI::Hook_AllocatePacket);
+    visit("Hook_FreePacket", &NdisHookAPI::Hook_FreePacket);
+    visit("Hook_InjectPacketToAdapter", &NdisHookAPI::Hook_InjectPacketToAdapter);
+    visit("Hook_InjectPacketToProtocol", &NdisHookAPI::Hook_InjectPacketToProtocol);
+    visit("Hook_AllocateRequest", &NdisHookAPI::Hook_AllocateRequest);
+    visit("Hook_MakeNdisRequest", &NdisHookAPI::Hook_MakeNdisRequest);
+    visit("Hook_FreeRequest", &NdisHookAPI::Hook_FreeRequest);
+    visit("Hook_SetAdapterStatus", &NdisHookAPI::Hook_SetAdapterStatus);
+    visit("Hook_GetAdapterStatus", &NdisHookAPI::Hook_GetAdapterStatus);
+    visit("Hook_GetTcpIpBoundAdapters", &NdisHookAPI::Hook_GetTcpIpBoundAdapters);
+    visit("Hook_MmMapLockedPages", &NdisHookAPI::Hook_MmMapLockedPages);
+    visit("Hook_MmUnmapLockedPages", &NdisHookAPI::Hook_MmUnmapLockedPages);
+}
+
+// STATUS_SUCCESS when the record may be exchanged.
+NTSTATUS CheckHookInterface(const NdisHookAPI* api, ULONG inputLength, ULONG outputLength)
+{
+    if (inputLength < sizeof(NdisHookAPI) || outputLength < sizeof(NdisHookAPI) || api == nullptr) {
+        Trace(TRACE_CORE, "  Input or Output Buffer Length are too small\n");
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    if (api->m_Size != sizeof(NdisHookAPI)) {
+        Trace(TRACE_CORE, "  pNdisHookAPI->m_Size (%d) != sizeof(NdisHookAPI)\n", api->m_Size);
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (api->m_MajorVersion != NDIS_HOOK_MAJOR_VERSION) {
+        Trace(TRACE_CORE, "  pNdisHookAPI->m_MajorVersion (%d) != NDIS_HOOK_MAJOR_VERSION\n", api->m_MajorVersion);
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (api->m_MinorVersion != NDIS_HOOK_MINOR_VERSION) {
+        Trace(TRACE_CORE, "  pNdisHookAPI->m_MinorVersion (%d) != NDIS_HOOK_MINOR_VERSION\n", api->m_MinorVersion);
+        return STATUS_INVALID_PARAMETER;
+    }
+    return STATUS_SUCCESS;
+}
+
+VOID NdisFilterBindHookInterface(NdisHookAPI* pHookApi)
+{
+    Trace(TRACE_CORE, "\nEnter NdisFilterBindHookInterface\n");
+    {
+        NdisHookAPI& own = Global().m_NdisHookAPI;
+        const WriteLock lock(Global().m_HookAPILock);
+        ForEachCallback([&](PCSTR, auto field) { pHookApi->*field = own.*field; });
+        ForEachHookFunction([&](PCSTR, auto field) { StoreRelease(own.*field, pHookApi->*field); });
+        // Behind the functions: a user that sees the flag sees them.
+        StoreRelease(own.m_Flags, own.m_Flags | NDIS_HOOK_FLAG_BOUND);
+        pHookApi->m_Flags |= NDIS_HOOK_FLAG_BOUND;
+    }
+    NdisFilter_EnumOpenedAdapter();
+    Trace(TRACE_CORE, "Leave NdisFilterBindHookInterface\n");
+}
+
+VOID NdisFilterUnBindHookInterface(NdisHookAPI* pHookApi)
+{
+    Trace(TRACE_CORE, "Enter NdisFilterUnBindHookInterface\n");
+    {
+        NdisHookAPI& own = Global().m_NdisHookAPI;
+        const WriteLock lock(Global().m_HookAPILock);
+        StoreRelease(own.m_Flags, own.m_Flags & ~NDIS_HOOK_FLAG_BOUND);
+        pHookApi->m_Flags &= ~NDIS_HOOK_FLAG_BOUND;
+        ForEachCallback([&](PCSTR, auto field) { pHookApi->*field = nullptr; });
+        ForEachHookFunction([&](PCSTR, auto field) { StoreRelease(own.*field, nullptr); });
+    }
+    Trace(TRACE_CORE, "Leave NdisFilterUnBindHookInterface\n");
+}
+
+VOID PrintHookValue(PCSTR name, ULONG_PTR value)
+{
+    DbgPrint("  m_NdisHookAPI.%s = 0x%p\n", name, reinterpret_cast<PVOID>(value));
+}
+
+VOID NdisFilterTestHookInterface()
+{
+    const NdisHookAPI& api = Global().m_NdisHookAPI;
+    const auto printFunction = [&](PCSTR name, auto field) {
+        PrintHookValue(name, reinterpret_cast<ULONG_PTR>(LoadAcquire(api.*field)));
+    };
+
+    Trace(TRACE_CORE, "Enter NdisFilterTestHookInterface\n");
+    PrintHookValue("m_Size", api.m_Size);
+    PrintHookValue("m_Flags", LoadAcquire(api.m_Flags));
+    PrintHookValue("m_MajorVersion", api.m_MajorVersion);
+    PrintHookValue("m_MinorVersion", api.m_MinorVersion);
+    ForEachCallback(printFunction);
+    ForEachHookFunction(printFunction);
+    Trace(TRACE_CORE, "Leave NdisFilterTestHookInterface\n");
+}
+
+} // namespace
+
+VOID InitializeHookInterface()
+{
+    NdisHookAPI& api = Global().m_NdisHookAPI;
+    api = {};
+    api.m_Size = sizeof(NdisHookAPI);
+    api.m_MajorVersion = NDIS_HOOK_MAJOR_VERSION;
+    api.m_MinorVersion = NDIS_HOOK_MINOR_VERSION;
+    api.Filter_AdapterOpened = NdisFilter_AdapterOpened;
+    api.Filter_AdapterStatusChanged = NdisFilter_AdapterStatusChanged;
+    api.Filter_AdapterClosed = NdisFilter_AdapterClosed;
+    api.Filter_FilterReceivedPacket = NdisFilter_FilterReceivedPacket;
+    api.Filter_FilterSendPacket = NdisFilter_FilterSendPacket;
+}
+
+NTSTATUS NdisFilterInternalIoControl(PDEVICE_OBJECT, PIRP pIrp)
+{
+    const PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(pIrp);
+    const ULONG code = stack->Parameters.DeviceIoControl.IoControlCode;
+    const ULONG inputLength = stack->Parameters.DeviceIoControl.InputBufferLength;
+    const ULONG outputLength = stack->Parameters.DeviceIoControl.OutputBufferLength;
+    NdisHookAPI* const hookApi = static_cast<NdisHookAPI*>(pIrp->AssociatedIrp.SystemBuffer);
+
+    Trace(TRACE_CORE, "Enter NdisFilterInternalIoControl\n");
+    Trace(TRACE_CORE, "  - ControlCode - 0x%x\n", code);
+    Trace(TRACE_CORE, "  - InputBufferLength - 0x%x\n", inputLength);
+    Trace(TRACE_CORE, "  - OutputBufferLength - 0x%x\n", outputLength);
+    Trace(TRACE_CORE, "  - sizeof(NdisHookAPI) - 0x%x\n", static_cast<ULONG>(sizeof(NdisHookAPI)));
+
+    NTSTATUS status;
+    switch (code) {
+    case IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK:
+        Trace(TRACE_CORE, "  IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK\n");
+        status = CheckHookInterface(hookApi, inputLength, outputLength);
+        if (NT_SUCCESS(status)) {
+            NdisFilterBindHookInterface(hookApi);
+            NdisFilterTestHookInterface();
+        }
+        break;
+    case IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK:
+        Trace(TRACE_CORE, "  IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK\n");
+        status = CheckHookInterface(hookApi, inputLength, outputLength);
+        if (NT_SUCCESS(status)) {
+            NdisFilterUnBindHookInterface(hookApi);
+        }
+        break;
+    default:
+        DbgPrint("  Unknown IOCTL = 0x%x\n", code);
+        status = STATUS_INVALID_PARAMETER;
+        break;
+    }
+    CompleteRequest(pIrp, status, NT_SUCCESS(status) ? sizeof(NdisHookAPI) : 0);
+    Trace(TRACE_CORE, "Leave NdisFilterInternalIoControl\n");
+    return status;
+}

@@ -1,0 +1,140 @@
+// The records behind the handles of the exported interface. All are allocated with Filter_AllocateMemory.
+#pragma once
+
+#include "ndisfilter-list.h"
+
+constexpr ULONG FILTER_DRIVER_TAG = 0x54414731;      // "1GAT"
+constexpr ULONG EVENT_HANDLER_TAG = 0x54414732;      // "2GAT"
+constexpr ULONG PACKET_FILTER_TAG = 0x54414733;      // "3GAT"
+constexpr ULONG FILTER_INTERFACE_TAG = 0x54414734;   // "4GAT"
+constexpr ULONG INTERFACE_REFERENCE_TAG = 0x54414735; // "5GAT"
+constexpr ULONG FILTER_MEMORY_TAG = 0x54414737;      // "7GAT"
+constexpr ULONG FILTER_TIMER_TAG = 0x54414738;       // "8GAT"
+constexpr ULONG IOCTRL_HANDLER_TAG = 0x54414739;     // "9GAT"
+constexpr ULONG IF_EVENT_HANDLER_TAG = 0x54414741;   // "AGAT"
+
+// Pool tags, as the debugger shows them: the bytes in memory order.
+constexpr ULONG POOL_TAG_DRIVER = 0x4144664E;    // "NfDA"
+constexpr ULONG POOL_TAG_FILTER = 0x4146664E;    // "NfFA"
+constexpr ULONG POOL_TAG_EVENT = 0x54414736;     // "6GAT"
+constexpr ULONG POOL_TAG_MAPPED = 0x4D70614D;    // "MapM"
+
+// A registered client driver. The name's characters lie behind the record in the same block.
+struct FilterDriver {
+    LIST_ENTRY m_ListEntry; // in m_FilterDriverList
+    ULONG m_Tag;            // FILTER_DRIVER_TAG
+    STRING m_DriverName;
+    PVOID m_pDriverContext;
+};
+
+using FILTER_EVENT_PROC = VOID (*)(FilterDriver* hFilterDriver, PVOID pDriverContext, ULONG nEvent,
+                                   PVOID pEventContext, FilterAdapter* hAdapter);
+
+// A client driver's interest in adapter events.
+struct EventHandler {
+    LIST_ENTRY m_ListEntry; // in m_EventHandlerList
+    ULONG m_Tag;            // EVENT_HANDLER_TAG
+    FilterDriver* m_hFilterDriver;
+    PVOID m_pDriverContext; // the driver's, copied at registration
+    FILTER_EVENT_PROC m_pfEventProc;
+    PVOID m_pEventContext;
+};
+
+// Verdict counters of one processor. They are counted at DISPATCH_LEVEL, so only that processor writes them, and
+// they lie on a cache line of their own; sums are taken modulo 2^32 when read.
+struct alignas(64) PacketFilterCounters {
+    ULONG m_PacketProcess; // packets handed to the procedure
+    ULONG m_PacketBypass;
+    ULONG m_PacketDiscard;
+    ULONG m_PacketConsume;
+    ULONG m_PacketCapture;
+};
+
+constexpr ULONG FILTER_PROCESSOR_COUNT = 64; // as many as an NDIS read-write lock has reader slots
+
+// A registered packet filter. The counters, one slot a processor, and the name lie behind it in the same block.
+struct PacketFilter {
+    LIST_ENTRY m_ListEntry; // in the chain of its type
+    ULONG m_Tag;            // PACKET_FILTER_TAG
+    STRING m_FilterName;
+    FilterDriver* m_hFilterDriver;
+    PVOID m_pDriverContext; // the driver's, copied at registration
+    FILTER_PROC m_pfFilterProc;
+    PVOID m_pFilterContext;
+    FILTER_TYPE m_FilterType;
+    ULONG m_FilterOrder; // FILTER_ORDER as given, compared as unsigned
+    PacketFilterCounters* m_pCounters;
+};
+
+using FILTER_TIMER_PROC = VOID (*)(FilterDriver* hFilterDriver, PVOID pDriverContext, struct FilterTimer* hTimer,
+                                   PVOID pTimerContext);
+
+// A client driver's timer.
+struct FilterTimer {
+    LIST_ENTRY m_ListEntry; // in m_FilterTimerList
+    ULONG m_Tag;            // FILTER_TIMER_TAG
+    NDIS_TIMER m_Timer;
+    FilterDriver* m_hFilterDriver;
+    PVOID m_pDriverContext; // the driver's, copied at creation
+    FILTER_TIMER_PROC m_pfTimerProc;
+    PVOID m_pTimerContext;
+    BOOLEAN m_bRepeatTimer;
+    ULONG m_MsToDelay;       // period given by the last start, 0 until then
+    LONG m_nPendingCallback; // callbacks queued to a worker and not finished
+    KEVENT m_CallbackEvent;  // set when the pending count falls to 0
+};
+
+// A named block of data that one client driver offers to others. Name and block lie behind the record.
+struct FilterInterface {
+    LIST_ENTRY m_ListEntry; // in m_InterfaceList
+    ULONG m_Tag;            // FILTER_INTERFACE_TAG
+    STRING m_InterfaceName;
+    FilterDriver* m_hFilterDriver;
+    BOOLEAN m_bActive;        // may be queried
+    BOOLEAN m_bDeregistering; // its deregistration is in progress
+    PVOID m_pInterface;
+    NDIS_RW_LOCK m_ReferenceLock;
+    RecordList<struct InterfaceReference> m_ReferenceList;
+};
+
+// One reference that a query handed out; the copy of the block lies behind it.
+struct InterfaceReference {
+    LIST_ENTRY m_ListEntry; // in the interface's reference list
+    ULONG m_Tag;            // INTERFACE_REFERENCE_TAG
+    FilterDriver* m_hFilterDriver;
+    FilterInterface* m_pFilterInterface;
+    BOOLEAN m_bValid;
+};
+
+using FILTER_IF_EVENT_PROC = VOID (*)(FilterDriver* hFilterDriver, PVOID pDriverContext, ULONG nEvent, PVOID pContext,
+                                      const STRING* pInterfaceName);
+
+// A client driver's interest in interfaces coming and going.
+struct IfEventHandler {
+    LIST_ENTRY m_ListEntry; // in m_IfEventHandlerList
+    ULONG m_Tag;            // IF_EVENT_HANDLER_TAG
+    FilterDriver* m_hFilterDriver;
+    PVOID m_pDriverContext;
+    FILTER_IF_EVENT_PROC m_pfIfEventProc;
+    PVOID m_pIfEventContext;
+};
+
+using FILTER_IOCTRL_PROC = NTSTATUS (*)(PVOID pIoCtrlContext, PIRP pIrp, ULONG nControlCode, PVOID pInputBuffer,
+                                        ULONG nInputLength, PVOID pOutputBuffer, ULONG nOutputLength,
+                                        ULONG_PTR* pBytesReturned);
+
+// A client driver's handler of control requests.
+struct IoCtrlHandler {
+    LIST_ENTRY m_ListEntry; // in m_IoCtrlHandlerList
+    ULONG m_Tag;            // IOCTRL_HANDLER_TAG
+    FilterDriver* m_hFilterDriver;
+    FILTER_IOCTRL_PROC m_pfIoCtrlProc;
+    PVOID m_pIoCtrlContext;
+};
+
+// A queued event: comes from m_LogLookasideList. What user mode gets starts at m_Event.
+struct FilterEventRecord {
+    LIST_ENTRY m_ListEntry; // in m_FilterLogList
+    UserEvent m_Event;
+};
+static_assert(sizeof(FilterEventRecord) == 1056 && sizeof(UserEvent) == 1036);

@@ -1,0 +1,106 @@
+// Debug output, and the wrapper that gives every exported function its trace lines and its exception guard.
+#pragma once
+
+#include "ndisfilter-atomic.h"
+#include "ndisfilter-guard.h"
+
+// Areas of the debug mask.
+constexpr ULONG TRACE_ADAPTER = 0x1;
+constexpr ULONG TRACE_HOOK = 0x2; // hook callbacks, capture log
+constexpr ULONG TRACE_DRIVER = 0x4;
+constexpr ULONG TRACE_EVENT = 0x10;
+constexpr ULONG TRACE_FILTER = 0x20;
+constexpr ULONG TRACE_INTERFACE = 0x40;
+constexpr ULONG TRACE_IOCTL = 0x80;
+constexpr ULONG TRACE_CORE = 0x100;
+constexpr ULONG TRACE_PACKET = 0x200;
+constexpr ULONG TRACE_SHARE = 0x400;
+constexpr ULONG TRACE_SERVICE = 0x800;
+constexpr ULONG TRACE_HASH = 0x1000;
+
+// The debug mask: registry value of the same name.
+extern volatile ULONG GlobalDebugFlag;
+
+inline BOOLEAN TraceEnabled(ULONG area)
+{
+    return __builtin_expect((LoadRelaxed(GlobalDebugFlag) & area) != 0, 0);
+}
+
+template <class... Arguments> VOID Trace(ULONG area, PCSTR format, Arguments... arguments)
+{
+    if (TraceEnabled(area)) {
+        DbgPrint(format, arguments...);
+    }
+}
+
+inline VOID TraceError(ULONG area, FILTER_STATUS status)
+{
+    Trace(area, "  Error: %d - %s\n", status, Filter_StatusString(status));
+}
+
+inline VOID PrintException(PCSTR name, NTSTATUS code)
+{
+    DbgPrint("%s: exception, code = %d\n", name, code);
+}
+
+// For an exception that was taken inside a lock's scope: reports it as TracedCall does.
+inline FILTER_STATUS ExceptionStatus(PCSTR name, NTSTATUS code)
+{
+    PrintException(name, code);
+    return FILTER_ERROR_EXCEPTION;
+}
+
+// How a function announces its success.
+enum class SuccessTrace {
+    Leave,         // "Leave NAME, 0-FILTER_STATUS_SUCCESS"
+    ErrorAndLeave, // the error line with 0, then the leave line
+    ErrorOnly,     // the error line with 0 and no leave line
+};
+
+// What an exported function prints. `Enter` differs from "Enter NAME\n" where a function says more; it then gets
+// `Subject` as its only argument.
+struct CallTrace {
+    PCSTR Name;
+    ULONG Area;
+    PCSTR Enter = nullptr;
+    PVOID Subject = nullptr;
+    SuccessTrace Success = SuccessTrace::Leave;
+    PCSTR ExceptionName = nullptr; // where the exception line carries another name
+};
+
+inline VOID TraceEnter(const CallTrace& trace)
+{
+    if (TraceEnabled(trace.Area)) {
+        if (trace.Enter != nullptr) {
+            DbgPrint(trace.Enter, trace.Subject);
+        } else {
+            DbgPrint("Enter %s\n", trace.Name);
+        }
+    }
+}
+
+inline VOID TraceLeave(const CallTrace& trace, FILTER_STATUS status)
+{
+    if (TraceEnabled(trace.Area)) {
+        if (status != FILTER_STATUS_SUCCESS || trace.Success != SuccessTrace::Leave) {
+            TraceError(trace.Area, status);
+        }
+        if (status != FILTER_STATUS_SUCCESS || trace.Success != SuccessTrace::ErrorOnly) {
+            DbgPrint("Leave %s, %d-%s\n", trace.Name, status, Filter_StatusString(status));
+        }
+    }
+}
+
+// Runs the body of an exported function, a callable that answers a FILTER_STATUS, inside an exception guard and
+// between its trace lines. The body runs without destructors when it faults: see the guard.
+template <class Body> FILTER_STATUS TracedCall(const CallTrace& trace, const Body& body)
+{
+    FILTER_STATUS status = FILTER_ERROR_EXCEPTION;
+    TraceEnter(trace);
+    const NTSTATUS code = Guarded([&] { status = body(); });
+    if (__builtin_expect(code != 0, 0)) {
+        status = ExceptionStatus(trace.Name, code);
+    }
+    TraceLeave(trace, status);
+    return status;
+}

@@ -1,0 +1,29 @@
+// The processes of the machine, as far as the kernel needs them: which one a thread runs in.
+#pragma once
+
+#include <ntddk.h>
+
+#include <cstdint>
+
+namespace kernel
+{
+
+// The system process on every thread that no ProcessScope has moved into another.
+uint32_t CurrentProcessId();
+
+// The calling thread runs in the context of a process while this lives.
+class ProcessScope
+{
+  public:
+    ProcessScope();                                        // of the system process
+    ProcessScope(uint32_t processId, PEPROCESS processObject);
+    ~ProcessScope();
+    ProcessScope(const ProcessScope&) = delete;
+    ProcessScope& operator=(const ProcessScope&) = delete;
+
+  private:
+    HANDLE idBefore_;
+    PEPROCESS objectBefore_;
+};
+
+} // namespace kernel

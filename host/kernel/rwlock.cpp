@@ -1,0 +1,142 @@
+// NDIS read-write locks. A reader marks the slot of its processor with one exchange and looks at the writer's mark; a
+// writer sets its mark with one exchange and looks at the slots. Both exchanges are sequentially consistent, so at
+// least one of the two sees the other. Readers give way to a writer that waits, except a thread that reads already.
+#include "irql.h"
+
+#include <ndis.h>
+
+using namespace kernel;
+
+namespace
+{
+
+constexpr ULONG kSignature = 0x4B4C5752; // "RWLK"
+
+enum : USHORT { kStateRead = 1, kStateWrite = 2, kStateRefused = 3, kStateReleased = 0 };
+
+struct Slot {
+    ULONG* count;
+    ULONG Get() const { return __atomic_load_n(count, __ATOMIC_RELAXED); }
+    void Set(ULONG value) const { __atomic_store_n(count, value, __ATOMIC_RELAXED); }
+};
+
+Slot SlotOf(NDIS_RW_LOCK* lock, uint32_t processor)
+{
+    return {&lock->Reader[processor].Count};
+}
+
+[[gnu::noinline]] void WaitForWriter(NDIS_RW_LOCK* lock, Slot slot)
+{
+    Backoff backoff;
+    for (;;) {
+        __atomic_store_n(slot.count, 0, __ATOMIC_RELEASE);
+        while (__atomic_load_n(&lock->Writer, __ATOMIC_RELAXED) != 0)
+            backoff.Wait();
+        __atomic_exchange_n(slot.count, 1, __ATOMIC_SEQ_CST);
+        if (__atomic_load_n(&lock->Writer, __ATOMIC_ACQUIRE) == 0)
+            return;
+    }
+}
+
+[[gnu::noinline]] void RefuseRecursion(ThreadState& thread, NDIS_RW_LOCK* lock, PLOCK_STATE state, const char* what,
+                                       const void* site)
+{
+    const HeldLock* first = FindHeld(thread, lock);
+    Report("rw-lock-recursion", "NdisAcquireReadWriteLock", "%s of lock %p, first acquired at %s", what,
+           static_cast<void*>(lock), DescribeSite(first ? first->site : nullptr).text);
+    PushHeld(thread, lock, LockKind::Write, site, true);
+    state->LockState = kStateRefused;
+}
+
+[[gnu::noinline]] void ReportUninitialized(NDIS_RW_LOCK* lock)
+{
+    Report("lock-not-initialized", "NdisAcquireReadWriteLock", "read-write lock %p", static_cast<void*>(lock));
+    NdisInitializeReadWriteLock(lock);
+}
+
+[[gnu::noinline]] void AcquireWrite(ThreadState& thread, NDIS_RW_LOCK* lock, PLOCK_STATE state, const void* site)
+{
+    if (const HeldLock* held = FindHeld(thread, lock)) {
+        RefuseRecursion(thread, lock, state, held->kind == LockKind::Read ? "write inside read" : "write inside write",
+                        site);
+        return;
+    }
+    Backoff backoff;
+    while (__atomic_exchange_n(&lock->Writer, 1, __ATOMIC_SEQ_CST) != 0)
+        backoff.Wait();
+    uint32_t limit = g_processorLimit.load();
+    for (uint32_t processor = 0; processor < limit; processor++) {
+        Backoff slotBackoff;
+        while (__atomic_load_n(&lock->Reader[processor].Count, __ATOMIC_ACQUIRE) != 0)
+            slotBackoff.Wait();
+    }
+    __atomic_store_n(&lock->WriterThread, &thread, __ATOMIC_RELAXED);
+    PushHeld(thread, lock, LockKind::Write, site, false);
+    state->LockState = kStateWrite;
+}
+
+[[gnu::noinline]] void ReportBadRelease(NDIS_RW_LOCK* lock, const LOCK_STATE* state)
+{
+    bool elsewhere = __atomic_load_n(&lock->Writer, __ATOMIC_RELAXED) != 0;
+    for (const auto& reader : lock->Reader)
+        elsewhere = elsewhere || __atomic_load_n(&reader.Count, __ATOMIC_RELAXED) != 0;
+    Report(elsewhere ? "lock-held-by-another-thread" : "lock-not-held", "NdisReleaseReadWriteLock",
+           "read-write lock %p, lock state %u", static_cast<void*>(lock), state->LockState);
+}
+
+} // namespace
+
+VOID NdisInitializeReadWriteLock(PNDIS_RW_LOCK Lock)
+{
+    memset(Lock, 0, sizeof(*Lock));
+    Lock->Signature = kSignature;
+}
+
+VOID NdisAcquireReadWriteLock(PNDIS_RW_LOCK Lock, BOOLEAN fWrite, PLOCK_STATE LockState)
+{
+    ThreadState& thread = t_thread;
+    const void* site = __builtin_return_address(0);
+    if (__builtin_expect(Lock->Signature != kSignature, 0))
+        ReportUninitialized(Lock);
+    LockState->OldIrql = RaiseToDispatch(thread);
+    if (fWrite) {
+        AcquireWrite(thread, Lock, LockState, site);
+        return;
+    }
+    Slot slot = SlotOf(Lock, CurrentProcessor(thread));
+    ULONG count = slot.Get();
+    if (count != 0) {
+        slot.Set(count + 1); // only this thread runs on the processor, so it reads the lock already
+    } else {
+        __atomic_exchange_n(slot.count, 1, __ATOMIC_SEQ_CST);
+        if (__builtin_expect(__atomic_load_n(&Lock->Writer, __ATOMIC_ACQUIRE) != 0, 0)) {
+            if (__atomic_load_n(&Lock->WriterThread, __ATOMIC_RELAXED) == &thread && FindHeld(thread, Lock)) {
+                slot.Set(0);
+                RefuseRecursion(thread, Lock, LockState, "read inside write", site);
+                return;
+            }
+            WaitForWriter(Lock, slot);
+        }
+    }
+    PushHeld(thread, Lock, LockKind::Read, site, false);
+    LockState->LockState = kStateRead;
+}
+
+VOID NdisReleaseReadWriteLock(PNDIS_RW_LOCK Lock, PLOCK_STATE LockState)
+{
+    ThreadState& thread = t_thread;
+    HeldLock held;
+    if (__builtin_expect(!PopHeld(thread, Lock, &held), 0)) {
+        ReportBadRelease(Lock, LockState);
+        return;
+    }
+    if (__builtin_expect(held.kind == LockKind::Read, 1)) {
+        Slot slot = SlotOf(Lock, CurrentProcessor(thread));
+        __atomic_store_n(slot.count, slot.Get() - 1, __ATOMIC_RELEASE);
+    } else if (!held.refused) {
+        __atomic_store_n(&Lock->WriterThread, nullptr, __ATOMIC_RELAXED);
+        __atomic_store_n(&Lock->Writer, 0, __ATOMIC_RELEASE);
+    }
+    LockState->LockState = kStateReleased;
+    LowerTo(thread, LockState->OldIrql, "NdisReleaseReadWriteLock");
+}

@@ -1,0 +1,233 @@
+// The one door to the host kernel for tests and programs: load and unload drivers, open the control device as a
+// user process does, inject faults, step the clock, read the debug output and ask the verifier.
+//
+// There is one machine in a process. Everything here speaks UTF-8 and plain C++ types, so that callers need neither
+// kernel headers nor 16-bit wide characters. Unless said otherwise a function may be called from any host thread at
+// PASSIVE_LEVEL.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace machine
+{
+
+using Status = int32_t; // NTSTATUS; negative values are errors
+
+// ---------------------------------------------------------------------------------------------------- drivers
+
+// The entry routine of a driver: NTSTATUS DriverEntry(DRIVER_OBJECT*, UNICODE_STRING*).
+using DriverEntry = Status (*)(void* driverObject, void* registryPath);
+
+// Loads a driver that is linked into this program under a service name, for instance "NdisFilter". The registry
+// path handed to it is \Registry\Machine\System\CurrentControlSet\Services\<service>. Returns what the entry routine
+// returned. A driver whose entry fails is not loaded; devices that it left behind stay until DiscardDriver.
+Status LoadDriver(const std::string& service, DriverEntry entry);
+
+// Loads a driver from a shared object whose entry routine is exported as DriverEntry. The service name is the file's
+// name without directory and extension. `error` receives one line when the file cannot be loaded; the status is
+// then STATUS_OBJECT_NAME_NOT_FOUND (no such file) or STATUS_INVALID_IMAGE_FORMAT (no loadable module, no entry).
+Status LoadDriverModule(const std::string& path, std::string* error);
+
+// Calls the driver's unload routine and drops its image. STATUS_OBJECT_NAME_NOT_FOUND when not loaded,
+// STATUS_INVALID_DEVICE_REQUEST when it has no unload routine. The verifier then reports whatever the driver left.
+Status UnloadDriver(const std::string& service);
+
+// Frees devices and links that a driver left behind whose entry routine failed. Returns how many objects it freed.
+size_t DiscardDriver(const std::string& service);
+
+bool IsDriverLoaded(const std::string& service);
+
+// --------------------------------------------------------------------------------------------------- registry
+
+// Values under the service key of a driver; they may be set before it is loaded.
+void SetRegistryDword(const std::string& service, const std::string& name, uint32_t value);
+void SetRegistryString(const std::string& service, const std::string& name, const std::string& value);
+void DeleteRegistryKey(const std::string& service); // the key itself: queries then fail
+
+// ------------------------------------------------------------------------------- user processes and requests
+
+class File;
+
+// A request that has been sent and may be pending.
+class Request
+{
+  public:
+    struct Result {
+        Status status = 0;
+        size_t information = 0; // bytes returned, as the driver gave them
+    };
+    Request(Request&&) noexcept;
+    Request& operator=(Request&&) noexcept;
+    ~Request(); // waits for the completion: cancel first where nobody else completes it
+    bool IsComplete() const;
+    // Waits at most timeoutMs; nothing when it is still pending.
+    std::optional<Result> Wait(uint32_t timeoutMs = 10000);
+    // Cancels as CancelIo does; harmless when the request is complete already.
+    void Cancel();
+    Status DispatchStatus() const; // what the dispatch routine returned
+    // The bytes copied back to the program: at most the output length, at most what the driver returned.
+    std::span<const uint8_t> Output() const;
+
+  private:
+    friend class File;
+    struct State;
+    explicit Request(std::shared_ptr<State> state);
+    std::shared_ptr<State> state_;
+};
+
+// A user process: memory mapped for it is unmapped at the latest when it ends.
+class Process
+{
+  public:
+    Process();  // a new, empty process
+    ~Process(); // closes its files, as the end of a process does
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+    uint32_t Id() const;
+    // Opens a device by its Win32 name ("\\\\.\\NdisFilter") or kernel name. Null with *status set when it fails.
+    std::unique_ptr<File> Open(const std::string& name, Status* status = nullptr);
+
+  private:
+    friend class File;
+    struct State;
+    std::shared_ptr<State> state_;
+};
+
+// A handle of a process to a device. Closing it sends cleanup and close, in that order; pending requests of the
+// handle are cancelled behind the cleanup.
+class File
+{
+  public:
+    ~File();
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+    void Close();
+    // METHOD_BUFFERED device control; the call waits for the completion. On an error status nothing is copied back.
+    Request::Result Control(uint32_t code, std::span<const uint8_t> input, std::span<uint8_t> output);
+    // The same without waiting.
+    Request Send(uint32_t code, std::span<const uint8_t> input, size_t outputLength);
+    // A length given apart from the bytes: lets a test claim lengths with null buffers.
+    Request SendInternal(uint32_t code, std::span<const uint8_t> buffer, size_t inputLength, size_t outputLength);
+    Request SendShutdown();
+
+  private:
+    friend class Process;
+    struct State;
+    explicit File(std::shared_ptr<State> state);
+    std::shared_ptr<State> state_;
+};
+
+// ---------------------------------------------------------------------------------------------------- verifier
+
+// A broken kernel rule. By default each is also printed to standard error as it happens.
+struct Violation {
+    std::string rule;     // short stable name, for instance "irql-too-high" or "double-free"
+    std::string function; // the kernel function that noticed it
+    std::string detail;   // tag, object, IRQL: with names and values
+};
+
+std::vector<Violation> TakeViolations(); // those since the last call; empties the list
+void PrintViolations(bool on);           // default on
+
+// Counts of everything that a driver can leave behind.
+struct Census {
+    size_t threads = 0, threadHandles = 0, poolBlocks = 0, poolBytes = 0, lookasideLists = 0, mdls = 0, views = 0;
+    size_t devices = 0, links = 0, drivers = 0, files = 0, requests = 0, timers = 0, workItems = 0, locksHeld = 0;
+    bool operator==(const Census&) const = default;
+};
+Census TakeCensus();
+std::string DescribeCensus(const Census& census); // "3 pool blocks (NfDA 2 x 80 bytes at ...), 1 thread ..."
+
+// What a thread of the machine's caller has left behind: IRQL not PASSIVE_LEVEL or a lock held is a violation.
+void CheckReturnToUser(const char* where);
+
+// ------------------------------------------------------------------------------------------------------ faults
+
+// Kernel operations that can fail. A test makes the n-th call of a kind fail, counted from now, starting at 1.
+enum class Fault { Pool, Lookaside, Mdl, MapPages, Thread, Device, SymbolicLink, Registry, File, Request, Count };
+void FailCall(Fault kind, uint64_t n);    // one call fails; a second FailCall of the kind replaces the first
+void FailAllFrom(Fault kind, uint64_t n); // the n-th and every later call fails
+void ClearFaults();
+uint64_t FaultCalls(Fault kind); // calls of the kind since the last ClearFaults
+bool FaultHit(Fault kind);       // the armed call has happened
+
+// ------------------------------------------------------------------------------------------------ debug output
+
+// Receives every debug print, whole texts as the driver printed them; called on the printing thread, maybe at
+// DISPATCH_LEVEL. Null: the output is dropped. Default: dropped.
+void SetDebugSink(std::function<void(std::string_view)> sink);
+
+// Collects the debug output while it lives (and passes nothing on to the sink set before).
+class DebugCapture
+{
+  public:
+    DebugCapture();
+    ~DebugCapture();
+    DebugCapture(const DebugCapture&) = delete;
+    DebugCapture& operator=(const DebugCapture&) = delete;
+    std::string Text() const;
+    std::string Take(); // the text so far; starts anew
+    bool Contains(std::string_view text) const;
+
+  private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+// ------------------------------------------------------------------------------------------------------- clock
+
+// Stops the clock at a time in 100-ns units since 1 January 1601 (UTC). Timers and time-outs then only follow
+// AdvanceClock; waits of system threads with a time-out return when the clock has passed it.
+void StopClock(int64_t time);
+void AdvanceClock(uint64_t milliseconds); // returns once timers due have run their deferred calls
+void StartClock();                        // real time again (the default)
+
+// -------------------------------------------------------------------------------------- threads and processors
+
+// Holds every system thread inside its next (or present) wait while it lives, so that a test lays out what they
+// find. The constructor returns once every system thread waits.
+class ThreadHold
+{
+  public:
+    ThreadHold();
+    ~ThreadHold();
+    ThreadHold(const ThreadHold&) = delete;
+    ThreadHold& operator=(const ThreadHold&) = delete;
+};
+
+// Holds queued work items (they stay queued) while it lives.
+class WorkItemHold
+{
+  public:
+    WorkItemHold();
+    ~WorkItemHold();
+    WorkItemHold(const WorkItemHold&) = delete;
+    WorkItemHold& operator=(const WorkItemHold&) = delete;
+};
+
+// Waits until all work items queued so far have run and every system thread sleeps in a wait; false after timeoutMs.
+bool WaitIdle(uint32_t timeoutMs = 10000);
+
+// Raises the calling thread to DISPATCH_LEVEL on the given processor (0 to 63), or on its own when negative, as an
+// interrupt of an adapter does; back to the level before at the end.
+class AtDispatch
+{
+  public:
+    explicit AtDispatch(int processor = -1);
+    ~AtDispatch();
+    AtDispatch(const AtDispatch&) = delete;
+    AtDispatch& operator=(const AtDispatch&) = delete;
+
+  private:
+    uint8_t oldIrql_;
+};
+
+} // namespace machine

@@ -1,0 +1,363 @@
+// Requests: buffers, pending and cancelling, requests between drivers, and the rules that a driver can break.
+#include "probe-driver.h"
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+
+using namespace probe;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+
+namespace
+{
+
+constexpr ULONG kBuffered = CTL_CODE(0x8000, 0x800, METHOD_BUFFERED, FILE_ANY_ACCESS);
+constexpr ULONG kNeither = CTL_CODE(0x8000, 0x800, METHOD_NEITHER, FILE_ANY_ACCESS);
+constexpr ULONG kOutDirect = CTL_CODE(0x8000, 0x800, METHOD_OUT_DIRECT, FILE_ANY_ACCESS);
+
+class IrpTest : public DriverTest
+{
+  protected:
+    void SetUp() override
+    {
+        DriverTest::SetUp();
+        ASSERT_EQ(Load(), STATUS_SUCCESS);
+        file = process->Open(kDevice);
+        ASSERT_NE(file, nullptr);
+    }
+
+    void TearDown() override
+    {
+        file.reset();
+        process.reset();
+        DriverTest::TearDown();
+    }
+
+    // Marks the request pending and parks it under a cancel routine, as a driver should.
+    NTSTATUS Park(IRP* irp)
+    {
+        irp->Tail.Overlay.DriverContext[0] = this;
+        IoMarkIrpPending(irp);
+        IoSetCancelRoutine(irp, [](DEVICE_OBJECT*, IRP* cancelled) {
+            IoReleaseCancelSpinLock(cancelled->CancelIrql);
+            auto* test = static_cast<IrpTest*>(cancelled->Tail.Overlay.DriverContext[0]);
+            test->parked = nullptr;
+            ++test->cancelled;
+            Complete(cancelled, STATUS_CANCELLED);
+        });
+        parked = irp;
+        return STATUS_PENDING;
+    }
+
+    // False when the cancel routine has the request.
+    bool Unpark(NTSTATUS status)
+    {
+        IRP* irp = parked.exchange(nullptr);
+        if (irp == nullptr || IoSetCancelRoutine(irp, nullptr) == nullptr) {
+            return false;
+        }
+        Complete(irp, status);
+        return true;
+    }
+
+    std::unique_ptr<machine::Process> process = std::make_unique<machine::Process>();
+    std::unique_ptr<machine::File> file;
+    std::atomic<IRP*> parked{nullptr};
+    std::atomic<int> cancelled{0};
+};
+
+TEST_F(IrpTest, TheSystemBufferHoldsTheGreaterLengthAndReturnsInformationBytes)
+{
+    struct Case {
+        size_t input, output;
+        NTSTATUS status;
+        size_t information, copied;
+    };
+    const Case cases[] = {
+        {4, 8, STATUS_SUCCESS, 8, 8},         {4, 8, STATUS_SUCCESS, 3, 3},
+        {8, 4, STATUS_SUCCESS, 4, 4},         {4, 8, STATUS_BUFFER_OVERFLOW, 8, 8},
+        {4, 8, STATUS_BUFFER_TOO_SMALL, 8, 0}, {0, 0, STATUS_SUCCESS, 0, 0},
+    };
+    for (const Case& one : cases) {
+        control = [&](IRP* irp) {
+            const auto& parameters = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
+            EXPECT_EQ(parameters.InputBufferLength, one.input);
+            EXPECT_EQ(parameters.OutputBufferLength, one.output);
+            auto* buffer = static_cast<UCHAR*>(irp->AssociatedIrp.SystemBuffer);
+            EXPECT_EQ(buffer == nullptr, one.input == 0 && one.output == 0);
+            if (buffer != nullptr) {
+                EXPECT_TRUE(std::all_of(buffer, buffer + one.input, [](UCHAR byte) { return byte == 0x11; }));
+                std::memset(buffer, 0x22, std::max(one.input, one.output));
+            }
+            return Complete(irp, one.status, one.information);
+        };
+        const std::vector<uint8_t> input(one.input, 0x11);
+        std::vector<uint8_t> output(one.output, 0x33);
+        const auto result = file->Control(kBuffered, input, output);
+        EXPECT_EQ(result.status, one.status);
+        EXPECT_EQ(result.information, one.information);
+        std::vector<uint8_t> expected(one.output, 0x33);
+        std::fill_n(expected.begin(), one.copied, 0x22);
+        EXPECT_EQ(output, expected);
+    }
+}
+
+TEST_F(IrpTest, MoreInformationThanOutputIsClippedAndReported)
+{
+    control = [](IRP* irp) {
+        std::memset(irp->AssociatedIrp.SystemBuffer, 0x22, 16);
+        return Complete(irp, STATUS_SUCCESS, 16);
+    };
+    std::vector<uint8_t> output(4);
+    EXPECT_EQ(file->Control(kBuffered, std::vector<uint8_t>(16), output).information, 16u);
+    EXPECT_EQ(file->Send(kBuffered, std::vector<uint8_t>(16), 4).Output().size(), 4u);
+    EXPECT_THAT(BrokenRules(), ElementsAre("irp-information-too-long", "irp-information-too-long"));
+}
+
+TEST_F(IrpTest, UnbufferedMethodsGiveTheProgramsOwnMemory)
+{
+    const std::vector<uint8_t> input = {1, 2, 3};
+    control = [&](IRP* irp) {
+        auto& parameters = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
+        void* target = irp->UserBuffer;
+        if (parameters.IoControlCode == kNeither) {
+            EXPECT_EQ(irp->AssociatedIrp.SystemBuffer, nullptr);
+            EXPECT_EQ(parameters.Type3InputBuffer, input.data());
+        } else {
+            EXPECT_EQ(std::memcmp(irp->AssociatedIrp.SystemBuffer, input.data(), 3), 0);
+            target = MmGetSystemAddressForMdlSafe(irp->MdlAddress, NormalPagePriority);
+        }
+        std::memset(target, 0x44, 2);
+        return Complete(irp, STATUS_SUCCESS, 2);
+    };
+    for (const ULONG code : {kNeither, kOutDirect}) {
+        std::vector<uint8_t> output(4);
+        EXPECT_EQ(file->Control(code, input, output).status, STATUS_SUCCESS);
+        EXPECT_THAT(output, ElementsAre(0x44, 0x44, 0, 0));
+    }
+}
+
+TEST_F(IrpTest, AnInternalRequestMayClaimLengthsWithoutABuffer)
+{
+    control = [](IRP* irp) {
+        const auto* location = IoGetCurrentIrpStackLocation(irp);
+        EXPECT_EQ(location->MajorFunction, IRP_MJ_INTERNAL_DEVICE_CONTROL);
+        EXPECT_EQ(location->Parameters.DeviceIoControl.InputBufferLength, 168u);
+        EXPECT_EQ(irp->AssociatedIrp.SystemBuffer, nullptr);
+        return Complete(irp, STATUS_BUFFER_TOO_SMALL);
+    };
+    EXPECT_EQ(file->SendInternal(kBuffered, {}, 168, 168).Wait()->status, STATUS_BUFFER_TOO_SMALL);
+}
+
+TEST_F(IrpTest, APendingRequestIsCompletedLaterOrCancelledOrCancelledByClose)
+{
+    control = [this](IRP* irp) { return Park(irp); };
+    auto completed = file->Send(kBuffered, {}, 0);
+    EXPECT_EQ(completed.DispatchStatus(), STATUS_PENDING);
+    EXPECT_FALSE(completed.Wait(0).has_value());
+    EXPECT_TRUE(Unpark(STATUS_SUCCESS));
+    EXPECT_EQ(completed.Wait()->status, STATUS_SUCCESS);
+    completed.Cancel();
+
+    auto request = file->Send(kBuffered, {}, 0);
+    request.Cancel();
+    request.Cancel();
+    EXPECT_EQ(request.Wait()->status, STATUS_CANCELLED);
+    EXPECT_EQ(cancelled, 1);
+
+    auto closed = file->Send(kBuffered, {}, 0);
+    majors.clear();
+    file->Close();
+    EXPECT_EQ(closed.Wait()->status, STATUS_CANCELLED);
+    EXPECT_THAT(majors, ElementsAre(IRP_MJ_CLEANUP, IRP_MJ_CLOSE));
+}
+
+TEST_F(IrpTest, CompletionAndCancelMayMeet)
+{
+    control = [this](IRP* irp) { return Park(irp); };
+    int completions = 0;
+    for (int round = 0; round < 500; ++round) {
+        auto request = file->Send(kBuffered, {}, 0);
+        std::thread canceller([&] { request.Cancel(); });
+        if (Unpark(STATUS_SUCCESS)) {
+            ++completions;
+        }
+        canceller.join();
+        const auto result = request.Wait();
+        ASSERT_TRUE(result.has_value());
+        ASSERT_THAT(result->status, testing::AnyOf(STATUS_SUCCESS, STATUS_CANCELLED));
+    }
+    EXPECT_EQ(completions + cancelled, 500);
+    EXPECT_EQ(machine::TakeCensus().requests, 0u);
+}
+
+TEST_F(IrpTest, BrokenRulesOfADispatchRoutineAreNamed)
+{
+    struct Case {
+        const char* rule;
+        std::function<NTSTATUS(IRP*)> control;
+    };
+    static KSPIN_LOCK lock;
+    const PDRIVER_CANCEL keepsLock = [](DEVICE_OBJECT*, IRP* irp) { Complete(irp, STATUS_CANCELLED); };
+    const PDRIVER_CANCEL wrongIrql = [](DEVICE_OBJECT*, IRP* irp) {
+        IoReleaseCancelSpinLock(DISPATCH_LEVEL);
+        Complete(irp, STATUS_CANCELLED);
+    };
+    const auto cancelWith = [](PDRIVER_CANCEL routine) {
+        return [routine](IRP* irp) {
+            IoMarkIrpPending(irp);
+            IoSetCancelRoutine(irp, routine);
+            IoCancelIrp(irp);
+            return STATUS_PENDING;
+        };
+    };
+    const Case cases[] = {
+        {"irp-completed-twice",
+         [](IRP* irp) {
+             Complete(irp, STATUS_SUCCESS);
+             IoCompleteRequest(irp, IO_NO_INCREMENT);
+             return STATUS_SUCCESS;
+         }},
+        {"irp-cancel-routine-set",
+         [&](IRP* irp) {
+             IoSetCancelRoutine(irp, keepsLock);
+             return Complete(irp, STATUS_SUCCESS);
+         }},
+        {"irp-pending-not-marked",
+         [](IRP* irp) {
+             Complete(irp, STATUS_SUCCESS);
+             return STATUS_PENDING;
+         }},
+        {"irp-marked-not-pending",
+         [](IRP* irp) {
+             IoMarkIrpPending(irp);
+             return Complete(irp, STATUS_SUCCESS);
+         }},
+        {"irp-not-completed", [](IRP*) { return STATUS_UNSUCCESSFUL; }},
+        {"irp-completed-pending",
+         [](IRP* irp) {
+             IoMarkIrpPending(irp);
+             return Complete(irp, STATUS_PENDING);
+         }},
+        {"irql-changed",
+         [](IRP* irp) {
+             KIRQL before;
+             KeRaiseIrql(APC_LEVEL, &before);
+             return Complete(irp, STATUS_SUCCESS);
+         }},
+        {"cancel-lock-held", cancelWith(keepsLock)},
+        {"cancel-lock-irql", cancelWith(wrongIrql)},
+        {"cancel-lock-not-held",
+         [](IRP* irp) {
+             IoReleaseCancelSpinLock(PASSIVE_LEVEL);
+             return Complete(irp, STATUS_SUCCESS);
+         }},
+    };
+    for (const Case& one : cases) {
+        control = one.control;
+        EXPECT_TRUE(file->Send(kBuffered, {}, 0).Wait().has_value()) << one.rule;
+        EXPECT_THAT(BrokenRules(), ElementsAre(one.rule));
+        EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL) << one.rule;
+    }
+    control = [](IRP* irp) {
+        KeAcquireSpinLockRaiseToDpc(&lock);
+        return Complete(irp, STATUS_SUCCESS);
+    };
+    file->Control(kBuffered, {}, {});
+    EXPECT_THAT(BrokenRules(), testing::Not(IsEmpty()));
+    if (KeGetCurrentIrql() != PASSIVE_LEVEL) {
+        KeReleaseSpinLock(&lock, PASSIVE_LEVEL);
+    }
+    BrokenRules();
+}
+
+// ------------------------------------------------------------------------------------ requests between drivers
+
+struct Built {
+    KEVENT event;
+    IO_STATUS_BLOCK status = {{.Status = -1}, 99};
+    UCHAR buffer[4] = {1, 2, 3, 4};
+
+    NTSTATUS Send(DEVICE_OBJECT* device, BOOLEAN internal)
+    {
+        KeInitializeEvent(&event, NotificationEvent, FALSE);
+        IRP* irp = IoBuildDeviceIoControlRequest(kBuffered, device, buffer, sizeof(buffer), buffer, sizeof(buffer),
+                                                 internal, &event, &status);
+        return irp != nullptr ? IoCallDriver(device, irp) : STATUS_INSUFFICIENT_RESOURCES;
+    }
+};
+
+TEST_F(IrpTest, ABuiltRequestReturnsItsBufferStatusAndEvent)
+{
+    control = [](IRP* irp) {
+        EXPECT_EQ(IoGetCurrentIrpStackLocation(irp)->MajorFunction, IRP_MJ_INTERNAL_DEVICE_CONTROL);
+        auto* buffer = static_cast<UCHAR*>(irp->AssociatedIrp.SystemBuffer);
+        std::reverse(buffer, buffer + 4);
+        return Complete(irp, STATUS_SUCCESS, 4);
+    };
+    Built good;
+    EXPECT_EQ(good.Send(device, TRUE), STATUS_SUCCESS);
+    EXPECT_THAT(good.buffer, ElementsAre(4, 3, 2, 1));
+    EXPECT_EQ(good.status.Information, 4u);
+    EXPECT_NE(KeReadStateEvent(&good.event), 0);
+
+    // An error within the dispatch routine is told by the returned status alone; a later one through the block.
+    control = [](IRP* irp) { return Complete(irp, STATUS_UNSUCCESSFUL, 4); };
+    Built failed;
+    EXPECT_EQ(failed.Send(device, FALSE), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(failed.status.Status, -1);
+    EXPECT_EQ(KeReadStateEvent(&failed.event), 0);
+
+    control = [this](IRP* irp) { return Park(irp); };
+    Built late;
+    EXPECT_EQ(late.Send(device, FALSE), STATUS_PENDING);
+    EXPECT_TRUE(Unpark(STATUS_UNSUCCESSFUL));
+    EXPECT_EQ(late.status.Status, STATUS_UNSUCCESSFUL);
+    EXPECT_THAT(late.buffer, ElementsAre(1, 2, 3, 4));
+    EXPECT_NE(KeReadStateEvent(&late.event), 0);
+
+    machine::FailCall(machine::Fault::Request, 1);
+    EXPECT_EQ(Built().Send(device, TRUE), STATUS_INSUFFICIENT_RESOURCES);
+}
+
+TEST_F(IrpTest, ACompletionRoutineKeepsARequestForItsOwner)
+{
+    IRP* irp = IoAllocateIrp(device->StackSize, FALSE);
+    ASSERT_NE(irp, nullptr);
+    for (const NTSTATUS status : {STATUS_SUCCESS, STATUS_UNSUCCESSFUL}) { // the owner may use it again
+        int calls = 0;
+        control = [status](IRP* request) { return Complete(request, status, 7); };
+        IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+        IoSetCompletionRoutine(
+            irp,
+            [](DEVICE_OBJECT* owner, IRP*, PVOID context) -> NTSTATUS {
+                EXPECT_EQ(owner, nullptr);
+                ++*static_cast<int*>(context);
+                return STATUS_MORE_PROCESSING_REQUIRED;
+            },
+            &calls, TRUE, TRUE, TRUE);
+        EXPECT_EQ(IoCallDriver(device, irp), status);
+        EXPECT_EQ(calls, 1);
+        EXPECT_EQ(irp->IoStatus.Information, 7u);
+    }
+    EXPECT_EQ(machine::TakeCensus().requests, 1u);
+    IoFreeIrp(irp);
+    IoFreeIrp(irp);
+    EXPECT_THAT(BrokenRules(), ElementsAre("irp-not-live"));
+}
+
+TEST_F(IrpTest, RunsInTheSendersProcess)
+{
+    HANDLE seen = nullptr;
+    control = [&](IRP* irp) {
+        seen = PsGetCurrentProcessId();
+        return Complete(irp, STATUS_SUCCESS);
+    };
+    file->Control(kBuffered, {}, {});
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(seen), process->Id());
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(PsGetCurrentProcessId()), 4u);
+}
+
+} // namespace
