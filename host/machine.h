@@ -28,7 +28,8 @@ using DriverEntry = Status (*)(void* driverObject, void* registryPath);
 
 // Loads a driver that is linked into this program under a service name, for instance "NdisFilter". The registry
 // path handed to it is \Registry\Machine\System\CurrentControlSet\Services\<service>. Returns what the entry routine
-// returned. A driver whose entry fails is not loaded; devices that it left behind stay until DiscardDriver.
+// returned, or STATUS_IMAGE_ALREADY_LOADED. A driver whose entry fails is not loaded; devices that it left behind stay
+// until DiscardDriver, out of reach for everybody.
 Status LoadDriver(const std::string& service, DriverEntry entry);
 
 // Loads a driver from a shared object whose entry routine is exported as DriverEntry. The service name is the file's
@@ -37,7 +38,10 @@ Status LoadDriver(const std::string& service, DriverEntry entry);
 Status LoadDriverModule(const std::string& path, std::string* error);
 
 // Calls the driver's unload routine and drops its image. STATUS_OBJECT_NAME_NOT_FOUND when not loaded,
-// STATUS_INVALID_DEVICE_REQUEST when it has no unload routine. The verifier then reports whatever the driver left.
+// STATUS_INVALID_DEVICE_REQUEST when it has no unload routine. STATUS_PENDING while one of its devices is open: no new
+// handle is given out, and the unload runs on the thread that gives back the last handle or reference.
+// The verifier then reports what the driver left: its devices and links at once; memory, threads, timers and the like,
+// which do not know their driver, when the last driver is gone, compared with what was alive when the first one came.
 Status UnloadDriver(const std::string& service);
 
 // Frees devices and links that a driver left behind whose entry routine failed. Returns how many objects it freed.
@@ -114,7 +118,8 @@ class File
     Request::Result Control(uint32_t code, std::span<const uint8_t> input, std::span<uint8_t> output);
     // The same without waiting.
     Request Send(uint32_t code, std::span<const uint8_t> input, size_t outputLength);
-    // A length given apart from the bytes: lets a test claim lengths with null buffers.
+    // An internal device control of another driver. The lengths are given apart from the bytes, so that a test can claim
+    // any; without bytes (a null span) the request has no system buffer, whatever the lengths say.
     Request SendInternal(uint32_t code, std::span<const uint8_t> buffer, size_t inputLength, size_t outputLength);
     Request SendShutdown();
 

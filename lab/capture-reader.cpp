@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <map>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -23,7 +23,8 @@ constexpr size_t kFirstFrames = 1000; // looked at for the adapter's address
     throw LabError(ExitCode::Capture, fmt::format("{}: {}", path, message));
 }
 
-// Whether a capture file keeps its times in microseconds: libpcap 2.4 does under one of its two magic numbers.
+// Whether a capture file keeps its times in microseconds: libpcap 2.4 does under one of its two magic
+// numbers.
 bool HasMicrosecondMagic(FILE* file)
 {
     uint32_t magic = 0;
@@ -36,8 +37,7 @@ bool HasMicrosecondMagic(FILE* file)
 
 FrameBatch::FrameBatch(size_t capacity)
     : memory_(capacity * kLongestFrame), lengths_(capacity), times_(capacity)
-{
-}
+{}
 
 void FrameBatch::Add(std::span<const uint8_t> bytes, uint64_t time)
 {
@@ -83,8 +83,9 @@ void CaptureReader::Open()
     const int linkType = pcap_datalink(pcap_.get());
     if (linkType != DLT_EN10MB) {
         const char* name = pcap_datalink_val_to_name(linkType);
-        Fail(path_, fmt::format("link type {} ({}) is not Ethernet; only captures of Ethernet frames can be replayed",
-                                linkType, name != nullptr ? name : "unknown"));
+        Fail(path_, fmt::format(
+                        "link type {} ({}) is not Ethernet; only captures of Ethernet frames can be replayed",
+                        linkType, name != nullptr ? name : "unknown"));
     }
 }
 
@@ -109,7 +110,8 @@ bool CaptureReader::ReadFrame(std::span<const uint8_t>* bytes, uint64_t* time)
             ++cutShort_;
         }
         // With nanosecond precision libpcap keeps nanoseconds in tv_usec.
-        *time = static_cast<uint64_t>(header->ts.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(header->ts.tv_usec);
+        *time = static_cast<uint64_t>(header->ts.tv_sec) * 1'000'000'000 +
+                static_cast<uint64_t>(header->ts.tv_usec);
         *bytes = {data, header->caplen};
         return true;
     }
@@ -123,19 +125,18 @@ std::optional<MacAddress> CaptureReader::MostFrequentAddress()
     while (first_.size() < kFirstFrames && ReadFrame(&bytes, &time)) {
         first_.push_back({{bytes.begin(), bytes.end()}, time});
     }
-    // Of two hosts that only talk to one another, both addresses occur in every frame: the one that is seen first wins.
-    std::map<MacAddress, size_t> occurrences;
-    std::optional<MacAddress> best;
+    std::vector<std::pair<MacAddress, size_t>> occurrences; // in the order of their first
     const auto count = [&](const uint8_t* address) {
         MacAddress mac;
         std::copy_n(address, mac.size(), mac.begin());
         if ((mac[0] & 1) != 0 || mac == MacAddress{}) {
             return; // a group, or none
         }
-        const size_t times = ++occurrences[mac];
-        if (!best.has_value() || times > occurrences[*best]) {
-            best = mac;
+        auto found = std::ranges::find(occurrences, mac, &std::pair<MacAddress, size_t>::first);
+        if (found == occurrences.end()) {
+            found = occurrences.insert(found, {mac, 0});
         }
+        ++found->second;
     };
     for (const StoredFrame& frame : first_) {
         if (frame.bytes.size() >= 12) {
@@ -143,7 +144,9 @@ std::optional<MacAddress> CaptureReader::MostFrequentAddress()
             count(&frame.bytes[0]);
         }
     }
-    return best;
+    // Of two hosts that only talk to one another both occur in every frame: the one that was seen first wins.
+    const auto best = std::ranges::max_element(occurrences, {}, &std::pair<MacAddress, size_t>::second);
+    return best != occurrences.end() ? std::optional(best->first) : std::nullopt;
 }
 
 bool CaptureReader::Read(FrameBatch& batch)

@@ -52,8 +52,8 @@ class CaptureReader
     // The unicast address that most of the first frames come from or go to; nothing when they have none.
     std::optional<MacAddress> MostFrequentAddress();
 
-    // Fills the batch as far as there are frames. False when the end is reached or the file is broken from here on;
-    // the batch may hold frames also then.
+    // Fills the batch as far as there are frames. False when the end is reached or the file is broken from
+    // here on; the batch may hold frames also then.
     bool Read(FrameBatch& batch);
 
     // Starts anew with the first frame. Throws LabError when the file cannot be opened again.
@@ -61,11 +61,11 @@ class CaptureReader
 
     const std::string& Path() const { return path_; }
     bool IsRegularFile() const { return regular_; }
-    uint64_t FileSize() const { return fileSize_; }             // 0 when it is not a regular file
-    uint64_t Position() const;                                  // bytes of the file read so far
-    bool HasNanoseconds() const { return nanoseconds_; }        // times may be finer than microseconds
-    uint64_t TooLong() const { return tooLong_; }               // frames skipped: longer than kLongestFrame
-    uint64_t CutShort() const { return cutShort_; }             // frames of which the capture holds only a part
+    uint64_t FileSize() const { return fileSize_; }      // 0 when it is not a regular file
+    uint64_t Position() const;                           // bytes of the file read so far
+    bool HasNanoseconds() const { return nanoseconds_; } // times may be finer than microseconds
+    uint64_t TooLong() const { return tooLong_; }        // frames skipped: longer than kLongestFrame
+    uint64_t CutShort() const { return cutShort_; }      // frames of which the capture holds only a part
     const std::optional<std::string>& Broken() const { return broken_; } // why reading ended before the end
 
   private:

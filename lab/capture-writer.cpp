@@ -18,13 +18,15 @@ constexpr int kSnapLength = 65535; // what the file claims as the longest frame
 } // namespace
 
 CaptureWriter::CaptureWriter(std::string path, bool nanoseconds)
-    : path_(std::move(path)), nanoseconds_(nanoseconds), format_(nullptr, pcap_close), file_(nullptr, pcap_dump_close)
+    : path_(std::move(path)), nanoseconds_(nanoseconds), format_(nullptr, pcap_close),
+      file_(nullptr, pcap_dump_close)
 {
     format_.reset(pcap_open_dead_with_tstamp_precision(
         DLT_EN10MB, kSnapLength, nanoseconds ? PCAP_TSTAMP_PRECISION_NANO : PCAP_TSTAMP_PRECISION_MICRO));
     file_.reset(pcap_dump_open(format_.get(), path_.c_str()));
     if (file_ == nullptr) {
-        throw LabError(ExitCode::Capture, fmt::format("cannot create a capture: {}", pcap_geterr(format_.get())));
+        throw LabError(ExitCode::Capture,
+                       fmt::format("cannot create a capture: {}", pcap_geterr(format_.get())));
     }
 }
 

@@ -22,7 +22,8 @@ DebugOutput::DebugOutput(const std::string& path)
         throw LabError(ExitCode::Usage, fmt::format("--debug-output {}: {}", path, std::strerror(errno)));
     }
     // Prints come from several threads; a stream keeps each of them whole.
-    machine::SetDebugSink([file = file_](std::string_view text) { std::fwrite(text.data(), 1, text.size(), file); });
+    machine::SetDebugSink(
+        [file = file_](std::string_view text) { std::fwrite(text.data(), 1, text.size(), file); });
 }
 
 DebugOutput::~DebugOutput()

@@ -15,7 +15,8 @@ namespace
 
 constexpr int32_t kChains = 4;
 
-template <class Number> Number ParseNumber(std::string_view text, int base)
+template <class Number>
+Number ParseNumber(std::string_view text, int base)
 {
     Number number = 0;
     std::from_chars(text.data(), text.data() + text.size(), number, base);

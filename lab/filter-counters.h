@@ -1,5 +1,5 @@
-// The verdict counters of packet filters. No function of the framework hands them out: they are read where a person
-// reads them, in what Filter_DumpFilter prints.
+// The verdict counters of packet filters. No function of the framework hands them out: they are read where a
+// person reads them, in what Filter_DumpFilter prints.
 #pragma once
 
 #include <cstdint>

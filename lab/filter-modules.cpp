@@ -37,10 +37,11 @@ fs::path FindModule(const std::string& name, const std::vector<fs::path>& direct
         }
         searched += fmt::format("{}{}", searched.empty() ? "" : ", ", directory.string());
     }
-    throw LabError(ExitCode::Filter,
-                   fmt::format("filter {}: no {}.so in {}; build it, name its directory with --filter-path, or give "
-                               "its path",
-                               name, name, searched));
+    throw LabError(
+        ExitCode::Filter,
+        fmt::format("filter {}: no {}.so in {}; build it, name its directory with --filter-path, or give "
+                    "its path",
+                    name, name, searched));
 }
 
 } // namespace
@@ -52,8 +53,10 @@ std::vector<FilterModule> FindFilterModules(const std::vector<std::string>& name
     for (const std::string& name : names) {
         const fs::path file = FindModule(name, directories);
         const std::string service = file.stem().string();
-        if (std::ranges::any_of(modules, [&](const FilterModule& other) { return other.service == service; })) {
-            throw LabError(ExitCode::Usage, fmt::format("filter {}: given twice; a driver is loaded once", service));
+        if (std::ranges::any_of(modules,
+                                [&](const FilterModule& other) { return other.service == service; })) {
+            throw LabError(ExitCode::Usage,
+                           fmt::format("filter {}: given twice; a driver is loaded once", service));
         }
         modules.push_back({service, file});
     }
@@ -68,16 +71,11 @@ LoadedFilters::~LoadedFilters()
 void LoadedFilters::Load(const FilterModule& module)
 {
     std::string error;
-    const machine::Status status = machine::LoadDriverModule(module.file.string(), &error);
-    if (!error.empty()) {
-        throw LabError(ExitCode::Filter, fmt::format("filter {}: cannot load it: {}", module.service, error));
-    }
-    if (status < 0) {
+    if (machine::LoadDriverModule(module.file.string(), &error) < 0) {
         machine::DiscardDriver(module.service);
         throw LabError(ExitCode::Filter,
-                       fmt::format("filter {}: its entry routine failed with status 0x{:08X}; --debug-output - shows "
-                                   "what it printed",
-                                   module.service, static_cast<uint32_t>(status)));
+                       fmt::format("filter {}: {}; --debug-output FILE keeps what drivers print",
+                                   module.service, error));
     }
     loaded_.push_back(module);
 }
@@ -92,24 +90,32 @@ void LoadedFilters::Unload()
 void LoadedFilters::CheckEachHasFilter(const std::vector<FilterCounters>& filters) const
 {
     for (const FilterModule& module : loaded_) {
-        if (std::ranges::none_of(filters, [&](const FilterCounters& filter) {
-                return ModuleOfFilter(filter) == module.service;
-            })) {
-            throw LabError(ExitCode::Filter,
-                           fmt::format("filter {}: was loaded but has registered no packet filter; --debug-output - "
-                                       "shows what it printed",
-                                       module.service));
+        const auto isOfModule = [&](const FilterCounters& filter) {
+            return ServiceOf(filter) == module.service;
+        };
+        if (std::ranges::none_of(filters, isOfModule)) {
+            throw LabError(
+                ExitCode::Filter,
+                fmt::format("filter {}: was loaded but has registered no packet filter; --debug-output "
+                            "FILE keeps what drivers print",
+                            module.service));
         }
     }
 }
 
-std::string ModuleOfFilter(const FilterCounters& filter)
+std::string LoadedFilters::ServiceOf(const FilterCounters& filter) const
 {
     Dl_info info = {};
     if (filter.procedure == 0 || dladdr(reinterpret_cast<const void*>(filter.procedure), &info) == 0) {
         return "";
     }
-    return fs::path(info.dli_fname).stem().string();
+    for (const FilterModule& module : loaded_) {
+        std::error_code error;
+        if (fs::equivalent(module.file, info.dli_fname, error)) {
+            return module.service;
+        }
+    }
+    return "";
 }
 
 } // namespace lab

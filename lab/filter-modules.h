@@ -2,7 +2,6 @@
 #pragma once
 
 #include <filesystem>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,12 +11,12 @@ namespace lab
 {
 
 struct FilterModule {
-    std::string service; // name of the driver: the file's name without directory and extension
-    std::filesystem::path file;
+    std::string service;        // name of the driver: the file's name without directory and extension
+    std::filesystem::path file; // as found; may be a link
 };
 
-// Finds modules by name ("blocker": blocker.so in one of the directories, the first that has it) or path. Throws
-// LabError for one that is not there or given twice.
+// Finds modules by name ("blocker": blocker.so in one of the directories, the first that has it) or path.
+// Throws LabError for one that is not there or given twice.
 std::vector<FilterModule> FindFilterModules(const std::vector<std::string>& names,
                                             const std::vector<std::filesystem::path>& directories);
 
@@ -33,12 +32,11 @@ class LoadedFilters
     void Unload();
     // Throws LabError naming a loaded module of which no filter is in a chain.
     void CheckEachHasFilter(const std::vector<FilterCounters>& filters) const;
+    // The service of the loaded module that a filter's procedure lies in; empty when it lies in none.
+    std::string ServiceOf(const FilterCounters& filter) const;
 
   private:
     std::vector<FilterModule> loaded_;
 };
-
-// The service of the module that a filter's procedure lies in; empty when it lies in none.
-std::string ModuleOfFilter(const FilterCounters& filter);
 
 } // namespace lab

@@ -60,8 +60,8 @@ MacAddress ParseMacAddress(const std::string& text)
         }
         const auto result = std::from_chars(position, std::min(position + 2, end), address[i], 16);
         if (result.ec != std::errc() || result.ptr != position + 2) {
-            throw LabError(ExitCode::Usage, fmt::format("--mac {}: not a MAC address, for instance 02:00:00:00:00:0a",
-                                                        text));
+            throw LabError(ExitCode::Usage,
+                           fmt::format("--mac {}: not a MAC address, for instance 02:00:00:00:00:0a", text));
         }
         position = result.ptr;
     }
@@ -80,7 +80,7 @@ Setting ParseSetting(const std::string& option, const std::string& text)
         throw LabError(ExitCode::Usage, fmt::format("{} {}: give it as DRIVER.VALUE={}", option, text,
                                                     option == "--set" ? "TEXT" : "NUMBER"));
     }
-    return {text.substr(0, dot), text.substr(dot + 1, equals - dot - 1), text.substr(equals + 1), {}};
+    return {text.substr(0, dot), text.substr(dot + 1, equals - dot - 1), text.substr(equals + 1)};
 }
 
 Setting ParseNumberSetting(const std::string& text)
@@ -88,13 +88,13 @@ Setting ParseNumberSetting(const std::string& text)
     Setting setting = ParseSetting("--set-dword", text);
     const bool hexadecimal = setting.text.starts_with("0x") || setting.text.starts_with("0X");
     const std::string_view digits = std::string_view(setting.text).substr(hexadecimal ? 2 : 0);
-    uint32_t number = 0;
-    const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), number, hexadecimal ? 16 : 10);
-    if (digits.empty() || result.ec != std::errc() || result.ptr != digits.data() + digits.size()) {
+    const char* const end = digits.data() + digits.size();
+    const auto result = std::from_chars(digits.data(), end, setting.number, hexadecimal ? 16 : 10);
+    if (digits.empty() || result.ec != std::errc() || result.ptr != end) {
         throw LabError(ExitCode::Usage,
                        fmt::format("--set-dword {}: '{}' is not a number of 32 bits", text, setting.text));
     }
-    setting.number = number;
+    setting.isNumber = true;
     return setting;
 }
 
@@ -114,55 +114,71 @@ struct Arguments {
 void AddReplayOptions(CLI::App& replay, Arguments& arguments)
 {
     ReplayOptions& options = arguments.options;
-    replay.add_option("CAPTURE", options.captures, "Capture files, pcap or pcapng; each gets an adapter of its own")
+    replay
+        .add_option("CAPTURE", options.captures,
+                    "Capture files, pcap or pcapng; each gets an adapter of its own")
         ->required();
     replay
-        .add_option("--mac", arguments.addresses,
-                    "MAC address of the adapter; several for several captures, in their order (default: the one that "
-                    "occurs most often in the first frames)")
-        ->expected(1);
+        .add_option(
+            "--mac", arguments.addresses,
+            "MAC address of the adapter; several for several captures, in their order (default: the one that "
+            "occurs most often in the first frames)")
+        ->allow_extra_args(false);
     replay
         .add_option("--direction", options.direction,
                     "auto: frames from the adapter's address are sent, all others received; received; sent")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, Direction>{{"auto", Direction::Auto},
-                                                                             {"received", Direction::Received},
-                                                                             {"sent", Direction::Sent}})
-                        .description("{auto,received,sent}"))
+        ->transform(
+            CLI::CheckedTransformer(std::map<std::string, Direction>{{"auto", Direction::Auto},
+                                                                     {"received", Direction::Received},
+                                                                     {"sent", Direction::Sent}})
+                .description("{auto,received,sent}"))
         ->option_text("auto|received|sent");
     replay
-        .add_option("--filter", options.filters,
-                    "Client filter driver to load: NAME for NAME.so in the filter directories, or a path. Repeatable")
-        ->expected(1)
+        .add_option(
+            "--filter", options.filters,
+            "Client filter driver to load: NAME for NAME.so in the filter directories, or a path. Repeatable")
+        ->allow_extra_args(false)
         ->option_text("NAME");
-    replay.add_option("--filter-path", arguments.filterPaths, "Directory to look for filters in, before the lab's own")
-        ->expected(1)
+    replay
+        .add_option("--filter-path", arguments.filterPaths,
+                    "Directory to look for filters in, before the lab's own")
+        ->allow_extra_args(false)
         ->option_text("DIR");
-    replay.add_option("--set", arguments.texts, "Text in the registry key of a driver, for instance blocker.BlockPorts=53")
-        ->expected(1)
+    replay
+        .add_option("--set", arguments.texts,
+                    "Text in the registry key of a driver, for instance blocker.BlockPorts=53")
+        ->allow_extra_args(false)
         ->option_text("DRIVER.VALUE=TEXT");
-    replay.add_option("--set-dword", arguments.numbers, "Number in the registry key of a driver, decimal or 0x...")
-        ->expected(1)
+    replay
+        .add_option("--set-dword", arguments.numbers,
+                    "Number in the registry key of a driver, decimal or 0x...")
+        ->allow_extra_args(false)
         ->option_text("DRIVER.VALUE=NUMBER");
-    replay.add_option("--threads", options.threads, "Workers; with one, frames keep the order of their capture")
+    replay
+        .add_option("--threads", options.threads, "Workers; with one, frames keep the order of their capture")
         ->check(CLI::Range(1, 32))
         ->option_text("N");
     replay.add_option("--repeat", options.repeat, "Replay each capture so often")
         ->check(CLI::Range(uint64_t{1}, uint64_t{1'000'000'000}))
         ->option_text("N");
-    replay.add_option("--present", options.present, "Give filters only the first N bytes of a frame at first")
+    replay
+        .add_option("--present", options.present, "Give filters only the first N bytes of a frame at first")
         ->check(CLI::Range(0u, kLongestFrame))
         ->option_text("N");
     replay.add_option("--packets", options.packets, "Packets that exist at a time, at most (default 4096)")
         ->check(CLI::Range(1u, 1'000'000u))
         ->option_text("N");
-    replay.add_option("--write", arguments.writeDirectory, "Write what comes out of each side to captures in DIR")
+    replay
+        .add_option("--write", arguments.writeDirectory,
+                    "Write what comes out of each side to captures in DIR")
         ->option_text("DIR");
     replay.add_option("--debug-mask", arguments.debugMask, "What the framework traces (its GlobalDebugFlag)")
         ->option_text("MASK");
     replay
-        .add_option("--debug-output", arguments.debugOutput,
-                    "Where the drivers' debug output goes; - is standard output (default: standard error with "
-                    "--debug-mask, else nowhere)")
+        .add_option(
+            "--debug-output", arguments.debugOutput,
+            "Where the drivers' debug output goes; - is standard output (default: standard error with "
+            "--debug-mask, else nowhere)")
         ->option_text("FILE");
     replay.add_flag("--quiet", options.quiet, "Neither progress nor remarks on standard error; errors only");
     replay.add_flag("--json", arguments.json, "Print one JSON object instead of the table");
@@ -185,7 +201,7 @@ void CompleteOptions(Arguments& arguments)
     }
     std::ranges::transform(arguments.numbers, std::back_inserter(options.settings), ParseNumberSetting);
     if (arguments.debugMask != 0) {
-        options.settings.push_back({"NdisFilter", "GlobalDebugFlag", "", arguments.debugMask});
+        options.settings.push_back({kFrameworkService, "GlobalDebugFlag", "", true, arguments.debugMask});
     }
     options.filterDirectories.assign(arguments.filterPaths.begin(), arguments.filterPaths.end());
     std::error_code error;
@@ -208,9 +224,10 @@ int RunReplay(Arguments& arguments)
     sigaction(SIGINT, &action, nullptr);
 
     const Report report = Replay(arguments.options, stopRequested);
-    std::fflush(stdout);
-    fmt::print("{}", arguments.json ? FormatJson(report) : FormatTable(report));
-    std::fflush(stdout);
+    if (arguments.json || report.started) {
+        fmt::print("{}", arguments.json ? FormatJson(report) : FormatTable(report));
+        std::fflush(stdout);
+    }
     for (const Failure& failure : report.failures) {
         PrintError(failure.message);
     }
@@ -221,7 +238,8 @@ int RunReplay(Arguments& arguments)
 
 int main(int argc, char** argv)
 {
-    CLI::App app("Runs network traffic through the packet filter framework and its client filters.", "ndisfilter-lab");
+    CLI::App app("Runs network traffic through the packet filter framework and its client filters.",
+                 "ndisfilter-lab");
     app.set_version_flag("--version", kVersion);
     app.require_subcommand(1);
     Arguments arguments;

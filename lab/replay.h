@@ -9,44 +9,31 @@
 #include <vector>
 
 #include "capture-reader.h"
+#include "lane.h"
+#include "machine-room.h"
 #include "report.h"
 
 namespace lab
 {
 
-// Which way the frames of a capture go.
-enum class Direction {
-    Auto,     // sent when their source is the adapter's address, else received
-    Received, // all from the adapter to the protocols
-    Sent      // all from the protocols to the adapter
-};
-
-// A value under a driver's registry key.
-struct Setting {
-    std::string service;
-    std::string name;
-    std::string text;
-    std::optional<uint32_t> number; // set: a REG_DWORD value instead of a REG_SZ one
-};
-
 struct ReplayOptions {
-    std::vector<std::string> captures;  // one adapter for each
-    std::vector<MacAddress> addresses;  // of the first adapters; the others' are taken from their captures
+    std::vector<std::string> captures; // one adapter for each
+    std::vector<MacAddress> addresses; // of the first adapters; the others' are taken from their captures
     Direction direction = Direction::Auto;
     std::vector<std::string> filters;
     std::vector<std::filesystem::path> filterDirectories;
     std::vector<Setting> settings;
     uint32_t threads = 1;
     uint64_t repeat = 1;
-    std::optional<uint32_t> present;    // bytes of a frame that are there at first; nothing: all
-    uint32_t packets = 4096;            // that exist at most at a time
+    std::optional<uint32_t> present;      // bytes of a frame that are there at first; nothing: all
+    uint32_t packets = 4096;              // that exist at most at a time
     std::filesystem::path writeDirectory; // empty: nothing is written
     bool progress = false;
     bool quiet = false;
 };
 
-// Loads the drivers, replays, unloads them in the opposite order. Throws LabError when it could not even start; what
-// fails later is in the report. Ends early, in good order, once `stop` is set.
+// Loads the drivers, replays, unloads them in the opposite order. Throws LabError when it could not even
+// start; what fails later is in the report. Ends early, in good order, once `stop` is set.
 Report Replay(const ReplayOptions& options, const std::atomic<bool>& stop);
 
 } // namespace lab

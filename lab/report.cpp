@@ -42,7 +42,8 @@ std::string FormatColumns(const std::vector<std::vector<std::string>>& rows, siz
     return text;
 }
 
-std::vector<std::string> FlowRow(const std::string& adapter, const char* direction, const Flow& flow, double seconds)
+std::vector<std::string> FlowRow(const std::string& adapter, const char* direction, const Flow& flow,
+                                 double seconds)
 {
     return {adapter,
             direction,
@@ -80,12 +81,13 @@ std::string FormatFilters(const std::vector<FilterReport>& filters)
 
 std::string FormatBalance(const PacketBalance& balance)
 {
-    return fmt::format("packets in   {:>12} = {} received + {} sent + {} allocated\n"
-                       "packets out  {:>12} = {} delivered + {} refused + {} released + {} stranded + {} still out\n"
-                       "balance      {:>12}\n",
-                       balance.In(), balance.received, balance.sent, balance.allocated, balance.Out(),
-                       balance.delivered, balance.refused, balance.released, balance.stranded, balance.stillOut,
-                       balance.Holds() ? "holds" : "BROKEN");
+    return fmt::format(
+        "packets in   {:>12} = {} received + {} sent + {} allocated\n"
+        "packets out  {:>12} = {} delivered + {} refused + {} released + {} stranded + {} still out\n"
+        "balance      {:>12}\n",
+        balance.In(), balance.received, balance.sent, balance.allocated, balance.Out(), balance.delivered,
+        balance.refused, balance.released, balance.stranded, balance.stillOut,
+        balance.Holds() ? "holds" : "BROKEN");
 }
 
 nlohmann::ordered_json FlowJson(const Flow& flow, double seconds)
@@ -99,6 +101,17 @@ nlohmann::ordered_json FlowJson(const Flow& flow, double seconds)
 }
 
 } // namespace
+
+ExitCode Report::Code() const
+{
+    for (const ExitCode code : {ExitCode::Balance, ExitCode::BrokenRule, ExitCode::Stalled, ExitCode::Filter,
+                                ExitCode::Usage, ExitCode::Capture, ExitCode::Interrupted}) {
+        if (std::ranges::any_of(failures, [&](const Failure& failure) { return failure.code == code; })) {
+            return code;
+        }
+    }
+    return ExitCode::Success;
+}
 
 std::string FormatTable(const Report& report)
 {

@@ -59,10 +59,11 @@ struct Report {
     std::vector<FilterReport> filters;
     PacketBalance balance;
     std::vector<std::string> notes;
-    std::vector<Failure> failures; // the first one gives the exit code
+    std::vector<Failure> failures;
+    bool started = false; // frames were replayed
 
     void Fail(ExitCode code, std::string message) { failures.push_back({code, std::move(message)}); }
-    ExitCode Code() const { return failures.empty() ? ExitCode::Success : failures.front().code; }
+    ExitCode Code() const; // of the gravest failure
 };
 
 std::string FormatTable(const Report& report);

@@ -14,7 +14,9 @@ constexpr ULONG kPacketTag = 0x6B506856;  // "VhPk"
 constexpr ULONG kFrameTag = 0x72466856;   // "VhFr"
 constexpr ULONG kRequestTag = 0x71526856; // "VhRq"
 
-enum class MediaState : ULONG { Connected, Disconnected }; // as NDIS numbers them
+// m_nAdapterMediaState, as NDIS numbers it.
+constexpr ULONG kMediaConnected = 0;
+constexpr ULONG kMediaDisconnected = 1;
 
 // Written by the processor that the entry belongs to.
 struct alignas(64) AdapterCounts {
@@ -31,9 +33,12 @@ struct AdapterSide {
     std::atomic<Behaviour> behaviour{Behaviour::Accept};
 };
 
-struct VirtualAdapter {
+struct AdapterRecord {
     FilterAdapter record = {}; // first: its address is the adapter handle
-    LIST_ENTRY link = {};      // in HookState::adapters
+    LIST_ENTRY link = {};      // in HookState::adapters or removed
+};
+
+struct VirtualAdapter : AdapterRecord {
     AdapterOptions options;
     std::vector<WCHAR> wideName;
     std::atomic<bool> open{false};
@@ -42,6 +47,17 @@ struct VirtualAdapter {
     AdapterSide sides[2]; // by Side
     AdapterCounts counts[MAXIMUM_PROCESSORS];
 };
+
+inline VirtualAdapter* VirtualAdapterOf(LIST_ENTRY* link)
+{
+    return static_cast<VirtualAdapter*>(CONTAINING_RECORD(link, AdapterRecord, link));
+}
+
+// For a handle that is known to be one of ours; FindOurs is for the others.
+inline VirtualAdapter& Ours(FilterAdapter* handle)
+{
+    return *static_cast<VirtualAdapter*>(reinterpret_cast<AdapterRecord*>(handle));
+}
 
 struct Callbacks {
     std::atomic<FILTER_ADAPTER_OPENED> opened{nullptr};
@@ -86,12 +102,14 @@ struct HookState {
     PacketCounts counts[MAXIMUM_PROCESSORS];
 };
 
+// Held by everything that loads, binds, opens or closes. Framework callbacks made under it may not lead back there.
+std::mutex& ControlMutex();
 void ReportMisuse(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // The text "file:line"; the file's name may belong to a module that is gone.
 std::string DescribePlace(PCSTR file, ULONG line);
 
 // adapter.cpp
-VirtualAdapter* AdapterOf(FilterAdapter* handle); // null when it is none of ours
+VirtualAdapter* FindOurs(FilterAdapter* handle); // null when it is none of ours
 void IndicateForcedStates(HookState& state);
 void CloseAllAdapters(HookState& state);
 void FreeAllAdapters(HookState& state);
@@ -126,7 +144,7 @@ template <class Visit> void ForEachAdapter(HookState& state, Visit visit)
     const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&state.adapterLock);
     for (LIST_ENTRY* list : {&state.adapters, &state.removed}) {
         for (LIST_ENTRY* entry = list->Flink; entry != list; entry = entry->Flink) {
-            visit(*CONTAINING_RECORD(entry, VirtualAdapter, link));
+            visit(*VirtualAdapterOf(entry));
         }
     }
     KeReleaseSpinLock(&state.adapterLock, irql);

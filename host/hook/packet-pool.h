@@ -65,6 +65,8 @@ class PacketPool
     void Deregister(bool gotPacket);  // the last access of the waiter to the pool
     void SendWaitersAway();           // returns when there are none; Take must fail from now on
 
+    uint32_t Limit() const { return limit_; }
+    bool IsAtLimit() const { return Size() == limit_; }
     uint32_t Size() const { return size_.load(std::memory_order_relaxed); }
     // Calls visit(PacketHeader*) for every packet that is out.
     template <class Visit> void ForEachOut(Visit visit);

@@ -69,7 +69,7 @@ enum class Function {
 
 // What the binding request says. Everything but the defaults is for tests of its refusal.
 struct BindOptions {
-    std::vector<Function> without; // given as NULL
+    std::vector<Function> without = {}; // given as NULL
     uint32_t size = 168;           // m_Size
     uint16_t majorVersion = 1;
     uint16_t minorVersion = 0;
@@ -93,9 +93,9 @@ bool IsBound();
 // -------------------------------------------------------------------------------------------------- adapters
 
 struct AdapterOptions {
-    std::string name; // begins with the network-configuration instance id; at most 255 bytes of it are in the table
+    std::string name = {}; // begins with the network-configuration instance id; at most 255 bytes of it are in the table
     MacAddress address = {};
-    std::optional<MacAddress> permanentAddress; // default: the same
+    std::optional<MacAddress> permanentAddress = {}; // default: the same
     uint16_t mtu = 1500;                        // bytes of payload
     uint32_t medium = 0;                        // NDIS_MEDIUM; 0 is Ethernet
     bool ndisWan = false;
@@ -125,24 +125,25 @@ FilterAdapter* FindAdapter(const MacAddress& address); // (D) by current address
 struct FrameOptions {
     // Not given: the whole frame lies in the packet's buffer and there is no NDIS packet. Given: only so many of its
     // first bytes do, and the whole frame is in an NDIS packet.
-    std::optional<uint32_t> presentBytes;
+    std::optional<uint32_t> presentBytes = {};
     // Bytes of each buffer of that NDIS packet, 0 for an empty one; what is left of the frame makes one more. They lie
     // apart in memory and in reverse order.
-    std::vector<uint32_t> pieces;
+    std::vector<uint32_t> pieces = {};
     // The buffers are locked pages that have no system address yet.
     bool unmappedBuffers = false;
     // How long a delivery waits for a packet when all are out. It never waits at DISPATCH_LEVEL.
     uint32_t waitMs = 10000;
 };
 
-enum class Accepted { Yes, NotBound, AdapterClosed, TooLong, NoPacket };
+enum class Accepted { Yes, NotBound, AdapterClosed, TooLong, NoPacket, NoMemory };
 
 struct BatchResult {
     size_t accepted = 0;
     size_t notBound = 0;
     size_t adapterClosed = 0;
     size_t tooLong = 0;  // over 1,648 bytes
-    size_t noPacket = 0; // all packets out, or no memory
+    size_t noPacket = 0; // all packets were out, and none came back in time
+    size_t noMemory = 0;
 };
 
 // (D) Hands frames to the framework at DISPATCH_LEVEL, as an adapter's interrupt path does. A batch is raised once.

@@ -41,7 +41,7 @@ struct ObjectNames {
 
 ObjectNames& Names()
 {
-    static ObjectNames names;
+    static ObjectNames& names = *new ObjectNames; // never destroyed: other threads may still run at exit
     return names;
 }
 

@@ -81,7 +81,8 @@ int64_t SystemTime();    // 100-ns units since 1601
 // Waits for an object as KeWaitForSingleObject does; a null object for the deadline alone; a null deadline for ever.
 NTSTATUS Wait(DISPATCHER_HEADER* header, const Deadline* deadline, const char* function);
 
-// A set timer that lies in the range, or null. Takes the dispatcher's mutex when any timer is set.
-const void* FindSetTimer(const void* begin, const void* end);
+// Cancels the set timers that lie in the range; answers one of them, or null. Takes the dispatcher's mutex when any
+// timer is set.
+const void* CancelTimersIn(const void* begin, const void* end);
 
 } // namespace kernel

@@ -45,7 +45,7 @@ struct DriverTable {
 
 DriverTable& Drivers()
 {
-    static DriverTable drivers;
+    static DriverTable& drivers = *new DriverTable; // never destroyed: other threads may still run at exit
     return drivers;
 }
 
@@ -117,13 +117,17 @@ void ReportLeft(const std::string& service, const machine::Census& before)
     }
 }
 
-// Code that may still run keeps its image, so that the report of the leak is what the reader sees, and not a crash.
-void DropImage(DriverRecord& record, const machine::Census& before)
+// True when there is code of drivers that may still run, compared with what was alive before.
+bool MayStillRun(const machine::Census& before)
 {
     const auto& live = Live();
-    const bool running =
-        live.threads > before.threads || live.timers > before.timers || live.workItems > before.workItems;
-    if (record.module != nullptr && !running) {
+    return live.threads > before.threads || live.timers > before.timers || live.workItems > before.workItems;
+}
+
+// Code that may still run keeps its image, so that the report of the leak is what the reader sees, and not a crash.
+void DropImage(DriverRecord& record, bool mayStillRun)
+{
+    if (record.module != nullptr && !mayStillRun) {
         dlclose(record.module);
     }
     record.module = nullptr;
@@ -152,10 +156,8 @@ void FinishUnload(DriverRecord& record)
     if (last) {
         AwaitWorkItems(before.workItems);
         ReportLeft(record.service, before);
-        DropImage(record, before);
-    } else {
-        DropImage(record, machine::TakeCensus());
     }
+    DropImage(record, last && MayStillRun(before));
 }
 
 // Exactly one caller gets to run the unload.
@@ -200,7 +202,7 @@ machine::Status Start(const std::string& service, machine::DriverEntry entry, vo
     if (record->object.DeviceObject != nullptr) {
         drivers.failed.emplace(key, record); // devices refer to the driver object and to its code
     } else {
-        DropImage(*record, before);
+        DropImage(*record, MayStillRun(before));
     }
     return status;
 }
@@ -315,7 +317,7 @@ size_t DiscardDriver(const std::string& service)
     size_t freed = 0;
     for (const DriverRef& record : records) {
         freed += FreeDevices(&record->object).size();
-        DropImage(*record, TakeCensus());
+        DropImage(*record, false);
     }
     return freed;
 }

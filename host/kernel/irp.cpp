@@ -25,7 +25,7 @@ struct LiveIrps {
 
 LiveIrps& AllIrps()
 {
-    static LiveIrps irps;
+    static LiveIrps& irps = *new LiveIrps; // never destroyed: other threads may still run at exit
     return irps;
 }
 

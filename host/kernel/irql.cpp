@@ -1,5 +1,6 @@
 #include "irql.h"
 
+#include <algorithm>
 #include <linux/futex.h>
 #include <sched.h>
 #include <sys/syscall.h>
@@ -90,6 +91,13 @@ void LowerIrqlSlow(ThreadState& thread, KIRQL irql, const char* function)
         return;
     }
     thread.irql = irql;
+}
+
+void RemoveHeld(ThreadState& thread, uint32_t index)
+{
+    uint32_t count = thread.heldCount;
+    std::rotate(thread.held + index, thread.held + index + 1, thread.held + count);
+    __atomic_store_n(&thread.heldCount, count - 1, __ATOMIC_RELAXED);
 }
 
 void Backoff::Wait()

@@ -54,32 +54,42 @@ inline void LowerTo(ThreadState& thread, KIRQL irql, const char* function)
         LowerIrqlSlow(thread, irql, function);
 }
 
-// Notes a lock as held by the calling thread.
-inline void PushHeld(ThreadState& thread, const void* lock, LockKind kind, const void* site, bool refused)
+// Notes a lock as held where there is room for it for sure.
+inline void NoteHeld(ThreadState& thread, const void* lock, LockKind kind, const void* site, bool refused)
 {
     uint32_t count = thread.heldCount;
-    if (__builtin_expect(count == kMaxHeldLocks, 0)) {
-        Report("too-many-locks", "PushHeld", "the thread holds %u locks already", count);
-        return;
-    }
     thread.held[count] = {lock, site, kind, refused};
     __atomic_store_n(&thread.heldCount, count + 1, __ATOMIC_RELAXED);
 }
 
-// Takes back the latest note of a lock. False when the thread does not hold it.
-inline bool PopHeld(ThreadState& thread, const void* lock, HeldLock* out)
+// Notes a lock as held by the calling thread.
+inline void PushHeld(ThreadState& thread, const void* lock, LockKind kind, const void* site, bool refused)
+{
+    if (__builtin_expect(thread.heldCount == kMaxHeldLocks, 0))
+        Report("too-many-locks", "lock acquisition", "the thread holds %u locks already", thread.heldCount);
+    else
+        NoteHeld(thread, lock, kind, site, refused);
+}
+
+// Takes back the note at `index`.
+void RemoveHeld(ThreadState& thread, uint32_t index);
+
+// Takes back the latest note of a lock: null when the thread does not hold it. The note stays readable until the next
+// lock is taken.
+inline const HeldLock* PopHeld(ThreadState& thread, const void* lock)
 {
     uint32_t count = thread.heldCount;
-    for (uint32_t i = count; i-- > 0;) {
-        if (thread.held[i].lock != lock)
-            continue;
-        *out = thread.held[i];
-        for (uint32_t j = i + 1; j < count; j++)
-            thread.held[j - 1] = thread.held[j];
+    if (__builtin_expect(count != 0 && thread.held[count - 1].lock == lock, 1)) {
         __atomic_store_n(&thread.heldCount, count - 1, __ATOMIC_RELAXED);
-        return true;
+        return &thread.held[count - 1];
     }
-    return false;
+    for (uint32_t i = count; i-- > 0;) {
+        if (thread.held[i].lock == lock) {
+            RemoveHeld(thread, i); // moves the note behind those that stay
+            return &thread.held[count - 1];
+        }
+    }
+    return nullptr;
 }
 
 inline const HeldLock* FindHeld(const ThreadState& thread, const void* lock)

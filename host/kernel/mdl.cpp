@@ -34,7 +34,7 @@ struct Views {
 
 Views& AllViews()
 {
-    static Views views;
+    static Views& views = *new Views; // never destroyed: other threads may still run at exit
     return views;
 }
 

@@ -221,7 +221,7 @@ void CheckContents(const Header* header, const char* function)
         if (lock >= begin && lock < end)
             Report("lock-freed-while-held", function, "lock %p in block '%s'", lock, TagText(header->tag).c_str());
     }
-    if (const void* timer = FindSetTimer(begin, end))
+    if (const void* timer = CancelTimersIn(begin, end))
         Report("timer-freed-while-set", function, "timer %p in block '%s'", timer, TagText(header->tag).c_str());
 }
 

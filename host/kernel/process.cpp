@@ -15,27 +15,42 @@
 namespace kernel
 {
 
+namespace
+{
+
+_EPROCESS systemProcess = {4}; // the identifier that the system process has on every machine
+
+} // namespace
+
 uint32_t CurrentProcessId()
 {
-    return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(PsGetCurrentProcessId()));
+    return IoGetCurrentProcess()->id;
 }
 
-ProcessScope::ProcessScope() : ProcessScope(0, nullptr) {}
+ProcessScope::ProcessScope() : ProcessScope(nullptr) {}
 
-ProcessScope::ProcessScope(uint32_t processId, PEPROCESS processObject)
-    : idBefore_(t_thread.processId), objectBefore_(t_thread.process)
+ProcessScope::ProcessScope(PEPROCESS process) : before_(t_thread.process)
 {
-    t_thread.processId = reinterpret_cast<HANDLE>(static_cast<uintptr_t>(processId));
-    t_thread.process = processObject;
+    t_thread.process = process;
 }
 
 ProcessScope::~ProcessScope()
 {
-    t_thread.processId = idBefore_;
-    t_thread.process = objectBefore_;
+    t_thread.process = before_;
 }
 
 } // namespace kernel
+
+PEPROCESS IoGetCurrentProcess(VOID)
+{
+    PEPROCESS process = kernel::t_thread.process;
+    return process != nullptr ? process : &kernel::systemProcess;
+}
+
+HANDLE PsGetCurrentProcessId(VOID)
+{
+    return reinterpret_cast<HANDLE>(static_cast<uintptr_t>(IoGetCurrentProcess()->id));
+}
 
 namespace machine
 {
@@ -47,9 +62,13 @@ struct Request::State {
     Status refused = STATUS_SUCCESS;
 };
 
+struct Process::State : _EPROCESS {
+    std::mutex mutex;
+    std::vector<std::weak_ptr<File::State>> files;
+};
+
 struct File::State {
-    uint32_t process = 0;
-    PEPROCESS processObject = nullptr;
+    std::shared_ptr<Process::State> process;
     FILE_OBJECT* file = nullptr;
 
     std::mutex mutex;
@@ -75,7 +94,7 @@ std::shared_ptr<Request::State> File::State::Send(kernel::RequestSpec spec)
     }
     spec.file = file;
     {
-        const kernel::ProcessScope scope(process, processObject);
+        const kernel::ProcessScope scope(process.get());
         request->outcome = kernel::SendRequest(file->DeviceObject, spec);
     }
     std::lock_guard lock(mutex);
@@ -99,7 +118,7 @@ void File::State::Close()
         }
         closed = true;
     }
-    const kernel::ProcessScope scope(process, processObject);
+    const kernel::ProcessScope scope(process.get());
     kernel::CleanupFile(file);
     std::vector<std::shared_ptr<Outcome>> left;
     {
@@ -120,14 +139,6 @@ void File::State::Close()
     }
     kernel::DereferenceObject(file);
 }
-
-struct Process::State {
-    uint32_t id = 0;
-    std::mutex mutex;
-    std::vector<std::weak_ptr<File::State>> files;
-
-    PEPROCESS Object() { return reinterpret_cast<PEPROCESS>(this); } // opaque to drivers
-};
 
 // ---------------------------------------------------------------------------------------------------- requests
 
@@ -276,11 +287,10 @@ uint32_t Process::Id() const
 std::unique_ptr<File> Process::Open(const std::string& name, Status* status)
 {
     auto file = std::make_shared<File::State>();
-    file->process = state_->id;
-    file->processObject = state_->Object();
+    file->process = state_;
     NTSTATUS opened;
     {
-        const kernel::ProcessScope scope(file->process, file->processObject);
+        const kernel::ProcessScope scope(state_.get());
         opened = kernel::OpenFile(name, UserMode, &file->file);
     }
     if (status != nullptr) {

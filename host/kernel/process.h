@@ -5,6 +5,11 @@
 
 #include <cstdint>
 
+// What PEPROCESS points to; opaque to drivers.
+struct _EPROCESS {
+    uint32_t id;
+};
+
 namespace kernel
 {
 
@@ -15,15 +20,14 @@ uint32_t CurrentProcessId();
 class ProcessScope
 {
   public:
-    ProcessScope();                                        // of the system process
-    ProcessScope(uint32_t processId, PEPROCESS processObject);
+    ProcessScope(); // of the system process
+    explicit ProcessScope(PEPROCESS process);
     ~ProcessScope();
     ProcessScope(const ProcessScope&) = delete;
     ProcessScope& operator=(const ProcessScope&) = delete;
 
   private:
-    HANDLE idBefore_;
-    PEPROCESS objectBefore_;
+    PEPROCESS before_;
 };
 
 } // namespace kernel

@@ -32,7 +32,7 @@ struct Registry {
 
 Registry& TheRegistry()
 {
-    static Registry registry;
+    static Registry& registry = *new Registry; // never destroyed: other threads may still run at exit
     return registry;
 }
 

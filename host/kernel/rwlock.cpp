@@ -84,6 +84,73 @@ Slot SlotOf(NDIS_RW_LOCK* lock, uint32_t processor)
            "read-write lock %p, lock state %u", static_cast<void*>(lock), state->LockState);
 }
 
+void FinishRead(ThreadState& thread, NDIS_RW_LOCK* lock, PLOCK_STATE state, const void* site, KIRQL oldIrql)
+{
+    PushHeld(thread, lock, LockKind::Read, site, false);
+    state->LockState = kStateRead;
+    state->OldIrql = oldIrql;
+}
+
+// The slot is marked and a writer holds the lock or waits for it.
+[[gnu::noinline]] void GiveWay(NDIS_RW_LOCK* lock, PLOCK_STATE state, const void* site, KIRQL oldIrql)
+{
+    ThreadState& thread = t_thread;
+    Slot slot = SlotOf(lock, CurrentProcessor(thread));
+    if (__atomic_load_n(&lock->WriterThread, __ATOMIC_RELAXED) == &thread) {
+        __atomic_store_n(slot.count, 0, __ATOMIC_RELEASE);
+        state->OldIrql = oldIrql;
+        RefuseRecursion(thread, lock, state, "read inside write", site);
+        return;
+    }
+    WaitForWriter(lock, slot);
+    FinishRead(thread, lock, state, site, oldIrql);
+}
+
+[[gnu::noinline]] void AcquireRead(NDIS_RW_LOCK* lock, PLOCK_STATE state, const void* site, KIRQL oldIrql)
+{
+    ThreadState& thread = t_thread;
+    Slot slot = SlotOf(lock, CurrentProcessor(thread));
+    ULONG count = slot.Get();
+    if (count != 0) {
+        slot.Set(count + 1); // only this thread runs on the processor, so it reads the lock already
+    } else {
+        __atomic_exchange_n(slot.count, 1, __ATOMIC_SEQ_CST);
+        if (__atomic_load_n(&lock->Writer, __ATOMIC_ACQUIRE) != 0)
+            return GiveWay(lock, state, site, oldIrql);
+    }
+    FinishRead(thread, lock, state, site, oldIrql);
+}
+
+[[gnu::noinline]] void AcquireAny(NDIS_RW_LOCK* lock, BOOLEAN write, PLOCK_STATE state, const void* site)
+{
+    if (lock->Signature != kSignature)
+        ReportUninitialized(lock);
+    KIRQL oldIrql = RaiseToDispatch(t_thread);
+    if (!write)
+        return AcquireRead(lock, state, site, oldIrql);
+    state->OldIrql = oldIrql;
+    AcquireWrite(t_thread, lock, state, site);
+}
+
+[[gnu::noinline]] void ReleaseAny(NDIS_RW_LOCK* lock, PLOCK_STATE state)
+{
+    ThreadState& thread = t_thread;
+    const HeldLock* held = PopHeld(thread, lock);
+    if (held == nullptr) {
+        ReportBadRelease(lock, state);
+        return;
+    }
+    if (held->kind == LockKind::Read) {
+        Slot slot = SlotOf(lock, CurrentProcessor(thread));
+        __atomic_store_n(slot.count, slot.Get() - 1, __ATOMIC_RELEASE);
+    } else if (!held->refused) {
+        __atomic_store_n(&lock->WriterThread, nullptr, __ATOMIC_RELAXED);
+        __atomic_store_n(&lock->Writer, 0, __ATOMIC_RELEASE);
+    }
+    state->LockState = kStateReleased;
+    LowerTo(thread, state->OldIrql, "NdisReleaseReadWriteLock");
+}
+
 } // namespace
 
 VOID NdisInitializeReadWriteLock(PNDIS_RW_LOCK Lock)
@@ -92,51 +159,37 @@ VOID NdisInitializeReadWriteLock(PNDIS_RW_LOCK Lock)
     Lock->Signature = kSignature;
 }
 
+// The two routines below hold only the road of a reader that is at DISPATCH_LEVEL already and meets no writer. All
+// else is called at their end, so that they save no registers: the exchange waits for every store before it.
+
 VOID NdisAcquireReadWriteLock(PNDIS_RW_LOCK Lock, BOOLEAN fWrite, PLOCK_STATE LockState)
 {
     ThreadState& thread = t_thread;
     const void* site = __builtin_return_address(0);
-    if (__builtin_expect(Lock->Signature != kSignature, 0))
-        ReportUninitialized(Lock);
-    LockState->OldIrql = RaiseToDispatch(thread);
-    if (fWrite) {
-        AcquireWrite(thread, Lock, LockState, site);
-        return;
-    }
+    if (__builtin_expect(fWrite || thread.irql < DISPATCH_LEVEL || Lock->Signature != kSignature, 0))
+        return AcquireAny(Lock, fWrite, LockState, site);
     Slot slot = SlotOf(Lock, CurrentProcessor(thread));
-    ULONG count = slot.Get();
-    if (count != 0) {
-        slot.Set(count + 1); // only this thread runs on the processor, so it reads the lock already
-    } else {
-        __atomic_exchange_n(slot.count, 1, __ATOMIC_SEQ_CST);
-        if (__builtin_expect(__atomic_load_n(&Lock->Writer, __ATOMIC_ACQUIRE) != 0, 0)) {
-            if (__atomic_load_n(&Lock->WriterThread, __ATOMIC_RELAXED) == &thread && FindHeld(thread, Lock)) {
-                slot.Set(0);
-                RefuseRecursion(thread, Lock, LockState, "read inside write", site);
-                return;
-            }
-            WaitForWriter(Lock, slot);
-        }
-    }
-    PushHeld(thread, Lock, LockKind::Read, site, false);
+    if (__builtin_expect(slot.Get() != 0 || thread.heldCount == kMaxHeldLocks, 0))
+        return AcquireRead(Lock, LockState, site, thread.irql);
+    __atomic_exchange_n(slot.count, 1, __ATOMIC_SEQ_CST);
+    if (__builtin_expect(__atomic_load_n(&Lock->Writer, __ATOMIC_ACQUIRE) != 0, 0))
+        return GiveWay(Lock, LockState, site, thread.irql);
+    NoteHeld(thread, Lock, LockKind::Read, site, false);
     LockState->LockState = kStateRead;
+    LockState->OldIrql = thread.irql;
 }
 
 VOID NdisReleaseReadWriteLock(PNDIS_RW_LOCK Lock, PLOCK_STATE LockState)
 {
     ThreadState& thread = t_thread;
-    HeldLock held;
-    if (__builtin_expect(!PopHeld(thread, Lock, &held), 0)) {
-        ReportBadRelease(Lock, LockState);
-        return;
-    }
-    if (__builtin_expect(held.kind == LockKind::Read, 1)) {
-        Slot slot = SlotOf(Lock, CurrentProcessor(thread));
-        __atomic_store_n(slot.count, slot.Get() - 1, __ATOMIC_RELEASE);
-    } else if (!held.refused) {
-        __atomic_store_n(&Lock->WriterThread, nullptr, __ATOMIC_RELAXED);
-        __atomic_store_n(&Lock->Writer, 0, __ATOMIC_RELEASE);
-    }
+    uint32_t count = thread.heldCount;
+    if (__builtin_expect(count == 0 || LockState->OldIrql != thread.irql, 0))
+        return ReleaseAny(Lock, LockState);
+    const HeldLock& held = thread.held[count - 1];
+    if (__builtin_expect(held.lock != Lock || held.kind != LockKind::Read, 0))
+        return ReleaseAny(Lock, LockState);
+    __atomic_store_n(&thread.heldCount, count - 1, __ATOMIC_RELAXED);
     LockState->LockState = kStateReleased;
-    LowerTo(thread, LockState->OldIrql, "NdisReleaseReadWriteLock");
+    Slot slot = SlotOf(Lock, CurrentProcessor(thread));
+    __atomic_store_n(slot.count, slot.Get() - 1, __ATOMIC_RELEASE);
 }

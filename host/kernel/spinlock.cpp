@@ -37,14 +37,14 @@ void Acquire(ThreadState& thread, PKSPIN_LOCK lock, const char* function, const 
 
 bool Release(ThreadState& thread, PKSPIN_LOCK lock, const char* function)
 {
-    HeldLock held;
-    if (!PopHeld(thread, lock, &held)) {
+    const HeldLock* held = PopHeld(thread, lock);
+    if (held == nullptr) {
         ULONG_PTR owner = __atomic_load_n(lock, __ATOMIC_RELAXED);
         Report(owner == 0 ? "lock-not-held" : "lock-held-by-another-thread", function, "spin lock %p",
                static_cast<void*>(lock));
         return false;
     }
-    if (!held.refused)
+    if (!held->refused)
         __atomic_store_n(lock, 0, __ATOMIC_RELEASE);
     return true;
 }

@@ -33,6 +33,7 @@ namespace
 {
 
 constexpr KPRIORITY kDefaultPriority = 8;
+constexpr uintptr_t kSystemProcessId = 4;
 
 _OBJECT_TYPE g_threadType = {"Thread", nullptr};
 POBJECT_TYPE g_threadTypePointer = &g_threadType;
@@ -217,7 +218,7 @@ NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES, H
     }
     *ThreadHandle = CreateHandle(thread);
     if (ClientId != nullptr)
-        *ClientId = {reinterpret_cast<HANDLE>(4), nullptr};
+        *ClientId = {reinterpret_cast<HANDLE>(kSystemProcessId), nullptr};
     DereferenceObject(thread);
     return STATUS_SUCCESS;
 }

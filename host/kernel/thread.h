@@ -28,8 +28,7 @@ struct ThreadState {
     uint32_t heldCount; // read by the census from other threads
     HeldLock held[kMaxHeldLocks];
     PKTHREAD thread;   // created when first asked for
-    PEPROCESS process; // set by the I/O manager while it acts for a user process
-    HANDLE processId;  // likewise; the system process when null
+    PEPROCESS process; // set by the I/O manager while it acts for a user process; null: the system process
 };
 
 extern __thread ThreadState t_thread __attribute__((tls_model("initial-exec")));

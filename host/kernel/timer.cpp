@@ -147,18 +147,22 @@ bool TimersAtRest()
     return IsListEmpty(&dispatcher.dpcs) && !dispatcher.dpcRunning && FindDue(dispatcher) == nullptr;
 }
 
-const void* FindSetTimer(const void* begin, const void* end)
+const void* CancelTimersIn(const void* begin, const void* end)
 {
     if (Live().timers.load(std::memory_order_relaxed) == 0)
         return nullptr;
     Dispatcher& dispatcher = TheDispatcher();
     std::lock_guard lock(dispatcher.mutex);
-    for (LIST_ENTRY* entry = dispatcher.timers.Flink; entry != &dispatcher.timers; entry = entry->Flink) {
-        const void* timer = CONTAINING_RECORD(entry, KTIMER, TimerListEntry);
-        if (timer >= begin && timer < end)
-            return timer;
+    const void* found = nullptr;
+    for (LIST_ENTRY* entry = dispatcher.timers.Flink; entry != &dispatcher.timers;) {
+        auto* timer = CONTAINING_RECORD(entry, KTIMER, TimerListEntry);
+        entry = entry->Flink;
+        if (timer >= begin && timer < end) {
+            Unset(timer);
+            found = timer;
+        }
     }
-    return nullptr;
+    return found;
 }
 
 } // namespace kernel

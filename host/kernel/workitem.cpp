@@ -30,7 +30,6 @@ void RunWorker()
         void* parameter = item->Parameter;
         __atomic_store_n(&item->List.Flink, nullptr, __ATOMIC_RELAXED);
         dispatcher.workItemsRunning++;
-        Live().workItems--;
         lock.unlock();
 
         routine(parameter);
@@ -38,6 +37,7 @@ void RunWorker()
 
         lock.lock();
         dispatcher.workItemsRunning--;
+        Live().workItems--;
     }
 }
 
@@ -55,7 +55,7 @@ VOID ExQueueWorkItem(PWORK_QUEUE_ITEM WorkItem, WORK_QUEUE_TYPE)
     }
     InsertTailList(&dispatcher.workItems, &WorkItem->List);
     Live().workItems++;
-    if (dispatcher.workers < kMaxWorkers && dispatcher.workItemsRunning == dispatcher.workers) {
+    if (dispatcher.workers < kMaxWorkers && Live().workItems > dispatcher.workers) {
         dispatcher.workers++;
         std::thread(RunWorker).detach();
     }

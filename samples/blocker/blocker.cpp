@@ -13,11 +13,11 @@ namespace
 
 constexpr ULONG kMaxRules = 64; // of each kind
 
-constexpr ULONG kIpHeader = 20;    // shortest IPv4 header
-constexpr ULONG kIpSource = 12;    // offsets in it: RFC 791
+constexpr ULONG kIpHeader = 20; // shortest IPv4 header
+constexpr ULONG kIpSource = 12; // offsets in it: RFC 791
 constexpr ULONG kIpDestination = 16;
-constexpr ULONG kPorts = 4;        // TCP and UDP begin with source and destination port
-constexpr ULONG kAllHeaders = 78;  // Ethernet, longest IPv4 header and the ports
+constexpr ULONG kPorts = 4;       // TCP and UDP begin with source and destination port
+constexpr ULONG kAllHeaders = 78; // Ethernet, longest IPv4 header and the ports
 
 struct Rule {
     ULONG Value;           // a port, or an address in network order
@@ -46,8 +46,8 @@ struct Item {
     ULONG Length; // characters
 };
 
-// Takes a decimal number of at most `maximum` from the front of the item. Leading zeros are refused: some programs
-// read such numbers as octal ones.
+// Takes a decimal number of at most `maximum` from the front of the item. Leading zeros are refused: some
+// programs read such numbers as octal ones.
 BOOLEAN TakeNumber(Item* item, ULONG maximum, ULONG* number)
 {
     ULONG value = 0;
@@ -177,12 +177,13 @@ USHORT ReadPort(const UCHAR* bytes)
     return static_cast<USHORT>(bytes[0] << 8 | bytes[1]);
 }
 
-// How many bytes of the frame can be read behind m_pEthernet, having fetched the headers where only a leading part of
-// them is there. The header pointers are those of the fetched bytes then.
+// How many bytes of the frame can be read behind m_pEthernet, having fetched the headers where only a leading
+// part of them is there. The header pointers are those of the fetched bytes then.
 ULONG FetchHeaders(FilterPacket* pPacket)
 {
-    const BOOLEAN lazy = pPacket->m_pEthernet == pPacket->m_Data && !pPacket->m_bDirty &&
-                         (pPacket->m_pIncomingNdisPacket != nullptr || pPacket->m_pOutgoingNdisPacket != nullptr);
+    const BOOLEAN lazy =
+        pPacket->m_pEthernet == pPacket->m_Data && !pPacket->m_bDirty &&
+        (pPacket->m_pIncomingNdisPacket != nullptr || pPacket->m_pOutgoingNdisPacket != nullptr);
     if (!lazy) {
         return pPacket->m_nPacketSize;
     }
@@ -193,8 +194,8 @@ ULONG FetchHeaders(FilterPacket* pPacket)
     return pPacket->m_nBytesRead;
 }
 
-// Whether `length` bytes at a header lie inside the frame: the parser looks at no length, so its pointers may lie
-// behind the end of a short frame.
+// Whether `length` bytes at a header lie inside the frame: the parser looks at no length, so its pointers may
+// lie behind the end of a short frame.
 BOOLEAN IsInside(const FilterPacket* pPacket, ULONG available, const UCHAR* pHeader, ULONG length)
 {
     const ULONG_PTR offset = static_cast<ULONG_PTR>(pHeader - pPacket->m_pEthernet);
@@ -237,7 +238,8 @@ char driverName[] = "blocker";
 char incomingName[] = "blocker-incoming";
 char outgoingName[] = "blocker-outgoing";
 
-template <size_t Size> STRING CountedName(char (&text)[Size])
+template <size_t Size>
+STRING CountedName(char (&text)[Size])
 {
     return {static_cast<USHORT>(Size - 1), static_cast<USHORT>(Size), text};
 }

@@ -57,7 +57,7 @@ TEST_F(DeviceTest, RefusesTakenNamesAndMissingLinks)
 TEST_F(DeviceTest, CannotBeOpenedBeforeItsEntryRoutineSucceeds)
 {
     NTSTATUS early = STATUS_SUCCESS;
-    entry = [this, &early, create = entry](DRIVER_OBJECT* object) {
+    entry = [&early, create = entry](DRIVER_OBJECT* object) {
         const NTSTATUS status = create(object);
         UNICODE_STRING name = Name(u"\\Device\\Probe");
         FILE_OBJECT* file = nullptr;

@@ -7,7 +7,6 @@
 
 using namespace probe;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::IsEmpty;
 
 namespace
@@ -20,6 +19,8 @@ constexpr ULONG kOutDirect = CTL_CODE(0x8000, 0x800, METHOD_OUT_DIRECT, FILE_ANY
 class IrpTest : public DriverTest
 {
   protected:
+    static constexpr int kCancelled = -1; // the place of a cancellation among the majors
+
     void SetUp() override
     {
         DriverTest::SetUp();
@@ -45,6 +46,7 @@ class IrpTest : public DriverTest
             auto* test = static_cast<IrpTest*>(cancelled->Tail.Overlay.DriverContext[0]);
             test->parked = nullptr;
             ++test->cancelled;
+            test->majors.push_back(kCancelled);
             Complete(cancelled, STATUS_CANCELLED);
         });
         parked = irp;
@@ -171,7 +173,7 @@ TEST_F(IrpTest, APendingRequestIsCompletedLaterOrCancelledOrCancelledByClose)
     majors.clear();
     file->Close();
     EXPECT_EQ(closed.Wait()->status, STATUS_CANCELLED);
-    EXPECT_THAT(majors, ElementsAre(IRP_MJ_CLEANUP, IRP_MJ_CLOSE));
+    EXPECT_THAT(majors, ElementsAre(IRP_MJ_CLEANUP, kCancelled, IRP_MJ_CLOSE));
 }
 
 TEST_F(IrpTest, CompletionAndCancelMayMeet)

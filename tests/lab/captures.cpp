@@ -77,7 +77,8 @@ std::vector<CapturedFrame> ReadCapture(const std::string& path)
     pcap_pkthdr* header = nullptr;
     const u_char* data = nullptr;
     while (pcap_next_ex(file, &header, &data) == 1) {
-        frames.push_back({Bytes(data, data + header->caplen), header->ts.tv_sec * 1'000'000 + header->ts.tv_usec});
+        frames.push_back(
+            {Bytes(data, data + header->caplen), header->ts.tv_sec * 1'000'000 + header->ts.tv_usec});
     }
     pcap_close(file);
     return frames;

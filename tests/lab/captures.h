@@ -23,7 +23,8 @@ constexpr uint32_t kPeerIp = 0x0A000002;
 
 Bytes EthernetFrame(bool sent, uint16_t etherType, const Bytes& payload);
 // A TCP (6) or UDP (17) segment in IPv4 between adapter and peer; the peer's port is the one given.
-Bytes IpFrame(bool sent, uint8_t protocol, uint16_t peerPort, size_t payloadLength = 20, uint32_t peerIp = kPeerIp);
+Bytes IpFrame(bool sent, uint8_t protocol, uint16_t peerPort, size_t payloadLength = 20,
+              uint32_t peerIp = kPeerIp);
 
 // Writes frames one millisecond apart.
 void WriteCapture(const std::string& path, const std::vector<Bytes>& frames, int linkType = DLT_EN10MB);

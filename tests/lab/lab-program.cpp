@@ -30,8 +30,8 @@ void Redirect(int descriptor, const std::string& path)
     dup2(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), descriptor);
 }
 
-pid_t Start(const std::string& directory, const std::vector<std::string>& arguments, const std::string& output,
-            const std::string& errors)
+pid_t Start(const std::string& directory, const std::vector<std::string>& arguments,
+            const std::string& output, const std::string& errors)
 {
     std::vector<char*> argv = {const_cast<char*>(NDISFILTER_LAB)};
     for (const std::string& argument : arguments) {

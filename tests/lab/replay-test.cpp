@@ -68,7 +68,8 @@ size_t TotalBytes(const std::vector<Bytes>& frames, bool sent)
 {
     size_t bytes = 0;
     for (const Bytes& frame : frames) {
-        bytes += std::equal(kAdapterMac.begin(), kAdapterMac.end(), frame.begin() + 6) == sent ? frame.size() : 0;
+        bytes +=
+            std::equal(kAdapterMac.begin(), kAdapterMac.end(), frame.begin() + 6) == sent ? frame.size() : 0;
     }
     return bytes;
 }
@@ -76,7 +77,8 @@ size_t TotalBytes(const std::vector<Bytes>& frames, bool sent)
 const json& FilterOf(const json& report, const std::string& chain)
 {
     const json& filters = report["filters"];
-    const auto found = std::ranges::find_if(filters, [&](const json& filter) { return filter["chain"] == chain; });
+    const auto found =
+        std::ranges::find_if(filters, [&](const json& filter) { return filter["chain"] == chain; });
     EXPECT_NE(found, filters.end()) << filters;
     return *found;
 }
@@ -142,7 +144,8 @@ TEST_F(Replay, BlockerBlocksPortsAndAddresses)
     }
 }
 
-// Frames cut at every length: none may disturb the blocker, and only those that still hold their ports are blocked.
+// Frames cut at every length: none may disturb the blocker, and only those that still hold their ports are
+// blocked.
 TEST_F(Replay, BlockerLetsShortFramesPass)
 {
     const Bytes whole = IpFrame(false, 17, 53);
@@ -163,17 +166,19 @@ TEST_F(Replay, BlockerLetsShortFramesPass)
 TEST_F(Replay, BlockerRefusesNonsenseAndTellsItsCounts)
 {
     WriteCapture(Path("a.pcap"), SomeTraffic());
-    const LabResult result = Run({"a.pcap", "--filter", "blocker", "--set",
-                                  "blocker.BlockPorts=53,,0,65536,080,x, 53,99999999999999", "--set",
-                                  "blocker.BlockAddresses=10.0.0,10.0.0.256,1.2.3.4.5,10.0.0.2 ", "--debug-output", "-"});
+    const LabResult result = Run(
+        {"a.pcap", "--filter", "blocker", "--set", "blocker.BlockPorts=53,,0,65536,080,x, 53,99999999999999",
+         "--set", "blocker.BlockAddresses=10.0.0,10.0.0.256,1.2.3.4.5,10.0.0.2 ", "--debug-output", "-"});
     EXPECT_EQ(result.exitCode, 0) << result.errors;
     EXPECT_THAT(result.output, HasSubstr("blocker: 1 ports and 1 addresses to block"));
     for (const char* item : {"0", "65536", "080", "x", "99999999999999"}) {
-        EXPECT_THAT(result.output, HasSubstr("blocker: port '" + std::string(item) + "' is not valid, ignored"));
+        EXPECT_THAT(result.output,
+                    HasSubstr("blocker: port '" + std::string(item) + "' is not valid, ignored"));
     }
     EXPECT_THAT(result.output, HasSubstr("blocker: port '53' is there already, ignored"));
     for (const char* item : {"10.0.0", "10.0.0.256", "1.2.3.4.5"}) {
-        EXPECT_THAT(result.output, HasSubstr("blocker: address '" + std::string(item) + "' is not valid, ignored"));
+        EXPECT_THAT(result.output,
+                    HasSubstr("blocker: address '" + std::string(item) + "' is not valid, ignored"));
     }
     EXPECT_THAT(result.output, HasSubstr("blocker: port 53: 0 frames blocked"));
     EXPECT_THAT(result.output, HasSubstr("blocker: address 10.0.0.2: 8 frames blocked"));
@@ -201,8 +206,8 @@ TEST_F(Replay, SeveralWorkersCapturesAndRounds)
     }
     WriteCapture(Path("a.pcap"), frames);
     WriteCapture(Path("b.pcap"), SomeTraffic());
-    const json report = RunJson({"a.pcap", "b.pcap", "--threads", "2", "--repeat", "3", "--packets", "7", "--filter",
-                                 "blocker", "--set", "blocker.BlockPorts=1002"});
+    const json report = RunJson({"a.pcap", "b.pcap", "--threads", "2", "--repeat", "3", "--packets", "7",
+                                 "--filter", "blocker", "--set", "blocker.BlockPorts=1002"});
     EXPECT_EQ(report["adapters"][0]["sent"]["framesIn"], 3 * 334);
     EXPECT_EQ(report["adapters"][0]["received"]["framesIn"], 3 * 666);
     EXPECT_EQ(report["adapters"][1]["received"]["framesOut"], 3 * 5);
@@ -215,7 +220,8 @@ TEST_F(Replay, SeveralWorkersCapturesAndRounds)
 
 TEST_F(Replay, TooLongFramesAreSkippedAndSaid)
 {
-    WriteCapture(Path("long.pcap"), {IpFrame(true, 6, 80, 1518 - 38), IpFrame(true, 6, 80, 1519 - 38), IpFrame(true, 6, 80)});
+    WriteCapture(Path("long.pcap"),
+                 {IpFrame(true, 6, 80, 1518 - 38), IpFrame(true, 6, 80, 1519 - 38), IpFrame(true, 6, 80)});
     const LabResult result = Run({"long.pcap"});
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_THAT(result.output, HasSubstr("1 frames too long"));
@@ -228,8 +234,8 @@ TEST_F(Replay, PrintsTheTableForARecordedSession)
     const LabResult result =
         Run({std::string(NDISFILTER_TEST_DATA) + "/session.pcapng", "--filter", "blocker"});
     EXPECT_EQ(result.exitCode, 0);
-    for (const char* text : {"adapter", "frames/s", "blocker-incoming", "FILTER_TYPE_OUTGOING_PACKET", "200 delivered",
-                             "balance", "holds"}) {
+    for (const char* text : {"adapter", "frames/s", "blocker-incoming", "FILTER_TYPE_OUTGOING_PACKET",
+                             "200 delivered", "balance", "holds"}) {
         EXPECT_THAT(result.output, HasSubstr(text));
     }
     EXPECT_THAT(result.errors, HasSubstr("02:00:00:00:00:0a"));
@@ -252,9 +258,9 @@ TEST_F(Replay, InterruptEndsInGoodOrder)
 {
     WriteCapture(Path("a.pcap"), SomeTraffic());
     const std::string written = Path("out/a-to-adapter.pcap");
-    const LabResult result =
-        RunLab(directory_, {"replay", "a.pcap", "--repeat", "1000000000", "--write", "out", "--filter", "blocker"},
-               [&] { return fs::exists(written) && fs::file_size(written) > 100'000; });
+    const LabResult result = RunLab(
+        directory_, {"replay", "a.pcap", "--repeat", "1000000000", "--write", "out", "--filter", "blocker"},
+        [&] { return fs::exists(written) && fs::file_size(written) > 100'000; });
     EXPECT_EQ(result.exitCode, 130);
     EXPECT_THAT(result.errors, HasSubstr("interrupted"));
     EXPECT_THAT(result.output, HasSubstr("holds"));
@@ -282,7 +288,7 @@ TEST_F(Replay, ErrorsAreOneLineWithNameAndValue)
         {{"."}, 1, "directory"},
         {{"raw.pcap"}, 1, "(RAW) is not Ethernet"},
         {{"a.pcap", "--filter", "blokcer"}, 4, "filter blokcer: no blokcer.so in "},
-        {{"a.pcap", "--filter", "./junk.so"}, 4, "filter junk: cannot load it: "},
+        {{"a.pcap", "--filter", "./junk.so"}, 4, "filter junk: cannot load the driver "},
         {{"a.pcap", "--filter", "blocker", "--filter", "blocker"}, 2, "blocker: given twice"},
         {{"a.pcap", "--set", "blocker.BlockPorts=53"}, 2, "blocker"},
         {{"a.pcap", "--set", "BlockPorts"}, 2, "--set BlockPorts: give it as DRIVER.VALUE=TEXT"},

@@ -24,7 +24,7 @@ VOID RefreshAdapterTable()
 {
     const auto getBoundAdapters = BoundHookFunction(&NdisHookAPI::Hook_GetTcpIpBoundAdapters);
     if (getBoundAdapters != nullptr) {
-        StoreRelaxed<ULONG>(AdapterCount(), 0);
+        StoreRelaxed(AdapterCount(), 0);
         getBoundAdapters(&Global().m_AdapterList);
     }
 }
@@ -33,23 +33,26 @@ VOID RefreshAdapterTable()
 VOID CallEventHandlers(ULONG nEvent, FilterAdapter* hAdapter)
 {
     for (const EventHandler& handler : Global().m_EventHandlerList) {
-        handler.m_pfEventProc(handler.m_hFilterDriver, handler.m_pDriverContext, nEvent, handler.m_pEventContext,
-                              hAdapter);
+        handler.m_pfEventProc(handler.m_hFilterDriver, handler.m_pDriverContext, nEvent,
+                              handler.m_pEventContext, hAdapter);
     }
 }
 
 VOID StampAdapter(FilterAdapter* adapter)
 {
-    StoreRelaxed<ULONG>(adapter->m_Tag, FILTER_ADAPTER_TAG); // handles are checked meanwhile
+    StoreRelaxed(adapter->m_Tag, FILTER_ADAPTER_TAG); // handles are checked meanwhile
 }
 
 VOID TraceAdapterName(const FilterAdapter* adapter)
 {
-    Trace(TRACE_HOOK, "AdapterName=%ws\n", adapter->m_AdapterName.Buffer);
+    const UNICODE_STRING& name = adapter->m_AdapterName;
+    const LONG room = name.MaximumLength / sizeof(WCHAR); // where the terminating zero is missing
+    Trace(TRACE_HOOK, "AdapterName=%.*ws\n", room, name.Buffer);
 }
 
 // Runs the body of an adapter callback, which answers the code of an exception that it took under a lock, or 0.
-template <class Body> VOID GuardedCallback(PCSTR reportedName, const Body& body)
+template <class Body>
+VOID GuardedCallback(PCSTR reportedName, const Body& body)
 {
     NTSTATUS inner = 0;
     const NTSTATUS outer = Guarded([&] { inner = body(); });
@@ -88,18 +91,28 @@ ULONG FindOrAppendAdapterId(FilterAdapter* hAdapter)
     return id;
 }
 
-// The first adapter of the table whose entry `matches`, or nullptr. `matches` touches no caller memory.
-template <class Matches> FilterAdapter* FindAdapter(const Matches& matches)
+// Stores the handle of the first entry that `matches`; FALSE when there is none. Touches no caller memory.
+template <class Matches>
+BOOLEAN FindAdapter(const Matches& matches, FilterAdapter*& adapter)
 {
     ReadLock lock(Global().m_AdapterListLock);
     const ULONG count = ReadAdapterCount();
     for (ULONG i = 0; i < count; i++) {
         const AdapterInfo info = ReadAdapterInfo(i);
         if (matches(info)) {
-            return info.m_hAdapter;
+            adapter = info.m_hAdapter;
+            return TRUE;
         }
     }
-    return nullptr;
+    return FALSE;
+}
+
+// For functions that run unguarded otherwise.
+template <class Value>
+FILTER_STATUS StoreResult(PCSTR functionName, Value* output, Value value)
+{
+    const NTSTATUS code = Guarded([&] { *output = value; });
+    return code == 0 ? FILTER_STATUS_SUCCESS : ExceptionStatus(functionName, code);
 }
 
 } // namespace
@@ -167,9 +180,9 @@ ULONG NdisFilter_AdapterClosed(FilterAdapter* pAdapter)
     if (pAdapter != nullptr) {
         GuardedCallback("NdisFilter_AdapterClosed", [&] {
             TraceAdapterName(pAdapter);
-            StoreRelaxed<PVOID>(pAdapter->m_pUpperEthrLog, nullptr);
-            StoreRelaxed<PVOID>(pAdapter->m_pLowerEthrLog, nullptr);
-            StoreRelaxed<PVOID>(pAdapter->m_pInjectEthrLog, nullptr);
+            StoreRelaxed(pAdapter->m_pUpperEthrLog, nullptr);
+            StoreRelaxed(pAdapter->m_pLowerEthrLog, nullptr);
+            StoreRelaxed(pAdapter->m_pInjectEthrLog, nullptr);
             RefreshAdapterTable();
             return DeliverAdapterEvent(FILTER_EVENT_ADAPTER_CLOSED, pAdapter);
         });
@@ -218,8 +231,7 @@ FILTER_STATUS Filter_AdapterToId(FilterAdapter* hAdapter, PULONG pId)
     if (id == 0) {
         return FILTER_ERROR_INTERNAL_ERROR;
     }
-    *pId = id;
-    return FILTER_STATUS_SUCCESS;
+    return StoreResult("Filter_AdapterToId", pId, id);
 }
 
 FILTER_STATUS Filter_IdToAdapter(ULONG nId, FilterAdapter** phAdapter)
@@ -236,8 +248,7 @@ FILTER_STATUS Filter_IdToAdapter(ULONG nId, FilterAdapter** phAdapter)
     if (!found) {
         return FILTER_ERROR_INVALID_ARGUMENT;
     }
-    *phAdapter = hAdapter;
-    return FILTER_STATUS_SUCCESS;
+    return StoreResult("Filter_IdToAdapter", phAdapter, hAdapter);
 }
 
 FilterAdapter* Filter_GetFirstAdapter()
@@ -279,9 +290,11 @@ FILTER_STATUS Filter_FindAdapterByMacAddress(const UCHAR* pMacAddress, FilterAda
         }
         UCHAR address[sizeof(AdapterInfo::m_CurrentAddress)];
         RtlCopyMemory(address, pMacAddress, sizeof(address));
-        FilterAdapter* adapter = FindAdapter(
-            [&](const AdapterInfo& info) { return RtlEqualMemory(info.m_CurrentAddress, address, sizeof(address)); });
-        if (adapter == nullptr) {
+        const auto matches = [&](const AdapterInfo& info) {
+            return RtlEqualMemory(info.m_CurrentAddress, address, sizeof(address));
+        };
+        FilterAdapter* adapter;
+        if (!FindAdapter(matches, adapter)) {
             return FILTER_ERROR_ADAPTER_NOT_FOUND;
         }
         *phAdapter = adapter;
@@ -295,7 +308,7 @@ FILTER_STATUS Filter_FindAdapterByNetCfgInstanceId(PCSTR pszInstanceId, FilterAd
         if (pszInstanceId == nullptr || phAdapter == nullptr || *pszInstanceId == 0) {
             return FILTER_ERROR_INVALID_ARGUMENT;
         }
-        // An id as long as this or longer is the beginning of no name.
+        // Copied before the lock is taken. A longer id is the beginning of no name.
         CHAR id[sizeof(AdapterInfo::m_szAdapterName)];
         SIZE_T length = 0;
         while (pszInstanceId[length] != 0) {
@@ -305,9 +318,11 @@ FILTER_STATUS Filter_FindAdapterByNetCfgInstanceId(PCSTR pszInstanceId, FilterAd
             id[length] = pszInstanceId[length];
             length++;
         }
-        FilterAdapter* adapter = FindAdapter(
-            [&](const AdapterInfo& info) { return RtlEqualMemory(info.m_szAdapterName, id, length); });
-        if (adapter == nullptr) {
+        const auto matches = [&](const AdapterInfo& info) {
+            return RtlEqualMemory(info.m_szAdapterName, id, length);
+        };
+        FilterAdapter* adapter;
+        if (!FindAdapter(matches, adapter)) {
             return FILTER_ERROR_ADAPTER_NOT_FOUND;
         }
         Trace(TRACE_ADAPTER, "Find Filter_FindAdapterByNetCfgInstanceId\n");

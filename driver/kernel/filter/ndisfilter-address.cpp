@@ -80,8 +80,9 @@ LONG Filter_CompareString(const STRING* pA, const STRING* pB)
         return -1;
     }
     const USHORT length = pA->Length;
-    if (length != pB->Length) {
-        return length > pB->Length ? 1 : -1;
+    const USHORT otherLength = pB->Length;
+    if (length != otherLength) {
+        return length > otherLength ? 1 : -1;
     }
     return length == 0 || RtlEqualMemory(pA->Buffer, pB->Buffer, length) ? 0 : 1;
 }

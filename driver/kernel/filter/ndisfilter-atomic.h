@@ -25,12 +25,23 @@ template <class T, class V> VOID StoreRelease(volatile T& value, V desired)
     __atomic_store_n(&value, converted, __ATOMIC_RELEASE);
 }
 
-// Copies out of memory that another driver or program may be writing: each byte is read once, none is torn.
+// Copies out of memory that another driver or program may be writing. Every byte is read once; aligned words of eight
+// bytes are read whole.
 inline VOID CopyRelaxed(PVOID destination, const volatile VOID* source, SIZE_T size)
 {
+    constexpr SIZE_T WordSize = sizeof(ULONGLONG);
     PUCHAR to = static_cast<PUCHAR>(destination);
     const volatile UCHAR* from = static_cast<const volatile UCHAR*>(source);
-    for (SIZE_T i = 0; i < size; i++) {
-        to[i] = LoadRelaxed(from[i]);
+    while (size != 0) {
+        if (size >= WordSize && reinterpret_cast<ULONG_PTR>(from) % WordSize == 0) {
+            const ULONGLONG word = LoadRelaxed(*reinterpret_cast<const volatile ULONGLONG*>(from));
+            RtlCopyMemory(to, &word, WordSize);
+            to += WordSize;
+            from += WordSize;
+            size -= WordSize;
+        } else {
+            *to++ = LoadRelaxed(*from++);
+            size--;
+        }
     }
 }

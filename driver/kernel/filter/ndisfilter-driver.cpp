@@ -19,7 +19,8 @@ VOID ForEachOwned(const RecordList<Record>& list, const FilterDriver* owner, con
     }
 }
 
-template <class Record> VOID UnlinkAndFree(Record& record)
+template <class Record>
+VOID UnlinkAndFree(Record& record)
 {
     RecordList<Record>::Unlink(record);
     Filter_FreeMemory(&record);
@@ -101,8 +102,8 @@ FILTER_STATUS Filter_GetAPIVersion(PULONG pMajor, PULONG pMinor)
     });
 }
 
-FILTER_STATUS Filter_RegisterDriver(const STRING* pDriverName, PVOID pDriverContext, ULONG nMajor, ULONG nMinor,
-                                    FilterDriver** phFilterDriver)
+FILTER_STATUS Filter_RegisterDriver(const STRING* pDriverName, PVOID pDriverContext, ULONG nMajor,
+                                    ULONG nMinor, FilterDriver** phFilterDriver)
 {
     constexpr CallTrace trace{"Filter_RegisterDriver", TRACE_DRIVER};
     return TracedCall(trace, [&]() -> FILTER_STATUS {

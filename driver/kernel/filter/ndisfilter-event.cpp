@@ -49,7 +49,8 @@ FilterEventRecord* TakeEventRecord()
         }
         size = seen;
     }
-    auto* record = static_cast<FilterEventRecord*>(ExAllocateFromNPagedLookasideList(&global.m_LogLookasideList));
+    auto* record =
+        static_cast<FilterEventRecord*>(ExAllocateFromNPagedLookasideList(&global.m_LogLookasideList));
     if (record == nullptr) {
         InterlockedDecrement(&global.m_CurrentLogSize);
         return nullptr;
@@ -93,7 +94,8 @@ FILTER_STATUS Filter_ReportEventEx(ULONG nEvent1, ULONG nEvent2, ULONG nLength, 
             if (pData == nullptr) {
                 return;
             }
-            const ULONG length = nLength < NDIS_FILTER_EVENT_TEXT_SIZE ? nLength : NDIS_FILTER_EVENT_TEXT_SIZE;
+            const ULONG length =
+                nLength < NDIS_FILTER_EVENT_TEXT_SIZE ? nLength : NDIS_FILTER_EVENT_TEXT_SIZE;
             RtlCopyMemory(event.m_Text, pData, length);
             event.m_nLength = static_cast<LONG>(length);
         });

@@ -36,7 +36,8 @@ inline VOID CopyText(PCHAR destination, const CHAR* source, USHORT length)
 FILTER_STATUS CopyNameOut(PCSTR functionName, const STRING& name, ULONG tag, STRING** ppName);
 
 // A registration of a record under a name that must be unique in its list.
-template <class Record> struct NamedRegistration {
+template <class Record>
+struct NamedRegistration {
     PCSTR FunctionName;
     const STRING* Name; // the caller's
     Record** Handle;    // the caller's output
@@ -72,8 +73,8 @@ FILTER_STATUS RegisterNamed(const NamedRegistration<Record>& registration, const
         }
         if (code == 0) {
             STRING room;
-            Record* record = static_cast<Record*>(AllocateNamedBlock(sizeof(Record), registration.ExtraSize,
-                                                                     name.Length, registration.PoolTag, &room));
+            Record* record = static_cast<Record*>(AllocateNamedBlock(
+                sizeof(Record), registration.ExtraSize, name.Length, registration.PoolTag, &room));
             if (record == nullptr) {
                 return FILTER_STATUS_SUCCESS;
             }

@@ -18,7 +18,8 @@ FilterMemory* AllocateTagged(ULONG size, ULONG tag)
 {
     const ULONG whole = size + FilterMemoryOverhead;
     PVOID block = nullptr;
-    if (whole < size || NdisAllocateMemoryWithTag(&block, whole, tag) == NDIS_STATUS_FAILURE || block == nullptr) {
+    if (whole < size || NdisAllocateMemoryWithTag(&block, whole, tag) == NDIS_STATUS_FAILURE ||
+        block == nullptr) {
         Trace(TRACE_SERVICE, "  NdisAllocateMemory(size=%d) fails\n", whole);
         return nullptr;
     }

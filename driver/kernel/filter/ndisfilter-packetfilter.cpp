@@ -26,7 +26,8 @@ VOID Place(RecordList<PacketFilter>& chain, PacketFilter& filter)
 
 BOOLEAN HoldsChainType(const VOID* handle)
 {
-    return IsChain(static_cast<FILTER_TYPE>(ReadUntrustedWord(&static_cast<const PacketFilter*>(handle)->m_FilterType)));
+    return IsChain(
+        static_cast<FILTER_TYPE>(ReadUntrustedWord(&static_cast<const PacketFilter*>(handle)->m_FilterType)));
 }
 
 // What the getters of a filter share: `get` runs when both pointers are given and the handle is valid.
@@ -57,11 +58,35 @@ FILTER_STATUS UnlinkFilter(const FilterDriver* owner, PacketFilter* filter, FILT
     return FILTER_STATUS_SUCCESS;
 }
 
+VOID PrintFilter(const PacketFilter& filter, ULONG position)
+{
+    const PacketFilterCounters counters = SumFilterCounters(filter);
+    const STRING& name = filter.m_FilterName;
+    DbgPrint("Filter[%d] ----------- 0x%p\n", position, &filter);
+    DbgPrint("- &m_ListEntry      = 0x%p\n", &filter.m_ListEntry);
+    DbgPrint("-      +-Blink      = 0x%p\n", filter.m_ListEntry.Blink);
+    DbgPrint("-      +-Flink      = 0x%p\n", filter.m_ListEntry.Flink);
+    DbgPrint("- m_Tag             = 0x%x\n", filter.m_Tag);
+    DbgPrint("- m_FilterName      = %*.*s\n", name.Length, name.Length, name.Buffer);
+    DbgPrint("- m_hFilterDriver   = 0x%p\n", filter.m_hFilterDriver);
+    DbgPrint("- m_pDriverContext  = 0x%p\n", filter.m_pDriverContext);
+    DbgPrint("- m_pfFilterProc    = 0x%p\n", filter.m_pfFilterProc);
+    DbgPrint("- m_pFilterContext  = 0x%p\n", filter.m_pFilterContext);
+    DbgPrint("- m_FilterType      = %ld - %s\n", filter.m_FilterType, Filter_TypeString(filter.m_FilterType));
+    DbgPrint("- m_FilterOrder     = %lu - %s\n", filter.m_FilterOrder,
+             Filter_OrderString(static_cast<FILTER_ORDER>(filter.m_FilterOrder)));
+    DbgPrint("- m_PacketProcess   = %ld\n", counters.m_PacketProcess);
+    DbgPrint("- m_PacketBypass    = %ld\n", counters.m_PacketBypass);
+    DbgPrint("- m_PacketDiscard   = %ld\n", counters.m_PacketDiscard);
+    DbgPrint("- m_PacketConsume   = %ld\n", counters.m_PacketConsume);
+    DbgPrint("- m_PacketCapture   = %ld\n", counters.m_PacketCapture);
+}
+
 } // namespace
 
-FILTER_STATUS Filter_RegisterFilter(FilterDriver* hFilterDriver, const STRING* pFilterName, FILTER_PROC pfFilterProc,
-                                    PVOID pFilterContext, FILTER_TYPE nType, FILTER_ORDER nOrder,
-                                    PacketFilter** phPacketFilter)
+FILTER_STATUS Filter_RegisterFilter(FilterDriver* hFilterDriver, const STRING* pFilterName,
+                                    FILTER_PROC pfFilterProc, PVOID pFilterContext, FILTER_TYPE nType,
+                                    FILTER_ORDER nOrder, PacketFilter** phPacketFilter)
 {
     constexpr CallTrace trace{"Filter_RegisterFilter", TRACE_FILTER};
     return TracedCall(trace, [&]() -> FILTER_STATUS {
@@ -75,6 +100,7 @@ FILTER_STATUS Filter_RegisterFilter(FilterDriver* hFilterDriver, const STRING* p
         if (!IsChain(nType)) {
             return FILTER_ERROR_INVALID_FILTER_TYPE;
         }
+        const PVOID driverContext = hFilterDriver->m_pDriverContext;
         const NamedRegistration<PacketFilter> registration{
             .FunctionName = trace.Name,
             .Name = pFilterName,
@@ -89,7 +115,7 @@ FILTER_STATUS Filter_RegisterFilter(FilterDriver* hFilterDriver, const STRING* p
         const FILTER_STATUS status = RegisterNamed(registration, [&](PacketFilter& filter) {
             filter.m_Tag = PACKET_FILTER_TAG;
             filter.m_hFilterDriver = hFilterDriver;
-            filter.m_pDriverContext = hFilterDriver->m_pDriverContext;
+            filter.m_pDriverContext = driverContext;
             filter.m_pfFilterProc = pfFilterProc;
             filter.m_pFilterContext = pFilterContext;
             filter.m_FilterType = nType;
@@ -217,27 +243,13 @@ FILTER_STATUS Filter_DumpFilter(FILTER_TYPE nType)
 
 VOID Filter_ShowFilter(PacketFilter* hPacketFilter, ULONG nPosition)
 {
-    const PacketFilter& filter = *hPacketFilter;
-    const PacketFilterCounters counters = SumFilterCounters(filter);
-    const STRING& name = filter.m_FilterName;
-    DbgPrint("Filter[%d] ----------- 0x%p\n", nPosition, hPacketFilter);
-    DbgPrint("- &m_ListEntry      = 0x%p\n", &filter.m_ListEntry);
-    DbgPrint("-      +-Blink      = 0x%p\n", filter.m_ListEntry.Blink);
-    DbgPrint("-      +-Flink      = 0x%p\n", filter.m_ListEntry.Flink);
-    DbgPrint("- m_Tag             = 0x%x\n", filter.m_Tag);
-    DbgPrint("- m_FilterName      = %*.*s\n", name.Length, name.Length, name.Buffer);
-    DbgPrint("- m_hFilterDriver   = 0x%p\n", filter.m_hFilterDriver);
-    DbgPrint("- m_pDriverContext  = 0x%p\n", filter.m_pDriverContext);
-    DbgPrint("- m_pfFilterProc    = 0x%p\n", filter.m_pfFilterProc);
-    DbgPrint("- m_pFilterContext  = 0x%p\n", filter.m_pFilterContext);
-    DbgPrint("- m_FilterType      = %ld - %s\n", filter.m_FilterType, Filter_TypeString(filter.m_FilterType));
-    DbgPrint("- m_FilterOrder     = %lu - %s\n", filter.m_FilterOrder,
-             Filter_OrderString(static_cast<FILTER_ORDER>(filter.m_FilterOrder)));
-    DbgPrint("- m_PacketProcess   = %ld\n", counters.m_PacketProcess);
-    DbgPrint("- m_PacketBypass    = %ld\n", counters.m_PacketBypass);
-    DbgPrint("- m_PacketDiscard   = %ld\n", counters.m_PacketDiscard);
-    DbgPrint("- m_PacketConsume   = %ld\n", counters.m_PacketConsume);
-    DbgPrint("- m_PacketCapture   = %ld\n", counters.m_PacketCapture);
+    if (hPacketFilter == nullptr) {
+        return;
+    }
+    const NTSTATUS code = Guarded([&] { PrintFilter(*hPacketFilter, nPosition); });
+    if (code != 0) {
+        PrintException("Filter_ShowFilter", code);
+    }
 }
 
 PacketFilterCounters SumFilterCounters(const PacketFilter& filter)

@@ -64,7 +64,7 @@ VOID ReadDebugFlag(WorkItem* item)
 {
     const DebugFlagItem* request = static_cast<DebugFlagItem*>(item);
     const ULONG value = Filter_GetGlobalDebugFlag(request->m_pRegistryPath, request->m_nDefault);
-    StoreRelaxed<ULONG>(*request->m_pResult, value); // read by whoever traces
+    StoreRelaxed(*request->m_pResult, value); // read by whoever traces
     ExFreePool(item);
 }
 
@@ -82,7 +82,8 @@ NTSTATUS AllocatePath(PUNICODE_STRING pSource, PUNICODE_STRING pDestination)
     }
     RtlZeroMemory(buffer, size);
     pDestination->Length = length;
-    pDestination->MaximumLength = static_cast<USHORT>(maximum + sizeof(WCHAR)); // may wrap; the block does not
+    pDestination->MaximumLength =
+        static_cast<USHORT>(maximum + sizeof(WCHAR)); // may wrap; the block does not
     pDestination->Buffer = buffer;
     return STATUS_SUCCESS;
 }
@@ -117,7 +118,8 @@ BOOLEAN QueryRegistry(PUNICODE_STRING pRegistryPath, PCWSTR pszName, ULONG type,
         RtlQueryRegistryValues(RTL_REGISTRY_ABSOLUTE, pRegistryPath->Buffer, table, nullptr, nullptr);
     ExFreePool(table);
     if (!NT_SUCCESS(status)) {
-        DbgPrint("RtlQueryRegistryValues %S\\%S fail, error = 0x%X\n", pRegistryPath->Buffer, pszName, status);
+        DbgPrint("RtlQueryRegistryValues %S\\%S fail, error = 0x%X\n", pRegistryPath->Buffer, pszName,
+                 status);
         return FALSE;
     }
     return TRUE;
@@ -204,7 +206,9 @@ BOOLEAN Filter_RegGetStringValue(PUNICODE_STRING pRegistryPath, PCWSTR pszName, 
     if (!QueryRegistry(pRegistryPath, pszName, REG_SZ, empty, 0, pValue)) {
         return FALSE;
     }
-    DbgPrint("RtlQueryRegistryValues %S\\%S success, Value = %ws\n", pRegistryPath->Buffer, pszName, pValue->Buffer);
+    const LONG length = pValue->Length / sizeof(WCHAR); // the registry's text need not end with a zero
+    DbgPrint("RtlQueryRegistryValues %S\\%S success, Value = %.*ws\n", pRegistryPath->Buffer, pszName, length,
+             pValue->Buffer);
     return TRUE;
 }
 

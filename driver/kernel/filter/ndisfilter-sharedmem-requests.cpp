@@ -123,7 +123,7 @@ NTSTATUS NdisFilter_IOCtrlReadShare(PIRP pIrp)
     case Parking::Parked:
         // A block written between the look at the ring and the parking found nothing to complete. Its writer stores
         // the index and then looks at the slot, this side the other way round, so one of them sees the other.
-        if (!IsOutputRingEmpty() || LoadRelaxed(Global().m_bStopShare)) {
+        if (!IsOutputRingEmpty()) {
             NdisFilter_CompleteRead();
         }
         break;

@@ -1,0 +1,191 @@
+#include "lane.h"
+
+#include "lab-error.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+namespace lab
+{
+namespace
+{
+
+constexpr MacAddress kDefaultAddress = {0x02, 0, 0, 0, 0, 0x01};
+
+// The frame that this thread is handing to the framework. What comes out meanwhile on the same thread is that
+// frame.
+struct FrameUnderWay {
+    const Lane* lane = nullptr;
+    uint64_t time = 0;
+};
+thread_local FrameUnderWay frameUnderWay;
+
+} // namespace
+
+std::string FormatMacAddress(const MacAddress& address)
+{
+    return fmt::format("{:02x}", fmt::join(address, ":"));
+}
+
+Lane::Lane(const LaneOptions& options)
+    : options_(options), reader_(options.capture), roundsLeft_(options.rounds)
+{
+    if (options.rounds > 1 && !reader_.IsRegularFile()) {
+        throw LabError(ExitCode::Usage,
+                       fmt::format("{}: cannot be read {} times (--repeat), it is not a file",
+                                   options.capture, options.rounds));
+    }
+    if (options.address.has_value()) {
+        address_ = *options.address;
+        addressOrigin_ = "as told";
+    } else if (const std::optional<MacAddress> found = reader_.MostFrequentAddress()) {
+        address_ = *found;
+        addressOrigin_ = "the most frequent address in " + options.capture;
+    } else {
+        address_ = kDefaultAddress;
+        addressOrigin_ = "as there is no address in " + options.capture;
+    }
+}
+
+void Lane::CreateWriters(const std::filesystem::path& directory)
+{
+    for (const hook::Side side : {hook::Side::Adapter, hook::Side::Protocols}) {
+        const char* suffix = side == hook::Side::Adapter ? "to-adapter" : "to-protocols";
+        const std::filesystem::path file = directory / fmt::format("{}-{}.pcap", options_.name, suffix);
+        writers_[static_cast<size_t>(side)] =
+            std::make_unique<CaptureWriter>(file.string(), reader_.HasNanoseconds());
+    }
+}
+
+void Lane::CloseWriters()
+{
+    for (auto& writer : writers_) {
+        if (writer != nullptr) {
+            writer->Close();
+        }
+    }
+}
+
+void Lane::WriteTo(hook::Side side)
+{
+    CaptureWriter* writer = writers_[static_cast<size_t>(side)].get();
+    if (writer == nullptr) {
+        return;
+    }
+    // A frame that a filter or a queue held back comes out at the time that the replay has reached.
+    hook::SetSink(adapter_, side, [this, writer](std::span<const uint8_t> frame, const hook::Delivery&) {
+        writer->Write(frame, frameUnderWay.lane == this ? frameUnderWay.time
+                                                        : time_.load(std::memory_order_relaxed));
+    });
+}
+
+void Lane::OpenAdapter()
+{
+    hook::AdapterOptions options;
+    options.name = options_.name;
+    options.address = address_;
+    adapter_ = hook::AddAdapter(options);
+    if (adapter_ == nullptr) {
+        throw LabError(ExitCode::BrokenRule,
+                       fmt::format("{}: the hook driver has made no adapter", options_.name));
+    }
+    WriteTo(hook::Side::Adapter);
+    WriteTo(hook::Side::Protocols);
+    hook::OpenAdapter(adapter_);
+}
+
+// The capture's end was reached, or it is broken. False when that was all.
+bool Lane::StartNextRound()
+{
+    if (reader_.Broken().has_value()) {
+        failure_ = fmt::format("{}: broken behind {} frames: {}; the frames before were replayed",
+                               reader_.Path(), roundFrames_, *reader_.Broken());
+        return false;
+    }
+    if (--roundsLeft_ == 0 || roundFrames_ == 0) {
+        return false;
+    }
+    roundFrames_ = 0;
+    try {
+        reader_.Rewind();
+    } catch (const LabError& error) {
+        failure_ = error.what();
+        return false;
+    }
+    return true;
+}
+
+bool Lane::TakeBatch(FrameBatch& batch)
+{
+    std::lock_guard lock(mutex_);
+    while (!finished_ && !batch.IsFull()) {
+        const size_t before = batch.Size();
+        const bool more = reader_.Read(batch);
+        roundFrames_ += batch.Size() - before;
+        if (!more) {
+            finished_ = !StartNextRound();
+        }
+    }
+    framesTaken_ += batch.Size();
+    const uint64_t roundsDone = options_.rounds - roundsLeft_;
+    position_.store(roundsDone * reader_.FileSize() + (finished_ ? 0 : reader_.Position()),
+                    std::memory_order_relaxed);
+    return batch.Size() > 0;
+}
+
+bool Lane::IsSent(std::span<const uint8_t> frame) const
+{
+    constexpr size_t kSource = 6; // offset of the source address
+    if (options_.direction != Direction::Auto) {
+        return options_.direction == Direction::Sent;
+    }
+    return frame.size() >= kSource + address_.size() &&
+           std::equal(address_.begin(), address_.end(), frame.begin() + kSource);
+}
+
+hook::Accepted Lane::Deliver(const FrameBatch::Frame& frame, const hook::FrameOptions& options)
+{
+    time_.store(frame.time, std::memory_order_relaxed);
+    frameUnderWay = {this, frame.time};
+    const hook::Accepted accepted = IsSent(frame.bytes)
+                                        ? hook::DeliverSent(adapter_, frame.bytes, options)
+                                        : hook::DeliverReceived(adapter_, frame.bytes, options);
+    frameUnderWay = {};
+    return accepted;
+}
+
+AdapterReport Lane::Describe() const
+{
+    AdapterReport report;
+    report.name = options_.name;
+    report.capture = options_.capture;
+    report.mac = FormatMacAddress(address_);
+    report.tooLong = reader_.TooLong();
+    report.cutShort = reader_.CutShort();
+    if (adapter_ != nullptr) {
+        const hook::AdapterCounters counters = hook::CountersOf(adapter_);
+        report.received = {counters.received.frames, counters.received.bytes, counters.toProtocols.frames,
+                           counters.toProtocols.bytes};
+        report.sent = {counters.sent.frames, counters.sent.bytes, counters.toAdapter.frames,
+                       counters.toAdapter.bytes};
+    }
+    return report;
+}
+
+void Lane::AddNotes(std::vector<std::string>& notes) const
+{
+    if (reader_.TooLong() != 0) {
+        notes.push_back(fmt::format("{}: {} frames too long, skipped: more than {} bytes", options_.capture,
+                                    reader_.TooLong(), kLongestFrame));
+    }
+    if (reader_.CutShort() != 0) {
+        notes.push_back(fmt::format("{}: {} frames are cut short in the capture, replayed as far as they go",
+                                    options_.capture, reader_.CutShort()));
+    }
+    if (framesTaken_ == 0 && !failure_.has_value()) {
+        notes.push_back(fmt::format("{}: no frame in it that can be replayed", options_.capture));
+    }
+}
+
+} // namespace lab

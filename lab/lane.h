@@ -1,0 +1,96 @@
+// One capture and the virtual adapter that its frames go through.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <hook/virtual-adapters.h>
+
+#include "capture-reader.h"
+#include "capture-writer.h"
+#include "report.h"
+
+namespace lab
+{
+
+// Which way the frames of a capture go.
+enum class Direction {
+    Auto,     // sent when their source is the adapter's address, else received
+    Received, // all from the adapter to the protocols
+    Sent      // all from the protocols to the adapter
+};
+
+struct LaneOptions {
+    std::string name; // of the adapter and of the captures written
+    std::string capture;
+    std::optional<MacAddress> address; // of the adapter; nothing: found in the capture
+    Direction direction = Direction::Auto;
+    uint64_t rounds = 1; // how often the capture is replayed
+};
+
+std::string FormatMacAddress(const MacAddress& address);
+
+class Lane
+{
+  public:
+    explicit Lane(const LaneOptions& options); // throws LabError when the capture cannot be replayed
+    const std::string& Name() const { return options_.name; }
+    const MacAddress& Address() const { return address_; }
+    const std::string& AddressOrigin() const { return addressOrigin_; } // in words
+
+    // Captures of what comes out, one a side. Throws LabError.
+    void CreateWriters(const std::filesystem::path& directory);
+    void CloseWriters();
+    // Makes the adapter; the hook driver must be bound. Throws LabError.
+    void OpenAdapter();
+
+    // Takes the next frames, from any worker. False when the capture is through.
+    bool TakeBatch(FrameBatch& batch);
+    // Hands a frame to the framework, from any worker.
+    hook::Accepted Deliver(const FrameBatch::Frame& frame, const hook::FrameOptions& options);
+
+    // For the progress line, from any thread.
+    uint64_t FileSize() const { return reader_.FileSize(); }
+    uint64_t Position() const
+    {
+        return position_.load(std::memory_order_relaxed);
+    } // bytes read, of all rounds
+    uint64_t FramesTaken() const { return framesTaken_.load(std::memory_order_relaxed); }
+
+    // When no worker is left.
+    const std::optional<std::string>& Failure() const
+    {
+        return failure_;
+    } // why the capture was not read to its end
+    AdapterReport Describe() const;
+    void AddNotes(std::vector<std::string>& notes) const;
+
+  private:
+    bool StartNextRound();
+    bool IsSent(std::span<const uint8_t> frame) const;
+    void WriteTo(hook::Side side);
+
+    LaneOptions options_;
+    MacAddress address_ = {};
+    std::string addressOrigin_;
+    FilterAdapter* adapter_ = nullptr;
+    std::unique_ptr<CaptureWriter> writers_[2]; // by hook::Side
+    std::atomic<uint64_t> time_ = 0;            // of the frame replayed last
+    std::atomic<uint64_t> position_ = 0;
+    std::atomic<uint64_t> framesTaken_ = 0;
+
+    std::mutex mutex_; // of the rest
+    CaptureReader reader_;
+    bool finished_ = false;
+    uint64_t roundsLeft_;
+    uint64_t roundFrames_ = 0; // taken in this round
+    std::optional<std::string> failure_;
+};
+
+} // namespace lab

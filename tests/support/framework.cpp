@@ -1,0 +1,194 @@
+#include "framework.h"
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include <sys/mman.h>
+
+// The entry routine of the framework, which is linked into every test program.
+extern "C" int32_t DriverEntry(void* driverObject, void* registryPath);
+
+namespace support
+{
+namespace
+{
+
+void* MapPage(int protection)
+{
+    return mmap(nullptr, 4096, protection, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+}
+
+} // namespace
+
+void* NoAccessPage()
+{
+    static void* const page = MapPage(PROT_NONE);
+    return page;
+}
+
+void* ReadOnlyPage()
+{
+    static void* const page = MapPage(PROT_READ);
+    return page;
+}
+
+machine::Status LoadFramework()
+{
+    return machine::LoadDriver(kFrameworkService, DriverEntry);
+}
+
+FrameworkTest::FrameworkTest(LoadPlan plan) : plan_(std::move(plan)) {}
+
+void FrameworkTest::SetUp()
+{
+    machine::TakeViolations();
+    hook::TakeMisuses();
+    machine::PrintViolations(false);
+    before_ = machine::TakeCensus();
+    debug_ = std::make_unique<machine::DebugCapture>();
+    program_ = std::make_unique<machine::Process>();
+    machine::DeleteRegistryKey(kFrameworkService);
+    if (plan_.registryKey) {
+        machine::SetRegistryDword(kFrameworkService, "Start", 3); // creates the key
+    }
+    for (const auto& [name, value] : plan_.registry) {
+        machine::SetRegistryDword(kFrameworkService, name, value);
+    }
+    if (plan_.loadFramework) {
+        ASSERT_EQ(LoadFramework(), STATUS_SUCCESS) << debug_->Text();
+    }
+    if (plan_.loadHook) {
+        ASSERT_EQ(hook::Load({.packetLimit = plan_.packetLimit}), STATUS_SUCCESS);
+    }
+    if (plan_.bind) {
+        ASSERT_EQ(hook::Bind(plan_.bindOptions), STATUS_SUCCESS) << debug_->Text();
+    }
+}
+
+void FrameworkTest::TearDown()
+{
+    machine::ClearFaults();
+    machine::CheckReturnToUser("the end of the test");
+    program_.reset();
+    StopHook();
+    StopFramework();
+    machine::DiscardDriver(kFrameworkService);
+    debug_.reset();
+    for (const machine::Violation& violation : machine::TakeViolations()) {
+        ADD_FAILURE() << violation.rule << " in " << violation.function << ": " << violation.detail;
+    }
+    for (const std::string& misuse : hook::TakeMisuses()) {
+        ADD_FAILURE() << "misuse of the hook driver: " << misuse;
+    }
+    const machine::Census after = machine::TakeCensus();
+    EXPECT_TRUE(after == before_) << "left behind: " << machine::DescribeCensus(after)
+                                  << "\nbefore: " << machine::DescribeCensus(before_);
+    machine::PrintViolations(true);
+}
+
+void FrameworkTest::StopHook()
+{
+    if (hook::IsLoaded()) {
+        EXPECT_EQ(hook::Unload(), STATUS_SUCCESS);
+        EXPECT_TRUE(hook::TakeBalance().IsEven());
+    }
+}
+
+void FrameworkTest::StopFramework()
+{
+    if (machine::IsDriverLoaded(kFrameworkService)) {
+        EXPECT_EQ(machine::UnloadDriver(kFrameworkService), STATUS_SUCCESS);
+    }
+}
+
+FilterAdapter* FrameworkTest::AddAdapter(const std::string& name, const MacAddress& address)
+{
+    hook::AdapterOptions options;
+    options.name = name;
+    options.address = address;
+    FilterAdapter* adapter = hook::AddAdapter(options);
+    EXPECT_NE(adapter, nullptr) << name;
+    if (adapter != nullptr) {
+        hook::OpenAdapter(adapter);
+    }
+    return adapter;
+}
+
+std::vector<std::string> FrameworkTest::TakeBrokenRules()
+{
+    std::vector<std::string> rules;
+    for (const machine::Violation& violation : machine::TakeViolations()) {
+        rules.push_back(violation.rule);
+    }
+    return rules;
+}
+
+std::vector<std::string> FrameworkTest::TakeMisuses()
+{
+    return hook::TakeMisuses();
+}
+
+void FrameworkTest::ExpectNoLockHeld(const char* where)
+{
+    machine::CheckReturnToUser(where);
+    EXPECT_EQ(machine::TakeCensus().locksHeld, 0u) << where;
+}
+
+std::unique_ptr<machine::File> FrameworkTest::OpenDevice()
+{
+    machine::Status status = 0;
+    std::unique_ptr<machine::File> file = program_->Open(kDeviceName, &status);
+    EXPECT_NE(file, nullptr) << "status " << std::hex << static_cast<uint32_t>(status);
+    return file;
+}
+
+Collector::Collector(FilterAdapter* adapter, hook::Side side) : adapter_(adapter), side_(side)
+{
+    hook::SetSink(adapter, side, [this](std::span<const uint8_t> frame, const hook::Delivery&) {
+        const std::lock_guard lock(mutex_);
+        frames_.emplace_back(frame.begin(), frame.end());
+    });
+}
+
+Collector::~Collector()
+{
+    if (hook::IsLoaded()) {
+        hook::SetSink(adapter_, side_, {});
+    }
+}
+
+std::vector<Bytes> Collector::Frames() const
+{
+    const std::lock_guard lock(mutex_);
+    return frames_;
+}
+
+bool Collector::WaitFor(size_t count) const
+{
+    return Eventually([&] {
+        const std::lock_guard lock(mutex_);
+        return frames_.size() >= count;
+    });
+}
+
+std::string PointerText(const void* pointer)
+{
+    char text[2 + 16 + 1];
+    snprintf(text, sizeof(text), "0x%016llX", reinterpret_cast<unsigned long long>(pointer));
+    return text;
+}
+
+bool Eventually(const std::function<bool()>& condition)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+} // namespace support

@@ -1,0 +1,123 @@
+// The framework and the hook driver of the host, loaded for a test and unloaded behind it. A test fails when it breaks
+// a rule of the kernel or of the hook driver that it did not ask for, or when anything is left behind.
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include "client.h"
+#include "faults.h"
+#include "frames.h"
+
+#include <hook/virtual-adapters.h>
+#include <machine.h>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace support
+{
+
+inline constexpr char kFrameworkService[] = "NdisFilter";
+inline constexpr char kDeviceName[] = "\\\\.\\NdisFilter";
+inline constexpr uint32_t kTraceEverything = 0xFFFFFFFF;
+
+// Statuses that tests name and the hook's header does not.
+inline constexpr machine::Status kAdapterNotFound = static_cast<machine::Status>(0xC0010006);
+
+machine::Status LoadFramework();
+
+struct LoadPlan {
+    bool loadFramework = true;
+    bool loadHook = true;
+    bool bind = true;
+    bool registryKey = true;                       // the framework's service key exists
+    std::map<std::string, uint32_t> registry = {}; // values under it
+    uint32_t packetLimit = 1024;                   // of the hook driver
+    hook::BindOptions bindOptions = {};
+};
+
+// What tests with other traces, without a hook driver, or with a binding of their own start from.
+inline LoadPlan WithTrace(uint32_t mask)
+{
+    return {.registry = {{"GlobalDebugFlag", mask}}};
+}
+inline LoadPlan FrameworkOnly(uint32_t mask = 0)
+{
+    return {.loadHook = false, .bind = false, .registry = {{"GlobalDebugFlag", mask}}};
+}
+inline LoadPlan NotBound(uint32_t mask = 0)
+{
+    return {.bind = false, .registry = {{"GlobalDebugFlag", mask}}};
+}
+inline LoadPlan NothingLoaded()
+{
+    return {.loadFramework = false, .loadHook = false, .bind = false};
+}
+
+class FrameworkTest : public testing::Test
+{
+  protected:
+    explicit FrameworkTest(LoadPlan plan = {});
+
+    void SetUp() override;
+    void TearDown() override;
+
+    // Unload the hook driver, then the framework: as TearDown does, for tests that go on afterwards.
+    void StopHook();
+    void StopFramework();
+
+    // An open adapter, bound to TCP/IP.
+    FilterAdapter* AddAdapter(const std::string& name = "{ADAPTER-1} Test", const MacAddress& address = kOwnMac);
+
+    // Debug output since the load, or since the last Take().
+    machine::DebugCapture& Debug() { return *debug_; }
+
+    // Names of the kernel's rules broken since the last call, which the test thereby accepts.
+    std::vector<std::string> TakeBrokenRules();
+    // The same for what the hook driver was asked to do wrong.
+    std::vector<std::string> TakeMisuses();
+
+    // No lock is held by anybody, and this thread is at PASSIVE_LEVEL.
+    void ExpectNoLockHeld(const char* where);
+
+    machine::Process& Program() { return *program_; }
+    // The control device, opened by the user program; fails the test when it cannot be.
+    std::unique_ptr<machine::File> OpenDevice();
+
+    LoadPlan plan_;
+
+  private:
+    machine::Census before_;
+    std::unique_ptr<machine::DebugCapture> debug_;
+    std::unique_ptr<machine::Process> program_;
+};
+
+// Collects what goes out of an adapter on one side.
+class Collector
+{
+  public:
+    Collector(FilterAdapter* adapter, hook::Side side);
+    ~Collector();
+    Collector(const Collector&) = delete;
+    Collector& operator=(const Collector&) = delete;
+    std::vector<Bytes> Frames() const;
+    // Waits with a bound until `count` frames came out; FALSE when they did not.
+    bool WaitFor(size_t count) const;
+
+  private:
+    FilterAdapter* adapter_;
+    hook::Side side_;
+    mutable std::mutex mutex_;
+    std::vector<Bytes> frames_;
+};
+
+// As the debug output prints "0x%p".
+std::string PointerText(const void* pointer);
+
+// Waits until a condition holds; false when it does not within ten seconds.
+bool Eventually(const std::function<bool()>& condition);
+
+} // namespace support
