@@ -13,7 +13,7 @@ enum class ExitCode {
     Usage = 2,        // a bad option
     Balance = 3,      // the packet balance does not add up
     Filter = 4,       // a filter cannot be loaded, or has no filter in any chain
-    BrokenRule = 5,   // a driver has broken a rule of the kernel
+    BrokenRule = 5,   // a driver has broken a rule of the kernel, or lost packets
     Stalled = 6,      // no packet was free, and none came back
     Interrupted = 130 // Ctrl-C
 };

@@ -30,7 +30,7 @@ constexpr char kExitCodes[] = R"(Exit codes:
   2    a bad option
   3    the packet balance does not hold
   4    a filter cannot be loaded, or registers no packet filter
-  5    a driver has broken a rule of the kernel
+  5    a driver has broken a rule of the kernel, or lost packets
   6    gave up: no packet was free, and none came back
   130  ended early by Ctrl-C)";
 

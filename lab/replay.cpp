@@ -272,13 +272,21 @@ void RunWithFilters(const ReplayOptions& options, const std::vector<FilterModule
         report.filters.push_back({filters.ServiceOf(counters), counters});
     }
     const uint64_t kept = hook::TakeBalance().outstanding;
+    if (kept != 0) {
+        report.notes.push_back(fmt::format("{} packets were still kept at the end of the replay", kept));
+    }
     filters.Unload();
     Drain(report, "after the filters were unloaded");
-    if (kept != 0) {
-        report.notes.push_back(
-            fmt::format("{} packets were kept at the end of the replay, {} when the filters were "
-                        "unloaded",
-                        kept, hook::TakeBalance().outstanding));
+}
+
+// What is out although no filter is loaded any more will never come back.
+void ReportLostPackets(Report& report)
+{
+    const std::vector<std::string> lost = hook::Outstanding();
+    if (!lost.empty()) {
+        report.Fail(ExitCode::BrokenRule,
+                    fmt::format("{} packets were not given back by any filter, the first of them: {}",
+                                lost.size(), lost.front()));
     }
 }
 
@@ -320,6 +328,7 @@ Report Replay(const ReplayOptions& options, const std::atomic<bool>& stop)
     }
     report.balance = ToPacketBalance(hook::TakeBalance());
     CheckBalance(report, report.balance, "at the end of the replay");
+    ReportLostPackets(report);
     room.Stop();
     CheckBalance(report, ToPacketBalance(hook::TakeBalance()), "after the drivers were unloaded");
     ReportBrokenRules(report);

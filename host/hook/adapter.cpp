@@ -18,7 +18,11 @@ std::vector<WCHAR> ToWide(const std::string& text)
     std::vector<WCHAR> wide;
     for (size_t i = 0; i < text.size();) {
         const auto first = static_cast<unsigned char>(text[i++]);
-        const int following = first < 0x80 ? 0 : first >> 5 == 0x6 ? 1 : first >> 4 == 0xE ? 2 : first >> 3 == 0x1E ? 3 : -1;
+        const int following = first < 0x80         ? 0
+                              : first >> 5 == 0x6  ? 1
+                              : first >> 4 == 0xE  ? 2
+                              : first >> 3 == 0x1E ? 3
+                                                   : -1;
         char32_t code = following > 0 ? first & (0x3F >> following) : first;
         int found = 0;
         while (found < following && i < text.size() && (text[i] & 0xC0) == 0x80) {
@@ -51,7 +55,8 @@ VirtualAdapter* FindByAddress(HookState& state, const UCHAR* mac)
 }
 
 // Runs visit(VirtualAdapter&) for the adapter of the address. False when there is none.
-template <class Visit> bool WithAdapter(const UCHAR* mac, Visit visit)
+template <class Visit>
+bool WithAdapter(const UCHAR* mac, Visit visit)
 {
     ProcessorScope scope;
     HookState* state = scope.State();
@@ -77,10 +82,10 @@ ULONG LoadMediaState(VirtualAdapter& adapter)
     return __atomic_load_n(&adapter.record.m_nAdapterMediaState, __ATOMIC_RELAXED);
 }
 
-// The table belongs to the framework, which lets it be read while it is rewritten. This is the one place where both
-// happen at once: byte by byte, and unseen by the thread sanitizer.
+// The table belongs to the framework, which lets it be read while it is rewritten. This is the one place
+// where both happen at once: byte by byte, and unseen by the thread sanitizer.
 __attribute__((noinline, no_sanitize("thread"))) void WriteInPlace(volatile void* target, const void* source,
-                                                                     size_t size)
+                                                                   size_t size)
 {
     auto* to = static_cast<volatile UCHAR*>(target);
     const auto* from = static_cast<const UCHAR*>(source);
@@ -270,7 +275,8 @@ AdapterCounters CountersOf(FilterAdapter* adapter)
 {
     AdapterCounters sum;
     for (const AdapterCounts& counts : Ours(adapter).counts) {
-        const auto add = [](Traffic& traffic, const std::atomic<uint64_t>& frames, const std::atomic<uint64_t>& bytes) {
+        const auto add = [](Traffic& traffic, const std::atomic<uint64_t>& frames,
+                            const std::atomic<uint64_t>& bytes) {
             traffic.frames += frames.load(std::memory_order_relaxed);
             traffic.bytes += bytes.load(std::memory_order_relaxed);
         };
@@ -296,7 +302,8 @@ void IndicateForcedStates(HookState& state)
     }
 }
 
-// The framework calls from wherever its caller is, maybe with a lock of its own held: the driver's thread indicates.
+// The framework calls from wherever its caller is, maybe with a lock of its own held: the driver's thread
+// indicates.
 NTSTATUS HookSetAdapterStatus(const UCHAR* mac, ULONG mediaState)
 {
     const bool found = WithAdapter(mac, [=](VirtualAdapter& adapter, HookState& state) {
@@ -315,8 +322,9 @@ NTSTATUS HookSetAdapterStatus(const UCHAR* mac, ULONG mediaState)
 NTSTATUS HookGetAdapterStatus(const UCHAR* mac, PVOID mediaState)
 {
     UCHAR value = 0;
-    const bool found = WithAdapter(
-        mac, [&](VirtualAdapter& adapter, HookState&) { value = static_cast<UCHAR>(LoadMediaState(adapter)); });
+    const bool found = WithAdapter(mac, [&](VirtualAdapter& adapter, HookState&) {
+        value = static_cast<UCHAR>(LoadMediaState(adapter));
+    });
     if (!found) {
         return NDIS_STATUS_ADAPTER_NOT_FOUND;
     }

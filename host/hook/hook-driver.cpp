@@ -1,4 +1,5 @@
-// The driver itself: its life, the binding with the framework, and the functions that belong to no adapter or packet.
+// The driver itself: its life, the binding with the framework, and the functions that belong to no adapter or
+// packet.
 #include "hook-state.h"
 
 #include <hostguard.h>
@@ -88,7 +89,8 @@ VOID HookMmMapLockedPages(PMDL mdl, ULONG, MappedMemory* mappedMemory)
     const NTSTATUS code = HostCallGuarded(
         [](void* context) {
             auto* job = static_cast<Mapping*>(context);
-            job->address = MmMapLockedPagesSpecifyCache(job->mdl, UserMode, MmCached, nullptr, FALSE, NormalPagePriority);
+            job->address = MmMapLockedPagesSpecifyCache(job->mdl, UserMode, MmCached, nullptr, FALSE,
+                                                        NormalPagePriority);
         },
         &mapping);
     mappedMemory->m_pUserModeVirtualAddress =
@@ -148,7 +150,8 @@ void CloseFramework(HookState& state)
 
 NTSTATUS SendRecord(HookState& state, ULONG code, const BindOptions& options, NdisHookAPI* api)
 {
-    std::vector<UCHAR> buffer(std::max({sizeof(*api), size_t{options.inputLength}, size_t{options.outputLength}}));
+    std::vector<UCHAR> buffer(
+        std::max({sizeof(*api), size_t{options.inputLength}, size_t{options.outputLength}}));
     RtlCopyMemory(buffer.data(), api, sizeof(*api));
     KEVENT done;
     KeInitializeEvent(&done, NotificationEvent, FALSE);
@@ -220,7 +223,8 @@ NTSTATUS UnbindFrom(HookState& state, UnbindMode mode, const BindOptions& option
 
 ULONG ReadPacketLimit(PUNICODE_STRING registryPath)
 {
-    std::vector<WCHAR> path(registryPath->Buffer, registryPath->Buffer + registryPath->Length / sizeof(WCHAR));
+    std::vector<WCHAR> path(registryPath->Buffer,
+                            registryPath->Buffer + registryPath->Length / sizeof(WCHAR));
     path.push_back(0);
     WCHAR name[] = L"PacketLimit";
     ULONG limit = kDefaultPacketLimit;
@@ -232,7 +236,8 @@ ULONG ReadPacketLimit(PUNICODE_STRING registryPath)
     table[0].DefaultType = REG_DWORD;
     table[0].DefaultData = &preset;
     table[0].DefaultLength = sizeof(preset);
-    const NTSTATUS status = RtlQueryRegistryValues(RTL_REGISTRY_ABSOLUTE, path.data(), table, nullptr, nullptr);
+    const NTSTATUS status =
+        RtlQueryRegistryValues(RTL_REGISTRY_ABSOLUTE, path.data(), table, nullptr, nullptr);
     return NT_SUCCESS(status) && limit != 0 ? limit : kDefaultPacketLimit;
 }
 
@@ -445,5 +450,6 @@ void SetIoControlHandler(IoControlHandler handler)
 
 int32_t HookDriverEntry(void* driverObject, void* registryPath)
 {
-    return hook::LoadDriver(static_cast<PDRIVER_OBJECT>(driverObject), static_cast<PUNICODE_STRING>(registryPath));
+    return hook::LoadDriver(static_cast<PDRIVER_OBJECT>(driverObject),
+                            static_cast<PUNICODE_STRING>(registryPath));
 }

@@ -76,9 +76,9 @@ struct Worker {
     PVOID thread = nullptr; // the thread object
     KEVENT wake;
     std::atomic<bool> stop{false};
-    KSPIN_LOCK lock = 0;  // of the rest
-    LIST_ENTRY requests;  // all that are allocated
-    LIST_ENTRY pending;   // those to be answered
+    KSPIN_LOCK lock = 0; // of the rest
+    LIST_ENTRY requests; // all that are allocated
+    LIST_ENTRY pending;  // those to be answered
 };
 
 struct HookState {
@@ -102,7 +102,8 @@ struct HookState {
     PacketCounts counts[MAXIMUM_PROCESSORS];
 };
 
-// Held by everything that loads, binds, opens or closes. Framework callbacks made under it may not lead back there.
+// Held by everything that loads, binds, opens or closes. Framework callbacks made under it may not lead back
+// there.
 std::mutex& ControlMutex();
 void ReportMisuse(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // The text "file:line"; the file's name may belong to a module that is gone.
@@ -116,7 +117,8 @@ void FreeAllAdapters(HookState& state);
 NTSTATUS HookSetAdapterStatus(const UCHAR* mac, ULONG mediaState);
 NTSTATUS HookGetAdapterStatus(const UCHAR* mac, PVOID mediaState);
 VOID HookGetTcpIpBoundAdapters(PVOID list);
-template <class Visit> void ForEachAdapter(HookState& state, Visit visit); // visit(VirtualAdapter&), at DISPATCH_LEVEL
+template <class Visit>
+void ForEachAdapter(HookState& state, Visit visit); // visit(VirtualAdapter&), at DISPATCH_LEVEL
 
 // ndis-packet.cpp
 bool AttachNdisPacket(HookState& state, FilterPacket* packet, std::span<const uint8_t> frame,
@@ -139,7 +141,8 @@ PVOID HookAllocateRequest();
 NTSTATUS HookMakeNdisRequest(FilterAdapter* adapter, PVOID request, PVOID context);
 VOID HookFreeRequest(PVOID request);
 
-template <class Visit> void ForEachAdapter(HookState& state, Visit visit)
+template <class Visit>
+void ForEachAdapter(HookState& state, Visit visit)
 {
     const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&state.adapterLock);
     for (LIST_ENTRY* list : {&state.adapters, &state.removed}) {

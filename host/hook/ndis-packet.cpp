@@ -99,7 +99,8 @@ bool AttachNdisPacket(HookState& state, FilterPacket* packet, std::span<const ui
         DetachNdisPacket(packet);
         return false;
     }
-    (header->origin == Origin::Sent ? packet->m_pOutgoingNdisPacket : packet->m_pIncomingNdisPacket) = ndisPacket;
+    (header->origin == Origin::Sent ? packet->m_pOutgoingNdisPacket : packet->m_pIncomingNdisPacket) =
+        ndisPacket;
     return true;
 }
 
@@ -128,7 +129,8 @@ size_t GatherNdisPacket(PNDIS_PACKET packet, uint8_t* target, size_t size)
     while (buffer != nullptr && done < size) {
         const size_t length = std::min<size_t>(MmGetMdlByteCount(buffer), size - done);
         if (length != 0) {
-            const auto* source = static_cast<const uint8_t*>(MmGetSystemAddressForMdlSafe(buffer, NormalPagePriority));
+            const auto* source =
+                static_cast<const uint8_t*>(MmGetSystemAddressForMdlSafe(buffer, NormalPagePriority));
             if (source == nullptr) {
                 break;
             }

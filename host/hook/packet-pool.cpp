@@ -19,16 +19,18 @@ namespace hook
 namespace
 {
 
-constexpr uint32_t kBlockPackets = 25; // a block stays below 64 KiB, above which pool blocks get pages of their own
-constexpr uint32_t kRefill = 16;       // packets that a processor takes over at once
-constexpr uint32_t kCacheMost = 64;    // and keeps at most
+constexpr uint32_t kBlockPackets =
+    25;                          // a block stays below 64 KiB, above which pool blocks get pages of their own
+constexpr uint32_t kRefill = 16; // packets that a processor takes over at once
+constexpr uint32_t kCacheMost = 64; // and keeps at most
 constexpr uint32_t kAsideMost = 8;
 
 // What a stale pointer in a free packet leads to: an address that faults.
 constexpr ULONG_PTR kStalePointer = 0xDDDDDDDDDDDDDDDD;
 
 // Fields are cleared 16 bytes at a time, in line: a call or a string instruction costs more than the stores.
-template <size_t kFrom, size_t kEnd> void ClearBytes(FilterPacket* packet)
+template <size_t kFrom, size_t kEnd>
+void ClearBytes(FilterPacket* packet)
 {
     static_assert(kFrom % 16 == 0 && kEnd % 16 == 0);
     RtlZeroMemory(reinterpret_cast<UCHAR*>(packet) + kFrom, 16);
@@ -190,7 +192,8 @@ PacketHeader* PacketPool::Rob()
 bool PacketPool::Grow()
 {
     const uint32_t size = size_.load(std::memory_order_relaxed);
-    const uint32_t count = size < limit_ ? (limit_ - size < kBlockPackets ? limit_ - size : kBlockPackets) : 0;
+    const uint32_t count =
+        size < limit_ ? (limit_ - size < kBlockPackets ? limit_ - size : kBlockPackets) : 0;
     if (count == 0) {
         return false;
     }

@@ -59,7 +59,8 @@ class PacketPool
     // Makes the packets that this processor has put aside available to all. Before its outermost scope ends.
     void Flush(const ProcessorScope& scope);
 
-    // Waiting for a packet to come back. Register inside a scope, try Take once more, wait outside, deregister.
+    // Waiting for a packet to come back. Register inside a scope, try Take once more, wait outside,
+    // deregister.
     void Register() { waiters_.fetch_add(1); }
     bool Wait(uint32_t milliseconds); // false: the time is over
     void Deregister(bool gotPacket);  // the last access of the waiter to the pool
@@ -69,7 +70,8 @@ class PacketPool
     bool IsAtLimit() const { return Size() == limit_; }
     uint32_t Size() const { return size_.load(std::memory_order_relaxed); }
     // Calls visit(PacketHeader*) for every packet that is out.
-    template <class Visit> void ForEachOut(Visit visit);
+    template <class Visit>
+    void ForEachOut(Visit visit);
 
   private:
     struct Block {
@@ -96,7 +98,8 @@ class PacketPool
             return header;
         }
     };
-    // `aside` belongs to the processor alone and is empty outside a delivery; `free` is also robbed by others.
+    // `aside` belongs to the processor alone and is empty outside a delivery; `free` is also robbed by
+    // others.
     struct alignas(64) Cache {
         FreeList aside;
         KSPIN_LOCK lock = 0;
@@ -125,7 +128,8 @@ inline FilterPacket* PacketPool::PacketAt(Block* block, uint32_t index)
     return reinterpret_cast<FilterPacket*>(reinterpret_cast<UCHAR*>(block) + 64) + index;
 }
 
-template <class Visit> void PacketPool::ForEachOut(Visit visit)
+template <class Visit>
+void PacketPool::ForEachOut(Visit visit)
 {
     const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&lock_);
     Block* block = blocks_;

@@ -17,13 +17,13 @@ extern std::atomic<HookState*> g_state;
 // At DISPATCH_LEVEL a thread owns its processor, so depth needs no protection.
 struct alignas(64) ProcessorUse {
     std::atomic<uint64_t> sequence{0}; // odd while a scope is open there
-    uint32_t depth = 0;                // scopes open there; they nest when a delivery leads back into the driver
+    uint32_t depth = 0; // scopes open there; they nest when a delivery leads back into the driver
 };
 extern ProcessorUse g_processorUse[MAXIMUM_PROCESSORS];
 
-// Raises to DISPATCH_LEVEL and holds the driver's state and callbacks in place. Whoever takes one of them away stores
-// null first and then calls WaitForProcessors: either the scope's seq_cst loads see the null, or the waiter sees the
-// scope's sequence.
+// Raises to DISPATCH_LEVEL and holds the driver's state and callbacks in place. Whoever takes one of them
+// away stores null first and then calls WaitForProcessors: either the scope's seq_cst loads see the null, or
+// the waiter sees the scope's sequence.
 class ProcessorScope
 {
   public:

@@ -11,11 +11,11 @@ enum class Phase : ULONG { Idle, Pending, Answering, FreedWhileAnswering };
 
 // The record that the framework sees; the client's handle is the address of `request`.
 struct Request {
-    LIST_ENTRY all;       //  0  in Worker::requests
-    ULONG m_Tag;          // 16  the framework's
-    Phase phase;          // 20
-    NdisRequest request;  // 24
-    LIST_ENTRY pending;   //     in Worker::pending
+    LIST_ENTRY all;      //  0  in Worker::requests
+    ULONG m_Tag;         // 16  the framework's
+    Phase phase;         // 20
+    NdisRequest request; // 24
+    LIST_ENTRY pending;  //     in Worker::pending
     FilterAdapter* adapter;
     PVOID context;
 };
@@ -128,7 +128,8 @@ void AnswerRequest(Worker& worker, Request* record)
     const auto completed = record->request.completed;
     PVOID context = record->context;
 
-    // Idle first: as soon as it sees the status or is called, the client may free the request or make it again.
+    // Idle first: as soon as it sees the status or is called, the client may free the request or make it
+    // again.
     const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&worker.lock);
     const bool freed = record->phase == Phase::FreedWhileAnswering;
     record->phase = Phase::Idle;
@@ -169,7 +170,8 @@ bool StartWorker(HookState& state)
     InitializeListHead(&worker.requests);
     InitializeListHead(&worker.pending);
     HANDLE handle = nullptr;
-    if (!NT_SUCCESS(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, WorkerThread, &state))) {
+    if (!NT_SUCCESS(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, WorkerThread,
+                                         &state))) {
         return false;
     }
     ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, *PsThreadType, KernelMode, &worker.thread, nullptr);
@@ -190,7 +192,8 @@ void FreeLeftRequests(HookState& state)
 {
     while (!IsListEmpty(&state.worker.requests)) {
         Request* record = CONTAINING_RECORD(RemoveHeadList(&state.worker.requests), Request, all);
-        ReportMisuse("NDIS request %p has not been freed by its client", static_cast<void*>(&record->request));
+        ReportMisuse("NDIS request %p has not been freed by its client",
+                     static_cast<void*>(&record->request));
         ExFreePoolWithTag(record, kRequestTag);
     }
 }
@@ -199,9 +202,10 @@ PVOID HookAllocateRequest()
 {
     ProcessorScope scope;
     HookState* state = scope.State();
-    auto* record = state != nullptr ? static_cast<Request*>(
-                                          ExAllocatePoolWithTag(NonPagedPool, sizeof(Request), kRequestTag))
-                                    : nullptr;
+    auto* record =
+        state != nullptr
+            ? static_cast<Request*>(ExAllocatePoolWithTag(NonPagedPool, sizeof(Request), kRequestTag))
+            : nullptr;
     if (record != nullptr) {
         RtlZeroMemory(record, sizeof(Request));
         KeAcquireSpinLockAtDpcLevel(&state->worker.lock);
@@ -231,7 +235,8 @@ NTSTATUS HookMakeNdisRequest(FilterAdapter* adapter, PVOID request, PVOID contex
     }
     KeReleaseSpinLockFromDpcLevel(&worker.lock);
     if (!idle) {
-        ReportMisuse("NDIS request %p is made again while it is pending", static_cast<void*>(&record->request));
+        ReportMisuse("NDIS request %p is made again while it is pending",
+                     static_cast<void*>(&record->request));
         return NDIS_STATUS_FAILURE;
     }
     KeSetEvent(&worker.wake, IO_NO_INCREMENT, FALSE);

@@ -10,18 +10,20 @@ namespace hook
 namespace
 {
 
-// Parsers and filters may look at the headers of a frame that is too short to have them: what they find is zero.
+// Parsers and filters may look at the headers of a frame that is too short to have them: what they find is
+// zero.
 constexpr size_t kReadableBytes = 128;
 constexpr UCHAR kAbsentByte = 0xDB; // where the rest of a frame belongs that is not present
 
 // Runs code that is not ours; answers 0 or the exception that it raised.
-template <class Body> NTSTATUS CallGuarded(Body& body)
+template <class Body>
+NTSTATUS CallGuarded(Body& body)
 {
     return HostCallGuarded([](void* context) { (*static_cast<Body*>(context))(); }, &body);
 }
 
-bool FillPacket(HookState& state, FilterPacket* packet, VirtualAdapter& adapter, std::span<const uint8_t> frame,
-                const FrameOptions& options)
+bool FillPacket(HookState& state, FilterPacket* packet, VirtualAdapter& adapter,
+                std::span<const uint8_t> frame, const FrameOptions& options)
 {
     size_t present = frame.size();
     if (options.presentBytes) {
@@ -65,7 +67,8 @@ Accepted DeliverFrame(HookState& state, const ProcessorScope& scope, VirtualAdap
                       std::span<const uint8_t> frame, const FrameOptions& options)
 {
     // Read anew for each frame: an unbind takes it away.
-    const auto callback = kOrigin == Origin::Received ? state.callbacks.received.load() : state.callbacks.send.load();
+    const auto callback =
+        kOrigin == Origin::Received ? state.callbacks.received.load() : state.callbacks.send.load();
     if (callback == nullptr) {
         return Accepted::NotBound;
     }
@@ -127,7 +130,8 @@ class Delivering
         : adapter_(Ours(adapter)), frames_(frames), options_(options)
     {}
 
-    template <Origin kOrigin> BatchResult Run()
+    template <Origin kOrigin>
+    BatchResult Run()
     {
         while (next_ < frames_.size()) {
             const bool mayWait = RunAtDispatch<kOrigin>();
@@ -141,7 +145,8 @@ class Delivering
     }
 
   private:
-    template <Origin kOrigin> bool RunAtDispatch()
+    template <Origin kOrigin>
+    bool RunAtDispatch()
     {
         ProcessorScope scope;
         HookState* state = scope.State();
@@ -204,18 +209,20 @@ Accepted TheOnly(const BatchResult& result)
 // The frame as it goes out; `buffer` holds FILTER_PACKET_DATA_SIZE bytes.
 std::span<const uint8_t> FrameOf(FilterPacket* packet, uint8_t* buffer)
 {
-    PNDIS_PACKET ndisPacket =
-        packet->m_pOutgoingNdisPacket != nullptr ? packet->m_pOutgoingNdisPacket : packet->m_pIncomingNdisPacket;
+    PNDIS_PACKET ndisPacket = packet->m_pOutgoingNdisPacket != nullptr ? packet->m_pOutgoingNdisPacket
+                                                                       : packet->m_pIncomingNdisPacket;
     if (!packet->m_bDirty && ndisPacket != nullptr) {
         return {buffer, GatherNdisPacket(ndisPacket, buffer, FILTER_PACKET_DATA_SIZE)};
     }
     return {packet->m_Data, std::min<size_t>(packet->m_nPacketSize, FILTER_PACKET_DATA_SIZE)};
 }
 
-__attribute__((noinline)) void CallSink(const Sink& sink, VirtualAdapter& adapter, Side side, FilterPacket* packet)
+__attribute__((noinline)) void CallSink(const Sink& sink, VirtualAdapter& adapter, Side side,
+                                        FilterPacket* packet)
 {
     uint8_t buffer[FILTER_PACKET_DATA_SIZE];
-    const Delivery delivery = {&adapter.record, side, HeaderOf(packet)->origin, packet->m_bDirty != FALSE, packet};
+    const Delivery delivery = {&adapter.record, side, HeaderOf(packet)->origin, packet->m_bDirty != FALSE,
+                               packet};
     auto call = [&] { sink(FrameOf(packet, buffer), delivery); };
     if (const NTSTATUS code = CallGuarded(call); code != STATUS_SUCCESS) {
         ReportMisuse("a sink of adapter \"%s\" raised exception 0x%08X", adapter.options.name.c_str(),
@@ -243,7 +250,8 @@ bool CheckOut(FilterPacket* packet, const char* function, PCSTR file, ULONG line
 }
 
 // Takes the packet over and frees it, whatever becomes of the frame. *exception: what to raise then, or 0.
-template <Side kSide> NDIS_STATUS TakeDelivery(FilterAdapter* handle, FilterPacket* packet, NTSTATUS* exception)
+template <Side kSide>
+NDIS_STATUS TakeDelivery(FilterAdapter* handle, FilterPacket* packet, NTSTATUS* exception)
 {
     constexpr int kIndex = static_cast<int>(kSide);
     ProcessorScope scope;
@@ -270,7 +278,8 @@ template <Side kSide> NDIS_STATUS TakeDelivery(FilterAdapter* handle, FilterPack
     } else {
         Add(state->counts[scope.Number()].refused, 1);
     }
-    HeaderOf(packet)->freedFile = kSide == Side::Adapter ? "delivery to the adapter" : "delivery to the protocols";
+    HeaderOf(packet)->freedFile =
+        kSide == Side::Adapter ? "delivery to the adapter" : "delivery to the protocols";
     HeaderOf(packet)->freedLine = 0;
     *exception = RetirePacket(*state, scope, packet);
     if (behaviour == Behaviour::Fault) {
@@ -279,7 +288,8 @@ template <Side kSide> NDIS_STATUS TakeDelivery(FilterAdapter* handle, FilterPack
     return behaviour == Behaviour::Accept ? NDIS_STATUS_SUCCESS : NDIS_STATUS_FAILURE;
 }
 
-template <Side kSide> ULONG InjectPacket(FilterAdapter* adapter, FilterPacket* packet)
+template <Side kSide>
+ULONG InjectPacket(FilterAdapter* adapter, FilterPacket* packet)
 {
     if (packet == nullptr || !CheckOut(packet, "Hook_InjectPacket", nullptr, 0)) {
         return static_cast<ULONG>(NDIS_STATUS_FAILURE);
@@ -330,7 +340,8 @@ FilterPacket* HookAllocatePacket(FilterAdapter* adapter, PCSTR file, ULONG line)
 {
     ProcessorScope scope;
     HookState* state = scope.State();
-    FilterPacket* packet = state != nullptr ? state->pool.Take(scope, Origin::Allocated, file, line) : nullptr;
+    FilterPacket* packet =
+        state != nullptr ? state->pool.Take(scope, Origin::Allocated, file, line) : nullptr;
     if (packet != nullptr) {
         packet->m_hAdapter = adapter;
         RtlZeroMemory(packet->m_Data, kReadableBytes);

@@ -5,11 +5,12 @@
 
 EXTERN_C_START
 
-// Calls routine(context). Answers 0 when it returned, else the code of the exception that ended it: a status raised
-// with ExRaiseStatus or ExRaiseAccessViolation, or the code of a fault (0xC0000005 access violation, 0xC0000006 in-page
-// error, 0xC0000094 integer division by zero, 0xC000001D illegal instruction). The frames below the guard are
-// abandoned: their destructors do not run. Guards nest; the innermost guard of the thread takes the exception.
-// A fault outside any guard ends the process as if there were no guards. Any IRQL; the IRQL is not restored.
-NTSTATUS HostCallGuarded(void (*routine)(void *context), void *context);
+// Calls routine(context). Answers 0 when it returned, else the code of the exception that ended it: a status
+// raised with ExRaiseStatus or ExRaiseAccessViolation, or the code of a fault (0xC0000005 access violation,
+// 0xC0000006 in-page error, 0xC0000094 integer division by zero, 0xC000001D illegal instruction). The frames
+// below the guard are abandoned: their destructors do not run. Guards nest; the innermost guard of the thread
+// takes the exception. A fault outside any guard ends the process as if there were no guards. Any IRQL; the
+// IRQL is not restored.
+NTSTATUS HostCallGuarded(void (*routine)(void* context), void* context);
 
 EXTERN_C_END

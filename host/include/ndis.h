@@ -1,4 +1,5 @@
-// The NDIS 5 library functions that drivers use: read-write locks, events, timers, memory, packets and buffers.
+// The NDIS 5 library functions that drivers use: read-write locks, events, timers, memory, packets and
+// buffers.
 #pragma once
 
 #include <ntddk.h>
@@ -32,12 +33,14 @@ typedef enum _NDIS_MEDIUM {
     NdisMediumWirelessWan,
     NdisMediumIrda,
     NdisMediumMax
-} NDIS_MEDIUM, *PNDIS_MEDIUM;
+} NDIS_MEDIUM,
+    *PNDIS_MEDIUM;
 
-// ------------------------------------------------------------------------------------------- read-write locks
+// ------------------------------------------------------------------------------------------- read-write
+// locks
 
-// One reader slot per processor, each on cache lines of its own: slots are 64 bytes apart, as the blocks that hold
-// locks are not aligned to lines.
+// One reader slot per processor, each on cache lines of its own: slots are 64 bytes apart, as the blocks that
+// hold locks are not aligned to lines.
 typedef struct _NDIS_RW_LOCK {
     ULONG Writer; // 1 while a writer holds the lock or waits for readers to leave
     ULONG Signature;
@@ -59,7 +62,8 @@ VOID NdisInitializeReadWriteLock(PNDIS_RW_LOCK Lock);
 VOID NdisAcquireReadWriteLock(PNDIS_RW_LOCK Lock, BOOLEAN fWrite, PLOCK_STATE LockState);
 VOID NdisReleaseReadWriteLock(PNDIS_RW_LOCK Lock, PLOCK_STATE LockState);
 
-// ------------------------------------------------------------------------------------------ events and timers
+// ------------------------------------------------------------------------------------------ events and
+// timers
 
 typedef struct _NDIS_EVENT {
     KEVENT Event;
@@ -83,14 +87,16 @@ VOID NdisInitializeTimer(PNDIS_TIMER Timer, PNDIS_TIMER_FUNCTION TimerFunction, 
 VOID NdisSetTimer(PNDIS_TIMER Timer, UINT MillisecondsToDelay);
 VOID NdisCancelTimer(PNDIS_TIMER Timer, PBOOLEAN TimerCancelled);
 
-// ----------------------------------------------------------------------------------------------------- memory
+// -----------------------------------------------------------------------------------------------------
+// memory
 
-NDIS_STATUS NdisAllocateMemoryWithTag(PVOID *VirtualAddress, UINT Length, ULONG Tag);
+NDIS_STATUS NdisAllocateMemoryWithTag(PVOID* VirtualAddress, UINT Length, ULONG Tag);
 VOID NdisFreeMemory(PVOID VirtualAddress, UINT Length, UINT MemoryFlags);
 #define NdisMoveMemory(Destination, Source, Length) RtlCopyMemory(Destination, Source, Length)
 #define NdisZeroMemory(Destination, Length) RtlZeroMemory(Destination, Length)
 
-// ---------------------------------------------------------------------------------------- packets and buffers
+// ---------------------------------------------------------------------------------------- packets and
+// buffers
 
 typedef MDL NDIS_BUFFER, *PNDIS_BUFFER;
 
@@ -129,20 +135,20 @@ VOID NdisAllocatePacketPool(PNDIS_STATUS Status, PNDIS_HANDLE PoolHandle, UINT N
 VOID NdisAllocatePacketPoolEx(PNDIS_STATUS Status, PNDIS_HANDLE PoolHandle, UINT NumberOfDescriptors,
                               UINT NumberOfOverflowDescriptors, UINT ProtocolReservedLength);
 VOID NdisFreePacketPool(NDIS_HANDLE PoolHandle);
-VOID NdisAllocatePacket(PNDIS_STATUS Status, PNDIS_PACKET *Packet, NDIS_HANDLE PoolHandle);
+VOID NdisAllocatePacket(PNDIS_STATUS Status, PNDIS_PACKET* Packet, NDIS_HANDLE PoolHandle);
 VOID NdisFreePacket(PNDIS_PACKET Packet);
 VOID NdisAllocateBufferPool(PNDIS_STATUS Status, PNDIS_HANDLE PoolHandle, UINT NumberOfDescriptors);
 VOID NdisFreeBufferPool(NDIS_HANDLE PoolHandle);
-VOID NdisAllocateBuffer(PNDIS_STATUS Status, PNDIS_BUFFER *Buffer, NDIS_HANDLE PoolHandle, PVOID VirtualAddress,
-                        UINT Length);
+VOID NdisAllocateBuffer(PNDIS_STATUS Status, PNDIS_BUFFER* Buffer, NDIS_HANDLE PoolHandle,
+                        PVOID VirtualAddress, UINT Length);
 VOID NdisFreeBuffer(PNDIS_BUFFER Buffer);
-VOID NdisUnchainBufferAtFront(PNDIS_PACKET Packet, PNDIS_BUFFER *Buffer);
-VOID NdisUnchainBufferAtBack(PNDIS_PACKET Packet, PNDIS_BUFFER *Buffer);
+VOID NdisUnchainBufferAtFront(PNDIS_PACKET Packet, PNDIS_BUFFER* Buffer);
+VOID NdisUnchainBufferAtBack(PNDIS_PACKET Packet, PNDIS_BUFFER* Buffer);
 
 #define NdisGetNextBuffer(CurrentBuffer, NextBuffer) (*(NextBuffer) = (CurrentBuffer)->Next)
 #define NdisGetPacketFlags(Packet) ((Packet)->Private.Flags)
 
-FORCEINLINE VOID NdisQueryBufferSafe(PNDIS_BUFFER Buffer, PVOID *VirtualAddress, PUINT Length, ULONG Priority)
+FORCEINLINE VOID NdisQueryBufferSafe(PNDIS_BUFFER Buffer, PVOID* VirtualAddress, PUINT Length, ULONG Priority)
 {
     if (VirtualAddress != NULL)
         *VirtualAddress = MmGetSystemAddressForMdlSafe(Buffer, Priority);
@@ -183,7 +189,7 @@ FORCEINLINE VOID NdisChainBufferAtBack(PNDIS_PACKET Packet, PNDIS_BUFFER Buffer)
 
 // Each result pointer may be null. The counts are computed once and kept in the packet.
 FORCEINLINE VOID NdisQueryPacket(PNDIS_PACKET Packet, PUINT PhysicalBufferCount, PUINT BufferCount,
-                                 PNDIS_BUFFER *FirstBuffer, PUINT TotalPacketLength)
+                                 PNDIS_BUFFER* FirstBuffer, PUINT TotalPacketLength)
 {
     if (FirstBuffer != NULL)
         *FirstBuffer = Packet->Private.Head;
@@ -192,7 +198,8 @@ FORCEINLINE VOID NdisQueryPacket(PNDIS_PACKET Packet, PUINT PhysicalBufferCount,
     if (!Packet->Private.ValidCounts) {
         UINT pages = 0, buffers = 0, length = 0;
         for (PNDIS_BUFFER buffer = Packet->Private.Head; buffer != NULL; buffer = buffer->Next) {
-            pages += ADDRESS_AND_SIZE_TO_SPAN_PAGES(MmGetMdlVirtualAddress(buffer), MmGetMdlByteCount(buffer));
+            pages +=
+                ADDRESS_AND_SIZE_TO_SPAN_PAGES(MmGetMdlVirtualAddress(buffer), MmGetMdlByteCount(buffer));
             length += MmGetMdlByteCount(buffer);
             buffers++;
         }

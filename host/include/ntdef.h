@@ -1,5 +1,5 @@
-// Basic types of the kernel interface: the 64-bit Windows data model (LONG is 32 bits, pointers are 64, text is
-// UTF-16), strings and lists.
+// Basic types of the kernel interface: the 64-bit Windows data model (LONG is 32 bits, pointers are 64, text
+// is UTF-16), strings and lists.
 #pragma once
 
 #include <stdarg.h>
@@ -28,9 +28,9 @@
 #define CONST const
 #define VOID void
 
-typedef void *PVOID;
+typedef void* PVOID;
 typedef char CHAR, *PCHAR, *PSTR;
-typedef const char *PCSTR;
+typedef const char* PCSTR;
 typedef signed char CCHAR, SCHAR;
 typedef unsigned char UCHAR, *PUCHAR, BOOLEAN, *PBOOLEAN, KIRQL, *PKIRQL;
 typedef short SHORT, *PSHORT, CSHORT;
@@ -62,7 +62,7 @@ typedef char16_t WCHAR;
 typedef __CHAR16_TYPE__ WCHAR;
 #endif
 typedef WCHAR *PWCHAR, *PWSTR;
-typedef const WCHAR *PCWSTR;
+typedef const WCHAR* PCWSTR;
 
 #ifndef TRUE
 #define TRUE 1
@@ -108,15 +108,15 @@ typedef struct _UNICODE_STRING {
     USHORT MaximumLength;
     PWSTR Buffer;
 } UNICODE_STRING, *PUNICODE_STRING;
-typedef const UNICODE_STRING *PCUNICODE_STRING;
+typedef const UNICODE_STRING* PCUNICODE_STRING;
 
 typedef struct _LIST_ENTRY {
-    struct _LIST_ENTRY *Flink;
-    struct _LIST_ENTRY *Blink;
+    struct _LIST_ENTRY* Flink;
+    struct _LIST_ENTRY* Blink;
 } LIST_ENTRY, *PLIST_ENTRY;
 
 typedef struct _SINGLE_LIST_ENTRY {
-    struct _SINGLE_LIST_ENTRY *Next;
+    struct _SINGLE_LIST_ENTRY* Next;
 } SINGLE_LIST_ENTRY, *PSINGLE_LIST_ENTRY, SLIST_ENTRY, *PSLIST_ENTRY;
 
 typedef struct _OBJECT_ATTRIBUTES {
@@ -135,19 +135,19 @@ typedef struct _CLIENT_ID {
 
 #define OBJ_CASE_INSENSITIVE 0x00000040
 #define OBJ_KERNEL_HANDLE 0x00000200
-#define InitializeObjectAttributes(p, n, a, r, s)                                                                      \
-    do {                                                                                                               \
-        (p)->Length = sizeof(OBJECT_ATTRIBUTES);                                                                       \
-        (p)->RootDirectory = (r);                                                                                      \
-        (p)->ObjectName = (n);                                                                                         \
-        (p)->Attributes = (a);                                                                                         \
-        (p)->SecurityDescriptor = (s);                                                                                 \
-        (p)->SecurityQualityOfService = NULL;                                                                          \
+#define InitializeObjectAttributes(p, n, a, r, s)                                                            \
+    do {                                                                                                     \
+        (p)->Length = sizeof(OBJECT_ATTRIBUTES);                                                             \
+        (p)->RootDirectory = (r);                                                                            \
+        (p)->ObjectName = (n);                                                                               \
+        (p)->Attributes = (a);                                                                               \
+        (p)->SecurityDescriptor = (s);                                                                       \
+        (p)->SecurityQualityOfService = NULL;                                                                \
     } while (0)
 
 #define UNREFERENCED_PARAMETER(P) ((void)(P))
 #define FIELD_OFFSET(type, field) ((LONG)offsetof(type, field))
-#define CONTAINING_RECORD(address, type, field) ((type *)((char *)(address) - offsetof(type, field)))
+#define CONTAINING_RECORD(address, type, field) ((type*)((char*)(address)-offsetof(type, field)))
 #define RTL_NUMBER_OF(A) (sizeof(A) / sizeof((A)[0]))
 #define MAXUSHORT 0xffff
 #define MAXLONG 0x7fffffff
@@ -158,7 +158,7 @@ FORCEINLINE void InitializeListHead(PLIST_ENTRY ListHead)
     ListHead->Flink = ListHead->Blink = ListHead;
 }
 
-FORCEINLINE BOOLEAN IsListEmpty(const LIST_ENTRY *ListHead)
+FORCEINLINE BOOLEAN IsListEmpty(const LIST_ENTRY* ListHead)
 {
     return (BOOLEAN)(ListHead->Flink == ListHead);
 }

@@ -1,4 +1,5 @@
-// The I/O manager's part of the driver interface: drivers, devices, requests, memory descriptors, registry values.
+// The I/O manager's part of the driver interface: drivers, devices, requests, memory descriptors, registry
+// values.
 #pragma once
 
 #include <wdm.h>
@@ -42,10 +43,10 @@ EXTERN_C_START
 #define FILE_ANY_ACCESS 0
 #define FILE_READ_ACCESS 1
 #define FILE_WRITE_ACCESS 2
-#define CTL_CODE(DeviceType, Function, Method, Access)                                                                 \
+#define CTL_CODE(DeviceType, Function, Method, Access)                                                       \
     (((DeviceType) << 16) | ((Access) << 14) | ((Function) << 2) | (Method))
 
-#define METHOD_FROM_CTL_CODE(Code) ((ULONG)(Code) & 3)
+#define METHOD_FROM_CTL_CODE(Code) ((ULONG)(Code)&3)
 
 #define FILE_DEVICE_NETWORK 0x00000012
 #define FILE_DEVICE_PHYSICAL_NETCARD 0x00000017
@@ -257,24 +258,27 @@ struct _MDL {
     ULONG ByteOffset;
 };
 
-// ------------------------------------------------------------------------------------------ devices and links
+// ------------------------------------------------------------------------------------------ devices and
+// links
 
 NTSTATUS IoCreateDevice(PDRIVER_OBJECT DriverObject, ULONG DeviceExtensionSize, PUNICODE_STRING DeviceName,
                         DEVICE_TYPE DeviceType, ULONG DeviceCharacteristics, BOOLEAN Exclusive,
-                        PDEVICE_OBJECT *DeviceObject);
+                        PDEVICE_OBJECT* DeviceObject);
 VOID IoDeleteDevice(PDEVICE_OBJECT DeviceObject);
 NTSTATUS IoCreateSymbolicLink(PUNICODE_STRING SymbolicLinkName, PUNICODE_STRING DeviceName);
 NTSTATUS IoDeleteSymbolicLink(PUNICODE_STRING SymbolicLinkName);
-NTSTATUS IoGetDeviceObjectPointer(PUNICODE_STRING ObjectName, ACCESS_MASK DesiredAccess, PFILE_OBJECT *FileObject,
-                                  PDEVICE_OBJECT *DeviceObject);
+NTSTATUS IoGetDeviceObjectPointer(PUNICODE_STRING ObjectName, ACCESS_MASK DesiredAccess,
+                                  PFILE_OBJECT* FileObject, PDEVICE_OBJECT* DeviceObject);
 
-// --------------------------------------------------------------------------------------------------- requests
+// ---------------------------------------------------------------------------------------------------
+// requests
 
 PIRP IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota);
 VOID IoFreeIrp(PIRP Irp);
 PIRP IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT DeviceObject, PVOID InputBuffer,
                                    ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength,
-                                   BOOLEAN InternalDeviceIoControl, PKEVENT Event, PIO_STATUS_BLOCK IoStatusBlock);
+                                   BOOLEAN InternalDeviceIoControl, PKEVENT Event,
+                                   PIO_STATUS_BLOCK IoStatusBlock);
 NTSTATUS IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 VOID IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost);
 BOOLEAN IoCancelIrp(PIRP Irp);
@@ -312,13 +316,15 @@ FORCEINLINE VOID IoCopyCurrentIrpStackLocationToNext(PIRP Irp)
 }
 
 FORCEINLINE VOID IoSetCompletionRoutine(PIRP Irp, PIO_COMPLETION_ROUTINE CompletionRoutine, PVOID Context,
-                                        BOOLEAN InvokeOnSuccess, BOOLEAN InvokeOnError, BOOLEAN InvokeOnCancel)
+                                        BOOLEAN InvokeOnSuccess, BOOLEAN InvokeOnError,
+                                        BOOLEAN InvokeOnCancel)
 {
     PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(Irp);
     next->CompletionRoutine = CompletionRoutine;
     next->Context = Context;
-    next->Control = (UCHAR)((InvokeOnSuccess ? SL_INVOKE_ON_SUCCESS : 0) | (InvokeOnError ? SL_INVOKE_ON_ERROR : 0) |
-                            (InvokeOnCancel ? SL_INVOKE_ON_CANCEL : 0));
+    next->Control =
+        (UCHAR)((InvokeOnSuccess ? SL_INVOKE_ON_SUCCESS : 0) | (InvokeOnError ? SL_INVOKE_ON_ERROR : 0) |
+                (InvokeOnCancel ? SL_INVOKE_ON_CANCEL : 0));
 }
 
 // The routine that was set before; null: whoever took it away (or nobody) owns the cancellation.
@@ -327,20 +333,27 @@ FORCEINLINE PDRIVER_CANCEL IoSetCancelRoutine(PIRP Irp, PDRIVER_CANCEL CancelRou
     return __atomic_exchange_n(&Irp->CancelRoutine, CancelRoutine, __ATOMIC_SEQ_CST);
 }
 
-// ----------------------------------------------------------------------------------------- memory descriptors
+// ----------------------------------------------------------------------------------------- memory
+// descriptors
 
-typedef enum _MM_PAGE_PRIORITY { LowPagePriority = 0, NormalPagePriority = 16, HighPagePriority = 32 } MM_PAGE_PRIORITY;
+typedef enum _MM_PAGE_PRIORITY {
+    LowPagePriority = 0,
+    NormalPagePriority = 16,
+    HighPagePriority = 32
+} MM_PAGE_PRIORITY;
 typedef enum _LOCK_OPERATION { IoReadAccess, IoWriteAccess, IoModifyAccess } LOCK_OPERATION;
 typedef enum _MEMORY_CACHING_TYPE { MmNonCached, MmCached, MmWriteCombined } MEMORY_CACHING_TYPE;
 
-PMDL IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota, PIRP Irp);
+PMDL IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota,
+                   PIRP Irp);
 VOID IoFreeMdl(PMDL Mdl);
 VOID MmBuildMdlForNonPagedPool(PMDL MemoryDescriptorList);
 VOID MmProbeAndLockPages(PMDL MemoryDescriptorList, KPROCESSOR_MODE AccessMode, LOCK_OPERATION Operation);
 VOID MmUnlockPages(PMDL MemoryDescriptorList);
 PVOID MmMapLockedPages(PMDL MemoryDescriptorList, KPROCESSOR_MODE AccessMode);
-PVOID MmMapLockedPagesSpecifyCache(PMDL MemoryDescriptorList, KPROCESSOR_MODE AccessMode, MEMORY_CACHING_TYPE CacheType,
-                                   PVOID RequestedAddress, ULONG BugCheckOnFailure, ULONG Priority);
+PVOID MmMapLockedPagesSpecifyCache(PMDL MemoryDescriptorList, KPROCESSOR_MODE AccessMode,
+                                   MEMORY_CACHING_TYPE CacheType, PVOID RequestedAddress,
+                                   ULONG BugCheckOnFailure, ULONG Priority);
 VOID MmUnmapLockedPages(PVOID BaseAddress, PMDL MemoryDescriptorList);
 
 #define MmGetMdlByteCount(Mdl) ((Mdl)->ByteCount)
@@ -361,7 +374,8 @@ FORCEINLINE PVOID MmGetSystemAddressForMdl(PMDL Mdl)
     return MmMapLockedPages(Mdl, KernelMode);
 }
 
-// --------------------------------------------------------------------------------------------------- registry
+// ---------------------------------------------------------------------------------------------------
+// registry
 
 #define REG_NONE 0
 #define REG_SZ 1
@@ -382,8 +396,8 @@ FORCEINLINE PVOID MmGetSystemAddressForMdl(PMDL Mdl)
 #define RTL_QUERY_REGISTRY_TYPECHECK 0x00000100
 #define RTL_QUERY_REGISTRY_TYPECHECK_SHIFT 24 // the expected type stands in the upper byte of DefaultType
 
-typedef NTSTATUS (*PRTL_QUERY_REGISTRY_ROUTINE)(PWSTR ValueName, ULONG ValueType, PVOID ValueData, ULONG ValueLength,
-                                                PVOID Context, PVOID EntryContext);
+typedef NTSTATUS (*PRTL_QUERY_REGISTRY_ROUTINE)(PWSTR ValueName, ULONG ValueType, PVOID ValueData,
+                                                ULONG ValueLength, PVOID Context, PVOID EntryContext);
 
 typedef struct _RTL_QUERY_REGISTRY_TABLE {
     PRTL_QUERY_REGISTRY_ROUTINE QueryRoutine;
@@ -395,7 +409,7 @@ typedef struct _RTL_QUERY_REGISTRY_TABLE {
     ULONG DefaultLength;
 } RTL_QUERY_REGISTRY_TABLE, *PRTL_QUERY_REGISTRY_TABLE;
 
-NTSTATUS RtlQueryRegistryValues(ULONG RelativeTo, PCWSTR Path, PRTL_QUERY_REGISTRY_TABLE QueryTable, PVOID Context,
-                                PVOID Environment);
+NTSTATUS RtlQueryRegistryValues(ULONG RelativeTo, PCWSTR Path, PRTL_QUERY_REGISTRY_TABLE QueryTable,
+                                PVOID Context, PVOID Environment);
 
 EXTERN_C_END

@@ -1,5 +1,5 @@
-// The executive and kernel functions that drivers use: memory, IRQL and locks, waits, threads, timers, work items,
-// time, exceptions, text. Names, signatures and meaning are those of the Windows driver kit.
+// The executive and kernel functions that drivers use: memory, IRQL and locks, waits, threads, timers, work
+// items, time, exceptions, text. Names, signatures and meaning are those of the Windows driver kit.
 #pragma once
 
 #include <ntdef.h>
@@ -11,7 +11,7 @@ EXTERN_C_START
 #define PAGE_SHIFT 12
 #define BYTE_OFFSET(Va) ((ULONG)((ULONG_PTR)(Va) & (PAGE_SIZE - 1)))
 #define PAGE_ALIGN(Va) ((PVOID)((ULONG_PTR)(Va) & ~(ULONG_PTR)(PAGE_SIZE - 1)))
-#define ADDRESS_AND_SIZE_TO_SPAN_PAGES(Va, Size)                                                                       \
+#define ADDRESS_AND_SIZE_TO_SPAN_PAGES(Va, Size)                                                             \
     ((ULONG)((BYTE_OFFSET(Va) + (SIZE_T)(Size) + (PAGE_SIZE - 1)) >> PAGE_SHIFT))
 #define MAXIMUM_PROCESSORS 64
 
@@ -35,7 +35,15 @@ EXTERN_C_START
 
 typedef enum _MODE { KernelMode, UserMode, MaximumMode } MODE;
 typedef CCHAR KPROCESSOR_MODE;
-typedef enum _KWAIT_REASON { Executive, FreePage, PageIn, PoolAllocation, DelayExecution, Suspended, UserRequest } KWAIT_REASON;
+typedef enum _KWAIT_REASON {
+    Executive,
+    FreePage,
+    PageIn,
+    PoolAllocation,
+    DelayExecution,
+    Suspended,
+    UserRequest
+} KWAIT_REASON;
 typedef enum _EVENT_TYPE { NotificationEvent, SynchronizationEvent } EVENT_TYPE;
 typedef enum _TIMER_TYPE { NotificationTimer, SynchronizationTimer } TIMER_TYPE;
 typedef enum _POOL_TYPE { NonPagedPool, PagedPool } POOL_TYPE;
@@ -43,81 +51,84 @@ typedef enum _WORK_QUEUE_TYPE { CriticalWorkQueue, DelayedWorkQueue, HyperCritic
 
 typedef struct _EPROCESS *PEPROCESS, *PKPROCESS, *PRKPROCESS;
 typedef struct _KTHREAD *PKTHREAD, *PRKTHREAD;
-typedef struct _ETHREAD *PETHREAD;
-typedef struct _OBJECT_TYPE *POBJECT_TYPE;
-typedef struct _OBJECT_HANDLE_INFORMATION *POBJECT_HANDLE_INFORMATION;
+typedef struct _ETHREAD* PETHREAD;
+typedef struct _OBJECT_TYPE* POBJECT_TYPE;
+typedef struct _OBJECT_HANDLE_INFORMATION* POBJECT_HANDLE_INFORMATION;
 
-// ------------------------------------------------------------------------------------------------ interlocked
+// ------------------------------------------------------------------------------------------------
+// interlocked
 
-FORCEINLINE LONG InterlockedIncrement(LONG volatile *Addend)
+FORCEINLINE LONG InterlockedIncrement(LONG volatile* Addend)
 {
     return __atomic_add_fetch(Addend, 1, __ATOMIC_SEQ_CST);
 }
 
-FORCEINLINE LONG InterlockedDecrement(LONG volatile *Addend)
+FORCEINLINE LONG InterlockedDecrement(LONG volatile* Addend)
 {
     return __atomic_sub_fetch(Addend, 1, __ATOMIC_SEQ_CST);
 }
 
-FORCEINLINE LONG InterlockedExchange(LONG volatile *Target, LONG Value)
+FORCEINLINE LONG InterlockedExchange(LONG volatile* Target, LONG Value)
 {
     return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
 }
 
-FORCEINLINE LONG InterlockedExchangeAdd(LONG volatile *Addend, LONG Value)
+FORCEINLINE LONG InterlockedExchangeAdd(LONG volatile* Addend, LONG Value)
 {
     return __atomic_fetch_add(Addend, Value, __ATOMIC_SEQ_CST);
 }
 
 // The value before, whether or not it was exchanged.
-FORCEINLINE LONG InterlockedCompareExchange(LONG volatile *Destination, LONG Exchange, LONG Comparand)
+FORCEINLINE LONG InterlockedCompareExchange(LONG volatile* Destination, LONG Exchange, LONG Comparand)
 {
     __atomic_compare_exchange_n(Destination, &Comparand, Exchange, 0, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
     return Comparand;
 }
 
-FORCEINLINE LONG InterlockedAnd(LONG volatile *Destination, LONG Value)
+FORCEINLINE LONG InterlockedAnd(LONG volatile* Destination, LONG Value)
 {
     return __atomic_fetch_and(Destination, Value, __ATOMIC_SEQ_CST);
 }
 
-FORCEINLINE LONG InterlockedOr(LONG volatile *Destination, LONG Value)
+FORCEINLINE LONG InterlockedOr(LONG volatile* Destination, LONG Value)
 {
     return __atomic_fetch_or(Destination, Value, __ATOMIC_SEQ_CST);
 }
 
-FORCEINLINE LONG64 InterlockedIncrement64(LONG64 volatile *Addend)
+FORCEINLINE LONG64 InterlockedIncrement64(LONG64 volatile* Addend)
 {
     return __atomic_add_fetch(Addend, 1, __ATOMIC_SEQ_CST);
 }
 
-FORCEINLINE LONG64 InterlockedDecrement64(LONG64 volatile *Addend)
+FORCEINLINE LONG64 InterlockedDecrement64(LONG64 volatile* Addend)
 {
     return __atomic_sub_fetch(Addend, 1, __ATOMIC_SEQ_CST);
 }
 
-FORCEINLINE LONG64 InterlockedExchange64(LONG64 volatile *Target, LONG64 Value)
+FORCEINLINE LONG64 InterlockedExchange64(LONG64 volatile* Target, LONG64 Value)
 {
     return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
 }
 
-FORCEINLINE LONG64 InterlockedExchangeAdd64(LONG64 volatile *Addend, LONG64 Value)
+FORCEINLINE LONG64 InterlockedExchangeAdd64(LONG64 volatile* Addend, LONG64 Value)
 {
     return __atomic_fetch_add(Addend, Value, __ATOMIC_SEQ_CST);
 }
 
-FORCEINLINE LONG64 InterlockedCompareExchange64(LONG64 volatile *Destination, LONG64 Exchange, LONG64 Comparand)
+FORCEINLINE LONG64 InterlockedCompareExchange64(LONG64 volatile* Destination, LONG64 Exchange,
+                                                LONG64 Comparand)
 {
     __atomic_compare_exchange_n(Destination, &Comparand, Exchange, 0, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
     return Comparand;
 }
 
-FORCEINLINE PVOID InterlockedExchangePointer(PVOID volatile *Target, PVOID Value)
+FORCEINLINE PVOID InterlockedExchangePointer(PVOID volatile* Target, PVOID Value)
 {
     return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
 }
 
-FORCEINLINE PVOID InterlockedCompareExchangePointer(PVOID volatile *Destination, PVOID Exchange, PVOID Comparand)
+FORCEINLINE PVOID InterlockedCompareExchangePointer(PVOID volatile* Destination, PVOID Exchange,
+                                                    PVOID Comparand)
 {
     __atomic_compare_exchange_n(Destination, &Comparand, Exchange, 0, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
     return Comparand;
@@ -126,7 +137,8 @@ FORCEINLINE PVOID InterlockedCompareExchangePointer(PVOID volatile *Destination,
 #define KeMemoryBarrier() __atomic_thread_fence(__ATOMIC_SEQ_CST)
 #define YieldProcessor() __builtin_ia32_pause()
 
-// ------------------------------------------------------------------------------------------------ memory, text
+// ------------------------------------------------------------------------------------------------ memory,
+// text
 
 #define RtlCopyMemory(Destination, Source, Length) memcpy((Destination), (Source), (Length))
 #define RtlMoveMemory(Destination, Source, Length) memmove((Destination), (Source), (Length))
@@ -134,16 +146,16 @@ FORCEINLINE PVOID InterlockedCompareExchangePointer(PVOID volatile *Destination,
 #define RtlZeroMemory(Destination, Length) memset((Destination), 0, (Length))
 #define RtlEqualMemory(Destination, Source, Length) (memcmp((Destination), (Source), (Length)) == 0)
 
-SIZE_T RtlCompareMemory(const VOID *Source1, const VOID *Source2, SIZE_T Length);
+SIZE_T RtlCompareMemory(const VOID* Source1, const VOID* Source2, SIZE_T Length);
 VOID RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR SourceString);
 VOID RtlInitString(PSTRING DestinationString, PCSTR SourceString);
 VOID RtlInitAnsiString(PANSI_STRING DestinationString, PCSTR SourceString);
 
-// Texts follow the Windows rules: %ld and %lu are 32 bits, %p is sixteen upper-case digits, %ws and %S wide text, %wZ
-// and %Z counted strings; floating point is not available in the kernel. -1 when the text did not fit: the buffer is
-// then full and has no terminator. A text that just fits has no terminator either.
-int _vsnprintf(char *Buffer, size_t Count, const char *Format, va_list Arguments);
-int _snprintf(char *Buffer, size_t Count, const char *Format, ...);
+// Texts follow the Windows rules: %ld and %lu are 32 bits, %p is sixteen upper-case digits, %ws and %S wide
+// text, %wZ and %Z counted strings; floating point is not available in the kernel. -1 when the text did not
+// fit: the buffer is then full and has no terminator. A text that just fits has no terminator either.
+int _vsnprintf(char* Buffer, size_t Count, const char* Format, va_list Arguments);
+int _snprintf(char* Buffer, size_t Count, const char* Format, ...);
 ULONG DbgPrint(PCSTR Format, ...);
 ULONG DbgPrintEx(ULONG ComponentId, ULONG Level, PCSTR Format, ...);
 
@@ -194,13 +206,14 @@ typedef struct _NPAGED_LOOKASIDE_LIST {
     GENERAL_LOOKASIDE L;
 } NPAGED_LOOKASIDE_LIST, *PNPAGED_LOOKASIDE_LIST;
 
-VOID ExInitializeNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside, PALLOCATE_FUNCTION Allocate, PFREE_FUNCTION Free,
-                                     ULONG Flags, SIZE_T Size, ULONG Tag, USHORT Depth);
+VOID ExInitializeNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside, PALLOCATE_FUNCTION Allocate,
+                                     PFREE_FUNCTION Free, ULONG Flags, SIZE_T Size, ULONG Tag, USHORT Depth);
 PVOID ExAllocateFromNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside);
 VOID ExFreeToNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside, PVOID Entry);
 VOID ExDeleteNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside);
 
-// ------------------------------------------------------------------------------------------- IRQL, spin locks
+// ------------------------------------------------------------------------------------------- IRQL, spin
+// locks
 
 typedef ULONG_PTR KSPIN_LOCK, *PKSPIN_LOCK;
 
@@ -218,7 +231,8 @@ VOID KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock);
 VOID KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock);
 #define KeAcquireSpinLock(SpinLock, OldIrql) *(OldIrql) = KeAcquireSpinLockRaiseToDpc(SpinLock)
 
-// ------------------------------------------------------------------------------------ objects, waits, threads
+// ------------------------------------------------------------------------------------ objects, waits,
+// threads
 
 typedef struct _DISPATCHER_HEADER {
     UCHAR Type;
@@ -240,14 +254,14 @@ VOID KeClearEvent(PRKEVENT Event);
 LONG KeReadStateEvent(PRKEVENT Event);
 
 // Timeout: null waits for ever, negative is relative and positive absolute, in units of 100 ns.
-NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR_MODE WaitMode, BOOLEAN Alertable,
-                               PLARGE_INTEGER Timeout);
+NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR_MODE WaitMode,
+                               BOOLEAN Alertable, PLARGE_INTEGER Timeout);
 NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval);
 
 typedef VOID (*PKSTART_ROUTINE)(PVOID StartContext);
 
-extern POBJECT_TYPE *PsThreadType;
-extern POBJECT_TYPE *IoFileObjectType;
+extern POBJECT_TYPE* PsThreadType;
+extern POBJECT_TYPE* IoFileObjectType;
 
 NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
                               HANDLE ProcessHandle, PCLIENT_ID ClientId, PKSTART_ROUTINE StartRoutine,
@@ -264,7 +278,7 @@ PEPROCESS IoGetCurrentProcess(VOID);
 #define PsGetCurrentThread() ((PETHREAD)KeGetCurrentThread())
 
 NTSTATUS ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK DesiredAccess, POBJECT_TYPE ObjectType,
-                                   KPROCESSOR_MODE AccessMode, PVOID *Object,
+                                   KPROCESSOR_MODE AccessMode, PVOID* Object,
                                    POBJECT_HANDLE_INFORMATION HandleInformation);
 // Both answer the count of references after the call.
 LONG_PTR ObfReferenceObject(PVOID Object);
@@ -273,10 +287,12 @@ LONG_PTR ObfDereferenceObject(PVOID Object);
 #define ObDereferenceObject(Object) ObfDereferenceObject(Object)
 NTSTATUS ZwClose(HANDLE Handle);
 
-// ----------------------------------------------------------------------------------- timers, DPCs, work items
+// ----------------------------------------------------------------------------------- timers, DPCs, work
+// items
 
 typedef struct _KDPC KDPC, *PKDPC, *PRKDPC;
-typedef VOID (*PKDEFERRED_ROUTINE)(PKDPC Dpc, PVOID DeferredContext, PVOID SystemArgument1, PVOID SystemArgument2);
+typedef VOID (*PKDEFERRED_ROUTINE)(PKDPC Dpc, PVOID DeferredContext, PVOID SystemArgument1,
+                                   PVOID SystemArgument2);
 
 struct _KDPC {
     UCHAR Type;
@@ -314,17 +330,18 @@ typedef struct _WORK_QUEUE_ITEM {
     PVOID Parameter;
 } WORK_QUEUE_ITEM, *PWORK_QUEUE_ITEM;
 
-#define ExInitializeWorkItem(Item, Routine, Context)                                                                   \
-    do {                                                                                                               \
-        (Item)->WorkerRoutine = (Routine);                                                                             \
-        (Item)->Parameter = (Context);                                                                                 \
-        (Item)->List.Flink = NULL;                                                                                     \
+#define ExInitializeWorkItem(Item, Routine, Context)                                                         \
+    do {                                                                                                     \
+        (Item)->WorkerRoutine = (Routine);                                                                   \
+        (Item)->Parameter = (Context);                                                                       \
+        (Item)->List.Flink = NULL;                                                                           \
     } while (0)
 VOID ExQueueWorkItem(PWORK_QUEUE_ITEM WorkItem, WORK_QUEUE_TYPE QueueType);
 
-// ---------------------------------------------------------------------------------------- time and exceptions
+// ---------------------------------------------------------------------------------------- time and
+// exceptions
 
-ULONG KeQueryTimeIncrement(VOID);             // 100-ns units in a clock tick
+ULONG KeQueryTimeIncrement(VOID);                   // 100-ns units in a clock tick
 VOID KeQuerySystemTime(PLARGE_INTEGER CurrentTime); // 100-ns units since 1 January 1601 (UTC)
 VOID KeQueryTickCount(PLARGE_INTEGER TickCount);
 LARGE_INTEGER KeQueryPerformanceCounter(PLARGE_INTEGER PerformanceFrequency);

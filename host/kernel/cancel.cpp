@@ -31,7 +31,8 @@ VOID IoAcquireCancelSpinLock(PKIRQL irql)
 VOID IoReleaseCancelSpinLock(KIRQL irql)
 {
     if (lockOwner != KeGetCurrentThread()) {
-        kernel::Report("cancel-lock-not-held", "IoReleaseCancelSpinLock", "this thread does not hold the lock");
+        kernel::Report("cancel-lock-not-held", "IoReleaseCancelSpinLock",
+                       "this thread does not hold the lock");
         return;
     }
     const KIRQL before = irqlBeforeLock;
@@ -57,7 +58,8 @@ BOOLEAN IoCancelIrp(PIRP irp)
     irp->CancelIrql = irql;
     routine(IoGetCurrentIrpStackLocation(irp)->DeviceObject, irp);
     if (lockOwner == KeGetCurrentThread()) {
-        kernel::Report("cancel-lock-held", "IoCancelIrp", "the cancel routine returned without releasing the lock");
+        kernel::Report("cancel-lock-held", "IoCancelIrp",
+                       "the cancel routine returned without releasing the lock");
         IoReleaseCancelSpinLock(irql);
     }
     return TRUE;

@@ -1,6 +1,7 @@
 #include "dispatcher.h"
 #include "verifier.h"
 
+#include <algorithm>
 #include <time.h>
 
 namespace kernel
@@ -52,10 +53,13 @@ Deadline DeadlineOf(const LARGE_INTEGER& timeout)
 {
     if (timeout.QuadPart >= 0)
         return {timeout.QuadPart, true};
+    return {DueIn(timeout.QuadPart == INT64_MIN ? INT64_MAX : -timeout.QuadPart), false};
+}
+
+int64_t DueIn(int64_t remaining)
+{
     int64_t due = 0;
-    if (__builtin_sub_overflow(InterruptTime(), timeout.QuadPart, &due))
-        due = INT64_MAX;
-    return {due, false};
+    return __builtin_add_overflow(InterruptTime(), remaining, &due) ? INT64_MAX : due;
 }
 
 Deadline DeadlineIn(uint64_t milliseconds)
@@ -121,7 +125,8 @@ void AdvanceClock(uint64_t milliseconds)
     Dispatcher& dispatcher = TheDispatcher();
     std::unique_lock lock(dispatcher.mutex);
     if (!ClockStopped()) {
-        Report("clock-not-stopped", "AdvanceClock", "by %llu ms", static_cast<unsigned long long>(milliseconds));
+        Report("clock-not-stopped", "AdvanceClock", "by %llu ms",
+               static_cast<unsigned long long>(milliseconds));
         return;
     }
     int64_t end = g_stoppedInterruptTime + static_cast<int64_t>(milliseconds) * kUnitsPerMillisecond;

@@ -86,7 +86,8 @@ Dispatcher::Dispatcher()
 
 Dispatcher& TheDispatcher()
 {
-    static Dispatcher& dispatcher = *new Dispatcher; // never destroyed: its threads run until the process ends
+    static Dispatcher& dispatcher =
+        *new Dispatcher; // never destroyed: its threads run until the process ends
     return dispatcher;
 }
 
@@ -105,12 +106,14 @@ void Signal(DISPATCHER_HEADER* header)
     Dispatcher& dispatcher = TheDispatcher();
     bool one = IsSynchronization(header->Type);
     if (one && !IsListEmpty(&header->WaitListHead)) {
-        Finish(dispatcher, CONTAINING_RECORD(header->WaitListHead.Flink, WaitBlock, objectEntry), STATUS_SUCCESS);
+        Finish(dispatcher, CONTAINING_RECORD(header->WaitListHead.Flink, WaitBlock, objectEntry),
+               STATUS_SUCCESS);
         return;
     }
     __atomic_store_n(&header->SignalState, 1, __ATOMIC_SEQ_CST);
     while (!IsListEmpty(&header->WaitListHead))
-        Finish(dispatcher, CONTAINING_RECORD(header->WaitListHead.Flink, WaitBlock, objectEntry), STATUS_SUCCESS);
+        Finish(dispatcher, CONTAINING_RECORD(header->WaitListHead.Flink, WaitBlock, objectEntry),
+               STATUS_SUCCESS);
 }
 
 void WakeDueWaits()
@@ -127,7 +130,8 @@ void WakeDueWaits()
 void RecheckTimedWaits()
 {
     Dispatcher& dispatcher = TheDispatcher();
-    for (LIST_ENTRY* entry = dispatcher.timedWaits.Flink; entry != &dispatcher.timedWaits; entry = entry->Flink)
+    for (LIST_ENTRY* entry = dispatcher.timedWaits.Flink; entry != &dispatcher.timedWaits;
+         entry = entry->Flink)
         CONTAINING_RECORD(entry, WaitBlock, timedEntry)->wake.notify_one();
     dispatcher.timerWork.notify_all();
 }
@@ -135,7 +139,6 @@ void RecheckTimedWaits()
 bool NextDueTime(int64_t limit, int64_t* time)
 {
     Dispatcher& dispatcher = TheDispatcher();
-    int64_t now = InterruptTime();
     bool found = false;
     auto consider = [&](int64_t due) {
         if (due <= limit && (!found || due < *time)) {
@@ -143,8 +146,9 @@ bool NextDueTime(int64_t limit, int64_t* time)
             found = true;
         }
     };
-    for (LIST_ENTRY* entry = dispatcher.timedWaits.Flink; entry != &dispatcher.timedWaits; entry = entry->Flink)
-        consider(now + RemainingTime(*CONTAINING_RECORD(entry, WaitBlock, timedEntry)->deadline));
+    for (LIST_ENTRY* entry = dispatcher.timedWaits.Flink; entry != &dispatcher.timedWaits;
+         entry = entry->Flink)
+        consider(DueIn(RemainingTime(*CONTAINING_RECORD(entry, WaitBlock, timedEntry)->deadline)));
     if (int64_t due = 0; EarliestTimer(&due))
         consider(due);
     return found;
@@ -153,8 +157,8 @@ bool NextDueTime(int64_t limit, int64_t* time)
 bool EverythingAtRest()
 {
     Dispatcher& dispatcher = TheDispatcher();
-    return IsListEmpty(&dispatcher.workItems) && dispatcher.workItemsRunning == 0 && dispatcher.runningThreads == 0 &&
-           TimersAtRest();
+    return IsListEmpty(&dispatcher.workItems) && dispatcher.workItemsRunning == 0 &&
+           dispatcher.runningThreads == 0 && TimersAtRest();
 }
 
 NTSTATUS Wait(DISPATCHER_HEADER* header, const Deadline* deadline, const char* function)
@@ -165,12 +169,12 @@ NTSTATUS Wait(DISPATCHER_HEADER* header, const Deadline* deadline, const char* f
         Report("wait-at-dispatch", function, "a wait that may block at IRQL %u", thread.irql);
         mayBlock = false;
     }
+    Dispatcher& dispatcher = TheDispatcher();
+    std::unique_lock lock(dispatcher.mutex);
     if (header != nullptr && header->WaitListHead.Flink == nullptr) {
         Report("object-not-initialized", function, "object %p", static_cast<void*>(header));
         return STATUS_INVALID_PARAMETER;
     }
-    Dispatcher& dispatcher = TheDispatcher();
-    std::unique_lock lock(dispatcher.mutex);
     if (thread.systemThread && mayBlock)
         StayWhileHeld(dispatcher, lock);
     if (header != nullptr && Consume(header))

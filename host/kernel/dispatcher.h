@@ -1,6 +1,6 @@
-// The heart of waiting: one lock guards every dispatcher object (events, timers, threads), the waiting threads, the
-// clock, deferred calls and work items, as the dispatcher lock of a real kernel does. It is a leaf among the kernel's
-// locks: nothing is called out while it is held.
+// The heart of waiting: one lock guards every dispatcher object (events, timers, threads), the waiting
+// threads, the clock, deferred calls and work items, as the dispatcher lock of a real kernel does. It is a
+// leaf among the kernel's locks: nothing is called out while it is held.
 #pragma once
 
 #include <ntddk.h>
@@ -23,7 +23,8 @@ enum : UCHAR {
     kSynchronizationTimer = 9,
 };
 
-// A point in time. Absolute ones follow the system time, the others the time since start; both in 100-ns units.
+// A point in time. Absolute ones follow the system time, the others the time since start; both in 100-ns
+// units.
 struct Deadline {
     int64_t time;
     bool absolute;
@@ -72,17 +73,19 @@ bool NextDueTime(int64_t limit, int64_t* time);
 Deadline DeadlineOf(const LARGE_INTEGER& timeout); // negative: relative
 Deadline DeadlineIn(uint64_t milliseconds);
 int64_t RemainingTime(const Deadline& deadline); // 100-ns units; 0 or less: due
+int64_t DueIn(int64_t remaining);                // the time since start then; capped at the largest
 std::chrono::steady_clock::time_point RealTimeOf(const Deadline& deadline);
 
 bool ClockStopped();
 int64_t InterruptTime(); // 100-ns units since start
 int64_t SystemTime();    // 100-ns units since 1601
 
-// Waits for an object as KeWaitForSingleObject does; a null object for the deadline alone; a null deadline for ever.
+// Waits for an object as KeWaitForSingleObject does; a null object for the deadline alone; a null deadline
+// for ever.
 NTSTATUS Wait(DISPATCHER_HEADER* header, const Deadline* deadline, const char* function);
 
-// Cancels the set timers that lie in the range; answers one of them, or null. Takes the dispatcher's mutex when any
-// timer is set.
+// Cancels the set timers that lie in the range; answers one of them, or null. Takes the dispatcher's mutex
+// when any timer is set.
 const void* CancelTimersIn(const void* begin, const void* end);
 
 } // namespace kernel

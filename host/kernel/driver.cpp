@@ -79,18 +79,12 @@ struct Kind {
     const char* rule;
 };
 constexpr Kind kKinds[] = {
-    {&machine::Census::threads, "thread-left"},
-    {&machine::Census::threadHandles, "handle-left"},
-    {&machine::Census::poolBlocks, "pool-left"},
-    {&machine::Census::lookasideLists, "lookaside-left"},
-    {&machine::Census::mdls, "mdl-left"},
-    {&machine::Census::views, "view-left"},
-    {&machine::Census::devices, "device-left"},
-    {&machine::Census::links, "link-left"},
-    {&machine::Census::files, "file-left"},
-    {&machine::Census::requests, "request-left"},
-    {&machine::Census::timers, "timer-left"},
-    {&machine::Census::workItems, "work-item-left"},
+    {&machine::Census::threads, "thread-left"},  {&machine::Census::threadHandles, "handle-left"},
+    {&machine::Census::poolBlocks, "pool-left"}, {&machine::Census::lookasideLists, "lookaside-left"},
+    {&machine::Census::mdls, "mdl-left"},        {&machine::Census::views, "view-left"},
+    {&machine::Census::devices, "device-left"},  {&machine::Census::links, "link-left"},
+    {&machine::Census::files, "file-left"},      {&machine::Census::requests, "request-left"},
+    {&machine::Census::timers, "timer-left"},    {&machine::Census::workItems, "work-item-left"},
     {&machine::Census::locksHeld, "lock-left"},
 };
 
@@ -215,8 +209,9 @@ void ResumeUnload(DRIVER_OBJECT* driver)
     {
         DriverTable& drivers = Drivers();
         std::lock_guard lock(drivers.mutex);
-        const auto found = std::find_if(drivers.active.begin(), drivers.active.end(),
-                                        [driver](const auto& entry) { return &entry.second->object == driver; });
+        const auto found =
+            std::find_if(drivers.active.begin(), drivers.active.end(),
+                         [driver](const auto& entry) { return &entry.second->object == driver; });
         if (found == drivers.active.end()) {
             return;
         }
@@ -257,7 +252,8 @@ Status LoadDriverModule(const std::string& path, std::string* error)
     }
     const std::string service = std::filesystem::path(path).stem().string();
     if (IsDriverLoaded(service)) {
-        return fail(STATUS_IMAGE_ALREADY_LOADED, "a driver of the service name " + service + " is loaded already");
+        return fail(STATUS_IMAGE_ALREADY_LOADED,
+                    "a driver of the service name " + service + " is loaded already");
     }
     void* module = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (module == nullptr) {

@@ -11,8 +11,8 @@ namespace
 
 LONG SetEvent(KEVENT* event)
 {
-    // A producer that finds the event set has nothing to wake. The addition of nothing is a full barrier: what the
-    // producer stored before is seen by a consumer that resets the event after this look.
+    // A producer that finds the event set has nothing to wake. The addition of nothing is a full barrier:
+    // what the producer stored before is seen by a consumer that resets the event after this look.
     if (__atomic_fetch_add(&event->Header.SignalState, 0, __ATOMIC_SEQ_CST) != 0)
         return 1;
     std::lock_guard lock(TheDispatcher().mutex);
@@ -79,7 +79,8 @@ VOID NdisResetEvent(PNDIS_EVENT Event)
 BOOLEAN NdisWaitEvent(PNDIS_EVENT Event, UINT MsToWait)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "NdisWaitEvent");
-    bool mayBeHeld = t_thread.systemThread && TheDispatcher().threadHolds.load(std::memory_order_relaxed) != 0;
+    bool mayBeHeld =
+        t_thread.systemThread && TheDispatcher().threadHolds.load(std::memory_order_relaxed) != 0;
     if (!mayBeHeld && __atomic_load_n(&Event->Event.Header.SignalState, __ATOMIC_ACQUIRE) != 0)
         return TRUE;
     Deadline deadline = DeadlineIn(MsToWait);

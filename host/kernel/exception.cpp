@@ -1,9 +1,10 @@
-// Exception guards. HostCallGuarded is a small routine in assembly that saves the registers a callee must keep and
-// links its frame into the thread's guards. A fault handler puts the stack pointer and the instruction pointer of the
-// faulting context back to the innermost frame, so that recovery does not depend on how the faulting code was built.
+// Exception guards. HostCallGuarded is a small routine in assembly that saves the registers a callee must
+// keep and links its frame into the thread's guards. A fault handler puts the stack pointer and the
+// instruction pointer of the faulting context back to the innermost frame, so that recovery does not depend
+// on how the faulting code was built.
 //
-// The thread sanitizer keeps its own record of calls and signal masks, which only sigsetjmp and siglongjmp restore;
-// its build uses those.
+// The thread sanitizer keeps its own record of calls and signal masks, which only sigsetjmp and siglongjmp
+// restore; its build uses those.
 #include "guard.h"
 #include "sanitizer.h"
 #include "verifier.h"
@@ -35,7 +36,8 @@ NTSTATUS CodeOf(int signal)
     }
 }
 
-// Lets the fault happen again, now under the action that was set before: a core dump or the sanitizer's report.
+// Lets the fault happen again, now under the action that was set before: a core dump or the sanitizer's
+// report.
 void PassOn(int signal, const siginfo_t* info)
 {
     sigaction(signal, &g_previous[signal], nullptr);
@@ -221,7 +223,8 @@ void kernel::ForgetGuards()
 namespace
 {
 
-// SA_ONSTACK: a sanitizer's threads have a stack of their own for signals, which reports of stack overflows need.
+// SA_ONSTACK: a sanitizer's threads have a stack of their own for signals, which reports of stack overflows
+// need.
 __attribute__((constructor)) void InstallFaultHandlers()
 {
     struct sigaction action = {};

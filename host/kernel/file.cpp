@@ -18,7 +18,8 @@ POBJECT_TYPE fileTypePointer = &fileType;
 
 NTSTATUS SendAndWait(FILE_OBJECT* file, UCHAR major, KPROCESSOR_MODE mode)
 {
-    const auto outcome = kernel::SendRequest(file->DeviceObject, {.major = major, .file = file, .mode = mode});
+    const auto outcome =
+        kernel::SendRequest(file->DeviceObject, {.major = major, .file = file, .mode = mode});
     outcome->Wait(std::nullopt);
     return outcome->Result().Status;
 }

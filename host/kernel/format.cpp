@@ -1,5 +1,5 @@
-// Formatted text by the Windows rules: "l" is 32 bits, pointers are sixteen upper-case digits, and there is wide and
-// counted text. Wide text comes out as UTF-8. Floating point is not available in the kernel.
+// Formatted text by the Windows rules: "l" is 32 bits, pointers are sixteen upper-case digits, and there is
+// wide and counted text. Wide text comes out as UTF-8. Floating point is not available in the kernel.
 #include <ntddk.h>
 
 #include <cstdint>
@@ -152,7 +152,8 @@ void PutPadded(Output& out, const Conversion& c, const char* text, size_t length
         out.Fill(' ', padding);
 }
 
-void PutNumber(Output& out, const Conversion& c, uint64_t value, unsigned base, bool upper, const char* prefix)
+void PutNumber(Output& out, const Conversion& c, uint64_t value, unsigned base, bool upper,
+               const char* prefix)
 {
     const char* digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
     char text[24];
@@ -233,7 +234,8 @@ void PutWide(Output& out, const Conversion& c, const WCHAR* text, size_t length)
         out.Fill(' ', padding);
 }
 
-template <typename Char> size_t BoundedLength(const Char* text, int precision)
+template <typename Char>
+size_t BoundedLength(const Char* text, int precision)
 {
     size_t length = 0;
     while ((precision < 0 || length < static_cast<size_t>(precision)) && text[length] != 0)
@@ -253,9 +255,11 @@ void PutText(Output& out, const Conversion& c, ArgumentList& arguments, bool wid
     if (text == nullptr)
         PutNull(out, c);
     else if (wide)
-        PutWide(out, c, static_cast<const WCHAR*>(text), BoundedLength(static_cast<const WCHAR*>(text), c.precision));
+        PutWide(out, c, static_cast<const WCHAR*>(text),
+                BoundedLength(static_cast<const WCHAR*>(text), c.precision));
     else
-        PutPadded(out, c, static_cast<const char*>(text), BoundedLength(static_cast<const char*>(text), c.precision));
+        PutPadded(out, c, static_cast<const char*>(text),
+                  BoundedLength(static_cast<const char*>(text), c.precision));
 }
 
 void PutCounted(Output& out, const Conversion& c, ArgumentList& arguments)
@@ -289,7 +293,8 @@ void PutCharacter(Output& out, const Conversion& c, ArgumentList& arguments, boo
 void PutPointer(Output& out, Conversion c, ArgumentList& arguments)
 {
     c.precision = 16;
-    PutNumber(out, c, reinterpret_cast<uintptr_t>(va_arg(arguments.list, void*)), 16, true, c.alternate ? "0X" : "");
+    PutNumber(out, c, reinterpret_cast<uintptr_t>(va_arg(arguments.list, void*)), 16, true,
+              c.alternate ? "0X" : "");
 }
 
 void PutSigned(Output& out, const Conversion& c, ArgumentList& arguments)

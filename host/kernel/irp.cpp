@@ -63,7 +63,8 @@ void FinishIrp(IrpRecord* record, bool pending)
     const IO_STACK_LOCATION* top = reinterpret_cast<IO_STACK_LOCATION*>(irp + 1) + irp->StackCount - 1;
     const IO_STATUS_BLOCK result = irp->IoStatus;
     const size_t bytes = BytesToReturn(irp, top);
-    const bool buffered = METHOD_FROM_CTL_CODE(top->Parameters.DeviceIoControl.IoControlCode) == METHOD_BUFFERED;
+    const bool buffered =
+        METHOD_FROM_CTL_CODE(top->Parameters.DeviceIoControl.IoControlCode) == METHOD_BUFFERED;
     const auto* buffer = static_cast<const uint8_t*>(irp->AssociatedIrp.SystemBuffer);
     std::shared_ptr<Outcome> outcome = std::move(record->outcome);
     std::vector<uint8_t> output;
@@ -79,6 +80,9 @@ void FinishIrp(IrpRecord* record, bool pending)
         }
     } else if (record->origin == IrpOrigin::Built && bytes != 0 && buffered && irp->UserBuffer != nullptr) {
         std::memcpy(irp->UserBuffer, buffer, bytes);
+    }
+    if (outcome != nullptr) {
+        outcome->Ending();
     }
     FreeControlBuffers(irp);
     ReleaseIrp(record);
@@ -156,8 +160,8 @@ void ReleaseIrp(IrpRecord* record)
     FreeBlock(record, BlockKind::Irp, "IofCompleteRequest");
 }
 
-void PrepareControl(IRP* irp, UCHAR major, ULONG code, const void* input, size_t inputBytes, ULONG inputLength,
-                    void* output, ULONG outputLength)
+void PrepareControl(IRP* irp, UCHAR major, ULONG code, const void* input, size_t inputBytes,
+                    ULONG inputLength, void* output, ULONG outputLength)
 {
     const ULONG method = METHOD_FROM_CTL_CODE(code);
     IO_STACK_LOCATION* next = IoGetNextIrpStackLocation(irp);
@@ -172,7 +176,7 @@ void PrepareControl(IRP* irp, UCHAR major, ULONG code, const void* input, size_t
     }
     const ULONG buffer = method == METHOD_BUFFERED ? std::max(inputLength, outputLength) : inputLength;
     if (buffer != 0) {
-        irp->AssociatedIrp.SystemBuffer = 
+        irp->AssociatedIrp.SystemBuffer =
             AllocateBlock(buffer, kBufferTag, BlockKind::SystemBuffer, __builtin_return_address(0));
         const size_t copied = std::min<size_t>(inputBytes, inputLength);
         if (copied != 0) {
@@ -233,8 +237,9 @@ VOID IoFreeIrp(PIRP irp)
     ReleaseIrp(RecordOf(irp));
 }
 
-PIRP IoBuildDeviceIoControlRequest(ULONG code, PDEVICE_OBJECT device, PVOID input, ULONG inputLength, PVOID output,
-                                   ULONG outputLength, BOOLEAN internal, PKEVENT event, PIO_STATUS_BLOCK status)
+PIRP IoBuildDeviceIoControlRequest(ULONG code, PDEVICE_OBJECT device, PVOID input, ULONG inputLength,
+                                   PVOID output, ULONG outputLength, BOOLEAN internal, PKEVENT event,
+                                   PIO_STATUS_BLOCK status)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "IoBuildDeviceIoControlRequest");
     if (Fails(machine::Fault::Request)) {
@@ -276,8 +281,10 @@ NTSTATUS IofCallDriver(PDEVICE_OBJECT device, PIRP irp)
     const KIRQL before = KeGetCurrentIrql();
     const NTSTATUS status = device->DriverObject->MajorFunction[major](device, irp);
     if (KeGetCurrentIrql() != before) {
-        Report("irql-changed", "IofCallDriver", "the dispatch routine of function 0x%02X was called at IRQL %u and "
-               "returned at %u", major, before, KeGetCurrentIrql());
+        Report("irql-changed", "IofCallDriver",
+               "the dispatch routine of function 0x%02X was called at IRQL %u and "
+               "returned at %u",
+               major, before, KeGetCurrentIrql());
         KeLowerIrql(before);
     }
     if (outcome != nullptr && !outcome->Dispatched(status) && origin != IrpOrigin::Driver) {
@@ -319,7 +326,8 @@ VOID IofCompleteRequest(PIRP irp, CCHAR priorityBoost)
                 std::exchange(record->outcome, nullptr)->Completed(pending, irp->IoStatus, {});
             }
             DEVICE_OBJECT* owner = top ? nullptr : irp->Tail.Overlay.CurrentStackLocation->DeviceObject;
-            if (location->CompletionRoutine(owner, irp, location->Context) == STATUS_MORE_PROCESSING_REQUIRED) {
+            if (location->CompletionRoutine(owner, irp, location->Context) ==
+                STATUS_MORE_PROCESSING_REQUIRED) {
                 return;
             }
         } else if (pending && !top) {

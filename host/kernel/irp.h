@@ -37,7 +37,9 @@ class Outcome
     void Started(IRP* irp);
     // The dispatch routine has returned. False: it left a request behind that is neither complete nor pending.
     bool Dispatched(NTSTATUS status);
-    // The request is complete and about to be freed. `pending`: its dispatch routine had marked it pending.
+    // The request is about to be freed: no cancel may begin to use it any more.
+    void Ending();
+    // The request is complete. `pending`: its dispatch routine had marked it pending.
     void Completed(bool pending, const IO_STATUS_BLOCK& result, std::vector<uint8_t> output);
 
   private:
@@ -66,7 +68,7 @@ struct IrpRecord {
     IrpOrigin origin;
     std::atomic<uint32_t> references{1}; // being under way, and each cancel that is at work on it
     std::shared_ptr<Outcome> outcome;    // from its start to the completion of the first location
-    std::vector<uint8_t> directOutput;   // what the MDL or the user pointer of an unbuffered Request describes
+    std::vector<uint8_t> directOutput; // what the MDL or the user pointer of an unbuffered Request describes
     IRP irp;
 };
 
@@ -78,8 +80,8 @@ bool IsLive(IRP* irp); // allocated and not freed; the pointer may be wild
 
 // Fills the next stack location and the buffers of a device control. `input` holds inputBytes bytes, at most
 // inputLength of them are copied; `output` is used by the methods that do not go through the system buffer.
-void PrepareControl(IRP* irp, UCHAR major, ULONG code, const void* input, size_t inputBytes, ULONG inputLength,
-                    void* output, ULONG outputLength);
+void PrepareControl(IRP* irp, UCHAR major, ULONG code, const void* input, size_t inputBytes,
+                    ULONG inputLength, void* output, ULONG outputLength);
 // Frees the system buffer and the MDL of PrepareControl.
 void FreeControlBuffers(IRP* irp);
 
@@ -87,7 +89,7 @@ void FreeControlBuffers(IRP* irp);
 NTSTATUS RejectRequest(DEVICE_OBJECT* device, IRP* irp);
 
 // A request of a program or of the I/O manager.
-struct RequestSpec {
+struct RequestParameters {
     UCHAR major = IRP_MJ_DEVICE_CONTROL;
     FILE_OBJECT* file = nullptr;
     KPROCESSOR_MODE mode = UserMode;
@@ -102,6 +104,6 @@ struct RequestSpec {
 
 // Sends the request and returns once the dispatch routine has returned; it may be pending then. The dispatch runs
 // on the calling thread, in the context of the process that the thread is in.
-std::shared_ptr<Outcome> SendRequest(DEVICE_OBJECT* device, const RequestSpec& spec);
+std::shared_ptr<Outcome> SendRequest(DEVICE_OBJECT* device, const RequestParameters& parameters);
 
 } // namespace kernel

@@ -24,16 +24,16 @@ bool TryEnter(ThreadState& thread, uint32_t number)
     if (g_processors[number].taken.exchange(1, std::memory_order_acquire) != 0)
         return false;
     thread.processor = static_cast<int>(number) + 1;
-    // A writer that scans reader slots loads the limit after it has set its mark. Raising the limit before any slot of
-    // this processor is used makes one of the two see the other.
+    // A writer that scans reader slots loads the limit after it has set its mark. Raising the limit before
+    // any slot of this processor is used makes one of the two see the other.
     uint32_t limit = g_processorLimit.load();
     while (limit <= number && !g_processorLimit.compare_exchange_weak(limit, number + 1)) {
     }
     return true;
 }
 
-// The wake-up can be missed, as LeaveProcessor has no barrier between its store and its look at the waiters: hence the
-// short time-out.
+// The wake-up can be missed, as LeaveProcessor has no barrier between its store and its look at the waiters:
+// hence the short time-out.
 void WaitForRelease(uint32_t seen)
 {
     g_processorWaiters.fetch_add(1);
@@ -82,8 +82,8 @@ void LowerIrqlSlow(ThreadState& thread, KIRQL irql, const char* function)
     if (thread.irql >= DISPATCH_LEVEL && irql < DISPATCH_LEVEL) {
         if (thread.heldCount != 0) {
             const HeldLock& held = thread.held[thread.heldCount - 1];
-            Report("irql-lowered-with-lock-held", function, "to %u while lock %p (acquired at %s) is held", irql,
-                   held.lock, DescribeSite(held.site).text);
+            Report("irql-lowered-with-lock-held", function, "to %u while lock %p (acquired at %s) is held",
+                   irql, held.lock, DescribeSite(held.site).text);
             return;
         }
         thread.irql = irql;
@@ -166,7 +166,8 @@ AtDispatch::AtDispatch(int processor) : oldIrql_(t_thread.irql)
     ThreadState& thread = t_thread;
     if (thread.irql >= DISPATCH_LEVEL || processor < 0) {
         if (processor >= 0 && thread.processor != processor + 1)
-            Report("processor-changed-at-dispatch", "AtDispatch", "from %d to %d", thread.processor - 1, processor);
+            Report("processor-changed-at-dispatch", "AtDispatch", "from %d to %d", thread.processor - 1,
+                   processor);
         RaiseToDispatch(thread);
         return;
     }

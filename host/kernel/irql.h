@@ -1,5 +1,5 @@
-// IRQL and processor numbers. From raising to DISPATCH_LEVEL until lowering a thread owns a processor number that no
-// other thread has.
+// IRQL and processor numbers. From raising to DISPATCH_LEVEL until lowering a thread owns a processor number
+// that no other thread has.
 #pragma once
 
 #include "thread.h"
@@ -12,10 +12,10 @@ struct alignas(64) Processor {
     std::atomic<uint32_t> taken;
 };
 extern Processor g_processors[MAXIMUM_PROCESSORS];
-extern std::atomic<uint32_t> g_processorLimit;  // one more than the highest number ever used
+extern std::atomic<uint32_t> g_processorLimit; // one more than the highest number ever used
 extern std::atomic<uint32_t> g_processorWaiters;
 
-void EnterAnyProcessor(ThreadState& thread);         // waits while all are taken
+void EnterAnyProcessor(ThreadState& thread);          // waits while all are taken
 void EnterProcessor(ThreadState& thread, int number); // waits until this one is free
 void WakeProcessorWaiters();
 
@@ -74,8 +74,8 @@ inline void PushHeld(ThreadState& thread, const void* lock, LockKind kind, const
 // Takes back the note at `index`.
 void RemoveHeld(ThreadState& thread, uint32_t index);
 
-// Takes back the latest note of a lock: null when the thread does not hold it. The note stays readable until the next
-// lock is taken.
+// Takes back the latest note of a lock: null when the thread does not hold it. The note stays readable until
+// the next lock is taken.
 inline const HeldLock* PopHeld(ThreadState& thread, const void* lock)
 {
     uint32_t count = thread.heldCount;

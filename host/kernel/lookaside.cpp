@@ -9,7 +9,8 @@ namespace
 constexpr USHORT kMinimumDepth = 4;
 constexpr USHORT kMaximumDepth = 256;
 
-// The list head of a real kernel is exchanged as a whole; here a mark guards it for the few instructions of a change.
+// The list head of a real kernel is exchanged as a whole; here a mark guards it for the few instructions of a
+// change.
 class ListLock
 {
   public:
@@ -60,8 +61,8 @@ bool Push(SLIST_HEADER& head, void* memory, USHORT depth)
 
 } // namespace
 
-VOID ExInitializeNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside, PALLOCATE_FUNCTION Allocate, PFREE_FUNCTION Free,
-                                     ULONG, SIZE_T Size, ULONG Tag, USHORT)
+VOID ExInitializeNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside, PALLOCATE_FUNCTION Allocate,
+                                     PFREE_FUNCTION Free, ULONG, SIZE_T Size, ULONG Tag, USHORT)
 {
     RequireIrqlAtMost(DISPATCH_LEVEL, "ExInitializeNPagedLookasideList");
     GENERAL_LOOKASIDE& list = Lookaside->L;

@@ -56,7 +56,8 @@ void* MapIntoKernel(MDL* mdl, const char* function)
         return nullptr;
     }
     if (mdl->MdlFlags & MDL_MAPPED_TO_SYSTEM_VA) {
-        Report("mdl-mapped-twice", function, "MDL %p is mapped into the system already", static_cast<void*>(mdl));
+        Report("mdl-mapped-twice", function, "MDL %p is mapped into the system already",
+               static_cast<void*>(mdl));
         return mdl->MappedSystemVa;
     }
     mdl->MappedSystemVa = MmGetMdlVirtualAddress(mdl);
@@ -82,14 +83,16 @@ void* MapIntoProcess(MDL* mdl, const char* function)
         return nullptr;
     }
     const size_t within = BYTE_OFFSET(source);
-    const size_t length = static_cast<size_t>(ADDRESS_AND_SIZE_TO_SPAN_PAGES(source, mdl->ByteCount)) * PAGE_SIZE;
-    void* pages = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, file,
-                       static_cast<off_t>(offset - within));
+    const size_t length =
+        static_cast<size_t>(ADDRESS_AND_SIZE_TO_SPAN_PAGES(source, mdl->ByteCount)) * PAGE_SIZE;
+    void* pages =
+        mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, file, static_cast<off_t>(offset - within));
     if (pages == MAP_FAILED) {
         return nullptr;
     }
     void* address = static_cast<UCHAR*>(pages) + within;
-    mdl->Process = IoGetCurrentProcess(); // spares the many MDLs without a user view the search when they are freed
+    mdl->Process =
+        IoGetCurrentProcess(); // spares the many MDLs without a user view the search when they are freed
     Views& views = AllViews();
     std::lock_guard lock(views.mutex);
     views.list.push_back({CurrentProcessId(), address, pages, length, mdl});
@@ -101,7 +104,8 @@ bool HasView(const MDL* mdl)
 {
     Views& views = AllViews();
     std::lock_guard lock(views.mutex);
-    return std::any_of(views.list.begin(), views.list.end(), [mdl](const View& view) { return view.mdl == mdl; });
+    return std::any_of(views.list.begin(), views.list.end(),
+                       [mdl](const View& view) { return view.mdl == mdl; });
 }
 
 void UnmapFromKernel(MDL* mdl)
@@ -120,8 +124,8 @@ void EndViews(uint32_t processId)
         if (view.process != processId) {
             return false;
         }
-        Report("view-left-in-process", "process end", "process %u ended with %zu bytes still mapped at %p", processId,
-               view.length, view.address);
+        Report("view-left-in-process", "process end", "process %u ended with %zu bytes still mapped at %p",
+               processId, view.length, view.address);
         munmap(view.pages, view.length);
         --Live().views;
         return true;
@@ -139,8 +143,8 @@ PMDL IoAllocateMdl(PVOID address, ULONG length, BOOLEAN secondary, BOOLEAN charg
     if (Fails(machine::Fault::Mdl)) {
         return nullptr;
     }
-    auto* mdl = static_cast<MDL*>(
-        AllocateBlock(sizeof(MDL), kMdlTag, BlockKind::Mdl, __builtin_return_address(0)));
+    auto* mdl =
+        static_cast<MDL*>(AllocateBlock(sizeof(MDL), kMdlTag, BlockKind::Mdl, __builtin_return_address(0)));
     if (mdl == nullptr) {
         return nullptr;
     }
@@ -187,8 +191,8 @@ VOID MmProbeAndLockPages(PMDL mdl, KPROCESSOR_MODE mode, LOCK_OPERATION operatio
     (void)operation;
     RequireIrqlAtMost(DISPATCH_LEVEL, "MmProbeAndLockPages");
     if (mdl->MdlFlags & (MDL_PAGES_LOCKED | MDL_SOURCE_IS_NONPAGED_POOL)) {
-        Report("mdl-locked-twice", "MmProbeAndLockPages", "MDL %p has its pages locked already, or is non-paged pool",
-               static_cast<void*>(mdl));
+        Report("mdl-locked-twice", "MmProbeAndLockPages",
+               "MDL %p has its pages locked already, or is non-paged pool", static_cast<void*>(mdl));
         return;
     }
     mdl->MdlFlags |= MDL_PAGES_LOCKED;
@@ -219,8 +223,8 @@ PVOID MmMapLockedPages(PMDL mdl, KPROCESSOR_MODE mode)
     return address;
 }
 
-PVOID MmMapLockedPagesSpecifyCache(PMDL mdl, KPROCESSOR_MODE mode, MEMORY_CACHING_TYPE cacheType, PVOID requested,
-                                   ULONG bugCheckOnFailure, ULONG priority)
+PVOID MmMapLockedPagesSpecifyCache(PMDL mdl, KPROCESSOR_MODE mode, MEMORY_CACHING_TYPE cacheType,
+                                   PVOID requested, ULONG bugCheckOnFailure, ULONG priority)
 {
     (void)cacheType;
     (void)requested; // a wish, and no program here has one

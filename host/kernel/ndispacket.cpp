@@ -40,19 +40,20 @@ size_t RoundUp(size_t size)
 
 } // namespace
 
-VOID NdisAllocatePacketPoolEx(PNDIS_STATUS status, PNDIS_HANDLE handle, UINT descriptors, UINT overflowDescriptors,
-                              UINT protocolReservedLength)
+VOID NdisAllocatePacketPoolEx(PNDIS_STATUS status, PNDIS_HANDLE handle, UINT descriptors,
+                              UINT overflowDescriptors, UINT protocolReservedLength)
 {
     kernel::RequireIrqlAtMost(DISPATCH_LEVEL, "NdisAllocatePacketPool");
     const size_t count = static_cast<size_t>(descriptors) + overflowDescriptors;
-    const size_t size = RoundUp(std::max(sizeof(NDIS_PACKET),
-                                         offsetof(NDIS_PACKET, ProtocolReserved) + protocolReservedLength));
+    const size_t size = RoundUp(
+        std::max(sizeof(NDIS_PACKET), offsetof(NDIS_PACKET, ProtocolReserved) + protocolReservedLength));
     *handle = nullptr;
     *status = NDIS_STATUS_RESOURCES;
     if (count == 0 || size > 0xFFFF || count > 0x40000000 / size) {
         return;
     }
-    void* block = ExAllocatePoolWithTag(NonPagedPool, RoundUp(sizeof(PacketPool)) + count * size, kPacketPoolTag);
+    void* block =
+        ExAllocatePoolWithTag(NonPagedPool, RoundUp(sizeof(PacketPool)) + count * size, kPacketPoolTag);
     if (block == nullptr) {
         return;
     }
@@ -67,7 +68,8 @@ VOID NdisAllocatePacketPoolEx(PNDIS_STATUS status, PNDIS_HANDLE handle, UINT des
     *status = NDIS_STATUS_SUCCESS;
 }
 
-VOID NdisAllocatePacketPool(PNDIS_STATUS status, PNDIS_HANDLE handle, UINT descriptors, UINT protocolReservedLength)
+VOID NdisAllocatePacketPool(PNDIS_STATUS status, PNDIS_HANDLE handle, UINT descriptors,
+                            UINT protocolReservedLength)
 {
     NdisAllocatePacketPoolEx(status, handle, descriptors, 0, protocolReservedLength);
 }
@@ -76,8 +78,8 @@ VOID NdisFreePacketPool(NDIS_HANDLE handle)
 {
     auto* pool = static_cast<PacketPool*>(handle);
     if (pool->outstanding != 0) {
-        kernel::Report("packet-pool-busy", "NdisFreePacketPool", "pool %p is freed with %u packets out", handle,
-                       pool->outstanding);
+        kernel::Report("packet-pool-busy", "NdisFreePacketPool", "pool %p is freed with %u packets out",
+                       handle, pool->outstanding);
     }
     ExFreePoolWithTag(pool, kPacketPoolTag);
 }
@@ -133,7 +135,8 @@ VOID NdisFreeBufferPool(NDIS_HANDLE handle)
     ExFreePoolWithTag(handle, kBufferPoolTag);
 }
 
-VOID NdisAllocateBuffer(PNDIS_STATUS status, PNDIS_BUFFER* buffer, NDIS_HANDLE handle, PVOID address, UINT length)
+VOID NdisAllocateBuffer(PNDIS_STATUS status, PNDIS_BUFFER* buffer, NDIS_HANDLE handle, PVOID address,
+                        UINT length)
 {
     (void)handle;
     *buffer = IoAllocateMdl(address, length, FALSE, FALSE, nullptr);

@@ -66,7 +66,8 @@ void* CreateObject(POBJECT_TYPE type, size_t bodySize)
 
 POBJECT_TYPE TypeOfObject(const void* body, const char* function)
 {
-    if (body == nullptr || (reinterpret_cast<uintptr_t>(body) & 15) != 0 || HeaderOf(body)->magic != kObject) {
+    if (body == nullptr || (reinterpret_cast<uintptr_t>(body) & 15) != 0 ||
+        HeaderOf(body)->magic != kObject) {
         Report("not-an-object", function, "address %p", body);
         return nullptr;
     }
@@ -126,8 +127,8 @@ LONG_PTR ObfDereferenceObject(PVOID Object)
     return left;
 }
 
-NTSTATUS ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK, POBJECT_TYPE ObjectType, KPROCESSOR_MODE, PVOID* Object,
-                                   POBJECT_HANDLE_INFORMATION)
+NTSTATUS ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK, POBJECT_TYPE ObjectType, KPROCESSOR_MODE,
+                                   PVOID* Object, POBJECT_HANDLE_INFORMATION)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "ObReferenceObjectByHandle");
     *Object = nullptr;

@@ -1,5 +1,5 @@
-// Reference-counted kernel objects (threads, file objects). The body that drivers see follows a hidden header, so that
-// one ObDereferenceObject serves all of them.
+// Reference-counted kernel objects (threads, file objects). The body that drivers see follows a hidden
+// header, so that one ObDereferenceObject serves all of them.
 #pragma once
 
 #include <ntddk.h>

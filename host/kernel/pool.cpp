@@ -97,8 +97,8 @@ bool CountsAsPool(BlockKind kind)
 
 const char* RoutineOf(BlockKind kind)
 {
-    static const char* const names[] = {"ExFreePool", "NdisFreeMemory", "IoFreeMdl", "IoFreeIrp",
-                                        "the I/O manager", "NdisFreePacket"};
+    static const char* const names[] = {"ExFreePool", "NdisFreeMemory",  "IoFreeMdl",
+                                        "IoFreeIrp",  "the I/O manager", "NdisFreePacket"};
     static_assert(std::size(names) == static_cast<size_t>(BlockKind::Count));
     return names[static_cast<size_t>(kind)];
 }
@@ -116,7 +116,8 @@ unsigned char* EndOf(const Header* header)
 
 Header* AllocateSmall(size_t size)
 {
-    void* memory = std::aligned_alloc(16, (sizeof(Header) + size + kTailSize + 15) & ~static_cast<size_t>(15));
+    void* memory =
+        std::aligned_alloc(16, (sizeof(Header) + size + kTailSize + 15) & ~static_cast<size_t>(15));
     if (memory == nullptr)
         return nullptr;
     auto* header = static_cast<Header*>(memory);
@@ -140,8 +141,8 @@ Header* AllocateLarge(size_t size)
         mapping = mmap(nullptr, header->mappingSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     void* view = MAP_FAILED;
     if (mapping != MAP_FAILED)
-        view = mmap(static_cast<char*>(mapping) + PAGE_SIZE, pages, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED,
-                    header->fd, 0);
+        view = mmap(static_cast<char*>(mapping) + PAGE_SIZE, pages, PROT_READ | PROT_WRITE,
+                    MAP_SHARED | MAP_FIXED, header->fd, 0);
     if (view == MAP_FAILED) {
         if (mapping != MAP_FAILED)
             munmap(mapping, header->mappingSize);
@@ -156,19 +157,20 @@ Header* AllocateLarge(size_t size)
     return header;
 }
 
-// Checks that nobody wrote to the block since it was freed, and gives its memory back. Under the pool's mutex.
+// Checks that nobody wrote to the block since it was freed, and gives its memory back. Under the pool's
+// mutex.
 void Release(Pool& pool, Header* header)
 {
     Unpoison(header->block, header->size + SlackOf(header));
     const auto* bytes = static_cast<const unsigned char*>(header->block);
     // Every byte equals its successor, and the first is the pattern.
-    if (header->size != 0 &&
-        (bytes[0] != kFreedFill || memcmp(bytes, bytes + 1, header->size - 1) != 0)) {
+    if (header->size != 0 && (bytes[0] != kFreedFill || memcmp(bytes, bytes + 1, header->size - 1) != 0)) {
         size_t offset = 0;
         while (bytes[offset] == kFreedFill)
             offset++;
-        Report("written-after-free", "the pool", "block %p '%s' of %zu bytes (allocated at %s, freed at %s), offset %zu",
-               header->block, TagText(header->tag).c_str(), header->size, DescribeSite(header->site).text,
+        Report("written-after-free", "the pool",
+               "block %p '%s' of %zu bytes (allocated at %s, freed at %s), offset %zu", header->block,
+               TagText(header->tag).c_str(), header->size, DescribeSite(header->site).text,
                DescribeSite(header->freeSite).text, offset);
     }
     header->magic = 0;
@@ -210,8 +212,9 @@ void CheckContents(const Header* header, const char* function)
     size_t slack = SlackOf(header);
     for (size_t i = 0; i < slack; i++) {
         if (end[i] != kTailFill) {
-            Report("pool-overrun", function, "block %p '%s' of %zu bytes (allocated at %s), %zu bytes behind its end",
-                   header->block, TagText(header->tag).c_str(), header->size, DescribeSite(header->site).text, i);
+            Report("pool-overrun", function,
+                   "block %p '%s' of %zu bytes (allocated at %s), %zu bytes behind its end", header->block,
+                   TagText(header->tag).c_str(), header->size, DescribeSite(header->site).text, i);
             break;
         }
     }
@@ -219,10 +222,12 @@ void CheckContents(const Header* header, const char* function)
     for (uint32_t i = 0; i < t_thread.heldCount; i++) {
         const void* lock = t_thread.held[i].lock;
         if (lock >= begin && lock < end)
-            Report("lock-freed-while-held", function, "lock %p in block '%s'", lock, TagText(header->tag).c_str());
+            Report("lock-freed-while-held", function, "lock %p in block '%s'", lock,
+                   TagText(header->tag).c_str());
     }
     if (const void* timer = CancelTimersIn(begin, end))
-        Report("timer-freed-while-set", function, "timer %p in block '%s'", timer, TagText(header->tag).c_str());
+        Report("timer-freed-while-set", function, "timer %p in block '%s'", timer,
+               TagText(header->tag).c_str());
 }
 
 } // namespace
@@ -274,8 +279,8 @@ bool FreeBlock(void* block, BlockKind kind, const char* function, const uint32_t
         if (header == nullptr)
             Report("not-a-pool-block", function, "address %p", block);
         else
-            Report("double-free", function, "block %p '%s', freed before at %s", block, TagText(header->tag).c_str(),
-                   DescribeSite(header->freeSite).text);
+            Report("double-free", function, "block %p '%s', freed before at %s", block,
+                   TagText(header->tag).c_str(), DescribeSite(header->freeSite).text);
         return false;
     }
     header->magic = kFreed;
@@ -414,8 +419,8 @@ VOID NdisFreeMemory(PVOID VirtualAddress, UINT Length, UINT MemoryFlags)
 {
     RequireIrqlAtMost(DISPATCH_LEVEL, "NdisFreeMemory");
     if (MemoryFlags != 0)
-        Report("wrong-free-routine", "NdisFreeMemory", "block %p freed with memory flags %u, allocated with 0",
-               VirtualAddress, MemoryFlags);
+        Report("wrong-free-routine", "NdisFreeMemory",
+               "block %p freed with memory flags %u, allocated with 0", VirtualAddress, MemoryFlags);
     // Length 0 is the documented form for callers that do not keep the length.
     size_t length = Length;
     FreeBlock(VirtualAddress, BlockKind::Ndis, "NdisFreeMemory", nullptr, Length == 0 ? nullptr : &length,

@@ -77,11 +77,11 @@ struct File::State {
     size_t sending = 0;                            // threads inside a dispatch routine
     std::vector<std::shared_ptr<Outcome>> pending; // may hold complete ones as well
 
-    std::shared_ptr<Request::State> Send(kernel::RequestSpec spec);
+    std::shared_ptr<Request::State> Send(kernel::RequestParameters parameters);
     void Close();
 };
 
-std::shared_ptr<Request::State> File::State::Send(kernel::RequestSpec spec)
+std::shared_ptr<Request::State> File::State::Send(kernel::RequestParameters parameters)
 {
     auto request = std::make_shared<Request::State>();
     {
@@ -92,10 +92,10 @@ std::shared_ptr<Request::State> File::State::Send(kernel::RequestSpec spec)
         }
         ++sending;
     }
-    spec.file = file;
+    parameters.file = file;
     {
         const kernel::ProcessScope scope(process.get());
-        request->outcome = kernel::SendRequest(file->DeviceObject, spec);
+        request->outcome = kernel::SendRequest(file->DeviceObject, parameters);
     }
     std::lock_guard lock(mutex);
     std::erase_if(pending, [](const auto& outcome) { return outcome->IsComplete(); });
@@ -223,7 +223,8 @@ Request File::Send(uint32_t code, std::span<const uint8_t> input, size_t outputL
                                  .outputLength = static_cast<ULONG>(outputLength)}));
 }
 
-Request File::SendInternal(uint32_t code, std::span<const uint8_t> buffer, size_t inputLength, size_t outputLength)
+Request File::SendInternal(uint32_t code, std::span<const uint8_t> buffer, size_t inputLength,
+                           size_t outputLength)
 {
     return Request(state_->Send({.major = IRP_MJ_INTERNAL_DEVICE_CONTROL,
                                  .mode = KernelMode,

@@ -90,15 +90,17 @@ bool TypeMatches(const RTL_QUERY_REGISTRY_TABLE& entry, ULONG type)
     if (expected == REG_NONE || IsString(expected) == IsString(type)) {
         return true;
     }
-    Report("registry-type-mismatch", "RtlQueryRegistryValues", "value %s has type %u, the direct query expects %u",
-           ToUtf8(entry.Name).c_str(), type, expected);
+    Report("registry-type-mismatch", "RtlQueryRegistryValues",
+           "value %s has type %u, the direct query expects %u", ToUtf8(entry.Name).c_str(), type, expected);
     return false;
 }
 
-NTSTATUS Deliver(const RTL_QUERY_REGISTRY_TABLE& entry, ULONG type, const void* data, ULONG length, void* context)
+NTSTATUS Deliver(const RTL_QUERY_REGISTRY_TABLE& entry, ULONG type, const void* data, ULONG length,
+                 void* context)
 {
     if (!(entry.Flags & RTL_QUERY_REGISTRY_DIRECT)) {
-        return entry.QueryRoutine(entry.Name, type, const_cast<void*>(data), length, context, entry.EntryContext);
+        return entry.QueryRoutine(entry.Name, type, const_cast<void*>(data), length, context,
+                                  entry.EntryContext);
     }
     if (IsString(type)) {
         return StoreString(static_cast<UNICODE_STRING*>(entry.EntryContext), data, length);
@@ -191,7 +193,8 @@ NTSTATUS RtlQueryRegistryValues(ULONG relativeTo, PCWSTR path, PRTL_QUERY_REGIST
         key = found->second;
     }
     NTSTATUS status = STATUS_SUCCESS;
-    for (; NT_SUCCESS(status) && (table->QueryRoutine != nullptr || (table->Flags & RTL_QUERY_REGISTRY_DIRECT));
+    for (;
+         NT_SUCCESS(status) && (table->QueryRoutine != nullptr || (table->Flags & RTL_QUERY_REGISTRY_DIRECT));
          ++table) {
         status = QueryEntry(*table, key, context);
     }

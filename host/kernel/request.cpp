@@ -30,12 +30,12 @@ const char* MajorName(UCHAR major)
     }
 }
 
-std::string Describe(DEVICE_OBJECT* device, const RequestSpec& spec)
+std::string Describe(DEVICE_OBJECT* device, const RequestParameters& parameters)
 {
-    std::string text = std::string(MajorName(spec.major)) + " to " + DeviceName(device);
-    if (spec.major == IRP_MJ_DEVICE_CONTROL || spec.major == IRP_MJ_INTERNAL_DEVICE_CONTROL) {
+    std::string text = std::string(MajorName(parameters.major)) + " to " + DeviceName(device);
+    if (parameters.major == IRP_MJ_DEVICE_CONTROL || parameters.major == IRP_MJ_INTERNAL_DEVICE_CONTROL) {
         char code[32];
-        snprintf(code, sizeof(code), ", code 0x%08X", spec.code);
+        snprintf(code, sizeof(code), ", code 0x%08X", parameters.code);
         text += code;
     }
     return text;
@@ -109,10 +109,15 @@ bool Outcome::Dispatched(NTSTATUS status)
     return true;
 }
 
-void Outcome::Completed(bool pending, const IO_STATUS_BLOCK& result, std::vector<uint8_t> output)
+void Outcome::Ending()
 {
     std::lock_guard lock(mutex_);
     irp_ = nullptr;
+}
+
+void Outcome::Completed(bool pending, const IO_STATUS_BLOCK& result, std::vector<uint8_t> output)
+{
+    std::lock_guard lock(mutex_);
     markedPending_ = pending;
     result_ = result;
     output_ = std::move(output);
@@ -137,23 +142,24 @@ void Outcome::CheckPendingMark() const
     }
 }
 
-std::shared_ptr<Outcome> SendRequest(DEVICE_OBJECT* device, const RequestSpec& spec)
+std::shared_ptr<Outcome> SendRequest(DEVICE_OBJECT* device, const RequestParameters& parameters)
 {
-    const std::string what = Describe(device, spec);
+    const std::string what = Describe(device, parameters);
     auto outcome = std::make_shared<Outcome>(what);
     IrpRecord* record = NewIrp(IrpOrigin::Request, device->StackSize);
     IRP* irp = &record->irp;
     record->outcome = outcome;
-    irp->RequestorMode = spec.mode;
-    irp->Tail.Overlay.OriginalFileObject = spec.file;
+    irp->RequestorMode = parameters.mode;
+    irp->Tail.Overlay.OriginalFileObject = parameters.file;
     IO_STACK_LOCATION* next = IoGetNextIrpStackLocation(irp);
-    next->MajorFunction = spec.major;
-    next->FileObject = spec.file;
-    if (spec.major == IRP_MJ_DEVICE_CONTROL || spec.major == IRP_MJ_INTERNAL_DEVICE_CONTROL) {
-        record->directOutput.resize(METHOD_FROM_CTL_CODE(spec.code) != METHOD_BUFFERED ? spec.outputLength : 0);
-        PrepareControl(irp, spec.major, spec.code, spec.input, spec.inputBytes, spec.inputLength,
-                       record->directOutput.data(), spec.outputLength);
-        if (spec.noBuffer) {
+    next->MajorFunction = parameters.major;
+    next->FileObject = parameters.file;
+    if (parameters.major == IRP_MJ_DEVICE_CONTROL || parameters.major == IRP_MJ_INTERNAL_DEVICE_CONTROL) {
+        record->directOutput.resize(
+            METHOD_FROM_CTL_CODE(parameters.code) != METHOD_BUFFERED ? parameters.outputLength : 0);
+        PrepareControl(irp, parameters.major, parameters.code, parameters.input, parameters.inputBytes,
+                       parameters.inputLength, record->directOutput.data(), parameters.outputLength);
+        if (parameters.noBuffer) {
             FreeControlBuffers(irp);
         }
     }

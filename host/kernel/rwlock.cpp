@@ -1,6 +1,7 @@
-// NDIS read-write locks. A reader marks the slot of its processor with one exchange and looks at the writer's mark; a
-// writer sets its mark with one exchange and looks at the slots. Both exchanges are sequentially consistent, so at
-// least one of the two sees the other. Readers give way to a writer that waits, except a thread that reads already.
+// NDIS read-write locks. A reader marks the slot of its processor with one exchange and looks at the writer's
+// mark; a writer sets its mark with one exchange and looks at the slots. Both exchanges are sequentially
+// consistent, so at least one of the two sees the other. Readers give way to a writer that waits, except a
+// thread that reads already.
 #include "irql.h"
 
 #include <ndis.h>
@@ -38,8 +39,8 @@ Slot SlotOf(NDIS_RW_LOCK* lock, uint32_t processor)
     }
 }
 
-[[gnu::noinline]] void RefuseRecursion(ThreadState& thread, NDIS_RW_LOCK* lock, PLOCK_STATE state, const char* what,
-                                       const void* site)
+[[gnu::noinline]] void RefuseRecursion(ThreadState& thread, NDIS_RW_LOCK* lock, PLOCK_STATE state,
+                                       const char* what, const void* site)
 {
     const HeldLock* first = FindHeld(thread, lock);
     Report("rw-lock-recursion", "NdisAcquireReadWriteLock", "%s of lock %p, first acquired at %s", what,
@@ -50,15 +51,17 @@ Slot SlotOf(NDIS_RW_LOCK* lock, uint32_t processor)
 
 [[gnu::noinline]] void ReportUninitialized(NDIS_RW_LOCK* lock)
 {
-    Report("lock-not-initialized", "NdisAcquireReadWriteLock", "read-write lock %p", static_cast<void*>(lock));
+    Report("lock-not-initialized", "NdisAcquireReadWriteLock", "read-write lock %p",
+           static_cast<void*>(lock));
     NdisInitializeReadWriteLock(lock);
 }
 
-[[gnu::noinline]] void AcquireWrite(ThreadState& thread, NDIS_RW_LOCK* lock, PLOCK_STATE state, const void* site)
+[[gnu::noinline]] void AcquireWrite(ThreadState& thread, NDIS_RW_LOCK* lock, PLOCK_STATE state,
+                                    const void* site)
 {
     if (const HeldLock* held = FindHeld(thread, lock)) {
-        RefuseRecursion(thread, lock, state, held->kind == LockKind::Read ? "write inside read" : "write inside write",
-                        site);
+        RefuseRecursion(thread, lock, state,
+                        held->kind == LockKind::Read ? "write inside read" : "write inside write", site);
         return;
     }
     Backoff backoff;
@@ -159,8 +162,9 @@ VOID NdisInitializeReadWriteLock(PNDIS_RW_LOCK Lock)
     Lock->Signature = kSignature;
 }
 
-// The two routines below hold only the road of a reader that is at DISPATCH_LEVEL already and meets no writer. All
-// else is called at their end, so that they save no registers: the exchange waits for every store before it.
+// The two routines below hold only the road of a reader that is at DISPATCH_LEVEL already and meets no
+// writer. All else is called at their end, so that they save no registers: the exchange waits for every store
+// before it.
 
 VOID NdisAcquireReadWriteLock(PNDIS_RW_LOCK Lock, BOOLEAN fWrite, PLOCK_STATE LockState)
 {

@@ -14,8 +14,8 @@ ULONG_PTR OwnerWord(const ThreadState& thread)
 void Acquire(ThreadState& thread, PKSPIN_LOCK lock, const char* function, const void* site)
 {
     ULONG_PTR owner = 0;
-    if (__builtin_expect(!__atomic_compare_exchange_n(lock, &owner, OwnerWord(thread), false, __ATOMIC_ACQUIRE,
-                                                      __ATOMIC_RELAXED),
+    if (__builtin_expect(!__atomic_compare_exchange_n(lock, &owner, OwnerWord(thread), false,
+                                                      __ATOMIC_ACQUIRE, __ATOMIC_RELAXED),
                          0)) {
         if (owner == OwnerWord(thread)) {
             const HeldLock* first = FindHeld(thread, lock);

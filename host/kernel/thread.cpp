@@ -177,8 +177,8 @@ SiteText DescribeSite(const void* address)
         const char* file = slash != nullptr ? slash + 1 : info.dli_fname;
         const void* base = info.dli_sname != nullptr ? info.dli_saddr : info.dli_fbase;
         auto offset = static_cast<size_t>(static_cast<const char*>(address) - static_cast<const char*>(base));
-        snprintf(site.text, sizeof(site.text), "%s+0x%zx (%s)", info.dli_sname != nullptr ? info.dli_sname : "image",
-                 offset, file);
+        snprintf(site.text, sizeof(site.text), "%s+0x%zx (%s)",
+                 info.dli_sname != nullptr ? info.dli_sname : "image", offset, file);
     }
     return site;
 }

@@ -23,8 +23,8 @@ constexpr uint32_t kMaxHeldLocks = 64;
 struct ThreadState {
     KIRQL irql;
     bool registered;
-    bool systemThread; // made by PsCreateSystemThread
-    int processor; // number + 1 of the processor it owns (at DISPATCH_LEVEL) or owned last; 0: none yet
+    bool systemThread;  // made by PsCreateSystemThread
+    int processor;      // number + 1 of the processor it owns (at DISPATCH_LEVEL) or owned last; 0: none yet
     uint32_t heldCount; // read by the census from other threads
     HeldLock held[kMaxHeldLocks];
     PKTHREAD thread;   // created when first asked for
@@ -38,8 +38,8 @@ void RegisterThread(ThreadState& thread);
 
 size_t LocksHeldByAll();
 
-// After a routine of a driver has returned: reports an IRQL other than `expected` and locks still held, and puts the
-// thread back in order.
+// After a routine of a driver has returned: reports an IRQL other than `expected` and locks still held, and
+// puts the thread back in order.
 void CheckReturn(KIRQL expected, const char* what, const void* routine);
 
 // Names an address of code for reports: "function+0x12 (module)".

@@ -1,5 +1,6 @@
-// Timers and deferred calls. One host thread expires timers and runs the deferred calls, one after the other, at
-// DISPATCH_LEVEL. A timer or DPC is not touched any more once its routine has been called: the routine may free it.
+// Timers and deferred calls. One host thread expires timers and runs the deferred calls, one after the other,
+// at DISPATCH_LEVEL. A timer or DPC is not touched any more once its routine has been called: the routine may
+// free it.
 #include "dispatcher.h"
 #include "irql.h"
 #include "verifier.h"
@@ -83,8 +84,8 @@ void RunDpc(Dispatcher& dispatcher, std::unique_lock<std::mutex>& lock)
     ThreadState& thread = t_thread;
     RaiseToDispatch(thread);
     if (copy.Type == kNdisTimerDpc)
-        reinterpret_cast<PNDIS_TIMER_FUNCTION>(copy.DeferredRoutine)(dpc, copy.DeferredContext, copy.SystemArgument1,
-                                                                     copy.SystemArgument2);
+        reinterpret_cast<PNDIS_TIMER_FUNCTION>(copy.DeferredRoutine)(
+            dpc, copy.DeferredContext, copy.SystemArgument1, copy.SystemArgument2);
     else
         copy.DeferredRoutine(dpc, copy.DeferredContext, copy.SystemArgument1, copy.SystemArgument2);
     CheckReturn(DISPATCH_LEVEL, "deferred call", reinterpret_cast<const void*>(copy.DeferredRoutine));
@@ -134,11 +135,13 @@ void WakeTimerThread(Dispatcher& dispatcher)
 bool EarliestTimer(int64_t* due)
 {
     Dispatcher& dispatcher = TheDispatcher();
+    if (IsListEmpty(&dispatcher.timers))
+        return false;
     int64_t least = INT64_MAX;
     for (LIST_ENTRY* entry = dispatcher.timers.Flink; entry != &dispatcher.timers; entry = entry->Flink)
         least = std::min(least, RemainingTime(DueTimeOf(CONTAINING_RECORD(entry, KTIMER, TimerListEntry))));
-    *due = InterruptTime() + least;
-    return !IsListEmpty(&dispatcher.timers);
+    *due = DueIn(least);
+    return true;
 }
 
 bool TimersAtRest()

@@ -10,8 +10,9 @@
 namespace kernel
 {
 
-// Records a violation and prints it. `function` is the kernel function whose rule is broken. Callable at any IRQL,
-// with any host lock of the kernel held. The detail text follows printf of the host (not the Windows rules).
+// Records a violation and prints it. `function` is the kernel function whose rule is broken. Callable at any
+// IRQL, with any host lock of the kernel held. The detail text follows printf of the host (not the Windows
+// rules).
 void Report(const char* rule, const char* function, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
@@ -25,7 +26,8 @@ struct LiveCounters {
 };
 LiveCounters& Live();
 
-// Reports "irql-too-high" when the calling thread runs above `limit` (0 PASSIVE_LEVEL, 1 APC_LEVEL, 2 DISPATCH_LEVEL).
+// Reports "irql-too-high" when the calling thread runs above `limit` (0 PASSIVE_LEVEL, 1 APC_LEVEL, 2
+// DISPATCH_LEVEL).
 void RequireIrqlAtMost(unsigned char limit, const char* function);
 
 } // namespace kernel

@@ -1,5 +1,5 @@
-// Work items run on a few host threads at PASSIVE_LEVEL. An item is not touched any more once its routine has been
-// called: the routine may free it.
+// Work items run on a few host threads at PASSIVE_LEVEL. An item is not touched any more once its routine has
+// been called: the routine may free it.
 #include "dispatcher.h"
 #include "thread.h"
 #include "verifier.h"
@@ -49,7 +49,8 @@ VOID ExQueueWorkItem(PWORK_QUEUE_ITEM WorkItem, WORK_QUEUE_TYPE)
     Dispatcher& dispatcher = TheDispatcher();
     std::lock_guard lock(dispatcher.mutex);
     if (WorkItem->List.Flink != nullptr) {
-        Report("work-item-queued-twice", "ExQueueWorkItem", "item %p, routine %s", static_cast<void*>(WorkItem),
+        Report("work-item-queued-twice", "ExQueueWorkItem", "item %p, routine %s",
+               static_cast<void*>(WorkItem),
                DescribeSite(reinterpret_cast<const void*>(WorkItem->WorkerRoutine)).text);
         return;
     }

@@ -3,8 +3,6 @@
 
 #include <support/packet.h>
 
-#include <cstdio>
-
 namespace chains
 {
 
@@ -92,10 +90,8 @@ class ChainTest : public support::FrameworkTest
 
 inline std::string ExceptionLine(const char* function, int32_t code, const FilterPacket* packet)
 {
-    char text[128];
-    std::snprintf(text, sizeof(text), "  %s: exception, code = %d, pPacket=0x%016llX\n", function, code,
-                  reinterpret_cast<unsigned long long>(packet));
-    return text;
+    return std::string("  ") + function + ": exception, code = " + std::to_string(code) + ", pPacket=" +
+           support::PointerText(packet) + "\n";
 }
 
 } // namespace chains

@@ -169,8 +169,8 @@ TEST_P(UnbindTest, LosesNoPacketInTheMiddleOfTraffic)
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, UnbindTest, testing::Values(hook::UnbindMode::Drained, hook::UnbindMode::Abrupt),
-                         [](const auto& info) {
-                             return info.param == hook::UnbindMode::Drained ? "Drained" : "Abrupt";
+                         [](const auto& suite) {
+                             return suite.param == hook::UnbindMode::Drained ? "Drained" : "Abrupt";
                          });
 
 } // namespace

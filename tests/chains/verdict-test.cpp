@@ -253,13 +253,8 @@ TEST_F(ChainTraceTest, TheWalkIsTracedFilterByFilter)
     TestDriver driver;
     const TestFilter second(driver, {.name = "second", .order = 2}, [](FilterPacket*) { return 7u; });
     const TestFilter first(driver, {.name = "first", .order = 1});
-    char address[20];
-    const auto packetText = [&](const FilterPacket* packet) {
-        std::snprintf(address, sizeof(address), "0x%016llX", reinterpret_cast<unsigned long long>(packet));
-        return std::string(address);
-    };
     FilterPacket* packet = MakePacket(adapter, UdpFrame());
-    std::string p = packetText(packet);
+    std::string p = PointerText(packet);
     Debug().Take();
     Filter_InvokeFilters(FILTER_TYPE_INCOMING_PACKET, packet);
     EXPECT_THAT(Debug().Take(),
@@ -271,7 +266,7 @@ TEST_F(ChainTraceTest, TheWalkIsTracedFilterByFilter)
                     "  Filter_InvokeFilters: FILTER_RESULT_BYPASS, pPacket=" + p + "\n" +
                     "Enter Filter_IndicatePacketToProtocolEx\n"));
     packet = MakePacket(adapter, UdpFrame());
-    p = packetText(packet);
+    p = PointerText(packet);
     Debug().Take();
     Filter_InvokeFiltersEx(FILTER_METHOD_START_AFTER_THIS_FILTER, first.Handle(), packet);
     const std::string text = Debug().Take();

@@ -13,8 +13,7 @@ namespace
 {
 
 class DeviceTest : public DriverTest
-{
-};
+{};
 
 TEST_F(DeviceTest, OpensByEveryNameOfADeviceWithoutRegardToCase)
 {
@@ -161,7 +160,8 @@ TEST_F(DeviceTest, AFailedEntryLeavesItsObjectsUntilDiscarded)
     EXPECT_EQ(machine::DiscardDriver(kService), 0u);
 
     entry = create;
-    for (const auto& [fault, left] : {std::pair{machine::Fault::Device, 0u}, {machine::Fault::SymbolicLink, 1u}}) {
+    for (const auto& [fault, left] :
+         {std::pair{machine::Fault::Device, 0u}, {machine::Fault::SymbolicLink, 1u}}) {
         machine::FailCall(fault, 1);
         EXPECT_EQ(Load(), STATUS_INSUFFICIENT_RESOURCES);
         EXPECT_TRUE(machine::FaultHit(fault));
@@ -227,7 +227,8 @@ TEST_F(DeviceTest, RefusesFilesThatAreNoDriver)
     EXPECT_EQ(error.find('\n'), std::string::npos);
     std::remove(text.c_str());
 
-    EXPECT_EQ(machine::LoadDriverModule("/lib/x86_64-linux-gnu/libm.so.6", &error), STATUS_INVALID_IMAGE_FORMAT);
+    EXPECT_EQ(machine::LoadDriverModule("/lib/x86_64-linux-gnu/libm.so.6", &error),
+              STATUS_INVALID_IMAGE_FORMAT);
     EXPECT_THAT(error, HasSubstr("exports no DriverEntry"));
 }
 

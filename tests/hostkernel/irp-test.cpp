@@ -78,8 +78,8 @@ TEST_F(IrpTest, TheSystemBufferHoldsTheGreaterLengthAndReturnsInformationBytes)
         size_t information, copied;
     };
     const Case cases[] = {
-        {4, 8, STATUS_SUCCESS, 8, 8},         {4, 8, STATUS_SUCCESS, 3, 3},
-        {8, 4, STATUS_SUCCESS, 4, 4},         {4, 8, STATUS_BUFFER_OVERFLOW, 8, 8},
+        {4, 8, STATUS_SUCCESS, 8, 8},          {4, 8, STATUS_SUCCESS, 3, 3},
+        {8, 4, STATUS_SUCCESS, 4, 4},          {4, 8, STATUS_BUFFER_OVERFLOW, 8, 8},
         {4, 8, STATUS_BUFFER_TOO_SMALL, 8, 0}, {0, 0, STATUS_SUCCESS, 0, 0},
     };
     for (const Case& one : cases) {
@@ -168,6 +168,13 @@ TEST_F(IrpTest, APendingRequestIsCompletedLaterOrCancelledOrCancelledByClose)
     request.Cancel();
     EXPECT_EQ(request.Wait()->status, STATUS_CANCELLED);
     EXPECT_EQ(cancelled, 1);
+
+    auto atDispatch = file->Send(kBuffered, {}, 0);
+    {
+        machine::AtDispatch dispatch; // the level to return to travels in the request
+        atDispatch.Cancel();
+    }
+    EXPECT_EQ(atDispatch.Wait()->status, STATUS_CANCELLED);
 
     auto closed = file->Send(kBuffered, {}, 0);
     majors.clear();
@@ -285,8 +292,8 @@ struct Built {
     NTSTATUS Send(DEVICE_OBJECT* device, BOOLEAN internal)
     {
         KeInitializeEvent(&event, NotificationEvent, FALSE);
-        IRP* irp = IoBuildDeviceIoControlRequest(kBuffered, device, buffer, sizeof(buffer), buffer, sizeof(buffer),
-                                                 internal, &event, &status);
+        IRP* irp = IoBuildDeviceIoControlRequest(kBuffered, device, buffer, sizeof(buffer), buffer,
+                                                 sizeof(buffer), internal, &event, &status);
         return irp != nullptr ? IoCallDriver(device, irp) : STATUS_INSUFFICIENT_RESOURCES;
     }
 };

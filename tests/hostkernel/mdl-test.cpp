@@ -217,9 +217,13 @@ TEST_F(PacketTest, CountsAreComputedOnceAndDroppedByEveryChange)
     EXPECT_EQ(count, 1u);
     EXPECT_EQ(length, 10u);
     NdisChainBufferAtBack(packet, last);
+    NdisQueryPacket(packet, nullptr, nullptr, nullptr, &length);
     for (NDIS_BUFFER* expected : {first, last}) {
         NdisUnchainBufferAtFront(packet, &taken);
         EXPECT_EQ(taken, expected);
+        const UINT before = length;
+        NdisQueryPacket(packet, nullptr, nullptr, nullptr, &length);
+        EXPECT_EQ(length, before - MmGetMdlByteCount(taken));
         NdisFreeBuffer(taken);
     }
     NdisUnchainBufferAtFront(packet, &taken);

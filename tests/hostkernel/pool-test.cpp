@@ -1,4 +1,5 @@
-// Pool, NDIS memory and lookaside lists: what they hand out, and what the verifier notices when it comes back.
+// Pool, NDIS memory and lookaside lists: what they hand out, and what the verifier notices when it comes
+// back.
 #include "rules.h"
 
 #include <hostguard.h>
@@ -12,7 +13,8 @@ using Pool = KernelTest;
 constexpr ULONG kTag = 0x6B636F4C; // "Lock"
 
 // Reads as the driver's tag check does: without the sanitizers' bookkeeping.
-__attribute__((no_sanitize("address", "thread"), noinline)) unsigned char ReadUnchecked(const volatile void* address)
+__attribute__((no_sanitize("address", "thread"), noinline)) unsigned char
+ReadUnchecked(const volatile void* address)
 {
     return *static_cast<const volatile unsigned char*>(address);
 }
@@ -32,7 +34,8 @@ TEST_F(Pool, BlocksAreCountedAlignedAndDescribed)
     machine::Census now = machine::TakeCensus();
     EXPECT_EQ(now.poolBlocks, before.poolBlocks + 2);
     EXPECT_EQ(now.poolBytes, before.poolBytes + 70080);
-    EXPECT_NE(machine::DescribeCensus(now).find("Lock 1 x 80 bytes"), std::string::npos) << DescribeCensus(now);
+    EXPECT_NE(machine::DescribeCensus(now).find("Lock 1 x 80 bytes"), std::string::npos)
+        << DescribeCensus(now);
     memset(small, 1, 80);
     memset(large, 1, 70000);
     ExFreePoolWithTag(small, kTag);
@@ -87,7 +90,8 @@ TEST_F(Pool, MemoryInUseMustNotBeFreed)
     machine::TakeViolations();
 
     auto* timer = static_cast<NDIS_TIMER*>(ExAllocatePoolWithTag(NonPagedPool, 4096, kTag));
-    NdisInitializeTimer(timer, [](PVOID, PVOID, PVOID, PVOID) {}, nullptr);
+    NdisInitializeTimer(
+        timer, [](PVOID, PVOID, PVOID, PVOID) {}, nullptr);
     NdisSetTimer(timer, 1000000);
     BOOLEAN cancelled = FALSE;
     NdisCancelTimer(timer, &cancelled);

@@ -65,10 +65,7 @@ class DriverTest : public testing::Test
         current = nullptr;
     }
 
-    NTSTATUS Load()
-    {
-        return machine::LoadDriver(kService, Entry);
-    }
+    NTSTATUS Load() { return machine::LoadDriver(kService, Entry); }
 
     // What the driver does; each may be replaced before Load.
     std::function<NTSTATUS(DRIVER_OBJECT*)> entry = [this](DRIVER_OBJECT* object) {

@@ -46,6 +46,9 @@ TEST_F(RegistryTest, NumbersAndTheirDefault)
     EXPECT_EQ(number, 0x12345678u);
     EXPECT_EQ(Query(u"Missing", REG_DWORD, &number, &fallback, 4), STATUS_SUCCESS);
     EXPECT_EQ(number, 2048u);
+    machine::SetRegistryDword("RegistryTest", "\xF0\x9F\x98\x80", 9);
+    EXPECT_EQ(Query(u"\U0001F600", REG_DWORD, &number, &fallback, 4), STATUS_SUCCESS);
+    EXPECT_EQ(number, 9u);
     number = 7;
     EXPECT_EQ(Query(u"Missing", REG_NONE, &number, nullptr, 0), STATUS_SUCCESS);
     EXPECT_EQ(Query(u"Missing", REG_DWORD, &number, &fallback, 4, RTL_QUERY_REGISTRY_REQUIRED),

@@ -39,7 +39,8 @@ TEST_F(Text, FollowsTheWindowsRules)
     const std::pair<std::string, const char*> cases[] = {
         {Format("%d %i %u %ld %lu", -1, 7, UINT_MAX, -2, 4000000000u), "-1 7 4294967295 -2 4000000000"},
         {Format("%ld|%d", 1, 2), "1|2"}, // both take 32 bits
-        {Format("%x %X %#x %#X %o %#o", 0xbeef, 0xbeef, 0xbeef, 0xbeef, 8, 8), "beef BEEF 0xbeef 0XBEEF 10 010"},
+        {Format("%x %X %#x %#X %o %#o", 0xbeef, 0xbeef, 0xbeef, 0xbeef, 8, 8),
+         "beef BEEF 0xbeef 0XBEEF 10 010"},
         {Format("%I64d %I64x %lld %llu %Iu %I32d", kBig, kBig, -kBig, kBig, size_t{5}, -5),
          "1311768467463790320 123456789abcdef0 -1311768467463790320 1311768467463790320 5 -5"},
         {Format("%hd %hu %hhu", 65537, 65537, 257), "1 1 1"},
@@ -54,7 +55,8 @@ TEST_F(Text, FollowsTheWindowsRules)
          "na\u00efve \u20ac \U0001F600|na\u00efve \u20ac \U0001F600|na\u00efve \u20ac \U0001F600|narrow|na"},
         {Format("[%wZ] [%6wZ] [%Z] [%wZ] [%C%wc]", &counted, &counted, &narrow, &empty, 0x20ac, 'x'),
          "[eth0] [  eth0] [narrow] [(null)] [\u20acx]"},
-        {Format("%s %S %ws %wZ %.3s", nullptr, nullptr, nullptr, nullptr, nullptr), "(null) (null) (null) (null) (nu"},
+        {Format("%s %S %ws %wZ %.3s", nullptr, nullptr, nullptr, nullptr, nullptr),
+         "(null) (null) (null) (null) (nu"},
         {Format("%S", u"\xd800x"), "?x"},
         {Format("100%% %k %"), "100% k "},
     };
@@ -100,7 +102,7 @@ TEST_F(Text, PrintedGoesToTheInnermostReceiver)
 
 using Exceptions = KernelTest;
 
-void ReadNull(void*)
+__attribute__((no_sanitize("undefined"))) void ReadNull(void*)
 {
     volatile int* volatile address = nullptr;
     [[maybe_unused]] int value = *address;
@@ -112,7 +114,7 @@ __attribute__((no_sanitize("undefined"))) void DivideByZero(void* zero)
     number = number / *static_cast<volatile int*>(zero);
 }
 
-__attribute__((no_sanitize("undefined"))) NTSTATUS CatchNull()
+NTSTATUS CatchNull()
 {
     return HostCallGuarded(ReadNull, nullptr);
 }
@@ -120,14 +122,17 @@ __attribute__((no_sanitize("undefined"))) NTSTATUS CatchNull()
 TEST_F(Exceptions, AreCaughtByTheInnermostGuard)
 {
     volatile int zero = 0;
-    EXPECT_EQ(HostCallGuarded([](void* ran) { *static_cast<volatile int*>(ran) = 0; }, const_cast<int*>(&zero)), 0);
+    EXPECT_EQ(
+        HostCallGuarded([](void* ran) { *static_cast<volatile int*>(ran) = 0; }, const_cast<int*>(&zero)), 0);
     EXPECT_EQ(CatchNull(), STATUS_ACCESS_VIOLATION);
     EXPECT_EQ(HostCallGuarded(DivideByZero, const_cast<int*>(&zero)), STATUS_INTEGER_DIVIDE_BY_ZERO);
     EXPECT_EQ(HostCallGuarded([](void*) { asm volatile("ud2"); }, nullptr), STATUS_ILLEGAL_INSTRUCTION);
     EXPECT_EQ(HostCallGuarded([](void*) { ExRaiseStatus(STATUS_NO_MEMORY); }, nullptr), STATUS_NO_MEMORY);
     auto nested = [](void* order) {
         auto* seen = static_cast<std::string*>(order);
-        *seen += HostCallGuarded([](void*) { ExRaiseAccessViolation(); }, nullptr) == STATUS_ACCESS_VIOLATION ? "i" : "?";
+        *seen += HostCallGuarded([](void*) { ExRaiseAccessViolation(); }, nullptr) == STATUS_ACCESS_VIOLATION
+                     ? "i"
+                     : "?";
         ExRaiseStatus(STATUS_CANCELLED);
     };
     std::string seen;

@@ -33,8 +33,11 @@ class Waits : public KernelTest
     {
         HANDLE handle = nullptr;
         PVOID thread = nullptr;
-        EXPECT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, routine, context), 0);
-        EXPECT_EQ(ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, *PsThreadType, KernelMode, &thread, nullptr), 0);
+        EXPECT_EQ(
+            PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, routine, context), 0);
+        EXPECT_EQ(
+            ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, *PsThreadType, KernelMode, &thread, nullptr),
+            0);
         EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
         return thread;
     }
@@ -62,7 +65,8 @@ TEST_F(Waits, EventsLetGoAsTheirTypeSays)
         KeResetEvent(&event);
         EXPECT_EQ(KeReadStateEvent(&event), 0);
     }
-    // A notification wakes all its waiters, also when it is reset at once; a synchronization wakes one at a time.
+    // A notification wakes all its waiters, also when it is reset at once; a synchronization wakes one at a
+    // time.
     KeInitializeEvent(&event, NotificationEvent, FALSE);
     PKSTART_ROUTINE wait = [](PVOID e) { KeWaitForSingleObject(e, Executive, KernelMode, FALSE, nullptr); };
     PVOID threads[3];
@@ -249,7 +253,8 @@ TEST_F(Waits, BrokenRulesAreNamed)
     machine::ClearFaults();
     machine::FailCall(machine::Fault::Thread, 1);
     HANDLE handle = nullptr;
-    EXPECT_EQ(PsCreateSystemThread(&handle, 0, nullptr, nullptr, nullptr, [](PVOID) {}, nullptr),
+    EXPECT_EQ(PsCreateSystemThread(
+                  &handle, 0, nullptr, nullptr, nullptr, [](PVOID) {}, nullptr),
               STATUS_INSUFFICIENT_RESOURCES);
     machine::ClearFaults();
 }

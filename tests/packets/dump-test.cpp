@@ -1,20 +1,11 @@
 // What a person reads in the debugger when an adapter's packet dump is on.
 #include <support/framework.h>
 
-#include <cstdio>
-
 using namespace support;
 using testing::ElementsAre;
 
 namespace
 {
-
-std::string Pointer(const void* address)
-{
-    char text[19];
-    std::snprintf(text, sizeof(text), "0x%016llX", reinterpret_cast<unsigned long long>(address));
-    return text;
-}
 
 class DumpTest : public FrameworkTest
 {
@@ -36,7 +27,7 @@ class DumpTest : public FrameworkTest
         Debug().Take();
         Filter_DumpPacket("Title", packet);
         std::string text = Debug().Take();
-        packetLine = " - pPacket " + Pointer(packet) + ", hAdapter " + Pointer(adapter) + ", Size " +
+        packetLine = " - pPacket " + PointerText(packet) + ", hAdapter " + PointerText(adapter) + ", Size " +
                      std::to_string(frame.size()) + "\n";
         Filter_ReleasePacket(packet);
         return text;
@@ -64,7 +55,8 @@ constexpr char kMacLine[] = " - SrcMac 02-00-00-00-00-02, DstMAC 02-00-00-00-00-
 TEST_F(DumpTest, TheHexDumpHasSixteenBytesALine)
 {
     Bytes frame = EthernetFrame(0x88B5, {'A', '~', 0x7F, ' ', 0xFF, 0x1F});
-    EXPECT_EQ(Dump(frame),
+    const std::string shortest = Dump(frame);
+    EXPECT_EQ(shortest,
               "Title, Size = 20 - 0x14\n"
               "  \t0000  02 00 00 00 00 01 02 00 00 00 00 02 88 B5 41 7E   ..............A~\n"
               "  \t0010  7F 20 FF 1F                                       . ..\n" +
@@ -73,7 +65,8 @@ TEST_F(DumpTest, TheHexDumpHasSixteenBytesALine)
     const std::string longest = Dump(frame);
     EXPECT_THAT(longest, testing::HasSubstr("Title, Size = 1514 - 0x5ea\n"));
     EXPECT_THAT(longest, testing::HasSubstr("  \t05E0  00 00 00 00 00 00 00 00 00 00"));
-    EXPECT_EQ(Dump({}), "Title, Size = 0 - 0x0\n" + packetLine);
+    const std::string empty = Dump({});
+    EXPECT_EQ(empty, "Title, Size = 0 - 0x0\n" + packetLine);
 }
 
 TEST_F(DumpTest, ArpFieldsAreDecodedAndRarpIsOnlyNamed)

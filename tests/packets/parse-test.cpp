@@ -193,7 +193,7 @@ class EveryCutTest : public ParseTest
   protected:
     EveryCutTest()
     {
-        setup_.registry["GlobalDebugFlag"] = kTraceEverything;
+        plan_.registry["GlobalDebugFlag"] = kTraceEverything;
     }
 };
 

@@ -16,7 +16,7 @@ namespace
 {
 
 constexpr ULONG kTag = 0x54534554; // "TEST"
-constexpr ULONG kTraceService = 0x800;
+constexpr ULONG kMask = 0xC00; // common services and the shared memory's end
 constexpr NTSTATUS kInvalidParameter = static_cast<NTSTATUS>(0xC000000D);
 constexpr NTSTATUS kInsufficientResources = static_cast<NTSTATUS>(0xC000009A);
 
@@ -50,7 +50,7 @@ WideText ServiceKey()
 class ServicesTest : public FrameworkTest
 {
   protected:
-    ServicesTest() : FrameworkTest(FrameworkOnly(kTraceService)) {}
+    ServicesTest() : FrameworkTest(FrameworkOnly(kMask)) {}
 };
 
 // ----------------------------------------------------------------------------------------------------- memory
@@ -159,8 +159,8 @@ TEST_F(ServicesTest, RegistryNumbersComeWithAMessageOrAsTheDefault)
     const std::string path = Narrow(*key.Counted());
     Debug().Take();
 
-    EXPECT_EQ(Filter_GetGlobalDebugFlag(key.Counted(), 5), kTraceService);
-    EXPECT_EQ(Debug().Take(), "RtlQueryRegistryValues " + path + "\\GlobalDebugFlag success, Value = 0x800\n");
+    EXPECT_EQ(Filter_GetGlobalDebugFlag(key.Counted(), 5), kMask);
+    EXPECT_EQ(Debug().Take(), "RtlQueryRegistryValues " + path + "\\GlobalDebugFlag success, Value = 0xC00\n");
     EXPECT_EQ(Filter_GetPendingPacketLimit(key.Counted(), 5), 4711u);
     EXPECT_EQ(Debug().Take(), "RtlQueryRegistryValues " + path + "\\PendingPacketLimit success, Value = 0x1267\n");
     EXPECT_EQ(Filter_RegGetDwordValue(key.Counted(), WideText("Colour").Zero(), 5), 0xABCu);
@@ -226,7 +226,7 @@ TEST_F(ServicesTest, TheDebugMaskIsReadByAWorkerForCallersAtAnyLevel)
         Filter_SafeGetGlobalDebugFlag(key.Counted(), 0, &result);
     }
     ASSERT_TRUE(machine::WaitIdle());
-    EXPECT_EQ(result, kTraceService);
+    EXPECT_EQ(result, kMask);
 
     result = 1;
     machine::FailCall(machine::Fault::Pool, 1);
@@ -237,15 +237,17 @@ TEST_F(ServicesTest, TheDebugMaskIsReadByAWorkerForCallersAtAnyLevel)
 
 TEST_F(ServicesTest, AQueuedReadOfTheDebugMaskEndsBeforeTheUnloadDoes)
 {
-    static ULONG result;
-    static WideText key = ServiceKey();
-    result = 1;
+    WideText key = ServiceKey();
+    ULONG result = 1;
     auto hold = std::make_unique<machine::WorkItemHold>();
     Filter_SafeGetGlobalDebugFlag(key.Counted(), 0, &result);
-    std::thread release([&] { hold.reset(); });
+    std::thread release([&] {
+        EXPECT_TRUE(support::Eventually([&] { return Debug().Contains("Leave NdisFilter_TerminateShare\n"); }));
+        hold.reset();
+    });
     StopFramework();
     release.join();
-    EXPECT_EQ(result, kTraceService);
+    EXPECT_EQ(result, kMask);
 }
 
 TEST_F(ServicesTest, RegistryPathsAreCopiedAndTheirTailReplaced)

@@ -74,6 +74,11 @@ FILTER_STATUS TestFilter::Deregister()
     return Filter_DeregisterFilter(driver_.Handle(), handle);
 }
 
+const void* TestFilter::ProcedureAddress() const
+{
+    return reinterpret_cast<const void*>(Run);
+}
+
 std::vector<TestFilter::Call> TestFilter::Calls() const
 {
     const std::lock_guard lock(mutex_);

@@ -86,6 +86,7 @@ class TestFilter
     PacketFilter* Handle() const { return handle_; }
     FILTER_STATUS Deregister();
     void Forget() { handle_ = nullptr; } // it goes with its driver
+    const void* ProcedureAddress() const; // as it was registered
     std::vector<Call> Calls() const;
     size_t CallCount() const;
 

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <thread>
 
 #include <sys/mman.h>
@@ -141,6 +142,26 @@ std::unique_ptr<machine::File> FrameworkTest::OpenDevice()
     std::unique_ptr<machine::File> file = program_->Open(kDeviceName, &status);
     EXPECT_NE(file, nullptr) << "status " << std::hex << static_cast<uint32_t>(status);
     return file;
+}
+
+NdisHookAPI HookRecord()
+{
+    NdisHookAPI record = {};
+    record.m_Size = sizeof(record);
+    record.m_MajorVersion = NDIS_HOOK_MAJOR_VERSION;
+    record.m_MinorVersion = NDIS_HOOK_MINOR_VERSION;
+    return record;
+}
+
+machine::Request::Result Exchange(machine::File& device, uint32_t code, NdisHookAPI& record)
+{
+    const std::span bytes(reinterpret_cast<const uint8_t*>(&record), sizeof(record));
+    machine::Request request = device.SendInternal(code, bytes, sizeof(record), sizeof(record));
+    const machine::Request::Result result = request.Wait().value();
+    if (request.Output().size() == sizeof(record)) {
+        std::memcpy(&record, request.Output().data(), sizeof(record));
+    }
+    return result;
 }
 
 Collector::Collector(FilterAdapter* adapter, hook::Side side) : adapter_(adapter), side_(side)

@@ -80,6 +80,9 @@ class FrameworkTest : public testing::Test
     // The same for what the hook driver was asked to do wrong.
     std::vector<std::string> TakeMisuses();
 
+    // What is left behind at this moment is what the test expects to stay; it has asserted what that is.
+    void AcceptLeftovers() { before_ = machine::TakeCensus(); }
+
     // No lock is held by anybody, and this thread is at PASSIVE_LEVEL.
     void ExpectNoLockHeld(const char* where);
 
@@ -94,6 +97,11 @@ class FrameworkTest : public testing::Test
     std::unique_ptr<machine::DebugCapture> debug_;
     std::unique_ptr<machine::Process> program_;
 };
+
+// The binding by hand, for hook drivers that behave otherwise than the host's.
+NdisHookAPI HookRecord(); // size and version right, no functions
+// Sends the record; what came back is in it.
+machine::Request::Result Exchange(machine::File& device, uint32_t code, NdisHookAPI& record);
 
 // Collects what goes out of an adapter on one side.
 class Collector

@@ -1,13 +1,6 @@
 // Binding with the NDIS hook driver: one internal request exchanges callbacks and hook functions, another undoes it.
 #include "ndisfilter-internal.h"
 
-#include <stddef.h>
-
-static_assert(sizeof(NdisHookAPI) == 168);
-static_assert(offsetof(NdisHookAPI, Filter_AdapterOpened) == 16);
-static_assert(offsetof(NdisHookAPI, Hook_GetOsVersion) == 56);
-static_assert(offsetof(NdisHookAPI, Hook_MmUnmapLockedPages) == 160);
-
 namespace
 {
 

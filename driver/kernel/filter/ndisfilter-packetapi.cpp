@@ -1,29 +1,6 @@
 // The packet object: allocation and release through the hook driver, lazy reading, header parsing.
 #include "ndisfilter-packetapi.h"
 
-#include <stddef.h>
-
-static_assert(sizeof(FilterPacket) == 2496);
-static_assert(offsetof(FilterPacket, m_InjectLink) == 104);
-static_assert(offsetof(FilterPacket, m_nProtocol) == 172);
-static_assert(offsetof(FilterPacket, m_pEthernet) == 176);
-static_assert(offsetof(FilterPacket, m_pDns) == 232);
-static_assert(offsetof(FilterPacket, m_InjectOrigin) == 240);
-static_assert(offsetof(FilterPacket, m_hInjectFilter) == 256);
-static_assert(offsetof(FilterPacket, m_pfReleaseCallback) == 264);
-static_assert(offsetof(FilterPacket, m_pReleaseContext) == 280);
-static_assert(offsetof(FilterPacket, m_pOutgoingNdisPacket) == 624);
-static_assert(offsetof(FilterPacket, m_pIncomingNdisPacket) == 656);
-static_assert(offsetof(FilterPacket, m_bDirty) == 672);
-static_assert(offsetof(FilterPacket, m_nBytesRead) == 676);
-static_assert(offsetof(FilterPacket, m_hAdapter) == 680);
-static_assert(offsetof(FilterPacket, m_nDirection) == 688);
-static_assert(offsetof(FilterPacket, m_nPacketSize) == 692);
-static_assert(offsetof(FilterPacket, m_nCarried) == 696);
-static_assert(offsetof(FilterPacket, m_nIndicateValue) == 712);
-static_assert(offsetof(FilterPacket, m_ApplicationData) == 720);
-static_assert(offsetof(FilterPacket, m_Data) == 848);
-
 FilterPacket* Filter_AllocatePacketp(FilterAdapter* hAdapter, PCSTR pszFile, ULONG nLine)
 {
     FilterPacket* packet = nullptr;

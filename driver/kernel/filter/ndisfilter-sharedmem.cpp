@@ -7,15 +7,6 @@
 
 #include <stddef.h>
 
-static_assert(sizeof(MappedMemory) + 4 == NDIS_FILTER_MAPPED_MEMORY_SIZE); // rounded up to 8 bytes
-static_assert(sizeof(SharedMemory) == NDIS_FILTER_SHARED_MEMORY_SIZE);
-static_assert(sizeof(SharedRing) == 40 && sizeof(SharedBlock) == NDIS_FILTER_BLOCK_SIZE);
-static_assert(offsetof(MappedMemory, m_SharedMemory) == 20);
-static_assert(offsetof(SharedMemory, KernelModeInput) == 40);
-static_assert(offsetof(SharedMemory, m_OutputBlocks) == 80);
-static_assert(offsetof(SharedMemory, m_InputBlocks) == 862288);
-static_assert(offsetof(SharedBlock, m_nIndicateValue) == 28 && offsetof(SharedBlock, m_Data) == 164);
-
 namespace
 {
 

@@ -99,7 +99,7 @@ template <class Body> FILTER_STATUS TracedCall(const CallTrace& trace, const Bod
     TraceEnter(trace);
     const NTSTATUS code = Guarded([&] { status = body(); });
     if (__builtin_expect(code != 0, 0)) {
-        status = ExceptionStatus(trace.Name, code);
+        status = ExceptionStatus(trace.ExceptionName != nullptr ? trace.ExceptionName : trace.Name, code);
     }
     TraceLeave(trace, status);
     return status;

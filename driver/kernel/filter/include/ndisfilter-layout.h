@@ -1,0 +1,207 @@
+/*
+ * NdisFilter: the layout of every record that crosses a boundary, checked by the compiler that includes this header.
+ *
+ * Drivers and programs that share these records are compiled apart, by different compilers, and built ones stay in
+ * use: none of these numbers ever changes. C11 and C++.
+ */
+#ifndef NDISFILTER_LAYOUT_H
+#define NDISFILTER_LAYOUT_H
+
+#include <stddef.h>
+
+#include "ndisfilter.h"
+
+#ifdef __cplusplus
+#define NDISFILTER_HOLDS(Condition) static_assert(Condition, #Condition)
+#else
+#define NDISFILTER_HOLDS(Condition) _Static_assert(Condition, #Condition)
+#endif
+#define NDISFILTER_AT(Record, Field, Offset) NDISFILTER_HOLDS(offsetof(Record, Field) == (Offset))
+#define NDISFILTER_SIZE(Record, Size) NDISFILTER_HOLDS(sizeof(Record) == (Size))
+
+/* ---------------------------------------------------------------------------------------- records of user programs */
+
+NDISFILTER_AT(SharedBlock, m_nAdapterId, 0);
+NDISFILTER_AT(SharedBlock, m_nReserved, 4);
+NDISFILTER_AT(SharedBlock, m_nDirection, 8);
+NDISFILTER_AT(SharedBlock, m_nPacketSize, 12);
+NDISFILTER_AT(SharedBlock, m_nCarried, 16);
+NDISFILTER_AT(SharedBlock, m_nIndicateCode, 24);
+NDISFILTER_AT(SharedBlock, m_nIndicateValue, 28);
+NDISFILTER_AT(SharedBlock, m_ApplicationData, 36);
+NDISFILTER_AT(SharedBlock, m_Data, 164);
+NDISFILTER_SIZE(SharedBlock, 1684);
+NDISFILTER_HOLDS(sizeof(SharedBlock) == NDIS_FILTER_BLOCK_SIZE);
+
+NDISFILTER_AT(SharedRing, m_iBlockSize, 0);
+NDISFILTER_AT(SharedRing, m_iBlockCount, 4);
+NDISFILTER_AT(SharedRing, m_iBaseOffset, 8);
+NDISFILTER_AT(SharedRing, m_puBlockBase, 12);
+NDISFILTER_AT(SharedRing, m_pkBlockBase, 20);
+NDISFILTER_AT(SharedRing, m_iRead, 28);
+NDISFILTER_AT(SharedRing, m_iWrite, 32);
+NDISFILTER_AT(SharedRing, m_nCount, 36);
+NDISFILTER_SIZE(SharedRing, 40);
+
+NDISFILTER_AT(SharedMemory, KernelModeOutput, 0);
+NDISFILTER_AT(SharedMemory, KernelModeInput, 40);
+NDISFILTER_AT(SharedMemory, m_OutputBlocks, 80);
+NDISFILTER_AT(SharedMemory, m_InputBlocks, 862288);
+NDISFILTER_SIZE(SharedMemory, 1724496);
+NDISFILTER_HOLDS(sizeof(SharedMemory) == NDIS_FILTER_SHARED_MEMORY_SIZE);
+
+NDISFILTER_AT(MappedMemory, m_pUserModeVirtualAddress, 0);
+NDISFILTER_AT(MappedMemory, m_pMdl, 8);
+NDISFILTER_AT(MappedMemory, m_nSize, 16);
+NDISFILTER_AT(MappedMemory, m_SharedMemory, 20);
+NDISFILTER_SIZE(MappedMemory, 1724516);
+/* The mapping is rounded up to 8 bytes. */
+NDISFILTER_HOLDS(((sizeof(MappedMemory) + 7) & ~(size_t)7) == NDIS_FILTER_MAPPED_MEMORY_SIZE);
+
+NDISFILTER_AT(UserEvent, m_nEvent1, 0);
+NDISFILTER_AT(UserEvent, m_nEvent2, 4);
+NDISFILTER_AT(UserEvent, m_nLength, 8);
+NDISFILTER_AT(UserEvent, m_Text, 12);
+NDISFILTER_SIZE(UserEvent, 1036);
+
+NDISFILTER_AT(UserAdapterInfo, m_nAdapterId, 0);
+NDISFILTER_AT(UserAdapterInfo, m_nAdapterMedium, 4);
+NDISFILTER_AT(UserAdapterInfo, m_usMTU, 8);
+NDISFILTER_AT(UserAdapterInfo, m_dwAdapterState, 10);
+NDISFILTER_AT(UserAdapterInfo, m_PermanentAddress, 14);
+NDISFILTER_AT(UserAdapterInfo, m_CurrentAddress, 20);
+NDISFILTER_AT(UserAdapterInfo, m_szAdapterName, 26);
+NDISFILTER_SIZE(UserAdapterInfo, 282);
+
+NDISFILTER_AT(UserAdapterList, m_nAdapterCount, 0);
+NDISFILTER_AT(UserAdapterList, m_Adapters, 4);
+NDISFILTER_SIZE(UserAdapterList, 9028);
+
+/* ----------------------------------------------------------------------------------------- records of hook drivers */
+
+NDISFILTER_AT(IPConfigAddress, IpAddress, 0);
+NDISFILTER_AT(IPConfigAddress, Netmask, 4);
+NDISFILTER_AT(IPConfigAddress, Broadcast, 8);
+NDISFILTER_SIZE(IPConfigAddress, 12);
+
+NDISFILTER_AT(IPConfig, hAdapter, 0);
+NDISFILTER_AT(IPConfig, m_nReserved, 8);
+NDISFILTER_AT(IPConfig, m_nIP, 12);
+NDISFILTER_AT(IPConfig, m_Address, 16);
+NDISFILTER_AT(IPConfig, m_nGW, 112);
+NDISFILTER_AT(IPConfig, RouterAddr, 116);
+NDISFILTER_AT(IPConfig, m_nDHCP, 148);
+NDISFILTER_AT(IPConfig, DhcpServer, 152);
+NDISFILTER_AT(IPConfig, m_nDNS, 184);
+NDISFILTER_AT(IPConfig, DnsServer, 188);
+NDISFILTER_AT(IPConfig, WinsServer1, 220);
+NDISFILTER_AT(IPConfig, WinsServer2, 224);
+NDISFILTER_SIZE(IPConfig, 228);
+
+NDISFILTER_AT(FilterAdapter, m_Tag, 0);
+NDISFILTER_AT(FilterAdapter, m_CurrentAddress, 4);
+NDISFILTER_AT(FilterAdapter, m_PermanentAddress, 10);
+NDISFILTER_AT(FilterAdapter, m_usMTU, 16);
+NDISFILTER_AT(FilterAdapter, m_nAdapterMedium, 20);
+NDISFILTER_AT(FilterAdapter, m_nAdapterMediaState, 24);
+NDISFILTER_AT(FilterAdapter, m_HookReserved0, 28);
+NDISFILTER_AT(FilterAdapter, m_bNdisWanAdapter, 29);
+NDISFILTER_AT(FilterAdapter, m_PPPSrcMacAddress, 30);
+NDISFILTER_AT(FilterAdapter, m_PPPDstMacAddress, 36);
+NDISFILTER_AT(FilterAdapter, m_AdapterName, 48);
+NDISFILTER_AT(FilterAdapter, m_HookReserved1, 64);
+NDISFILTER_AT(FilterAdapter, m_pUpperEthrLog, 72);
+NDISFILTER_AT(FilterAdapter, m_pLowerEthrLog, 80);
+NDISFILTER_AT(FilterAdapter, m_pInjectEthrLog, 88);
+NDISFILTER_AT(FilterAdapter, m_bPacketDump, 96);
+NDISFILTER_AT(FilterAdapter, m_pAdapterContext, 104);
+NDISFILTER_AT(FilterAdapter, m_IPConfig, 232);
+NDISFILTER_AT(FilterAdapter, m_HookReserved2, 460);
+NDISFILTER_AT(FilterAdapter, m_bCongestionControl, 472);
+NDISFILTER_SIZE(FilterAdapter, 480);
+
+NDISFILTER_AT(AdapterInfo, m_hAdapter, 0);
+NDISFILTER_AT(AdapterInfo, m_nAdapterMedium, 8);
+NDISFILTER_AT(AdapterInfo, m_usMTU, 12);
+NDISFILTER_AT(AdapterInfo, m_dwAdapterState, 14);
+NDISFILTER_AT(AdapterInfo, m_PermanentAddress, 18);
+NDISFILTER_AT(AdapterInfo, m_CurrentAddress, 24);
+NDISFILTER_AT(AdapterInfo, m_szAdapterName, 30);
+NDISFILTER_SIZE(AdapterInfo, 286);
+
+NDISFILTER_AT(AdapterList, m_nAdapterCount, 0);
+NDISFILTER_AT(AdapterList, m_Adapters, 4);
+NDISFILTER_SIZE(AdapterList, 9156);
+
+NDISFILTER_AT(FilterPacket, m_HookReserved0, 0);
+NDISFILTER_AT(FilterPacket, m_InjectLink, 104);
+NDISFILTER_AT(FilterPacket, m_HookReserved1, 120);
+NDISFILTER_AT(FilterPacket, m_nProtocol, 172);
+NDISFILTER_AT(FilterPacket, m_pEthernet, 176);
+NDISFILTER_AT(FilterPacket, m_pArp, 184);
+NDISFILTER_AT(FilterPacket, m_pIp, 192);
+NDISFILTER_AT(FilterPacket, m_pTcp, 200);
+NDISFILTER_AT(FilterPacket, m_pUdp, 208);
+NDISFILTER_AT(FilterPacket, m_pIcmp, 216);
+NDISFILTER_AT(FilterPacket, m_pDhcp, 224);
+NDISFILTER_AT(FilterPacket, m_pDns, 232);
+NDISFILTER_AT(FilterPacket, m_InjectOrigin, 240);
+NDISFILTER_AT(FilterPacket, m_HookReserved2, 248);
+NDISFILTER_AT(FilterPacket, m_hInjectFilter, 256);
+NDISFILTER_AT(FilterPacket, m_pfReleaseCallback, 264);
+NDISFILTER_AT(FilterPacket, m_HookReserved3, 272);
+NDISFILTER_AT(FilterPacket, m_pReleaseContext, 280);
+NDISFILTER_AT(FilterPacket, m_HookReserved4, 288);
+NDISFILTER_AT(FilterPacket, m_pOutgoingNdisPacket, 624);
+NDISFILTER_AT(FilterPacket, m_HookReserved5, 632);
+NDISFILTER_AT(FilterPacket, m_HookReserved6, 648);
+NDISFILTER_AT(FilterPacket, m_pIncomingNdisPacket, 656);
+NDISFILTER_AT(FilterPacket, m_HookReserved7, 664);
+NDISFILTER_AT(FilterPacket, m_bDirty, 672);
+NDISFILTER_AT(FilterPacket, m_nBytesRead, 676);
+NDISFILTER_AT(FilterPacket, m_hAdapter, 680);
+NDISFILTER_AT(FilterPacket, m_nDirection, 688);
+NDISFILTER_AT(FilterPacket, m_nPacketSize, 692);
+NDISFILTER_AT(FilterPacket, m_nCarried, 696);
+NDISFILTER_AT(FilterPacket, m_nIndicateCode, 704);
+NDISFILTER_AT(FilterPacket, m_nIndicateValue, 712);
+NDISFILTER_AT(FilterPacket, m_ApplicationData, 720);
+NDISFILTER_AT(FilterPacket, m_Data, 848);
+NDISFILTER_SIZE(FilterPacket, 2496);
+
+NDISFILTER_AT(NdisHookAPI, m_Size, 0);
+NDISFILTER_AT(NdisHookAPI, m_Flags, 4);
+NDISFILTER_AT(NdisHookAPI, m_MajorVersion, 8);
+NDISFILTER_AT(NdisHookAPI, m_MinorVersion, 10);
+NDISFILTER_AT(NdisHookAPI, Filter_AdapterOpened, 16);
+NDISFILTER_AT(NdisHookAPI, Filter_AdapterStatusChanged, 24);
+NDISFILTER_AT(NdisHookAPI, Filter_AdapterClosed, 32);
+NDISFILTER_AT(NdisHookAPI, Filter_FilterReceivedPacket, 40);
+NDISFILTER_AT(NdisHookAPI, Filter_FilterSendPacket, 48);
+NDISFILTER_AT(NdisHookAPI, Hook_GetOsVersion, 56);
+NDISFILTER_AT(NdisHookAPI, Hook_HandleIoControl, 64);
+NDISFILTER_AT(NdisHookAPI, Hook_AllocatePacket, 72);
+NDISFILTER_AT(NdisHookAPI, Hook_FreePacket, 80);
+NDISFILTER_AT(NdisHookAPI, Hook_InjectPacketToAdapter, 88);
+NDISFILTER_AT(NdisHookAPI, Hook_InjectPacketToProtocol, 96);
+NDISFILTER_AT(NdisHookAPI, Hook_AllocateRequest, 104);
+NDISFILTER_AT(NdisHookAPI, Hook_MakeNdisRequest, 112);
+NDISFILTER_AT(NdisHookAPI, Hook_FreeRequest, 120);
+NDISFILTER_AT(NdisHookAPI, Hook_SetAdapterStatus, 128);
+NDISFILTER_AT(NdisHookAPI, Hook_GetAdapterStatus, 136);
+NDISFILTER_AT(NdisHookAPI, Hook_GetTcpIpBoundAdapters, 144);
+NDISFILTER_AT(NdisHookAPI, Hook_MmMapLockedPages, 152);
+NDISFILTER_AT(NdisHookAPI, Hook_MmUnmapLockedPages, 160);
+NDISFILTER_SIZE(NdisHookAPI, 168);
+
+/* --------------------------------------------------------------------------------------- records of client drivers */
+
+NDISFILTER_AT(FilterLock, m_SpinLock, 0);
+NDISFILTER_AT(FilterLock, m_OldIrql, 8);
+NDISFILTER_SIZE(FilterLock, 16);
+
+#undef NDISFILTER_SIZE
+#undef NDISFILTER_AT
+#undef NDISFILTER_HOLDS
+
+#endif

@@ -1,0 +1,318 @@
+// Driver entry and unload: the order that a maintainer reads in the trace, what happens when something is missing, and
+// that nothing is left behind.
+#include "support/framework.h"
+
+#include <string>
+#include <vector>
+
+using namespace support;
+using testing::HasSubstr;
+
+namespace
+{
+
+constexpr uint32_t kTraceCore = 0x100;
+constexpr machine::Status kInsufficientResources = static_cast<machine::Status>(0xC000009A);
+const std::string kServiceKey = "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\NdisFilter";
+
+class StartUpTest : public FrameworkTest
+{
+  protected:
+    explicit StartUpTest(LoadPlan plan = NothingLoaded()) : FrameworkTest(plan) {}
+
+    // A frame in and one out through the framework, which must be loaded.
+    void ExpectTraffic()
+    {
+        ASSERT_EQ(hook::Load(), STATUS_SUCCESS);
+        ASSERT_EQ(hook::Bind(), STATUS_SUCCESS);
+        FilterAdapter* adapter = AddAdapter();
+        {
+            TestDriver driver;
+            TestFilter filter(driver, {});
+            Collector up(adapter, hook::Side::Protocols);
+            Collector down(adapter, hook::Side::Adapter);
+            const Bytes frame = UdpFrame();
+            EXPECT_EQ(hook::DeliverReceived(adapter, frame), hook::Accepted::Yes);
+            EXPECT_EQ(hook::DeliverSent(adapter, frame), hook::Accepted::Yes);
+            EXPECT_EQ(up.Frames(), std::vector<Bytes>{frame});
+            EXPECT_EQ(down.Frames(), std::vector<Bytes>{frame});
+            EXPECT_EQ(filter.CallCount(), 1u);
+        }
+        StopHook();
+    }
+};
+
+struct TracedStartUpTest : StartUpTest {
+    TracedStartUpTest()
+        : StartUpTest({.loadHook = false, .bind = false, .registry = {{"GlobalDebugFlag", kTraceCore}}})
+    {
+    }
+};
+
+TEST_F(TracedStartUpTest, BuildsUpAndTearsDownInOrder)
+{
+    EXPECT_EQ(Debug().Take(),
+              // The mask is 0 until it has been read.
+              "RtlQueryRegistryValues " + kServiceKey + "\\GlobalDebugFlag success, Value = 0x100\n"
+              "NdisFilter: GlobalDebugFlag = 0x00000100\n"
+              "RtlQueryRegistryValues " + kServiceKey + "\\PendingPacketLimit success, Value = 0x800\n"
+              "  IoCreateDevice(\\Device\\NdisFilter) success\n"
+              "Enter NdisFilterInitialize\n"
+              "  NDIS Hook APi Initialized\n"
+              "Enter NdisFilter_AllocateMappedMemory\n"
+              "  ExAllocatePoolWithTag(NonPagedPool, Size=1724520) success\n"
+              "  IoAllocateMdl() success\n"
+              "  MmBuildMdlForNonPagedPool() complete\n"
+              "Leave NdisFilter_AllocateMappedMemory\n"
+              "  Mapped Memory Initialized\n"
+              "  Shared Memory Initialized\n"
+              "  PsCreateSystemThread(ShareMemoryThread) success\n"
+              "  Adapter list Initialized\n"
+              "  Adapter context owner buffer Initialized\n"
+              "  Adapter Event handler list Initialized\n"
+              "  Filter Driver list Initialized\n"
+              "  Packet Filter list Initialized\n"
+              "  PsCreateSystemThread(InjectedPacketThread) success\n"
+              "  PsCreateSystemThread(InjectedPacketThread) success\n"
+              "  Injected packet list Initialized\n"
+              "  Interface list Initialized\n"
+              "  Interface Event handler list Initialized\n"
+              "  Filter Log lookaside list Initialized\n"
+              "  Filter Timer list Initialized\n"
+              "  IOCTL handler list Initialized\n"
+              "Leave NdisFilterInitialize\n"
+              "  IoCreateSymbolicLink(\\DosDevices\\NdisFilter -> \\Device\\NdisFilter) success\n"
+              "Leave DriverEntry\n");
+    EXPECT_EQ(machine::TakeCensus().threads, 3u);
+
+    StopFramework();
+    EXPECT_EQ(Debug().Take(), "Enter NdisFilterUnload\n"
+                              "Enter NdisFilterDeInitialize\n"
+                              "  IoFreeMdl() complete\n"
+                              "  ExFreePool complete\n"
+                              "Leave NdisFilterDeInitialize\n"
+                              "  IoDeleteSymbolicLink(\\DosDevices\\NdisFilter), status = 0x0\n"
+                              "  IoDeleteDevice(\\Device\\NdisFilter)\n"
+                              "Leave NdisFilterUnload\n");
+}
+
+TEST_F(TracedStartUpTest, RequestsOfAHandleOnlyComplete)
+{
+    Debug().Take();
+    std::unique_ptr<machine::File> device = OpenDevice();
+    EXPECT_EQ(Debug().Take(), "Enter NdisFilterOpen\nLeave NdisFilterOpen\n");
+    const auto shutdown = device->SendShutdown().Wait();
+    ASSERT_TRUE(shutdown.has_value());
+    EXPECT_EQ(shutdown->status, STATUS_SUCCESS);
+    EXPECT_EQ(shutdown->information, 0u);
+    EXPECT_EQ(Debug().Take(), "Enter NdisFilterShutdown\nLeave NdisFilterShutdown\n");
+    device.reset();
+    EXPECT_EQ(Debug().Take(), "Enter NdisFilterCleanup\nLeave NdisFilterCleanup\n"
+                              "Enter NdisFilterClose\nLeave NdisFilterClose\n");
+}
+
+// --------------------------------------------------------------------------------------------- registry values
+
+TEST_F(StartUpTest, SettingsThatAreAbsentHaveDefaults)
+{
+    machine::SetRegistryDword(kFrameworkService, "PendingPacketLimit", 77);
+    ASSERT_EQ(LoadFramework(), STATUS_SUCCESS);
+    EXPECT_THAT(Debug().Take(), HasSubstr("NdisFilter: GlobalDebugFlag = 0x00000000\nRtlQueryRegistryValues " +
+                                          kServiceKey + "\\PendingPacketLimit success, Value = 0x4D\n"));
+    StopFramework();
+
+    machine::DeleteRegistryKey(kFrameworkService);
+    ASSERT_EQ(LoadFramework(), STATUS_SUCCESS);
+    const std::string text = Debug().Take();
+    EXPECT_THAT(text, HasSubstr("\\GlobalDebugFlag fail, error = 0xC0000034\nNdisFilter: GlobalDebugFlag = 0x00000000\n"));
+    EXPECT_THAT(text, HasSubstr("\\PendingPacketLimit fail, error = 0xC0000034\n"));
+}
+
+// -------------------------------------------------------------------------------------------- what can be missing
+
+// Each call that can fail fails in turn, until a start-up no longer reaches the failing one. Whatever is missing, the
+// start-up is refused or packets pass, and nothing is left. The symbolic link is a case of its own, below.
+TEST_F(StartUpTest, SurvivesEachFailureInTurn)
+{
+    struct Case {
+        machine::Fault kind;
+        const char* name;
+        uint64_t calls; // of the kind in a start-up
+    };
+    const Case cases[] = {
+        {machine::Fault::Pool, "pool", 4}, // registry path, two queries, mapped memory
+        {machine::Fault::Registry, "registry", 2},
+        {machine::Fault::Device, "device", 1},
+        {machine::Fault::Mdl, "MDL", 1},
+        {machine::Fault::Thread, "thread", 3},
+        {machine::Fault::Lookaside, "lookaside", 0},
+    };
+    const machine::Census before = machine::TakeCensus();
+    for (const Case& test : cases) {
+        uint64_t n = 0;
+        for (bool hit = true; hit;) {
+            SCOPED_TRACE(test.name + (" " + std::to_string(++n)));
+            machine::ClearFaults();
+            machine::FailCall(test.kind, n);
+            const machine::Status status = LoadFramework();
+            hit = machine::FaultHit(test.kind);
+            machine::ClearFaults();
+            const bool mustFail =
+                hit && ((test.kind == machine::Fault::Pool && n == 1) || test.kind == machine::Fault::Device);
+            EXPECT_EQ(status < 0, mustFail) << Debug().Text();
+            if (status >= 0) {
+                ExpectTraffic();
+                StopFramework();
+            }
+            Debug().Take();
+        }
+        EXPECT_EQ(n, test.calls + 1) << test.name;
+        EXPECT_TRUE(machine::TakeCensus() == before)
+            << test.name << ": " << machine::DescribeCensus(machine::TakeCensus());
+    }
+}
+
+TEST_F(StartUpTest, WithoutMemoryForTheRegistryPathItIsRefused)
+{
+    machine::FailCall(machine::Fault::Pool, 1);
+    EXPECT_EQ(LoadFramework(), kInsufficientResources);
+    EXPECT_EQ(Debug().Take(), "");
+}
+
+struct RefusedStartUpTest : StartUpTest {
+    RefusedStartUpTest() : StartUpTest({.loadFramework = false, .loadHook = false, .bind = false,
+                                        .registry = {{"GlobalDebugFlag", kTraceCore}}})
+    {
+    }
+};
+
+TEST_F(RefusedStartUpTest, NamesTheDeviceOrLinkAndItsStatus)
+{
+    machine::FailCall(machine::Fault::Device, 1);
+    char line[160];
+    machine::Status status = LoadFramework();
+    EXPECT_LT(status, 0);
+    snprintf(line, sizeof(line), "  IoCreateDevice(\\Device\\NdisFilter) fails, status = 0x%x\n", status);
+    EXPECT_THAT(Debug().Take(), testing::EndsWith(line));
+    EXPECT_EQ(machine::TakeCensus().devices, 0u);
+
+    // Nobody cleans up behind a link that failed: device, mapped memory with its MDL, the registry path and the
+    // lookaside list stay. But no thread runs in an image that is about to go.
+    machine::Census expected = machine::TakeCensus();
+    expected.poolBlocks += 2;
+    expected.poolBytes += NDIS_FILTER_MAPPED_MEMORY_SIZE + 2 * (kServiceKey.size() + 1) + 2;
+    expected.mdls += 1;
+    expected.lookasideLists += 1;
+    machine::FailCall(machine::Fault::SymbolicLink, 1);
+    status = LoadFramework();
+    EXPECT_LT(status, 0);
+    snprintf(line, sizeof(line),
+             "  IoCreateSymbolicLink(\\DosDevices\\NdisFilter -> \\Device\\NdisFilter) fails, status = 0x%x\n", status);
+    EXPECT_THAT(Debug().Take(), testing::EndsWith(line));
+    EXPECT_EQ(machine::TakeCensus().devices, 1u);
+    EXPECT_EQ(machine::DiscardDriver(kFrameworkService), 1u);
+    EXPECT_TRUE(machine::TakeCensus() == expected) << machine::DescribeCensus(machine::TakeCensus()) << "\nexpected "
+                                                   << machine::DescribeCensus(expected);
+    AcceptLeftovers();
+}
+
+TEST_F(RefusedStartUpTest, WithoutMappedMemoryTheRestRunsAndUnloads)
+{
+    machine::FailCall(machine::Fault::Pool, 4);
+    ASSERT_EQ(LoadFramework(), STATUS_SUCCESS);
+    std::string text = Debug().Take();
+    EXPECT_THAT(text, HasSubstr("Enter NdisFilter_AllocateMappedMemory\n  ExAllocatePoolWithTag fails\n"));
+    EXPECT_THAT(text, testing::Not(HasSubstr("ShareMemoryThread")));
+    EXPECT_EQ(machine::TakeCensus().threads, 2u);
+    ExpectTraffic();
+    StopFramework();
+    EXPECT_THAT(Debug().Take(), HasSubstr("  pMappedMemory == NULL\n"));
+
+    machine::FailCall(machine::Fault::Thread, 1);
+    ASSERT_EQ(LoadFramework(), STATUS_SUCCESS);
+    EXPECT_THAT(Debug().Take(), HasSubstr("  Shared Memory Initialized\n"
+                                          "PsCreateSystemThread(ShareMemoryThread) fails\n"));
+    StopFramework();
+    machine::FailAllFrom(machine::Fault::Thread, 1);
+    ASSERT_EQ(LoadFramework(), STATUS_SUCCESS);
+    EXPECT_EQ(machine::TakeCensus().threads, 0u);
+    EXPECT_THAT(Debug().Take(), HasSubstr("PsCreateSystemThread(InjectedPacketThread) fails\n"
+                                          "PsCreateSystemThread(InjectedPacketThread) fails\n"));
+}
+
+// ----------------------------------------------------------------------------------------------------- unload
+
+int g_packetsOut = 0;
+
+FilterPacket* AllocatePacket(FilterAdapter* adapter, PCSTR, ULONG)
+{
+    g_packetsOut++;
+    auto* packet = new FilterPacket();
+    packet->m_hAdapter = adapter;
+    return packet;
+}
+
+VOID FreePacket(FilterPacket* packet, PCSTR, ULONG)
+{
+    g_packetsOut--;
+    delete packet;
+}
+
+TEST_F(StartUpTest, UnloadFreesWhatClientsLeft)
+{
+    machine::FailAllFrom(machine::Fault::Thread, 2); // no thread takes packets from the queues
+    ASSERT_EQ(LoadFramework(), STATUS_SUCCESS);
+    machine::ClearFaults();
+    NdisHookAPI record = HookRecord();
+    record.Hook_AllocatePacket = AllocatePacket;
+    record.Hook_FreePacket = FreePacket;
+    ASSERT_EQ(Exchange(*OpenDevice(), IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK, record).status, STATUS_SUCCESS);
+
+    TestDriver driver;
+    std::vector<std::unique_ptr<TestFilter>> filters;
+    for (FILTER_TYPE type = 0; type < FILTER_TYPE_COUNT; type++) {
+        filters.push_back(std::make_unique<TestFilter>(driver, TestFilter::Options{.type = type}));
+        filters.back()->Forget();
+    }
+    driver.Forget();
+    FilterAdapter adapter = {};
+    for (int i = 0; i < 10; i++) {
+        EXPECT_EQ(Filter_ReportEvent(i, 0, "left %d", i), FILTER_STATUS_SUCCESS);
+        const Bytes datagram = UdpDatagram(1, 2);
+        const Bytes frame = EthernetFrame(
+            kEtherTypeIpv4, Ipv4Packet(kProtocolUdp, datagram, {.source = {10, 0, 0, static_cast<uint8_t>(i)}}));
+        FilterPacket* packet = Filter_AllocatePacket(&adapter);
+        ASSERT_NE(packet, nullptr);
+        std::copy(frame.begin(), frame.end(), packet->m_Data);
+        packet->m_nPacketSize = packet->m_nBytesRead = static_cast<ULONG>(frame.size());
+        EXPECT_EQ(Filter_IndicatePacketFromAdapter(&adapter, packet), FILTER_STATUS_SUCCESS);
+    }
+    EXPECT_EQ(Filter_GetInjectPacketCount(), 10u);
+    EXPECT_EQ(g_packetsOut, 10);
+    StopFramework();
+    EXPECT_EQ(g_packetsOut, 0);
+}
+
+// Sanitizers need fewer: they see a fault in the first round that has it.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int kRounds = 100;
+#elif defined(__clang__)
+constexpr int kRounds = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) ? 100 : 1000;
+#else
+constexpr int kRounds = 1000;
+#endif
+
+TEST_F(StartUpTest, ManyRoundsLeaveNothing)
+{
+    const machine::Census before = machine::TakeCensus();
+    for (int round = 0; round < kRounds; round++) {
+        ASSERT_EQ(LoadFramework(), STATUS_SUCCESS);
+        ExpectTraffic();
+        StopFramework();
+        ASSERT_TRUE(machine::TakeCensus() == before) << machine::DescribeCensus(machine::TakeCensus());
+        ASSERT_FALSE(HasFailure()) << "round " << round;
+        Debug().Take();
+    }
+}
+
+} // namespace

@@ -1,0 +1,335 @@
+// The adapter table, identifiers, lookups and the hook driver's adapter callbacks.
+#include "support/framework.h"
+
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace support;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace
+{
+
+constexpr uint32_t kTraceAdapter = 0x1;
+constexpr uint32_t kTraceHook = 0x2;
+constexpr uint32_t kMediaConnect = 0x4001000B;
+constexpr uint32_t kMediaDisconnect = 0x4001000C;
+
+MacAddress Mac(uint8_t last)
+{
+    return {0x02, 0, 0, 0, 0, last};
+}
+
+// The adapters that an enumeration reports, at most `limit` of them.
+std::vector<FilterAdapter*> Enumerate(const TestDriver& driver, size_t limit = 100)
+{
+    struct Walk {
+        std::vector<FilterAdapter*> adapters;
+        size_t limit;
+    } walk = {{}, limit};
+    EXPECT_EQ(Filter_EnumAdapter(
+                  driver.Handle(),
+                  [](PVOID context, FilterAdapter* adapter) -> BOOLEAN {
+                      auto* at = static_cast<Walk*>(context);
+                      EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+                      at->adapters.push_back(adapter);
+                      return at->adapters.size() < at->limit;
+                  },
+                  &walk),
+              FILTER_STATUS_SUCCESS);
+    return walk.adapters;
+}
+
+class AdaptersTest : public FrameworkTest
+{
+  protected:
+    AdaptersTest() : FrameworkTest(WithTrace(kTraceAdapter)) {}
+};
+
+class UnboundAdaptersTest : public FrameworkTest
+{
+  protected:
+    UnboundAdaptersTest() : FrameworkTest(NotBound(kTraceHook)) {}
+};
+
+class HandBoundAdaptersTest : public FrameworkTest
+{
+  protected:
+    HandBoundAdaptersTest() : FrameworkTest(FrameworkOnly()) {}
+
+    NdisHookAPI BindBy(HOOK_GET_TCPIP_BOUND_ADAPTERS getAdapters)
+    {
+        NdisHookAPI record = HookRecord();
+        record.Hook_GetTcpIpBoundAdapters = getAdapters;
+        EXPECT_EQ(Exchange(*device_, IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK, record).status, STATUS_SUCCESS);
+        return record;
+    }
+
+    void SetUp() override
+    {
+        FrameworkTest::SetUp();
+        device_ = OpenDevice();
+        ASSERT_NE(device_, nullptr);
+    }
+    void TearDown() override
+    {
+        NdisHookAPI record = HookRecord();
+        EXPECT_EQ(Exchange(*device_, IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK, record).status, STATUS_SUCCESS);
+        device_.reset();
+        FrameworkTest::TearDown();
+    }
+
+    std::unique_ptr<machine::File> device_;
+};
+
+// ------------------------------------------------------------------------------------------------------ table
+
+TEST_F(UnboundAdaptersTest, OpenedBeforeTheBindingAreKnownFromItOn)
+{
+    FilterAdapter* first = AddAdapter("{1} one", Mac(1));
+    FilterAdapter* second = AddAdapter("{2} two", Mac(2));
+    const TestDriver driver;
+    EXPECT_FALSE(Filter_IsValidAdapter(first));
+    EXPECT_EQ(Filter_GetFirstAdapter(), nullptr);
+    EXPECT_THAT(Enumerate(driver), IsEmpty());
+
+    ASSERT_EQ(hook::Bind(), STATUS_SUCCESS);
+    EXPECT_TRUE(Filter_IsValidAdapter(first));
+    EXPECT_TRUE(Filter_IsValidAdapter(second));
+    EXPECT_EQ(Filter_GetFirstAdapter(), first);
+    EXPECT_THAT(Enumerate(driver), ElementsAre(first, second));
+    EXPECT_THAT(Enumerate(driver, 1), ElementsAre(first));
+}
+
+TEST_F(AdaptersTest, LeaveTheTableWhenClosedAndStayValidHandles)
+{
+    const TestDriver driver;
+    FilterAdapter* first = AddAdapter("{1} one", Mac(1));
+    FilterAdapter* second = AddAdapter("{2} two", Mac(2));
+    hook::AdapterOptions options;
+    options.name = "{3} not bound to TCP/IP";
+    options.address = Mac(3);
+    options.boundToTcpIp = false;
+    FilterAdapter* unlisted = hook::AddAdapter(options);
+    hook::OpenAdapter(unlisted);
+    EXPECT_TRUE(Filter_IsValidAdapter(unlisted));
+    EXPECT_THAT(Enumerate(driver), ElementsAre(first, second));
+    ULONG id = 0;
+    ASSERT_EQ(Filter_AdapterToId(first, &id), FILTER_STATUS_SUCCESS);
+
+    hook::CloseAdapter(first);
+    EXPECT_THAT(Enumerate(driver), ElementsAre(second));
+    EXPECT_EQ(Filter_GetFirstAdapter(), second);
+    EXPECT_TRUE(Filter_IsValidAdapter(first));
+    FilterAdapter* found = nullptr;
+    EXPECT_EQ(Filter_IdToAdapter(id, &found), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(found, first);
+    EXPECT_EQ(Filter_FindAdapterByMacAddress(Mac(1).data(), &found), FILTER_ERROR_ADAPTER_NOT_FOUND);
+
+    hook::CloseAdapter(second);
+    EXPECT_EQ(Filter_GetFirstAdapter(), nullptr);
+    EXPECT_THAT(Enumerate(driver), IsEmpty());
+}
+
+// Two adapters are written, but forty are claimed.
+VOID ReportFortyAdapters(PVOID list)
+{
+    static FilterAdapter adapters[2];
+    auto* table = static_cast<AdapterList*>(list);
+    for (int i = 0; i < NDIS_FILTER_MAX_ADAPTERS; i++) {
+        table->m_Adapters[i].m_hAdapter = &adapters[i % 2];
+    }
+    table->m_nAdapterCount = 40;
+}
+
+TEST_F(HandBoundAdaptersTest, MoreThanThirtyTwoAreReadAsThirtyTwo)
+{
+    BindBy(ReportFortyAdapters);
+    const TestDriver driver;
+    EXPECT_EQ(Enumerate(driver).size(), 32u);
+}
+
+TEST_F(HandBoundAdaptersTest, AFaultOfTheHookDriverIsReportedUnderTheOpenedCallback)
+{
+    BindBy([](PVOID) { FaultOnRead(); });
+    EXPECT_TRUE(Debug().Contains("NdisFilter_AdapterOpened: exception, code = -1073741819\n"));
+    ExpectNoLockHeld("a faulting refresh");
+    Debug().Take();
+    Filter_EnumOpenedAdapter();
+    EXPECT_THAT(Debug().Take(), "NdisFilter_AdapterOpened: exception, code = -1073741819\n");
+}
+
+// -------------------------------------------------------------------------------------------------- callbacks
+
+TEST_F(HandBoundAdaptersTest, CallbacksSurviveNullAndFaultingAdapters)
+{
+    const NdisHookAPI record = BindBy([](PVOID) {});
+    Debug().Take();
+    EXPECT_EQ(record.Filter_AdapterOpened(nullptr), 0u);
+    EXPECT_EQ(record.Filter_AdapterStatusChanged(nullptr, static_cast<NDIS_STATUS>(kMediaConnect)), 0u);
+    EXPECT_EQ(record.Filter_AdapterClosed(nullptr), 0u);
+    EXPECT_EQ(Debug().Take(), "");
+
+    EXPECT_EQ(record.Filter_AdapterOpened(Unwritable<FilterAdapter>()), 0u);
+    EXPECT_EQ(Debug().Take(), "NdisFilter_AdapterOpened: exception, code = -1073741819\n");
+    EXPECT_EQ(record.Filter_AdapterClosed(Unwritable<FilterAdapter>()), 0u);
+    EXPECT_EQ(Debug().Take(), "NdisFilter_AdapterClosed: exception, code = -1073741819\n");
+    ExpectNoLockHeld("faulting adapters");
+}
+
+TEST_F(UnboundAdaptersTest, ACallbackNamesItsAdapter)
+{
+    ASSERT_EQ(hook::Bind(), STATUS_SUCCESS);
+    Debug().Take();
+    FilterAdapter* adapter = AddAdapter("{1} one");
+    EXPECT_EQ(Debug().Take(),
+              "Enter NdisFilter_AdapterOpened\nAdapterName={1} one\nLeave NdisFilter_AdapterOpened\n");
+    hook::IndicateStatus(adapter, kMediaDisconnect);
+    EXPECT_EQ(Debug().Take(), "Enter NdisFilter_AdapterStatusChanged\nAdapterName={1} one\n"
+                              "Leave NdisFilter_AdapterStatusChanged\n");
+}
+
+TEST_F(AdaptersTest, AnUnknownStatusIsPrintedWhateverTheMask)
+{
+    FilterAdapter* adapter = AddAdapter();
+    Debug().Take();
+    hook::IndicateStatus(adapter, kMediaConnect);
+    hook::IndicateStatus(adapter, kMediaDisconnect);
+    EXPECT_EQ(Debug().Take(), "");
+    hook::IndicateStatus(adapter, 0x40010017);
+    EXPECT_EQ(Debug().Take(), "Unknown adapter status 0x40010017\n");
+}
+
+// ------------------------------------------------------------------------------------------------ identifiers
+
+TEST_F(AdaptersTest, IdentifiersAreIssuedFromOneInTheOrderOfAsking)
+{
+    FilterAdapter* adapter = AddAdapter();
+    int dummies[NDIS_FILTER_MAX_ADAPTERS];
+    const auto handle = [&](ULONG i) { return reinterpret_cast<FilterAdapter*>(&dummies[i]); };
+    ULONG id = 0;
+    EXPECT_EQ(Filter_AdapterToId(adapter, &id), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(id, 1u);
+    // What is no adapter gets an identifier all the same.
+    for (ULONG i = 1; i < NDIS_FILTER_MAX_ADAPTERS; i++) {
+        ASSERT_EQ(Filter_AdapterToId(handle(i), &id), FILTER_STATUS_SUCCESS);
+        EXPECT_EQ(id, i + 1);
+    }
+    id = 77;
+    EXPECT_EQ(Filter_AdapterToId(handle(0), &id), FILTER_ERROR_INTERNAL_ERROR);
+    EXPECT_EQ(id, 77u);
+    EXPECT_EQ(Filter_AdapterToId(handle(20), &id), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(id, 21u);
+
+    FilterAdapter* found = nullptr;
+    EXPECT_EQ(Filter_IdToAdapter(32, &found), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(found, handle(31));
+    for (const ULONG unknown : {0u, 33u, 0xFFFFFFFFu}) {
+        EXPECT_EQ(Filter_IdToAdapter(unknown, &found), FILTER_ERROR_INVALID_ARGUMENT) << unknown;
+    }
+}
+
+TEST_F(AdaptersTest, IdentifiersAreTheSameForAllWhoAskAtOnce)
+{
+    constexpr ULONG kHandles = 20;
+    int dummies[kHandles];
+    std::vector<std::vector<ULONG>> ids(4, std::vector<ULONG>(kHandles));
+    std::vector<std::thread> threads;
+    for (std::vector<ULONG>& mine : ids) {
+        threads.emplace_back([&] {
+            for (ULONG i = 0; i < kHandles; i++) {
+                Filter_AdapterToId(reinterpret_cast<FilterAdapter*>(&dummies[i]), &mine[i]);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (const std::vector<ULONG>& mine : ids) {
+        EXPECT_EQ(mine, ids[0]);
+    }
+    EXPECT_EQ(std::set<ULONG>(ids[0].begin(), ids[0].end()).size(), kHandles);
+}
+
+// ---------------------------------------------------------------------------------------------------- lookups
+
+TEST_F(AdaptersTest, AreFoundByTheirCurrentMacAddress)
+{
+    hook::AdapterOptions options;
+    options.name = "{1} one";
+    options.address = Mac(1);
+    options.permanentAddress = Mac(9);
+    FilterAdapter* first = hook::AddAdapter(options);
+    hook::OpenAdapter(first);
+    FilterAdapter* second = AddAdapter("{2} two", Mac(2));
+    AddAdapter("{3} the same address as the second", Mac(2));
+
+    FilterAdapter* found = nullptr;
+    EXPECT_EQ(Filter_FindAdapterByMacAddress(Mac(1).data(), &found), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(found, first);
+    EXPECT_EQ(Filter_FindAdapterByMacAddress(Mac(2).data(), &found), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(found, second);
+    found = nullptr;
+    EXPECT_EQ(Filter_FindAdapterByMacAddress(Mac(9).data(), &found), FILTER_ERROR_ADAPTER_NOT_FOUND);
+    EXPECT_EQ(found, nullptr);
+    EXPECT_EQ(Filter_FindAdapterByMacAddress(nullptr, &found), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_FindAdapterByMacAddress(Mac(1).data(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+}
+
+TEST_F(AdaptersTest, AreFoundByTheBeginningOfTheirName)
+{
+    FilterAdapter* first = AddAdapter("{AB-1} one", Mac(1));
+    FilterAdapter* second = AddAdapter("{AB-2} two", Mac(2));
+    const std::string whole(255, 'n');
+    FilterAdapter* longest = AddAdapter(whole, Mac(3));
+    struct Case {
+        std::string id;
+        FilterAdapter* expected;
+    };
+    for (const Case& search : {Case{"{AB-2}", second}, Case{"{AB-1} one", first}, Case{"{AB-", first},
+                               Case{"{ab-1}", nullptr}, Case{"AB-1", nullptr}, Case{"{AB-1} one more", nullptr},
+                               Case{whole, longest}, Case{whole + "n", nullptr}, Case{whole + whole, nullptr}}) {
+        FilterAdapter* found = nullptr;
+        EXPECT_EQ(Filter_FindAdapterByNetCfgInstanceId(search.id.c_str(), &found),
+                  search.expected != nullptr ? FILTER_STATUS_SUCCESS : FILTER_ERROR_ADAPTER_NOT_FOUND)
+            << search.id;
+        EXPECT_EQ(found, search.expected) << search.id;
+    }
+    FilterAdapter* found = nullptr;
+    EXPECT_EQ(Filter_FindAdapterByNetCfgInstanceId("", &found), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_FindAdapterByNetCfgInstanceId(nullptr, &found), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_FindAdapterByNetCfgInstanceId("{AB-1}", nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    Debug().Take();
+    EXPECT_EQ(Filter_FindAdapterByNetCfgInstanceId("{AB-2}", &found), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(Debug().Take(), "Enter Filter_FindAdapterByNetCfgInstanceId\nFind Filter_FindAdapterByNetCfgInstanceId\n"
+                              "Leave Filter_FindAdapterByNetCfgInstanceId, 0-FILTER_STATUS_SUCCESS\n");
+}
+
+// A table that is rewritten while others look never shows them anything but an adapter or none.
+TEST_F(AdaptersTest, MayBeLookedUpWhileTheTableIsRewritten)
+{
+    const TestDriver driver;
+    FilterAdapter* adapters[] = {AddAdapter("{1}", Mac(1)), AddAdapter("{2}", Mac(2)), AddAdapter("{3}", Mac(3))};
+    std::thread rewriter([&] {
+        for (int i = 0; i < 200; i++) {
+            hook::CloseAdapter(adapters[i % 3]);
+            hook::OpenAdapter(adapters[i % 3]);
+        }
+    });
+    for (int i = 0; i < 200; i++) {
+        for (FilterAdapter* adapter : Enumerate(driver)) {
+            EXPECT_TRUE(Filter_IsValidAdapter(adapter));
+        }
+        FilterAdapter* found = adapters[0];
+        Filter_FindAdapterByMacAddress(Mac(2).data(), &found);
+        EXPECT_TRUE(Filter_IsValidAdapter(found));
+    }
+    rewriter.join();
+    EXPECT_EQ(Enumerate(driver).size(), 3u);
+}
+
+} // namespace

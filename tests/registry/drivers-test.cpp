@@ -1,0 +1,182 @@
+// The registry of client drivers.
+#include "support/framework.h"
+
+#include <cstring>
+#include <string>
+#include <thread>
+
+using namespace support;
+using testing::HasSubstr;
+
+namespace
+{
+
+constexpr uint32_t kTraceDriver = 0x4;
+
+class DriversTest : public FrameworkTest
+{
+  protected:
+    DriversTest() : FrameworkTest(FrameworkOnly(kTraceDriver)) {}
+};
+
+FILTER_STATUS Register(const std::string& name, ULONG major = 1, ULONG minor = 0)
+{
+    FilterDriver* handle = nullptr;
+    return Filter_RegisterDriver(&CountedString(name), nullptr, major, minor, &handle);
+}
+
+TEST_F(DriversTest, TheInterfaceIsVersionOnePointNought)
+{
+    ULONG major = 7;
+    ULONG minor = 7;
+    EXPECT_EQ(Filter_GetAPIVersion(&major, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_GetAPIVersion(nullptr, &minor), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(major, 7u);
+    EXPECT_EQ(minor, 7u);
+    EXPECT_EQ(Filter_GetAPIVersion(&major, &minor), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(major, 1u);
+    EXPECT_EQ(minor, 0u);
+}
+
+TEST_F(DriversTest, RegistrationChecksArgumentsThenVersionThenName)
+{
+    const TestDriver alpha("Alpha");
+    FilterDriver* handle = nullptr;
+    EXPECT_EQ(Filter_RegisterDriver(nullptr, nullptr, 2, 0, &handle), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_RegisterDriver(&CountedString("Alpha"), nullptr, 2, 0, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Register("Alpha", 1, 1), FILTER_ERROR_UNSUPPORTED_API_VERSION);
+    EXPECT_EQ(Register("Alpha", 2, 0), FILTER_ERROR_UNSUPPORTED_API_VERSION);
+    EXPECT_EQ(Register("Alpha", 0, 0), FILTER_ERROR_UNSUPPORTED_API_VERSION);
+    Debug().Take();
+    EXPECT_EQ(Register("Alpha"), FILTER_ERROR_DRIVER_ALREADY_REGISTERED);
+    EXPECT_EQ(Debug().Take(), "Enter Filter_RegisterDriver\n  Error: -9 - FILTER_ERROR_DRIVER_ALREADY_REGISTERED\n"
+                              "Leave Filter_RegisterDriver, -9-FILTER_ERROR_DRIVER_ALREADY_REGISTERED\n");
+    const TestDriver differsInCase("ALPHA");
+    const TestDriver longer("Alpha2");
+    const TestDriver unnamed("");
+}
+
+TEST_F(DriversTest, NamesAndContextsAreHandedBack)
+{
+    int context;
+    const std::string longest(0xFFFF, 'x');
+    for (const std::string& text : {std::string("Alpha"), std::string(""), std::string("with\0zero", 9), longest}) {
+        const TestDriver driver(text, &context);
+        STRING* name = nullptr;
+        ASSERT_EQ(Filter_GetDriverName(driver.Handle(), &name), FILTER_STATUS_SUCCESS);
+        ASSERT_NE(name, nullptr);
+        EXPECT_EQ(name->MaximumLength, static_cast<USHORT>(text.size() + 2));
+        EXPECT_EQ(name->Buffer[name->Length], 0);
+        EXPECT_EQ(name->Buffer[name->Length + 1], 0);
+        EXPECT_EQ(TakeName(name), text);
+        PVOID found = nullptr;
+        EXPECT_EQ(Filter_GetDriverContext(driver.Handle(), &found), FILTER_STATUS_SUCCESS);
+        EXPECT_EQ(found, &context);
+    }
+}
+
+TEST_F(DriversTest, HandlesAreRefusedWithAMessageThatSaysWhy)
+{
+    TestDriver driver;
+    TestFilter filter(driver, {});
+    FilterDriver* const stale = TestDriver("gone").Handle();
+    FilterDriver* const wrongKind = reinterpret_cast<FilterDriver*>(filter.Handle());
+    const std::string check = "Filter_IsValidDriver: ";
+    struct Case {
+        FilterDriver* handle;
+        std::string message;
+    };
+    for (const Case& bad :
+         {Case{nullptr, check + "Invalid Handle 0x0000000000000000, bad tag 0xffffffff\n"},
+          Case{wrongKind, check + "Invalid Handle " + PointerText(wrongKind) + ", bad tag 0x54414733\n"},
+          Case{stale, check + "Invalid Handle " + PointerText(stale) + ", bad tag 0x"},
+          Case{Unreadable<FilterDriver>(), check + "exception, code = -1073741819\n"}}) {
+        Debug().Take();
+        EXPECT_FALSE(Filter_IsValidDriver(bad.handle));
+        EXPECT_THAT(Debug().Take(), testing::StartsWith(bad.message));
+
+        const FILTER_STATUS expected =
+            bad.handle == nullptr ? FILTER_ERROR_INVALID_ARGUMENT : FILTER_ERROR_INVALID_DRIVER_HANDLE;
+        STRING* name = nullptr;
+        PVOID context = nullptr;
+        EXPECT_EQ(Filter_GetDriverName(bad.handle, &name), expected);
+        EXPECT_EQ(Filter_GetDriverContext(bad.handle, &context), expected);
+        EXPECT_EQ(Filter_DeregisterDriver(bad.handle), expected);
+        EXPECT_EQ(name, nullptr);
+    }
+    EXPECT_TRUE(Filter_IsValidDriver(driver.Handle()));
+    EXPECT_EQ(Filter_GetDriverName(driver.Handle(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_GetDriverContext(driver.Handle(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+}
+
+// The tag alone makes a handle valid; to be deregistered it must be in the list.
+TEST_F(DriversTest, ARecordThatIsNotListedIsNotFound)
+{
+    const TestDriver driver("a name long enough to copy a whole record from its block");
+    alignas(16) UCHAR copy[64];
+    memcpy(copy, driver.Handle(), sizeof(copy));
+    EXPECT_EQ(Filter_DeregisterDriver(reinterpret_cast<FilterDriver*>(copy)), FILTER_ERROR_DRIVER_NOT_FOUND);
+    EXPECT_TRUE(Filter_IsValidDriver(driver.Handle()));
+}
+
+TEST_F(DriversTest, ADepartingDriverTakesItsFiltersAlongAndNobodyElses)
+{
+    TestDriver leaving("leaving");
+    TestDriver staying("staying");
+    std::vector<std::unique_ptr<TestFilter>> filters;
+    for (FILTER_TYPE type = 0; type < FILTER_TYPE_COUNT; type++) {
+        filters.push_back(std::make_unique<TestFilter>(
+            leaving, TestFilter::Options{.name = "leaving-" + std::to_string(type), .type = type}));
+        filters.push_back(std::make_unique<TestFilter>(
+            staying, TestFilter::Options{.name = "staying-" + std::to_string(type), .type = type}));
+    }
+    EXPECT_EQ(leaving.Deregister(), FILTER_STATUS_SUCCESS);
+    Debug().Take();
+    for (FILTER_TYPE type = 0; type < FILTER_TYPE_COUNT; type++) {
+        EXPECT_EQ(Filter_DumpFilter(type), FILTER_STATUS_SUCCESS);
+        const std::string chain = Debug().Take();
+        EXPECT_THAT(chain, testing::Not(HasSubstr("leaving-")));
+        EXPECT_THAT(chain, HasSubstr("staying-" + std::to_string(type)));
+    }
+    const TestDriver again("leaving");
+}
+
+TEST_F(DriversTest, WithoutMemorySuccessIsAnsweredAndNothingWritten)
+{
+    const TestDriver driver;
+    FilterDriver* handle = nullptr;
+    STRING* name = nullptr;
+    machine::FailCall(machine::Fault::Pool, 1);
+    EXPECT_EQ(Filter_RegisterDriver(&CountedString("no memory"), nullptr, 1, 0, &handle), FILTER_STATUS_SUCCESS);
+    EXPECT_TRUE(machine::FaultHit(machine::Fault::Pool));
+    EXPECT_EQ(handle, nullptr);
+    machine::FailCall(machine::Fault::Pool, 1);
+    EXPECT_EQ(Filter_GetDriverName(driver.Handle(), &name), FILTER_STATUS_SUCCESS);
+    EXPECT_TRUE(machine::FaultHit(machine::Fault::Pool));
+    EXPECT_EQ(name, nullptr);
+    ExpectNoLockHeld("a registration without memory");
+    // One allocation each: the second to fail is not reached.
+    machine::FailCall(machine::Fault::Pool, 2);
+    const TestDriver second("no memory");
+    EXPECT_FALSE(machine::FaultHit(machine::Fault::Pool));
+}
+
+TEST_F(DriversTest, OfDriversThatRegisterOneNameAtOnceOneIsTaken)
+{
+    for (int round = 0; round < 50; round++) {
+        FILTER_STATUS statuses[2];
+        FilterDriver* handles[2] = {};
+        const auto attempt = [&](int i) {
+            statuses[i] = Filter_RegisterDriver(&CountedString("the only one"), nullptr, 1, 0, &handles[i]);
+        };
+        std::thread other(attempt, 1);
+        attempt(0);
+        other.join();
+        const int winner = statuses[0] == FILTER_STATUS_SUCCESS ? 0 : 1;
+        EXPECT_EQ(statuses[winner], FILTER_STATUS_SUCCESS);
+        EXPECT_EQ(statuses[1 - winner], FILTER_ERROR_DRIVER_ALREADY_REGISTERED);
+        EXPECT_EQ(Filter_DeregisterDriver(handles[winner]), FILTER_STATUS_SUCCESS);
+    }
+}
+
+} // namespace

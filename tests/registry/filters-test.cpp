@@ -1,0 +1,343 @@
+// The registry of packet filters: places in the chains, owners, queries and dumps.
+#include "support/framework.h"
+
+#include <cstring>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace support;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace
+{
+
+constexpr uint32_t kTraceFilter = 0x20;
+
+class FiltersTest : public FrameworkTest
+{
+  protected:
+    FiltersTest() : FrameworkTest(FrameworkOnly()) {}
+
+    // Names of a chain's filters in chain order, as its dump shows them.
+    std::vector<std::string> Chain(FILTER_TYPE type)
+    {
+        Debug().Take();
+        EXPECT_EQ(Filter_DumpFilter(type), FILTER_STATUS_SUCCESS);
+        const std::string dump = Debug().Take();
+        std::vector<std::string> names;
+        const std::regex line("- m_FilterName      = (.*)\n");
+        for (std::sregex_iterator at(dump.begin(), dump.end(), line), end; at != end; ++at) {
+            names.push_back((*at)[1]);
+        }
+        return names;
+    }
+};
+
+class TracedFiltersTest : public FrameworkTest
+{
+  protected:
+    TracedFiltersTest() : FrameworkTest(WithTrace(kTraceFilter)) {}
+};
+
+FILTER_RESULT Bypass(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket*)
+{
+    return FILTER_RESULT_BYPASS;
+}
+
+FILTER_STATUS Register(const TestDriver& driver, const std::string& name, FILTER_TYPE type)
+{
+    PacketFilter* handle = nullptr;
+    return Filter_RegisterFilter(driver.Handle(), &CountedString(name), Bypass, nullptr, type, 0, &handle);
+}
+
+// --------------------------------------------------------------------------------------------------- placement
+
+TEST_F(FiltersTest, ArePlacedByOrderTheNewestOfEqualOrderFirst)
+{
+    struct Entry {
+        const char* name;
+        FILTER_ORDER order;
+    };
+    struct Case {
+        std::vector<Entry> registered;
+        std::vector<std::string> chain;
+    };
+    const FILTER_ORDER first = FILTER_ORDER_FIRST;
+    const FILTER_ORDER next = FILTER_ORDER_NEXT;
+    const FILTER_ORDER last = FILTER_ORDER_LAST;
+    const Case cases[] = {
+        {{{"A", first}, {"B", first}}, {"B", "A"}},
+        {{{"A", first}, {"C", last}, {"D", last}}, {"A", "D", "C"}},
+        {{{"5", 5}, {"3", 3}, {"N", next}, {"3'", 3}}, {"3'", "3", "5", "N"}},
+        {{{"L", last}, {"N", next}, {"N'", next}, {"7", 7}, {"F", first}}, {"F", "7", "N'", "N", "L"}},
+        // Orders compare as unsigned numbers: what is negative but no sentinel is a large position.
+        {{{"-3", -3}, {"max", INT32_MAX}, {"min", INT32_MIN}, {"N", next}, {"1", 1}}, {"1", "max", "min", "-3", "N"}},
+    };
+    for (const Case& test : cases) {
+        TestDriver driver("placing");
+        std::vector<std::unique_ptr<TestFilter>> filters;
+        for (const Entry& entry : test.registered) {
+            filters.push_back(std::make_unique<TestFilter>(
+                driver, TestFilter::Options{.name = entry.name, .order = entry.order}));
+        }
+        EXPECT_THAT(Chain(FILTER_TYPE_INCOMING_PACKET), ElementsAreArray(test.chain));
+        filters[1].reset();
+        EXPECT_EQ(Chain(FILTER_TYPE_INCOMING_PACKET).size(), test.chain.size() - 1);
+        for (auto& filter : filters) {
+            filter.reset();
+        }
+    }
+    EXPECT_THAT(Chain(FILTER_TYPE_INCOMING_PACKET), IsEmpty());
+}
+
+// ----------------------------------------------------------------------------------- registration and removal
+
+TEST_F(FiltersTest, RegistrationChecksArgumentsThenDriverThenTypeThenName)
+{
+    TestDriver driver("one");
+    TestDriver other("two");
+    FilterDriver* const bad = reinterpret_cast<FilterDriver*>(&driver);
+    const CountedString name("filter");
+    PacketFilter* handle = nullptr;
+    EXPECT_EQ(Filter_RegisterFilter(nullptr, &name, Bypass, nullptr, 4, 0, &handle), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_RegisterFilter(bad, nullptr, Bypass, nullptr, 4, 0, &handle), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_RegisterFilter(bad, &name, nullptr, nullptr, 4, 0, &handle), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_RegisterFilter(bad, &name, Bypass, nullptr, 4, 0, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_RegisterFilter(bad, &name, Bypass, nullptr, 4, 0, &handle), FILTER_ERROR_INVALID_DRIVER_HANDLE);
+    for (const FILTER_TYPE type : {4, -1, INT32_MAX, INT32_MIN}) {
+        EXPECT_EQ(Register(driver, "filter", type), FILTER_ERROR_INVALID_FILTER_TYPE) << type;
+    }
+    EXPECT_EQ(Register(driver, "filter", FILTER_TYPE_INCOMING_PACKET), FILTER_STATUS_SUCCESS);
+    // Unique in a chain, whoever registers it, but not across chains.
+    EXPECT_EQ(Register(other, "filter", FILTER_TYPE_INCOMING_PACKET), FILTER_ERROR_FILTER_ALREADY_REGISTERED);
+    EXPECT_EQ(Register(other, "FILTER", FILTER_TYPE_INCOMING_PACKET), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(Register(other, "filter", FILTER_TYPE_OUTGOING_PACKET), FILTER_STATUS_SUCCESS);
+    EXPECT_THAT(Chain(FILTER_TYPE_INCOMING_PACKET), ElementsAre("FILTER", "filter"));
+}
+
+TEST_F(FiltersTest, OnlyTheOwnerRemovesAFilter)
+{
+    TestDriver owner("owner");
+    TestDriver other("other");
+    TestFilter filter(owner, {.name = "kept", .type = FILTER_TYPE_INJECT_TO_ADAPTER});
+    PacketFilter* const stale = TestFilter(owner, {}).Handle();
+    FilterDriver* const notADriver = reinterpret_cast<FilterDriver*>(filter.Handle());
+    PacketFilter* const notAFilter = reinterpret_cast<PacketFilter*>(owner.Handle());
+    // Right tag and type, but in no chain.
+    alignas(16) UCHAR copy[112];
+    memcpy(copy, filter.Handle(), sizeof(copy));
+    PacketFilter* const unlisted = reinterpret_cast<PacketFilter*>(copy);
+
+    EXPECT_EQ(Filter_DeregisterFilter(nullptr, filter.Handle()), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_DeregisterFilter(notADriver, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_DeregisterFilter(notADriver, notAFilter), FILTER_ERROR_INVALID_DRIVER_HANDLE);
+    EXPECT_EQ(Filter_DeregisterFilter(owner.Handle(), notAFilter), FILTER_ERROR_INVALID_PACKET_FILTER);
+    EXPECT_EQ(Filter_DeregisterFilter(owner.Handle(), stale), FILTER_ERROR_INVALID_PACKET_FILTER);
+    EXPECT_EQ(Filter_DeregisterFilter(owner.Handle(), unlisted), FILTER_ERROR_FILTER_NOT_FOUND);
+    EXPECT_EQ(Filter_DeregisterFilter(other.Handle(), filter.Handle()), FILTER_ERROR_INVALID_FILTER_OWNER);
+    EXPECT_THAT(Chain(FILTER_TYPE_INJECT_TO_ADAPTER), ElementsAre("kept"));
+    EXPECT_EQ(filter.Deregister(), FILTER_STATUS_SUCCESS);
+    EXPECT_THAT(Chain(FILTER_TYPE_INJECT_TO_ADAPTER), IsEmpty());
+}
+
+TEST_F(FiltersTest, WithoutMemorySuccessIsAnsweredAndTheChainStillDumped)
+{
+    TestDriver driver;
+    TestFilter present(driver, {.name = "present"});
+    machine::FailCall(machine::Fault::Pool, 1);
+    PacketFilter* handle = nullptr;
+    Debug().Take();
+    EXPECT_EQ(Filter_RegisterFilter(driver.Handle(), &CountedString("absent"), Bypass, nullptr, 0, 0, &handle),
+              FILTER_STATUS_SUCCESS);
+    EXPECT_TRUE(machine::FaultHit(machine::Fault::Pool));
+    EXPECT_EQ(handle, nullptr);
+    EXPECT_THAT(Debug().Take(), HasSubstr("Dumping Packet Filter(Type = 0 - FILTER_TYPE_INCOMING_PACKET)\n"));
+    EXPECT_THAT(Chain(FILTER_TYPE_INCOMING_PACKET), ElementsAre("present"));
+
+    machine::FailCall(machine::Fault::Pool, 1);
+    STRING* name = nullptr;
+    EXPECT_EQ(Filter_GetFilterName(present.Handle(), &name), FILTER_STATUS_SUCCESS);
+    EXPECT_TRUE(machine::FaultHit(machine::Fault::Pool));
+    EXPECT_EQ(name, nullptr);
+    ExpectNoLockHeld("a registration without memory");
+    machine::FailCall(machine::Fault::Pool, 2);
+    EXPECT_EQ(Register(driver, "absent", FILTER_TYPE_INCOMING_PACKET), FILTER_STATUS_SUCCESS);
+    EXPECT_FALSE(machine::FaultHit(machine::Fault::Pool));
+}
+
+// ---------------------------------------------------------------------------------------------------- queries
+
+TEST_F(FiltersTest, AnswerWhatTheyWereRegisteredWith)
+{
+    TestDriver driver;
+    TestFilter filter(driver, {.name = "asked", .type = FILTER_TYPE_INJECT_TO_PROTOCOL, .order = -3});
+    STRING* name = nullptr;
+    ASSERT_EQ(Filter_GetFilterName(filter.Handle(), &name), FILTER_STATUS_SUCCESS);
+    ASSERT_NE(name, nullptr);
+    EXPECT_EQ(name->MaximumLength, 7);
+    EXPECT_EQ(name->Buffer[5], 0);
+    EXPECT_EQ(name->Buffer[6], 0);
+    EXPECT_EQ(TakeName(name), "asked");
+    PVOID context = nullptr;
+    EXPECT_EQ(Filter_GetFilterContext(filter.Handle(), &context), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(context, &filter);
+    FILTER_TYPE type = 0;
+    EXPECT_EQ(Filter_GetFilterType(filter.Handle(), &type), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(type, FILTER_TYPE_INJECT_TO_PROTOCOL);
+    FILTER_ORDER order = 0;
+    EXPECT_EQ(Filter_GetFilterOrder(filter.Handle(), &order), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(order, -3);
+}
+
+TEST_F(FiltersTest, HandlesAreRefusedWithAMessageThatSaysWhy)
+{
+    TestDriver driver;
+    TestFilter filter(driver, {});
+    alignas(16) UCHAR copy[112];
+    memcpy(copy, filter.Handle(), sizeof(copy));
+    PacketFilter* const badType = reinterpret_cast<PacketFilter*>(copy);
+    PacketFilter* const wrongKind = reinterpret_cast<PacketFilter*>(driver.Handle());
+    PacketFilter* const stale = TestFilter(driver, {}).Handle();
+    // Its type is what the getter answers; find the word and make it 4.
+    for (size_t at = 20; at < sizeof(copy); at += 4) {
+        FILTER_TYPE type = 0;
+        const ULONG four = 4;
+        ULONG before;
+        memcpy(&before, copy + at, sizeof(before));
+        memcpy(copy + at, &four, sizeof(four));
+        if (Filter_GetFilterType(badType, &type) == FILTER_ERROR_INVALID_PACKET_FILTER) {
+            break;
+        }
+        memcpy(copy + at, &before, sizeof(before));
+    }
+    const std::string check = "Filter_IsValidFilter: ";
+    struct Case {
+        PacketFilter* handle;
+        std::string message;
+    };
+    for (const Case& bad : {Case{nullptr, check + "Invalid Handle 0x0000000000000000, bad tag 0xffffffff\n"},
+                            Case{wrongKind, check + "Invalid Handle " + PointerText(wrongKind) + ", bad tag 0x54414731\n"},
+                            Case{badType, check + "Invalid Handle " + PointerText(badType) + ", bad tag 0x54414733\n"},
+                            Case{stale, check + "Invalid Handle " + PointerText(stale) + ", bad tag 0x"},
+                            Case{Unreadable<PacketFilter>(), check + "exception, code = -1073741819\n"}}) {
+        Debug().Take();
+        EXPECT_FALSE(Filter_IsValidFilter(bad.handle));
+        EXPECT_THAT(Debug().Take(), testing::StartsWith(bad.message));
+        const FILTER_STATUS expected =
+            bad.handle == nullptr ? FILTER_ERROR_INVALID_ARGUMENT : FILTER_ERROR_INVALID_PACKET_FILTER;
+        STRING* name = nullptr;
+        PVOID context = nullptr;
+        FILTER_TYPE type = 0;
+        FILTER_ORDER order = 0;
+        EXPECT_EQ(Filter_GetFilterName(bad.handle, &name), expected);
+        EXPECT_EQ(Filter_GetFilterContext(bad.handle, &context), expected);
+        EXPECT_EQ(Filter_GetFilterType(bad.handle, &type), expected);
+        EXPECT_EQ(Filter_GetFilterOrder(bad.handle, &order), expected);
+    }
+    EXPECT_TRUE(Filter_IsValidFilter(filter.Handle()));
+    EXPECT_EQ(Filter_GetFilterName(filter.Handle(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_GetFilterContext(filter.Handle(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_GetFilterType(filter.Handle(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_GetFilterOrder(filter.Handle(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+}
+
+std::vector<PacketFilter*> g_enumerated;
+
+BOOLEAN Note(PVOID, PacketFilter* filter)
+{
+    EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+    g_enumerated.push_back(filter);
+    return FALSE; // does not end the walk
+}
+
+TEST_F(FiltersTest, EnumerationReportsTheDriversFiltersWhoseTypeSharesABit)
+{
+    TestDriver driver("one");
+    TestDriver other("two");
+    std::vector<std::unique_ptr<TestFilter>> own;
+    std::vector<std::unique_ptr<TestFilter>> foreign;
+    for (FILTER_TYPE type = 0; type < FILTER_TYPE_COUNT; type++) {
+        own.push_back(std::make_unique<TestFilter>(driver, TestFilter::Options{.type = type, .order = 1}));
+        own.push_back(std::make_unique<TestFilter>(driver, TestFilter::Options{.type = type, .order = 3}));
+        foreign.push_back(std::make_unique<TestFilter>(other, TestFilter::Options{.type = type, .order = 2}));
+    }
+    g_enumerated.clear();
+    EXPECT_EQ(Filter_EnumFilter(driver.Handle(), Note, nullptr, FILTER_TYPE_INCOMING_PACKET), FILTER_STATUS_SUCCESS);
+    EXPECT_THAT(g_enumerated, IsEmpty()); // 0 has no bit in common with 0
+    for (FILTER_TYPE type = 1; type < FILTER_TYPE_COUNT; type++) {
+        g_enumerated.clear();
+        EXPECT_EQ(Filter_EnumFilter(driver.Handle(), Note, nullptr, type), FILTER_STATUS_SUCCESS);
+        EXPECT_THAT(g_enumerated, ElementsAre(own[2 * type]->Handle(), own[2 * type + 1]->Handle())) << type;
+    }
+    EXPECT_EQ(Filter_EnumFilter(nullptr, Note, nullptr, 1), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_EnumFilter(driver.Handle(), nullptr, nullptr, 4), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_EnumFilter(driver.Handle(), Note, nullptr, 4), FILTER_ERROR_INVALID_FILTER_TYPE);
+    EXPECT_EQ(Filter_EnumFilter(reinterpret_cast<FilterDriver*>(own[0]->Handle()), Note, nullptr, 4),
+              FILTER_ERROR_INVALID_DRIVER_HANDLE);
+}
+
+// ------------------------------------------------------------------------------------------------------ dumps
+
+TEST_F(TracedFiltersTest, TheDumpShowsEveryFieldAndCounter)
+{
+    int context;
+    TestDriver driver("dumping", &context);
+    int verdict = 0;
+    TestFilter filter(driver, {.name = "shown", .order = 5}, [&](FilterPacket*) { return verdict++ % 5; });
+    FilterAdapter* adapter = AddAdapter();
+    const Bytes frame = UdpFrame();
+    PacketFilter* const handle = filter.Handle();
+    for (int i = 0; i < 8; i++) { // every verdict, a 4 that is none, and the first three once more
+        ASSERT_EQ(hook::DeliverReceived(adapter, frame), hook::Accepted::Yes);
+    }
+    Debug().Take();
+    EXPECT_EQ(Filter_DumpFilter(FILTER_TYPE_INCOMING_PACKET), FILTER_STATUS_SUCCESS);
+    const std::string dump = Debug().Take();
+    const std::string link = PointerText(handle); // the links are the record's first field
+    const std::string head = "(0x[0-9A-F]{16})";
+    const std::regex expected(
+        "Enter Filter_DumpFilter\n"
+        "Dumping Packet Filter\\(Type = 0 - FILTER_TYPE_INCOMING_PACKET\\)\n"
+        "- PacketFilterList  = " + head + "\n-          \\+- Blink = " + link + "\n-          \\+- Flink = " + link + "\n"
+        "Filter\\[0\\] ----------- " + link + "\n- &m_ListEntry      = " + link + "\n"
+        "-      \\+-Blink      = \\1\n-      \\+-Flink      = \\1\n"
+        "- m_Tag             = 0x54414733\n- m_FilterName      = shown\n"
+        "- m_hFilterDriver   = " + PointerText(driver.Handle()) + "\n- m_pDriverContext  = " + PointerText(&context) + "\n"
+        "- m_pfFilterProc    = " + PointerText(filter.ProcedureAddress()) + "\n- m_pFilterContext  = " + PointerText(&filter) + "\n"
+        "- m_FilterType      = 0 - FILTER_TYPE_INCOMING_PACKET\n- m_FilterOrder     = 5 - FILTER_ORDER_FIXED\n"
+        "- m_PacketProcess   = 8\n- m_PacketBypass    = 2\n- m_PacketDiscard   = 2\n"
+        "- m_PacketConsume   = 2\n- m_PacketCapture   = 1\n"
+        "Leave Filter_DumpFilter, 0-FILTER_STATUS_SUCCESS\n");
+    EXPECT_TRUE(std::regex_match(dump, expected)) << dump;
+    for (const size_t consumed : {2, 7}) {
+        Filter_ReleasePacket(filter.Calls()[consumed].packet);
+    }
+    EXPECT_EQ(hook::TakeBalance().outstanding, 0u);
+}
+
+TEST_F(TracedFiltersTest, ADumpOfNoChainAndARemovalAreTracedInTheirOwnWay)
+{
+    TestDriver driver;
+    TestFilter filter(driver, {.order = FILTER_ORDER_LAST});
+    Debug().Take();
+    EXPECT_EQ(Filter_DumpFilter(4), FILTER_ERROR_INVALID_FILTER_TYPE);
+    EXPECT_EQ(Debug().Take(), "Enter Filter_DumpFilter\n  Error: -44 - FILTER_ERROR_INVALID_FILTER_TYPE\n"
+                              "Leave Filter_DumpFilter, -44-FILTER_ERROR_INVALID_FILTER_TYPE\n");
+    Filter_ShowFilter(filter.Handle(), 12);
+    const std::string shown = Debug().Take();
+    EXPECT_THAT(shown, testing::StartsWith("Filter[12] ----------- " + PointerText(filter.Handle()) + "\n"));
+    EXPECT_THAT(shown, HasSubstr("- m_FilterOrder     = 4294967295 - FILTER_ORDER_LAST\n"));
+
+    EXPECT_EQ(filter.Deregister(), FILTER_STATUS_SUCCESS);
+    const std::string removal = Debug().Take();
+    EXPECT_THAT(removal, testing::StartsWith("Enter Filter_DeregisterFilter\n"));
+    EXPECT_THAT(removal, testing::EndsWith("  Error: 0 - FILTER_STATUS_SUCCESS\n"));
+    EXPECT_THAT(removal, HasSubstr("Dumping Packet Filter(Type = 0 - FILTER_TYPE_INCOMING_PACKET)\n"));
+}
+
+} // namespace

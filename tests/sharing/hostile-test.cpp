@@ -1,0 +1,149 @@
+// A program that writes what it likes into the shared memory, at any moment.
+#include "program.h"
+
+#include <atomic>
+#include <random>
+#include <thread>
+
+using namespace sharing;
+using namespace support;
+
+namespace
+{
+
+class HostileTest : public SharedTest
+{
+  protected:
+    void Repair()
+    {
+        for (int32_t* index : {&program.In().m_iRead, &program.In().m_iWrite, &program.Out().m_iRead,
+                               &program.Out().m_iWrite}) {
+            Store(*index, 0);
+        }
+    }
+};
+
+constexpr int32_t kSpoilt[] = {-1, 512, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()};
+
+TEST_F(HostileTest, AnIndexOutsideTheInputRingMakesItReadAsEmpty)
+{
+    for (int32_t* index : {&program.In().m_iRead, &program.In().m_iWrite}) {
+        for (const int32_t value : kSpoilt) {
+            Repair();
+            Fill(program.Memory().m_InputBlocks[0], NDIS_FILTER_DIRECTION_TO_ADAPTER, UdpFrame());
+            Store(*index, value);
+            const hook::Balance before = hook::TakeBalance();
+            EXPECT_EQ(program.AnnounceOnly().status, STATUS_SUCCESS);
+            ASSERT_TRUE(machine::WaitIdle());
+            EXPECT_EQ(hook::TakeBalance(), before) << value;
+            EXPECT_EQ(Load(*index), value);
+            Repair();
+            ExpectLoopBack(program);
+        }
+    }
+}
+
+TEST_F(HostileTest, AnIndexOutsideTheOutputRingMakesItReadAsFull)
+{
+    for (int32_t* index : {&program.Out().m_iRead, &program.Out().m_iWrite}) {
+        for (const int32_t value : kSpoilt) {
+            Repair();
+            machine::Request read = program.Read();
+            EXPECT_FALSE(read.IsComplete());
+            Store(*index, value);
+            const int32_t count = Load(program.Out().m_nCount);
+            EXPECT_EQ(SendSignal(), FILTER_ERROR_OUT_OF_MEMORY) << value;
+            FilterPacket* packet = MakePacket(adapter, UdpFrame());
+            EXPECT_EQ(Filter_IndicatePacketToApplication(packet, 0, 0), FILTER_STATUS_SUCCESS);
+            Filter_ReleasePacket(packet);
+            EXPECT_EQ(read.Wait().value_or(Result{-1, 0}).status, STATUS_SUCCESS) << value;
+            EXPECT_EQ(program.Control(IOCTL_NDIS_FILTER_READ_SHARE).status, STATUS_SUCCESS);
+            EXPECT_EQ(Load(*index), value);
+            EXPECT_EQ(Load(program.Out().m_nCount), count);
+            Repair();
+            ExpectLoopBack(program);
+        }
+    }
+}
+
+// The framework uses none of these once the memory is shared.
+TEST_F(HostileTest, TheOtherFieldsOfTheMappingSteerNothing)
+{
+    MappedMemory& mapping = program.Mapping();
+    mapping.m_pUserModeVirtualAddress = 0x1234;
+    mapping.m_pMdl = 0x5678;
+    mapping.m_nSize = 1;
+    for (SharedRing* ring : {&program.In(), &program.Out()}) {
+        ring->m_iBlockSize = 1 << 20;
+        ring->m_iBlockCount = 0;
+        ring->m_iBaseOffset = -1;
+        ring->m_puBlockBase = 0x9ABC;
+        ring->m_pkBlockBase = 0x10;
+        ring->m_nCount = std::numeric_limits<int32_t>::max(); // the next block makes it wrap
+    }
+    ExpectLoopBack(program);
+    EXPECT_EQ(Load(program.Out().m_nCount), std::numeric_limits<int32_t>::min());
+    EXPECT_EQ(program.Stop().status, STATUS_SUCCESS);
+    ASSERT_NE(program.Start(), NDIS_FILTER_SHARE_FAILED);
+    ExpectLoopBack(program);
+}
+
+TEST_F(HostileTest, ScribblingDisturbsNoOtherTraffic)
+{
+    constexpr uint32_t kFrames = 4000;
+    TestDriver driver;
+    const TestFilter filter(driver, {}, [](FilterPacket* packet) {
+        Filter_IndicatePacketToApplication(packet, 1, 2);
+        return FILTER_RESULT_BYPASS;
+    });
+    std::atomic<uint32_t> whole{0};
+    hook::SetSink(adapter, hook::Side::Protocols, [&](std::span<const uint8_t> frame, const hook::Delivery& delivery) {
+        if (delivery.origin == hook::Origin::Received) {
+            const Bytes expected = UdpFrame(1, 2, Counting(500));
+            whole += std::equal(frame.begin(), frame.end(), expected.begin(), expected.end()) ? 1 : 0;
+        }
+    });
+    std::atomic<bool> stop{false};
+    std::thread scribbler([&] {
+        std::mt19937 random(4711);
+        auto* const words = reinterpret_cast<uint32_t*>(&program.Mapping());
+        const auto write = [](uint32_t* word, uint32_t value) { __atomic_store_n(word, value, __ATOMIC_RELAXED); };
+        const auto indexes = reinterpret_cast<uint32_t*>(&program.Memory());
+        while (!stop) {
+            write(words + random() % (NDIS_FILTER_MAPPED_MEMORY_SIZE / 4), random());
+            for (const int place : {7, 8, 17, 18}) { // the four indexes, mostly good
+                write(indexes + place, random() % 520);
+            }
+            auto* const block = reinterpret_cast<uint32_t*>(&program.Memory().m_InputBlocks[random() % 512]);
+            write(block, adapterId);
+            write(block + 2, random() % 5);
+            write(block + 3, random() % 8 == 0 ? random() : random() % 1700);
+        }
+    });
+    std::thread requests([&] {
+        while (!stop) {
+            machine::Request read = program.Read();
+            program.AnnounceOnly();
+            read.Cancel();
+            EXPECT_TRUE(read.Wait().has_value());
+        }
+    });
+    const Bytes frame = UdpFrame(1, 2, Counting(500));
+    for (uint32_t i = 0; i < kFrames; ++i) {
+        ASSERT_EQ(hook::DeliverReceived(adapter, frame), hook::Accepted::Yes);
+        SendSignal();
+    }
+    stop = true;
+    scribbler.join();
+    requests.join();
+    ASSERT_TRUE(machine::WaitIdle());
+    Repair();
+    EXPECT_EQ(whole, kFrames);
+    EXPECT_EQ(filter.CallCount(), kFrames);
+    hook::SetSink(adapter, hook::Side::Protocols, {});
+    const hook::Balance balance = hook::TakeBalance();
+    EXPECT_EQ(balance.deliveredToAdapter + balance.deliveredToProtocols + balance.freed, balance.Born());
+    ExpectLoopBack(program);
+}
+
+} // namespace

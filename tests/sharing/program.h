@@ -1,0 +1,175 @@
+// A user program that shares memory with the framework, and the fixture it runs in.
+#pragma once
+
+#include <support/packet.h>
+
+#include <cstring>
+#include <limits>
+
+namespace sharing
+{
+
+using Result = machine::Request::Result;
+
+inline int32_t Load(const int32_t& index)
+{
+    return __atomic_load_n(&index, __ATOMIC_ACQUIRE);
+}
+
+inline void Store(int32_t& index, int32_t value)
+{
+    __atomic_store_n(&index, value, __ATOMIC_RELEASE);
+}
+
+class SharingProgram
+{
+  public:
+    // What START_SHARE answers: the address of the memory, or NDIS_FILTER_SHARE_FAILED.
+    uint64_t Start(uint32_t value = 1)
+    {
+        uint8_t input[4];
+        std::memcpy(input, &value, sizeof(value));
+        uint64_t address = 0;
+        const Result result =
+            Device().Control(IOCTL_NDIS_FILTER_START_SHARE, input, {reinterpret_cast<uint8_t*>(&address), 8});
+        EXPECT_EQ(result.status, STATUS_SUCCESS);
+        EXPECT_EQ(result.information, 8u);
+        if (address != NDIS_FILTER_SHARE_FAILED) {
+            memory_ = reinterpret_cast<SharedMemory*>(address);
+        }
+        return address;
+    }
+    Result Control(uint32_t code) { return Device().Control(code, {}, {}); }
+    Result Stop() { return Control(IOCTL_NDIS_FILTER_STOP_SHARE); }
+    Result AnnounceOnly() { return Control(IOCTL_NDIS_FILTER_WRITE_SHARE); }
+    machine::Request Read() { return Device().Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0); }
+    void Close()
+    {
+        if (file_ != nullptr) {
+            file_->Close();
+        }
+    }
+
+    SharedMemory& Memory() { return *memory_; }
+    SharedRing& In() { return memory_->KernelModeInput; }
+    SharedRing& Out() { return memory_->KernelModeOutput; }
+    MappedMemory& Mapping()
+    {
+        return *reinterpret_cast<MappedMemory*>(reinterpret_cast<uint8_t*>(memory_) -
+                                                offsetof(MappedMemory, m_SharedMemory));
+    }
+
+    // Where the program fills the next block, and its hand-over to the framework.
+    SharedBlock& NextInput() { return memory_->m_InputBlocks[Load(In().m_iWrite)]; }
+    void Announce()
+    {
+        Store(In().m_iWrite, (Load(In().m_iWrite) + 1) % NDIS_FILTER_BLOCK_COUNT);
+        EXPECT_EQ(AnnounceOnly().status, STATUS_SUCCESS);
+    }
+    bool IsInputTaken() { return support::Eventually([&] { return Load(In().m_iRead) == Load(In().m_iWrite); }); }
+
+    bool IsOutputEmpty() { return Load(Out().m_iRead) == Load(Out().m_iWrite); }
+    // Waits for a block as programs do, with a read parked; false when none comes.
+    bool WaitForOutput()
+    {
+        while (IsOutputEmpty()) {
+            machine::Request read = Read();
+            const auto result = read.Wait();
+            if (!result) {
+                read.Cancel();
+                return false;
+            }
+            EXPECT_EQ(result->status, STATUS_SUCCESS);
+            EXPECT_EQ(result->information, 0u);
+        }
+        return true;
+    }
+    SharedBlock& NextOutput() { return memory_->m_OutputBlocks[Load(Out().m_iRead)]; }
+    void TakeOutput() { Store(Out().m_iRead, (Load(Out().m_iRead) + 1) % NDIS_FILTER_BLOCK_COUNT); }
+
+  private:
+    // Opened when it is first needed: the fixture's program is older than the framework.
+    machine::File& Device()
+    {
+        if (file_ == nullptr) {
+            file_ = process_.Open(support::kDeviceName);
+        }
+        return *file_;
+    }
+
+    machine::Process process_;
+    std::unique_ptr<machine::File> file_;
+    SharedMemory* memory_ = nullptr;
+};
+
+using Signal = std::array<uint8_t, NDIS_FILTER_SIGNAL_SIZE>;
+
+inline FILTER_STATUS SendSignal(uint8_t content = 0x77)
+{
+    Signal signal;
+    signal.fill(content);
+    return Filter_IndicateSignalToApplication(signal.data());
+}
+
+class SharingTest : public support::FrameworkTest
+{
+  protected:
+    using FrameworkTest::FrameworkTest;
+
+    void SetUp() override
+    {
+        FrameworkTest::SetUp();
+        adapter = AddAdapter();
+        ULONG id = 0;
+        EXPECT_EQ(Filter_AdapterToId(adapter, &id), FILTER_STATUS_SUCCESS);
+        adapterId = id;
+        ASSERT_TRUE(machine::WaitIdle()); // the share's thread has looked at the ring for the first time
+    }
+
+    void TearDown() override
+    {
+        program.Close();
+        EXPECT_TRUE(machine::WaitIdle());
+        EXPECT_TRUE(hook::TakeBalance().IsEven());
+        EXPECT_EQ(hook::TakeBalance().outstanding, 0u);
+        FrameworkTest::TearDown();
+    }
+
+    void Fill(SharedBlock& block, uint32_t direction, const support::Bytes& frame) const
+    {
+        std::memset(&block, 0, sizeof(block));
+        block.m_nAdapterId = adapterId;
+        block.m_nDirection = direction;
+        block.m_nPacketSize = static_cast<uint32_t>(frame.size());
+        std::copy(frame.begin(), frame.end(), reinterpret_cast<uint8_t*>(&block) + offsetof(SharedBlock, m_Data));
+    }
+
+    // A frame of the program comes straight back to it.
+    void ExpectLoopBack(SharingProgram& sender, const support::Bytes& frame = support::UdpFrame())
+    {
+        Fill(sender.NextInput(), NDIS_FILTER_DIRECTION_TO_APPLICATION, frame);
+        sender.Announce();
+        ASSERT_TRUE(sender.WaitForOutput());
+        const SharedBlock& block = sender.NextOutput();
+        EXPECT_EQ(support::Bytes(block.m_Data, block.m_Data + block.m_nPacketSize), frame);
+        sender.TakeOutput();
+        ASSERT_TRUE(machine::WaitIdle()); // the thread has released the packet
+    }
+
+    FilterAdapter* adapter = nullptr;
+    uint32_t adapterId = 0;
+    SharingProgram program;
+};
+
+// `program` owns the share.
+class SharedTest : public SharingTest
+{
+  protected:
+    void SetUp() override
+    {
+        SharingTest::SetUp();
+        ASSERT_NE(program.Start(), NDIS_FILTER_SHARE_FAILED);
+    }
+};
+
+} // namespace sharing

@@ -1,0 +1,294 @@
+#include "suite.h"
+
+#include <winsvc.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <memory>
+
+namespace suite
+{
+
+namespace
+{
+
+constexpr wchar_t kGroup[] = L"NdisFilterTest";
+constexpr DWORD kPatienceMs = 10000;
+
+std::string Narrow(const std::wstring& text)
+{
+    std::string narrow;
+    std::transform(text.begin(), text.end(), std::back_inserter(narrow),
+                   [](wchar_t character) { return static_cast<char>(character); });
+    return narrow;
+}
+
+Failure SystemFailure(const std::string& what)
+{
+    return Failure(what + ": error " + Text(GetLastError()));
+}
+
+SC_HANDLE ServiceManager()
+{
+    static const SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
+    return manager;
+}
+
+std::string ReadFile(const std::wstring& path)
+{
+    std::ifstream file(path.c_str(), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// The text of a line of Wine's debug channel, "...vDbgPrintExWithPrefix COMPONENT:LEVEL: TEXT"; other lines as they
+// are.
+std::string StripPrefix(const std::string& line)
+{
+    const size_t function = line.find("vDbgPrintExWithPrefix ");
+    const size_t text = function == std::string::npos ? function : line.find(": ", function);
+    return text == std::string::npos ? line : line.substr(text + 2);
+}
+
+} // namespace
+
+Options options;
+
+std::string Place(const char* file, int line)
+{
+    const std::string path = file;
+    return path.substr(path.find_last_of("/\\") + 1) + ":" + std::to_string(line) + ": ";
+}
+
+std::string Text(uint64_t value)
+{
+    return std::to_string(value);
+}
+
+std::string Text(const std::string& value)
+{
+    return "'" + value + "'";
+}
+
+bool WaitFor(const std::function<bool()>& condition)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMs);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        Sleep(2);
+    }
+    return true;
+}
+
+DWORD RunGroup(const std::wstring& group)
+{
+    wchar_t program[MAX_PATH];
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    std::wstring command = L"\"" + std::wstring(program) + L"\" " + group + L" \"" + options.drivers + L"\" \"" +
+                           options.debugOutput + L"\"";
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION process;
+    if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
+        throw SystemFailure("the tests cannot be run as another process");
+    }
+    DWORD code = STILL_ACTIVE;
+    WaitForSingleObject(process.hProcess, kPatienceMs);
+    GetExitCodeProcess(process.hProcess, &code);
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+    return code;
+}
+
+// -------------------------------------------------------------------------------------------------- services
+
+Service::Service(const std::wstring& name) : name_(name)
+{
+    const std::wstring path = options.drivers + L"\\" + name + L".sys";
+    handle_ = CreateServiceW(ServiceManager(), name.c_str(), name.c_str(), SERVICE_ALL_ACCESS, SERVICE_KERNEL_DRIVER,
+                             SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, path.c_str(), kGroup, nullptr, nullptr,
+                             nullptr, nullptr);
+    if (handle_ == nullptr) {
+        throw SystemFailure("service " + Narrow(name) + " cannot be created");
+    }
+}
+
+Service::~Service()
+{
+    SERVICE_STATUS status;
+    ControlService(handle_, SERVICE_CONTROL_STOP, &status);
+    DeleteService(handle_);
+    CloseServiceHandle(handle_);
+}
+
+static void SetValue(const std::wstring& service, const wchar_t* name, DWORD type, const void* data, size_t size)
+{
+    const std::wstring key = L"System\\CurrentControlSet\\Services\\" + service;
+    const LSTATUS status = RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, type, data, static_cast<DWORD>(size));
+    if (status != ERROR_SUCCESS) {
+        throw Failure("registry value of " + Narrow(service) + " cannot be set: error " + Text(status));
+    }
+}
+
+void Service::SetNumber(const wchar_t* name, uint32_t value)
+{
+    SetValue(name_, name, REG_DWORD, &value, sizeof(value));
+}
+
+void Service::SetText(const wchar_t* name, const std::wstring& value)
+{
+    SetValue(name_, name, REG_SZ, value.c_str(), (value.size() + 1) * sizeof(wchar_t));
+}
+
+bool Service::IsRunning()
+{
+    SERVICE_STATUS status = {};
+    QueryServiceStatus(handle_, &status);
+    return status.dwCurrentState == SERVICE_RUNNING;
+}
+
+void Service::Start()
+{
+    if (!StartServiceW(handle_, 0, nullptr)) {
+        throw SystemFailure("service " + Narrow(name_) + " cannot be started");
+    }
+    if (!WaitFor([this] { return IsRunning(); })) {
+        throw Failure("service " + Narrow(name_) + " does not run");
+    }
+}
+
+void Service::Stop()
+{
+    SERVICE_STATUS status = {};
+    if (!ControlService(handle_, SERVICE_CONTROL_STOP, &status)) {
+        throw SystemFailure("service " + Narrow(name_) + " cannot be stopped");
+    }
+    if (!WaitFor([&] { return QueryServiceStatus(handle_, &status) && status.dwCurrentState == SERVICE_STOPPED; })) {
+        throw Failure("service " + Narrow(name_) + " does not stop");
+    }
+}
+
+// --------------------------------------------------------------------------------------------------- devices
+
+static HANDLE Open(const wchar_t* name)
+{
+    return CreateFileW(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
+}
+
+Device::Device(const wchar_t* name) : handle_(Open(name))
+{
+    if (handle_ == INVALID_HANDLE_VALUE) {
+        throw SystemFailure("device " + Narrow(name) + " cannot be opened");
+    }
+}
+
+Device::~Device()
+{
+    Close();
+}
+
+void Device::Close()
+{
+    if (handle_ != INVALID_HANDLE_VALUE) {
+        CloseHandle(handle_);
+        handle_ = INVALID_HANDLE_VALUE;
+    }
+}
+
+DWORD Device::OpenError(const wchar_t* name)
+{
+    const HANDLE handle = Open(name);
+    if (handle == INVALID_HANDLE_VALUE) {
+        return GetLastError();
+    }
+    CloseHandle(handle);
+    return ERROR_SUCCESS;
+}
+
+Answer Device::Control(uint32_t code, std::span<const uint8_t> input, size_t outputLength)
+{
+    return Request(*this, code, input, outputLength).Wait();
+}
+
+Request::Request(Device& device, uint32_t code, std::span<const uint8_t> input, size_t outputLength)
+    : device_(device.Handle()), input_(input.begin(), input.end()), output_(outputLength)
+{
+    overlapped_.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    if (!DeviceIoControl(device_, code, input_.data(), static_cast<DWORD>(input_.size()), output_.data(),
+                         static_cast<DWORD>(output_.size()), nullptr, &overlapped_)) {
+        error_ = GetLastError();
+        pending_ = error_ == kPending;
+    }
+}
+
+Request::~Request()
+{
+    if (pending_) {
+        Cancel();
+        // Buffers and record must outlive the request.
+        WaitForSingleObject(overlapped_.hEvent, INFINITE);
+    }
+    CloseHandle(overlapped_.hEvent);
+}
+
+void Request::Cancel()
+{
+    CancelIoEx(device_, &overlapped_);
+}
+
+Answer Request::Wait()
+{
+    if (pending_) {
+        if (WaitForSingleObject(overlapped_.hEvent, kPatienceMs) != WAIT_OBJECT_0) {
+            throw Failure("a request does not end");
+        }
+        pending_ = false;
+        DWORD returned;
+        error_ = GetOverlappedResult(device_, &overlapped_, &returned, FALSE) ? ERROR_SUCCESS : GetLastError();
+    }
+    const size_t returned = error_ == ERROR_SUCCESS ? overlapped_.InternalHigh : 0;
+    if (returned > output_.size()) {
+        throw Failure("a request returns " + Text(returned) + " bytes into a buffer of " + Text(output_.size()));
+    }
+    return {error_, {output_.begin(), output_.begin() + static_cast<ptrdiff_t>(returned)}};
+}
+
+// ---------------------------------------------------------------------------------------------- debug output
+
+DebugOutput::DebugOutput() : begin_(ReadFile(options.debugOutput).size())
+{
+}
+
+std::vector<std::string> DebugOutput::Lines() const
+{
+    std::vector<std::string> lines;
+    const std::string text = ReadFile(options.debugOutput).substr(begin_);
+    for (size_t begin = 0, end; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1) {
+        lines.push_back(StripPrefix(text.substr(begin, end - begin)));
+    }
+    return lines;
+}
+
+size_t DebugOutput::Count(const std::string& text) const
+{
+    const std::vector<std::string> lines = Lines();
+    return static_cast<size_t>(std::count_if(
+        lines.begin(), lines.end(), [&](const std::string& line) { return line.find(text) != std::string::npos; }));
+}
+
+bool DebugOutput::Shows(const std::string& text) const
+{
+    return WaitFor([&] { return Count(text) > 0; });
+}
+
+bool DebugOutput::ShowsExactly(const std::string& line) const
+{
+    return WaitFor([&] {
+        const std::vector<std::string> lines = Lines();
+        return std::find(lines.begin(), lines.end(), line) != lines.end();
+    });
+}
+
+} // namespace suite
