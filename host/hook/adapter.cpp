@@ -173,6 +173,13 @@ VirtualAdapter* FindOurs(FilterAdapter* handle)
     return self == handle ? &Ours(handle) : nullptr;
 }
 
+bool IsAdapterOf(HookState& state, const FilterAdapter* handle)
+{
+    bool found = false;
+    ForEachAdapter(state, [&](VirtualAdapter& adapter) { found |= &adapter.record == handle; });
+    return found;
+}
+
 FilterAdapter* AddAdapter(const AdapterOptions& options)
 {
     std::lock_guard control(ControlMutex());

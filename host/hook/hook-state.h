@@ -110,7 +110,8 @@ void ReportMisuse(const char* format, ...) __attribute__((format(printf, 1, 2)))
 std::string DescribePlace(PCSTR file, ULONG line);
 
 // adapter.cpp
-VirtualAdapter* FindOurs(FilterAdapter* handle); // null when it is none of ours
+VirtualAdapter* FindOurs(FilterAdapter* handle); // null when it is none of ours; for memory of an adapter
+bool IsAdapterOf(HookState& state, const FilterAdapter* handle); // for any value; removed ones count, too
 void IndicateForcedStates(HookState& state);
 void CloseAllAdapters(HookState& state);
 void FreeAllAdapters(HookState& state);

@@ -340,8 +340,10 @@ FilterPacket* HookAllocatePacket(FilterAdapter* adapter, PCSTR file, ULONG line)
 {
     ProcessorScope scope;
     HookState* state = scope.State();
-    FilterPacket* packet =
-        state != nullptr ? state->pool.Take(scope, Origin::Allocated, file, line) : nullptr;
+    // The framework does not know whether the handle is an adapter: the user program may have chosen it.
+    FilterPacket* packet = state != nullptr && IsAdapterOf(*state, adapter)
+                               ? state->pool.Take(scope, Origin::Allocated, file, line)
+                               : nullptr;
     if (packet != nullptr) {
         packet->m_hAdapter = adapter;
         RtlZeroMemory(packet->m_Data, kReadableBytes);

@@ -273,6 +273,10 @@ KPRIORITY KeQueryPriorityThread(PKTHREAD Thread);
 PKTHREAD KeGetCurrentThread(VOID);
 HANDLE PsGetCurrentProcessId(VOID);
 HANDLE PsGetCurrentThreadId(VOID);
+
+// Between the two the thread cannot be suspended. They nest.
+VOID KeEnterCriticalRegion(VOID);
+VOID KeLeaveCriticalRegion(VOID);
 PEPROCESS IoGetCurrentProcess(VOID);
 #define PsGetCurrentProcess IoGetCurrentProcess
 #define PsGetCurrentThread() ((PETHREAD)KeGetCurrentThread())

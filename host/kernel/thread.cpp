@@ -148,8 +148,13 @@ size_t LocksHeldByAll()
 void CheckReturn(KIRQL expected, const char* what, const void* routine)
 {
     ThreadState& thread = t_thread;
-    if (__builtin_expect(thread.heldCount == 0 && thread.irql == expected, 1))
+    if (__builtin_expect(thread.heldCount == 0 && thread.irql == expected && thread.criticalRegions == 0, 1))
         return;
+    if (expected == PASSIVE_LEVEL && thread.criticalRegions != 0) {
+        Report("critical-region-left", what, "%u regions not left, routine %s", thread.criticalRegions,
+               DescribeSite(routine).text);
+        thread.criticalRegions = 0;
+    }
     for (uint32_t i = 0; i < thread.heldCount; i++)
         Report("lock-left-held", what, "lock %p acquired at %s, routine %s", thread.held[i].lock,
                DescribeSite(thread.held[i].site).text, DescribeSite(routine).text);
@@ -255,6 +260,22 @@ PKTHREAD KeGetCurrentThread(VOID)
         thread.thread = NewThreadObject();
     }
     return thread.thread;
+}
+
+VOID KeEnterCriticalRegion(VOID)
+{
+    RequireIrqlAtMost(APC_LEVEL, "KeEnterCriticalRegion");
+    t_thread.criticalRegions++;
+}
+
+VOID KeLeaveCriticalRegion(VOID)
+{
+    RequireIrqlAtMost(APC_LEVEL, "KeLeaveCriticalRegion");
+    if (t_thread.criticalRegions == 0) {
+        Report("critical-region-not-entered", "KeLeaveCriticalRegion", "the thread is in none");
+        return;
+    }
+    t_thread.criticalRegions--;
 }
 
 HANDLE PsGetCurrentThreadId(VOID)

@@ -22,6 +22,7 @@ constexpr uint32_t kMaxHeldLocks = 64;
 
 struct ThreadState {
     KIRQL irql;
+    uint8_t criticalRegions; // entered and not left
     bool registered;
     bool systemThread;  // made by PsCreateSystemThread
     int processor;      // number + 1 of the processor it owns (at DISPATCH_LEVEL) or owned last; 0: none yet

@@ -39,10 +39,11 @@ class ChainTest : public support::FrameworkTest
     }
 
     // A filter's counters as its dump shows them.
-    Counters CountersOf(const support::TestFilter& filter)
+    Counters CountersOf(const support::TestFilter& filter) { return CountersOf(filter.Handle()); }
+    Counters CountersOf(PacketFilter* filter)
     {
         Debug().Take();
-        Filter_ShowFilter(filter.Handle(), 0);
+        Filter_ShowFilter(filter, 0);
         const std::string text = Debug().Take();
         const auto value = [&](const char* name) {
             const size_t place = text.find(name);

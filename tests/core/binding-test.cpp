@@ -163,8 +163,8 @@ TEST_F(BindingTest, OfAnotherSizeOrVersionIsRefusedAndChangesNothing)
                                                          : "  - ControlCode - 0x80002404\n") +
                                           "  - InputBufferLength - 0xa8\n  - OutputBufferLength - 0xa8\n"
                                           "  - sizeof(NdisHookAPI) - 0xa8\n  IOCTL_NDIS_FILTER_INTERNAL_" +
-                                          (code == kBind ? "BIND" : "UNBIND") + "_NDIS_HOOK\n" + test.message +
-                                          "Leave NdisFilterInternalIoControl\n");
+                                          (code == kBind ? "BIND" : "UNBIND") + "_NDIS_HOOK\n" +
+                                          test.message + "Leave NdisFilterInternalIoControl\n");
             EXPECT_EQ(AskVersion(), 1);
         }
     }
@@ -209,18 +209,19 @@ TEST_F(QuietBindingTest, PrintsTheRecordThatIsBound)
         return std::string("  m_NdisHookAPI.") + name + " = " + PointerText(value) + "\n";
     };
     const auto address = [](auto* function) { return reinterpret_cast<const void*>(function); };
-    std::string expected = line("m_Size", reinterpret_cast<void*>(168)) + line("m_Flags", reinterpret_cast<void*>(1)) +
-                           line("m_MajorVersion", reinterpret_cast<void*>(1)) + line("m_MinorVersion", nullptr) +
-                           line("Filter_AdapterOpened", address(record.Filter_AdapterOpened)) +
-                           line("Filter_AdapterStatusChanged", address(record.Filter_AdapterStatusChanged)) +
-                           line("Filter_AdapterClosed", address(record.Filter_AdapterClosed)) +
-                           line("Filter_FilterReceivedPacket", address(record.Filter_FilterReceivedPacket)) +
-                           line("Filter_FilterSendPacket", address(record.Filter_FilterSendPacket)) +
-                           line("Hook_GetOsVersion", address(FirstVersion));
+    std::string expected =
+        line("m_Size", reinterpret_cast<void*>(168)) + line("m_Flags", reinterpret_cast<void*>(1)) +
+        line("m_MajorVersion", reinterpret_cast<void*>(1)) + line("m_MinorVersion", nullptr) +
+        line("Filter_AdapterOpened", address(record.Filter_AdapterOpened)) +
+        line("Filter_AdapterStatusChanged", address(record.Filter_AdapterStatusChanged)) +
+        line("Filter_AdapterClosed", address(record.Filter_AdapterClosed)) +
+        line("Filter_FilterReceivedPacket", address(record.Filter_FilterReceivedPacket)) +
+        line("Filter_FilterSendPacket", address(record.Filter_FilterSendPacket)) +
+        line("Hook_GetOsVersion", address(FirstVersion));
     for (const char* name :
-         {"HandleIoControl", "AllocatePacket", "FreePacket", "InjectPacketToAdapter", "InjectPacketToProtocol",
-          "AllocateRequest", "MakeNdisRequest", "FreeRequest", "SetAdapterStatus", "GetAdapterStatus",
-          "GetTcpIpBoundAdapters", "MmMapLockedPages", "MmUnmapLockedPages"}) {
+         {"HandleIoControl", "AllocatePacket", "FreePacket", "InjectPacketToAdapter",
+          "InjectPacketToProtocol", "AllocateRequest", "MakeNdisRequest", "FreeRequest", "SetAdapterStatus",
+          "GetAdapterStatus", "GetTcpIpBoundAdapters", "MmMapLockedPages", "MmUnmapLockedPages"}) {
         expected += line((std::string("Hook_") + name).c_str(), nullptr);
     }
     EXPECT_EQ(Debug().Take(), expected);
@@ -228,8 +229,7 @@ TEST_F(QuietBindingTest, PrintsTheRecordThatIsBound)
 
 // Without some or all functions of the hook driver the exports answer; nothing calls through a null pointer.
 class PartlyBoundTest : public FrameworkTest
-{
-};
+{};
 
 TEST_F(PartlyBoundTest, EachMissingFunctionIsAnswered)
 {
@@ -237,7 +237,8 @@ TEST_F(PartlyBoundTest, EachMissingFunctionIsAnswered)
         hook::BindOptions options;
         options.without = {static_cast<hook::Function>(i)};
         ASSERT_EQ(hook::Bind(options), STATUS_SUCCESS) << i;
-        FilterAdapter* adapter = AddAdapter("{" + std::to_string(i) + "}", {2, 0, 0, 0, 1, static_cast<uint8_t>(i)});
+        FilterAdapter* adapter =
+            AddAdapter("{" + std::to_string(i) + "}", {2, 0, 0, 0, 1, static_cast<uint8_t>(i)});
         EXPECT_EQ(hook::DeliverReceived(adapter, UdpFrame()), hook::Accepted::Yes) << i;
         EXPECT_EQ(hook::DeliverSent(adapter, UdpFrame()), hook::Accepted::Yes) << i;
         FilterPacket* packet = Filter_AllocatePacket(adapter);
@@ -273,7 +274,8 @@ TEST_F(PartlyBoundTest, UnbindingInTheMiddleOfTrafficStrandsAtMostWhatWasUnderWa
             });
         }
         EXPECT_TRUE(Eventually([&] { return delivered > 2; }));
-        EXPECT_EQ(hook::Unbind(round % 2 == 0 ? hook::UnbindMode::Abrupt : hook::UnbindMode::Drained), STATUS_SUCCESS);
+        EXPECT_EQ(hook::Unbind(round % 2 == 0 ? hook::UnbindMode::Abrupt : hook::UnbindMode::Drained),
+                  STATUS_SUCCESS);
         const int then = delivered;
         EXPECT_TRUE(Eventually([&] { return delivered > then + 2; }));
         stop = true;

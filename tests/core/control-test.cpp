@@ -48,20 +48,23 @@ TEST_F(ControlTest, TheVersionIsWrittenButNotReported)
     EXPECT_EQ(result.status, STATUS_SUCCESS);
     EXPECT_EQ(result.information, 0u);
     EXPECT_THAT(output, Each(0xEE));
-    EXPECT_EQ(Debug().Take(), "Enter NdisFilterIoControl\n  - ControlCode - 0x80002320\n  - InputBufferLength - 0x0\n"
-                              "  - OutputBufferLength - 0x2\n  IOCTL_NDIS_FILTER_GET_VERSION\n"
-                              "Leave NdisFilterIoControl\n");
+    EXPECT_EQ(Debug().Take(),
+              "Enter NdisFilterIoControl\n  - ControlCode - 0x80002320\n  - InputBufferLength - 0x0\n"
+              "  - OutputBufferLength - 0x2\n  IOCTL_NDIS_FILTER_GET_VERSION\n"
+              "Leave NdisFilterIoControl\n");
     output.resize(1);
     result = device_->Control(IOCTL_NDIS_FILTER_GET_VERSION, Counting(8), output);
     EXPECT_EQ(result.status, kBufferTooSmall);
     EXPECT_EQ(result.information, 0u);
-    EXPECT_THAT(Debug().Take(), HasSubstr("    Output Buffer Length are too small\nLeave NdisFilterIoControl\n"));
+    EXPECT_THAT(Debug().Take(),
+                HasSubstr("    Output Buffer Length are too small\nLeave NdisFilterIoControl\n"));
 }
 
 TEST_F(ControlTest, TheSizeOfTheSharedMemoryIsReported)
 {
     Bytes output(8, 0xEE);
-    const machine::Request::Result result = device_->Control(IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, {}, output);
+    const machine::Request::Result result =
+        device_->Control(IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, {}, output);
     EXPECT_EQ(result.status, STATUS_SUCCESS);
     EXPECT_EQ(result.information, 4u);
     EXPECT_EQ(output, (Bytes{0x68, 0x50, 0x1A, 0x00, 0xEE, 0xEE, 0xEE, 0xEE})); // 1724520
@@ -75,13 +78,16 @@ TEST_F(ControlTest, StartingTheShareChecksOutputThenInputThenTheValue)
     Bytes small(7);
     EXPECT_EQ(device_->Control(IOCTL_NDIS_FILTER_START_SHARE, Counting(3, 1), small).status, kBufferTooSmall);
     EXPECT_THAT(Debug().Take(), HasSubstr("    Output Buffer Length are too small\n"));
-    EXPECT_EQ(device_->Control(IOCTL_NDIS_FILTER_START_SHARE, Counting(3, 1), output).status, kBufferTooSmall);
+    EXPECT_EQ(device_->Control(IOCTL_NDIS_FILTER_START_SHARE, Counting(3, 1), output).status,
+              kBufferTooSmall);
     EXPECT_THAT(Debug().Take(), HasSubstr("    Input Buffer Length are too small\n"));
-    EXPECT_EQ(device_->Control(IOCTL_NDIS_FILTER_START_SHARE, Bytes(4, 0), output).status, kInvalidParameter2);
+    EXPECT_EQ(device_->Control(IOCTL_NDIS_FILTER_START_SHARE, Bytes(4, 0), output).status,
+              kInvalidParameter2);
     EXPECT_THAT(Debug().Take(), HasSubstr("    User Virtual Address is error\n"));
     EXPECT_THAT(output, Each(0xEE));
 
-    const machine::Request::Result result = device_->Control(IOCTL_NDIS_FILTER_START_SHARE, Counting(4, 1), output);
+    const machine::Request::Result result =
+        device_->Control(IOCTL_NDIS_FILTER_START_SHARE, Counting(4, 1), output);
     EXPECT_EQ(result.status, STATUS_SUCCESS);
     EXPECT_EQ(result.information, 8u);
     uint64_t address = 0;

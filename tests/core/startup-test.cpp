@@ -45,44 +45,46 @@ class StartUpTest : public FrameworkTest
 struct TracedStartUpTest : StartUpTest {
     TracedStartUpTest()
         : StartUpTest({.loadHook = false, .bind = false, .registry = {{"GlobalDebugFlag", kTraceCore}}})
-    {
-    }
+    {}
 };
 
 TEST_F(TracedStartUpTest, BuildsUpAndTearsDownInOrder)
 {
     EXPECT_EQ(Debug().Take(),
               // The mask is 0 until it has been read.
-              "RtlQueryRegistryValues " + kServiceKey + "\\GlobalDebugFlag success, Value = 0x100\n"
-              "NdisFilter: GlobalDebugFlag = 0x00000100\n"
-              "RtlQueryRegistryValues " + kServiceKey + "\\PendingPacketLimit success, Value = 0x800\n"
-              "  IoCreateDevice(\\Device\\NdisFilter) success\n"
-              "Enter NdisFilterInitialize\n"
-              "  NDIS Hook APi Initialized\n"
-              "Enter NdisFilter_AllocateMappedMemory\n"
-              "  ExAllocatePoolWithTag(NonPagedPool, Size=1724520) success\n"
-              "  IoAllocateMdl() success\n"
-              "  MmBuildMdlForNonPagedPool() complete\n"
-              "Leave NdisFilter_AllocateMappedMemory\n"
-              "  Mapped Memory Initialized\n"
-              "  Shared Memory Initialized\n"
-              "  PsCreateSystemThread(ShareMemoryThread) success\n"
-              "  Adapter list Initialized\n"
-              "  Adapter context owner buffer Initialized\n"
-              "  Adapter Event handler list Initialized\n"
-              "  Filter Driver list Initialized\n"
-              "  Packet Filter list Initialized\n"
-              "  PsCreateSystemThread(InjectedPacketThread) success\n"
-              "  PsCreateSystemThread(InjectedPacketThread) success\n"
-              "  Injected packet list Initialized\n"
-              "  Interface list Initialized\n"
-              "  Interface Event handler list Initialized\n"
-              "  Filter Log lookaside list Initialized\n"
-              "  Filter Timer list Initialized\n"
-              "  IOCTL handler list Initialized\n"
-              "Leave NdisFilterInitialize\n"
-              "  IoCreateSymbolicLink(\\DosDevices\\NdisFilter -> \\Device\\NdisFilter) success\n"
-              "Leave DriverEntry\n");
+              "RtlQueryRegistryValues " + kServiceKey +
+                  "\\GlobalDebugFlag success, Value = 0x100\n"
+                  "NdisFilter: GlobalDebugFlag = 0x00000100\n"
+                  "RtlQueryRegistryValues " +
+                  kServiceKey +
+                  "\\PendingPacketLimit success, Value = 0x800\n"
+                  "  IoCreateDevice(\\Device\\NdisFilter) success\n"
+                  "Enter NdisFilterInitialize\n"
+                  "  NDIS Hook APi Initialized\n"
+                  "Enter NdisFilter_AllocateMappedMemory\n"
+                  "  ExAllocatePoolWithTag(NonPagedPool, Size=1724520) success\n"
+                  "  IoAllocateMdl() success\n"
+                  "  MmBuildMdlForNonPagedPool() complete\n"
+                  "Leave NdisFilter_AllocateMappedMemory\n"
+                  "  Mapped Memory Initialized\n"
+                  "  Shared Memory Initialized\n"
+                  "  PsCreateSystemThread(ShareMemoryThread) success\n"
+                  "  Adapter list Initialized\n"
+                  "  Adapter context owner buffer Initialized\n"
+                  "  Adapter Event handler list Initialized\n"
+                  "  Filter Driver list Initialized\n"
+                  "  Packet Filter list Initialized\n"
+                  "  PsCreateSystemThread(InjectedPacketThread) success\n"
+                  "  PsCreateSystemThread(InjectedPacketThread) success\n"
+                  "  Injected packet list Initialized\n"
+                  "  Interface list Initialized\n"
+                  "  Interface Event handler list Initialized\n"
+                  "  Filter Log lookaside list Initialized\n"
+                  "  Filter Timer list Initialized\n"
+                  "  IOCTL handler list Initialized\n"
+                  "Leave NdisFilterInitialize\n"
+                  "  IoCreateSymbolicLink(\\DosDevices\\NdisFilter -> \\Device\\NdisFilter) success\n"
+                  "Leave DriverEntry\n");
     EXPECT_EQ(machine::TakeCensus().threads, 3u);
 
     StopFramework();
@@ -117,14 +119,17 @@ TEST_F(StartUpTest, SettingsThatAreAbsentHaveDefaults)
 {
     machine::SetRegistryDword(kFrameworkService, "PendingPacketLimit", 77);
     ASSERT_EQ(LoadFramework(), STATUS_SUCCESS);
-    EXPECT_THAT(Debug().Take(), HasSubstr("NdisFilter: GlobalDebugFlag = 0x00000000\nRtlQueryRegistryValues " +
-                                          kServiceKey + "\\PendingPacketLimit success, Value = 0x4D\n"));
+    EXPECT_THAT(Debug().Take(),
+                HasSubstr("NdisFilter: GlobalDebugFlag = 0x00000000\nRtlQueryRegistryValues " + kServiceKey +
+                          "\\PendingPacketLimit success, Value = 0x4D\n"));
     StopFramework();
 
     machine::DeleteRegistryKey(kFrameworkService);
     ASSERT_EQ(LoadFramework(), STATUS_SUCCESS);
     const std::string text = Debug().Take();
-    EXPECT_THAT(text, HasSubstr("\\GlobalDebugFlag fail, error = 0xC0000034\nNdisFilter: GlobalDebugFlag = 0x00000000\n"));
+    EXPECT_THAT(
+        text,
+        HasSubstr("\\GlobalDebugFlag fail, error = 0xC0000034\nNdisFilter: GlobalDebugFlag = 0x00000000\n"));
     EXPECT_THAT(text, HasSubstr("\\PendingPacketLimit fail, error = 0xC0000034\n"));
 }
 
@@ -180,10 +185,12 @@ TEST_F(StartUpTest, WithoutMemoryForTheRegistryPathItIsRefused)
 }
 
 struct RefusedStartUpTest : StartUpTest {
-    RefusedStartUpTest() : StartUpTest({.loadFramework = false, .loadHook = false, .bind = false,
-                                        .registry = {{"GlobalDebugFlag", kTraceCore}}})
-    {
-    }
+    RefusedStartUpTest()
+        : StartUpTest({.loadFramework = false,
+                       .loadHook = false,
+                       .bind = false,
+                       .registry = {{"GlobalDebugFlag", kTraceCore}}})
+    {}
 };
 
 TEST_F(RefusedStartUpTest, NamesTheDeviceOrLinkAndItsStatus)
@@ -206,13 +213,15 @@ TEST_F(RefusedStartUpTest, NamesTheDeviceOrLinkAndItsStatus)
     machine::FailCall(machine::Fault::SymbolicLink, 1);
     status = LoadFramework();
     EXPECT_LT(status, 0);
-    snprintf(line, sizeof(line),
-             "  IoCreateSymbolicLink(\\DosDevices\\NdisFilter -> \\Device\\NdisFilter) fails, status = 0x%x\n", status);
+    snprintf(
+        line, sizeof(line),
+        "  IoCreateSymbolicLink(\\DosDevices\\NdisFilter -> \\Device\\NdisFilter) fails, status = 0x%x\n",
+        status);
     EXPECT_THAT(Debug().Take(), testing::EndsWith(line));
     EXPECT_EQ(machine::TakeCensus().devices, 1u);
     EXPECT_EQ(machine::DiscardDriver(kFrameworkService), 1u);
-    EXPECT_TRUE(machine::TakeCensus() == expected) << machine::DescribeCensus(machine::TakeCensus()) << "\nexpected "
-                                                   << machine::DescribeCensus(expected);
+    EXPECT_TRUE(machine::TakeCensus() == expected) << machine::DescribeCensus(machine::TakeCensus())
+                                                   << "\nexpected " << machine::DescribeCensus(expected);
     AcceptLeftovers();
 }
 
@@ -266,7 +275,8 @@ TEST_F(StartUpTest, UnloadFreesWhatClientsLeft)
     NdisHookAPI record = HookRecord();
     record.Hook_AllocatePacket = AllocatePacket;
     record.Hook_FreePacket = FreePacket;
-    ASSERT_EQ(Exchange(*OpenDevice(), IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK, record).status, STATUS_SUCCESS);
+    ASSERT_EQ(Exchange(*OpenDevice(), IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK, record).status,
+              STATUS_SUCCESS);
 
     TestDriver driver;
     std::vector<std::unique_ptr<TestFilter>> filters;
@@ -279,8 +289,9 @@ TEST_F(StartUpTest, UnloadFreesWhatClientsLeft)
     for (int i = 0; i < 10; i++) {
         EXPECT_EQ(Filter_ReportEvent(i, 0, "left %d", i), FILTER_STATUS_SUCCESS);
         const Bytes datagram = UdpDatagram(1, 2);
-        const Bytes frame = EthernetFrame(
-            kEtherTypeIpv4, Ipv4Packet(kProtocolUdp, datagram, {.source = {10, 0, 0, static_cast<uint8_t>(i)}}));
+        const Bytes frame =
+            EthernetFrame(kEtherTypeIpv4, Ipv4Packet(kProtocolUdp, datagram,
+                                                     {.source = {10, 0, 0, static_cast<uint8_t>(i)}}));
         FilterPacket* packet = Filter_AllocatePacket(&adapter);
         ASSERT_NE(packet, nullptr);
         std::copy(frame.begin(), frame.end(), packet->m_Data);

@@ -79,7 +79,7 @@ TEST_F(QueueTest, TheParityOfTheFirstOctetsChoosesTheWorker)
 
 TEST_F(QueueTest, PacketsOfAnAddressPairKeepTheirOrder)
 {
-    constexpr uint16_t kPackets = 400;
+    constexpr uint16_t kPackets = 300; // all of them may be queued at once
     std::map<uint8_t, std::vector<uint16_t>> numbers; // by pair
     std::mutex mutex;
     hook::SetSink(adapter, hook::Side::Adapter, [&](std::span<const uint8_t> frame, const hook::Delivery&) {

@@ -1,6 +1,7 @@
 // The adapter table, identifiers, lookups and the hook driver's adapter callbacks.
 #include "support/framework.h"
 
+#include <atomic>
 #include <set>
 #include <string>
 #include <thread>
@@ -65,7 +66,8 @@ class HandBoundAdaptersTest : public FrameworkTest
     {
         NdisHookAPI record = HookRecord();
         record.Hook_GetTcpIpBoundAdapters = getAdapters;
-        EXPECT_EQ(Exchange(*device_, IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK, record).status, STATUS_SUCCESS);
+        EXPECT_EQ(Exchange(*device_, IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK, record).status,
+                  STATUS_SUCCESS);
         return record;
     }
 
@@ -78,7 +80,8 @@ class HandBoundAdaptersTest : public FrameworkTest
     void TearDown() override
     {
         NdisHookAPI record = HookRecord();
-        EXPECT_EQ(Exchange(*device_, IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK, record).status, STATUS_SUCCESS);
+        EXPECT_EQ(Exchange(*device_, IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK, record).status,
+                  STATUS_SUCCESS);
         device_.reset();
         FrameworkTest::TearDown();
     }
@@ -235,13 +238,17 @@ TEST_F(AdaptersTest, IdentifiersAreIssuedFromOneInTheOrderOfAsking)
 
 TEST_F(AdaptersTest, IdentifiersAreTheSameForAllWhoAskAtOnce)
 {
-    constexpr ULONG kHandles = 20;
+    constexpr ULONG kHandles = 32;
     int dummies[kHandles];
-    std::vector<std::vector<ULONG>> ids(4, std::vector<ULONG>(kHandles));
+    std::vector<std::vector<ULONG>> ids(2, std::vector<ULONG>(kHandles));
+    std::atomic<ULONG> arrived = 0; // spun on, as sleepers would wake one after the other
     std::vector<std::thread> threads;
     for (std::vector<ULONG>& mine : ids) {
         threads.emplace_back([&] {
             for (ULONG i = 0; i < kHandles; i++) {
+                arrived++;
+                while (arrived < 2 * (i + 1)) {
+                }
                 Filter_AdapterToId(reinterpret_cast<FilterAdapter*>(&dummies[i]), &mine[i]);
             }
         });
@@ -290,9 +297,10 @@ TEST_F(AdaptersTest, AreFoundByTheBeginningOfTheirName)
         std::string id;
         FilterAdapter* expected;
     };
-    for (const Case& search : {Case{"{AB-2}", second}, Case{"{AB-1} one", first}, Case{"{AB-", first},
-                               Case{"{ab-1}", nullptr}, Case{"AB-1", nullptr}, Case{"{AB-1} one more", nullptr},
-                               Case{whole, longest}, Case{whole + "n", nullptr}, Case{whole + whole, nullptr}}) {
+    for (const Case& search :
+         {Case{"{AB-2}", second}, Case{"{AB-1} one", first}, Case{"{AB-", first}, Case{"{ab-1}", nullptr},
+          Case{"AB-1", nullptr}, Case{"{AB-1} one more", nullptr}, Case{whole, longest},
+          Case{whole + "n", nullptr}, Case{whole + whole, nullptr}}) {
         FilterAdapter* found = nullptr;
         EXPECT_EQ(Filter_FindAdapterByNetCfgInstanceId(search.id.c_str(), &found),
                   search.expected != nullptr ? FILTER_STATUS_SUCCESS : FILTER_ERROR_ADAPTER_NOT_FOUND)
@@ -305,15 +313,17 @@ TEST_F(AdaptersTest, AreFoundByTheBeginningOfTheirName)
     EXPECT_EQ(Filter_FindAdapterByNetCfgInstanceId("{AB-1}", nullptr), FILTER_ERROR_INVALID_ARGUMENT);
     Debug().Take();
     EXPECT_EQ(Filter_FindAdapterByNetCfgInstanceId("{AB-2}", &found), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(Debug().Take(), "Enter Filter_FindAdapterByNetCfgInstanceId\nFind Filter_FindAdapterByNetCfgInstanceId\n"
-                              "Leave Filter_FindAdapterByNetCfgInstanceId, 0-FILTER_STATUS_SUCCESS\n");
+    EXPECT_EQ(Debug().Take(),
+              "Enter Filter_FindAdapterByNetCfgInstanceId\nFind Filter_FindAdapterByNetCfgInstanceId\n"
+              "Leave Filter_FindAdapterByNetCfgInstanceId, 0-FILTER_STATUS_SUCCESS\n");
 }
 
 // A table that is rewritten while others look never shows them anything but an adapter or none.
 TEST_F(AdaptersTest, MayBeLookedUpWhileTheTableIsRewritten)
 {
     const TestDriver driver;
-    FilterAdapter* adapters[] = {AddAdapter("{1}", Mac(1)), AddAdapter("{2}", Mac(2)), AddAdapter("{3}", Mac(3))};
+    FilterAdapter* adapters[] = {AddAdapter("{1}", Mac(1)), AddAdapter("{2}", Mac(2)),
+                                 AddAdapter("{3}", Mac(3))};
     std::thread rewriter([&] {
         for (int i = 0; i < 200; i++) {
             hook::CloseAdapter(adapters[i % 3]);

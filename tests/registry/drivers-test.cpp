@@ -43,14 +43,16 @@ TEST_F(DriversTest, RegistrationChecksArgumentsThenVersionThenName)
     const TestDriver alpha("Alpha");
     FilterDriver* handle = nullptr;
     EXPECT_EQ(Filter_RegisterDriver(nullptr, nullptr, 2, 0, &handle), FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Filter_RegisterDriver(&CountedString("Alpha"), nullptr, 2, 0, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_RegisterDriver(&CountedString("Alpha"), nullptr, 2, 0, nullptr),
+              FILTER_ERROR_INVALID_ARGUMENT);
     EXPECT_EQ(Register("Alpha", 1, 1), FILTER_ERROR_UNSUPPORTED_API_VERSION);
     EXPECT_EQ(Register("Alpha", 2, 0), FILTER_ERROR_UNSUPPORTED_API_VERSION);
     EXPECT_EQ(Register("Alpha", 0, 0), FILTER_ERROR_UNSUPPORTED_API_VERSION);
     Debug().Take();
     EXPECT_EQ(Register("Alpha"), FILTER_ERROR_DRIVER_ALREADY_REGISTERED);
-    EXPECT_EQ(Debug().Take(), "Enter Filter_RegisterDriver\n  Error: -9 - FILTER_ERROR_DRIVER_ALREADY_REGISTERED\n"
-                              "Leave Filter_RegisterDriver, -9-FILTER_ERROR_DRIVER_ALREADY_REGISTERED\n");
+    EXPECT_EQ(Debug().Take(),
+              "Enter Filter_RegisterDriver\n  Error: -9 - FILTER_ERROR_DRIVER_ALREADY_REGISTERED\n"
+              "Leave Filter_RegisterDriver, -9-FILTER_ERROR_DRIVER_ALREADY_REGISTERED\n");
     const TestDriver differsInCase("ALPHA");
     const TestDriver longer("Alpha2");
     const TestDriver unnamed("");
@@ -60,7 +62,8 @@ TEST_F(DriversTest, NamesAndContextsAreHandedBack)
 {
     int context;
     const std::string longest(0xFFFF, 'x');
-    for (const std::string& text : {std::string("Alpha"), std::string(""), std::string("with\0zero", 9), longest}) {
+    for (const std::string& text :
+         {std::string("Alpha"), std::string(""), std::string("with\0zero", 9), longest}) {
         const TestDriver driver(text, &context);
         STRING* name = nullptr;
         ASSERT_EQ(Filter_GetDriverName(driver.Handle(), &name), FILTER_STATUS_SUCCESS);
@@ -147,7 +150,8 @@ TEST_F(DriversTest, WithoutMemorySuccessIsAnsweredAndNothingWritten)
     FilterDriver* handle = nullptr;
     STRING* name = nullptr;
     machine::FailCall(machine::Fault::Pool, 1);
-    EXPECT_EQ(Filter_RegisterDriver(&CountedString("no memory"), nullptr, 1, 0, &handle), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(Filter_RegisterDriver(&CountedString("no memory"), nullptr, 1, 0, &handle),
+              FILTER_STATUS_SUCCESS);
     EXPECT_TRUE(machine::FaultHit(machine::Fault::Pool));
     EXPECT_EQ(handle, nullptr);
     machine::FailCall(machine::Fault::Pool, 1);

@@ -11,8 +11,7 @@ namespace
 {
 
 class FaultingPointersTest : public FrameworkTest
-{
-};
+{};
 
 FILTER_RESULT Bypass(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket*)
 {
@@ -69,33 +68,48 @@ TEST_F(FaultingPointersTest, AreContained)
          [&] { return Filter_RegisterDriver(&faultingFresh, nullptr, 1, 0, &driverOut); }},
         {"RegisterDriver handle",
          [&] { return Filter_RegisterDriver(&name, nullptr, 1, 0, Unwritable<FilterDriver*>()); }},
-        {"GetDriverName driver", [&] { STRING* text; return Filter_GetDriverName(badDriver, &text); },
+        {"GetDriverName driver",
+         [&] {
+             STRING* text;
+             return Filter_GetDriverName(badDriver, &text);
+         },
          FILTER_ERROR_INVALID_DRIVER_HANDLE},
-        {"GetDriverName output", [&] { return Filter_GetDriverName(driver.Handle(), Unwritable<STRING*>()); }},
-        {"GetDriverContext output", [&] { return Filter_GetDriverContext(driver.Handle(), Unwritable<PVOID>()); }},
+        {"GetDriverName output",
+         [&] { return Filter_GetDriverName(driver.Handle(), Unwritable<STRING*>()); }},
+        {"GetDriverContext output",
+         [&] { return Filter_GetDriverContext(driver.Handle(), Unwritable<PVOID>()); }},
         {"DeregisterDriver driver", [&] { return Filter_DeregisterDriver(badDriver); },
          FILTER_ERROR_INVALID_DRIVER_HANDLE},
         {"RegisterFilter driver", [&] { return registerFilter(badDriver, &name, &filterOut); },
          FILTER_ERROR_INVALID_DRIVER_HANDLE},
-        {"RegisterFilter name", [&] { return registerFilter(driver.Handle(), Unreadable<STRING>(), &filterOut); }},
-        {"RegisterFilter text compared", [&] { return registerFilter(driver.Handle(), &faultingText, &filterOut); }},
-        {"RegisterFilter text copied", [&] { return registerFilter(driver.Handle(), &faultingFresh, &filterOut); }},
+        {"RegisterFilter name",
+         [&] { return registerFilter(driver.Handle(), Unreadable<STRING>(), &filterOut); }},
+        {"RegisterFilter text compared",
+         [&] { return registerFilter(driver.Handle(), &faultingText, &filterOut); }},
+        {"RegisterFilter text copied",
+         [&] { return registerFilter(driver.Handle(), &faultingFresh, &filterOut); }},
         {"RegisterFilter handle",
          [&] { return registerFilter(driver.Handle(), &name, Unwritable<PacketFilter*>()); }},
         {"DeregisterFilter driver", [&] { return Filter_DeregisterFilter(badDriver, filter.Handle()); },
          FILTER_ERROR_INVALID_DRIVER_HANDLE},
         {"DeregisterFilter filter", [&] { return Filter_DeregisterFilter(driver.Handle(), badFilter); },
          FILTER_ERROR_INVALID_PACKET_FILTER},
-        {"GetFilterName output", [&] { return Filter_GetFilterName(filter.Handle(), Unwritable<STRING*>()); }},
-        {"GetFilterContext output", [&] { return Filter_GetFilterContext(filter.Handle(), Unwritable<PVOID>()); }},
-        {"GetFilterType output", [&] { return Filter_GetFilterType(filter.Handle(), Unwritable<FILTER_TYPE>()); }},
-        {"GetFilterOrder output", [&] { return Filter_GetFilterOrder(filter.Handle(), Unwritable<FILTER_ORDER>()); }},
+        {"GetFilterName output",
+         [&] { return Filter_GetFilterName(filter.Handle(), Unwritable<STRING*>()); }},
+        {"GetFilterContext output",
+         [&] { return Filter_GetFilterContext(filter.Handle(), Unwritable<PVOID>()); }},
+        {"GetFilterType output",
+         [&] { return Filter_GetFilterType(filter.Handle(), Unwritable<FILTER_TYPE>()); }},
+        {"GetFilterOrder output",
+         [&] { return Filter_GetFilterOrder(filter.Handle(), Unwritable<FILTER_ORDER>()); }},
         {"EnumFilter driver", [&] { return Filter_EnumFilter(badDriver, FaultOnFilter, nullptr, out); },
          FILTER_ERROR_INVALID_DRIVER_HANDLE},
-        {"EnumFilter callback", [&] { return Filter_EnumFilter(driver.Handle(), FaultOnFilter, nullptr, out); }},
+        {"EnumFilter callback",
+         [&] { return Filter_EnumFilter(driver.Handle(), FaultOnFilter, nullptr, out); }},
         {"EnumAdapter driver", [&] { return Filter_EnumAdapter(badDriver, FaultOnAdapter, nullptr); },
          FILTER_ERROR_INVALID_DRIVER_HANDLE},
-        {"EnumAdapter callback", [&] { return Filter_EnumAdapter(driver.Handle(), FaultOnAdapter, nullptr); }},
+        {"EnumAdapter callback",
+         [&] { return Filter_EnumAdapter(driver.Handle(), FaultOnAdapter, nullptr); }},
         {"FindAdapterByMacAddress address",
          [&] { return Filter_FindAdapterByMacAddress(Unreadable<UCHAR>(), &adapterOut); }},
         {"FindAdapterByMacAddress output",
@@ -108,7 +122,12 @@ TEST_F(FaultingPointersTest, AreContained)
         {"IdToAdapter output", [&] { return Filter_IdToAdapter(known, Unwritable<FilterAdapter*>()); }},
         {"IsValidAdapter adapter",
          [&] { return FILTER_STATUS{Filter_IsValidAdapter(Unreadable<FilterAdapter>())}; }, FALSE},
-        {"ShowFilter filter", [&] { Filter_ShowFilter(badFilter, 0); return 0; }, 0},
+        {"ShowFilter filter",
+         [&] {
+             Filter_ShowFilter(badFilter, 0);
+             return 0;
+         },
+         0},
     };
     const size_t blocks = machine::TakeCensus().poolBlocks;
     for (const Case& test : cases) {

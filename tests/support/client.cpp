@@ -91,8 +91,8 @@ size_t TestFilter::CallCount() const
     return calls_.size();
 }
 
-FILTER_RESULT TestFilter::Run(FilterDriver* driver, PVOID driverContext, PacketFilter* filter, PVOID filterContext,
-                              FilterPacket* packet)
+FILTER_RESULT TestFilter::Run(FilterDriver* driver, PVOID driverContext, PacketFilter* filter,
+                              PVOID filterContext, FilterPacket* packet)
 {
     auto* self = static_cast<TestFilter*>(filterContext);
     {

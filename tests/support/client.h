@@ -85,14 +85,14 @@ class TestFilter
 
     PacketFilter* Handle() const { return handle_; }
     FILTER_STATUS Deregister();
-    void Forget() { handle_ = nullptr; } // it goes with its driver
+    void Forget() { handle_ = nullptr; }  // it goes with its driver
     const void* ProcedureAddress() const; // as it was registered
     std::vector<Call> Calls() const;
     size_t CallCount() const;
 
   private:
-    static FILTER_RESULT Run(FilterDriver* driver, PVOID driverContext, PacketFilter* filter, PVOID filterContext,
-                             FilterPacket* packet);
+    static FILTER_RESULT Run(FilterDriver* driver, PVOID driverContext, PacketFilter* filter,
+                             PVOID filterContext, FilterPacket* packet);
 
     TestDriver& driver_;
     PacketFilter* handle_ = nullptr;

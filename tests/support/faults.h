@@ -13,19 +13,24 @@ inline void FaultOnRead()
 
 inline void FaultOnDivision()
 {
-    asm volatile("xorl %%edx, %%edx\n\tmovl $1, %%eax\n\txorl %%ecx, %%ecx\n\tdivl %%ecx" : : : "rax", "rcx", "rdx");
+    asm volatile("xorl %%edx, %%edx\n\tmovl $1, %%eax\n\txorl %%ecx, %%ecx\n\tdivl %%ecx"
+                 :
+                 :
+                 : "rax", "rcx", "rdx");
 }
 
 // An address whose page can be neither read nor written, and one of a page that can only be read (all zero).
 void* NoAccessPage();
 void* ReadOnlyPage();
 
-template <class T> T* Unreadable()
+template <class T>
+T* Unreadable()
 {
     return static_cast<T*>(NoAccessPage());
 }
 
-template <class T> T* Unwritable()
+template <class T>
+T* Unwritable()
 {
     return static_cast<T*>(ReadOnlyPage());
 }

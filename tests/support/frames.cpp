@@ -58,11 +58,11 @@ Bytes TcpSegment(uint16_t sourcePort, uint16_t destinationPort, uint8_t flags, c
     Bytes bytes;
     Put16(bytes, sourcePort);
     Put16(bytes, destinationPort);
-    PutZeros(bytes, 8);            // sequence and acknowledgement numbers
-    bytes.push_back(0x50);         // header of five words
+    PutZeros(bytes, 8);    // sequence and acknowledgement numbers
+    bytes.push_back(0x50); // header of five words
     bytes.push_back(flags);
-    Put16(bytes, 0x1000);          // window
-    PutZeros(bytes, 4);            // checksum, urgent pointer
+    Put16(bytes, 0x1000); // window
+    PutZeros(bytes, 4);   // checksum, urgent pointer
     Put(bytes, payload);
     return bytes;
 }

@@ -53,6 +53,7 @@ Bytes EthernetFrame(uint16_t etherType, const Bytes& payload, const MacAddress& 
 Bytes VlanTagged(const Bytes& frame, uint16_t tag);
 
 // A UDP frame, for tests that need just any.
-Bytes UdpFrame(uint16_t sourcePort = 1000, uint16_t destinationPort = 2000, const Bytes& payload = Counting(32));
+Bytes UdpFrame(uint16_t sourcePort = 1000, uint16_t destinationPort = 2000,
+               const Bytes& payload = Counting(32));
 
 } // namespace support

@@ -70,7 +70,8 @@ class FrameworkTest : public testing::Test
     void StopFramework();
 
     // An open adapter, bound to TCP/IP.
-    FilterAdapter* AddAdapter(const std::string& name = "{ADAPTER-1} Test", const MacAddress& address = kOwnMac);
+    FilterAdapter* AddAdapter(const std::string& name = "{ADAPTER-1} Test",
+                              const MacAddress& address = kOwnMac);
 
     // Debug output since the load, or since the last Take().
     machine::DebugCapture& Debug() { return *debug_; }

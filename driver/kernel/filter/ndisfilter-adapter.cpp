@@ -13,11 +13,18 @@ volatile ULONG& AdapterCount()
     return *reinterpret_cast<volatile ULONG*>(&Global().m_AdapterList);
 }
 
-// The handle of an entry in one load, as packed as it lies: half of an old and half of a new handle would be none.
+// The handle of an entry, read until two reads agree: packed entries cross cache lines, and half of an old and half
+// of a new handle would be none.
 FilterAdapter* ReadAdapterHandle(ULONG index)
 {
-    typedef FilterAdapter* PackedHandle __attribute__((aligned(1)));
-    return *reinterpret_cast<const volatile PackedHandle*>(&Global().m_AdapterList.m_Adapters[index]);
+    const AdapterInfo* const entry = &Global().m_AdapterList.m_Adapters[index];
+    FilterAdapter* first;
+    FilterAdapter* second;
+    do {
+        CopyRelaxed(&first, entry, sizeof(first));
+        CopyRelaxed(&second, entry, sizeof(second));
+    } while (first != second);
+    return first;
 }
 
 VOID RefreshAdapterTable()
@@ -46,7 +53,8 @@ VOID StampAdapter(FilterAdapter* adapter)
 VOID TraceAdapterName(const FilterAdapter* adapter)
 {
     const UNICODE_STRING& name = adapter->m_AdapterName;
-    const LONG room = name.MaximumLength / sizeof(WCHAR); // where the terminating zero is missing
+    const USHORT bytes = name.Length > name.MaximumLength ? name.Length : name.MaximumLength;
+    const LONG room = bytes / sizeof(WCHAR); // where the terminating zero is missing
     Trace(TRACE_HOOK, "AdapterName=%.*ws\n", room, name.Buffer);
 }
 

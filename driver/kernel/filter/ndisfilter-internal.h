@@ -4,6 +4,11 @@
 #include "ndisfilter-state.h"
 #include "ndisfilter-trace.h"
 
+inline PFILE_OBJECT FileObjectOf(PIRP irp)
+{
+    return IoGetCurrentIrpStackLocation(irp)->FileObject;
+}
+
 // How long the unload waits for the workers' exit event, and the share thread for new blocks.
 constexpr UINT SHARE_WAIT_MS = 0x0FFFFFFF;
 
@@ -38,10 +43,7 @@ NTSTATUS NdisFilterIoControl(PDEVICE_OBJECT pDeviceObject, PIRP pIrp);
 PVOID AllocateZeroed(SIZE_T size, ULONG tag);
 
 // ---- ndisfilter-settings
-// Queues a routine on the delayed work queue; nothing happens when no memory is left. Runs at PASSIVE_LEVEL.
-BOOLEAN QueueWork(VOID (*routine)(PVOID context), PVOID context);
-// Waits until every routine queued with QueueWork has returned, for the unload.
-VOID WaitForQueuedWork();
+VOID WaitForQueuedWork(); // until all work items of the framework are done, for the unload
 
 // ---- ndisfilter-event
 FilterEventRecord* TakeEventRecord(); // nullptr when 1,023 are out or no memory is left
@@ -79,6 +81,7 @@ VOID NdisFilter_UnmapMemoryToUserSpace(MappedMemory* pMappedMemory);
 ULONG_PTR NdisFilter_StartShare(PIRP pIrp);
 VOID NdisFilter_StopShare(PIRP pIrp);
 VOID NdisFilter_TerminateShare();
+BOOLEAN IsShareOwner(PFILE_OBJECT file);
 FilterPacket* NdisFilter_ReadShareMemory();
 BOOLEAN NdisFilter_WriteShareMemory(FilterPacket* pPacket);
 BOOLEAN NdisFilter_WriteSignalPacket(PVOID pSignal);
@@ -89,5 +92,6 @@ VOID ShareMemoryThread(PVOID pContext);
 NTSTATUS NdisFilter_IOCtrlReadShare(PIRP pIrp);
 NTSTATUS NdisFilter_IOCtrlWriteShare(PIRP pIrp);
 VOID NdisFilter_CompleteRead();
+VOID CompleteParkedRead(); // the same without its trace lines
 VOID CancelPendingReadShare(PDEVICE_OBJECT pDeviceObject, PIRP pIrp);
 }

@@ -10,4 +10,5 @@ extern "C" {
 #include <stdio.h>
 }
 
+#include "ndisfilter-layout.h"
 #include "ndisfilter.h"

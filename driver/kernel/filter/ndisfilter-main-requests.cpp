@@ -25,8 +25,8 @@ struct ControlOperation {
 NTSTATUS GetVersion(ControlRequest& request)
 {
     PUCHAR version = static_cast<PUCHAR>(request.Buffer);
-    version[0] = NDIS_HOOK_MAJOR_VERSION;
-    version[1] = NDIS_HOOK_MINOR_VERSION;
+    version[0] = NDIS_FILTER_MAJOR_VERSION;
+    version[1] = NDIS_FILTER_MINOR_VERSION;
     return STATUS_SUCCESS; // the length stays 0, though the bytes are written
 }
 
@@ -184,7 +184,8 @@ NTSTATUS NdisFilterIoControl(PDEVICE_OBJECT, PIRP pIrp)
     const ControlOperation* const operation = FindOperation(request.Code);
     const NTSTATUS status = operation != nullptr ? Perform(*operation, request) : Offer(request);
     if (status != STATUS_PENDING) { // a pending request may be complete and gone by now
-        CompleteRequest(pIrp, status, request.Information);
+        const BOOLEAN fits = request.Information <= request.OutputLength; // a handler may claim more than there is
+        CompleteRequest(pIrp, status, fits ? request.Information : request.OutputLength);
     }
     Trace(TRACE_CORE, "Leave NdisFilterIoControl\n");
     return status;

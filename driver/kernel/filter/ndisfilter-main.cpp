@@ -231,6 +231,9 @@ NTSTATUS NdisFilterOpen(PDEVICE_OBJECT, PIRP pIrp)
 NTSTATUS NdisFilterClose(PDEVICE_OBJECT, PIRP pIrp)
 {
     Trace(TRACE_CORE, "Enter NdisFilterClose\n");
+    if (IsShareOwner(FileObjectOf(pIrp))) {
+        NdisFilter_StopShare(pIrp); // it was started while the handle was being closed
+    }
     const NTSTATUS status = CompleteRequest(pIrp, STATUS_SUCCESS, 0);
     Trace(TRACE_CORE, "Leave NdisFilterClose\n");
     return status;

@@ -90,7 +90,7 @@ FILTER_STATUS Filter_AcquireLock(FilterLock* pLock)
         if (pLock == nullptr) {
             return FILTER_ERROR_INVALID_ARGUMENT;
         }
-        // A bad pointer faults here, before the level is raised.
+        // A pointer that cannot be read faults here, before the level is raised.
         LoadRelaxed(pLock->m_SpinLock);
         LoadRelaxed(pLock->m_OldIrql);
         const KIRQL oldIrql = KeAcquireSpinLockRaiseToDpc(&pLock->m_SpinLock);

@@ -180,10 +180,10 @@ VOID Filter_DumpPacket(PCSTR pszTitle, FilterPacket* pPacket)
     }
     PrintHexDump(pszTitle, pPacket->m_Data, pPacket->m_nPacketSize);
     DbgPrint(" - pPacket 0x%p, hAdapter 0x%p, Size %d\n", pPacket, pPacket->m_hAdapter, pPacket->m_nPacketSize);
-    if (pPacket->m_nPacketSize == 0) {
-        return;
-    }
     const UCHAR* const frame = pPacket->m_pEthernet;
+    if (pPacket->m_nPacketSize == 0 || frame == nullptr) {
+        return; // no frame, or never parsed
+    }
     const ULONG etherType = ReadBe16(frame + ETHERTYPE_OFFSET);
     DbgPrint(" - SrcMac %s, DstMAC %s, Proto 0x%x%s\n", MacText(frame + ETHERNET_SOURCE_OFFSET).Get(),
              MacText(frame).Get(), etherType, EtherTypeSuffix(etherType));

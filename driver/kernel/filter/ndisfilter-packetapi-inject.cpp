@@ -77,6 +77,7 @@ VOID QueuePacket(FilterPacket* packet, ULONG origin, PacketFilter* filter)
     NdisFilterDeviceExtension& global = Global();
     packet->m_InjectOrigin = origin;
     packet->m_hInjectFilter = filter;
+    InitializeListHead(&packet->m_InjectLink); // touched before the lock: a bad packet faults here
     const ULONG queue = ChooseQueue(*packet);
     {
         const WriteLock lock(global.m_InjectedPacketLock[queue]);

@@ -7,11 +7,6 @@
 namespace
 {
 
-VOID Count(ULONG& counter)
-{
-    StoreRelaxed(counter, LoadRelaxed(counter) + 1);
-}
-
 // One walk over a chain whose lock the caller holds. The filters run inside one guard; when one faults, a new guard
 // takes the walk up behind it, so that an exception costs only the filter that raised it.
 class ChainWalk
@@ -21,7 +16,7 @@ class ChainWalk
     ChainWalk(PCSTR name, FILTER_TYPE type, FilterPacket* packet, FILTER_METHOD method, const PacketFilter* given)
         : name_(name), type_(type), packet_(packet), method_(method), given_(given),
           next_(Global().m_PacketFilterList[type].begin()), end_(Global().m_PacketFilterList[type].end()),
-          processor_(KeGetCurrentProcessorNumber() % FILTER_PROCESSOR_COUNT),
+          slot_(CounterSlot(KeGetCurrentProcessorNumber())),
           active_(method == FILTER_METHOD_START_FROM_FIRST_FILTER || method == FILTER_METHOD_START_UNTIL_THIS_FILTER ||
                   method == FILTER_METHOD_STOP_AT_THIS_FILTER)
     {
@@ -30,12 +25,11 @@ class ChainWalk
     // The verdict that ended the walk; FILTER_RESULT_BYPASS when none did.
     FILTER_RESULT Run()
     {
-        while (next_ != end_) {
+        while (!ended_) {
             const NTSTATUS code = Guarded([&] { RunUntilVerdict(); });
-            if (code == 0) {
-                break;
+            if (!ended_) {
+                DbgPrint("  %s: exception, code = %d, pPacket=0x%p\n", name_, code, packet_);
             }
-            DbgPrint("  %s: exception, code = %d, pPacket=0x%p\n", name_, code, packet_);
         }
         if (verdict_ != FILTER_RESULT_BYPASS) {
             SettleVerdict();
@@ -44,11 +38,25 @@ class ChainWalk
     }
 
   private:
+    static ULONG CounterSlot(ULONG processor)
+    {
+        return processor < FILTER_SHARED_SLOT ? processor : FILTER_SHARED_SLOT;
+    }
+
+    VOID Count(ULONG& counter) const
+    {
+        if (slot_ != FILTER_SHARED_SLOT) {
+            StoreRelaxed(counter, LoadRelaxed(counter) + 1);
+        } else {
+            InterlockedIncrement(reinterpret_cast<LONG*>(&counter));
+        }
+    }
+
     // Runs filters until one gives a verdict other than bypass or the walk ends.
     VOID RunUntilVerdict()
     {
         while (PacketFilter* const filter = TakeNext()) {
-            PacketFilterCounters& counters = filter->m_pCounters[processor_];
+            PacketFilterCounters& counters = filter->m_pCounters[slot_];
             Count(counters.m_PacketProcess);
             const FILTER_RESULT result = filter->m_pfFilterProc(filter->m_hFilterDriver, filter->m_pDriverContext,
                                                                 filter, filter->m_pFilterContext, packet_);
@@ -58,9 +66,10 @@ class ChainWalk
             } else if (result <= FILTER_RESULT_CAPTURE) {
                 verdict_ = result;
                 judge_ = filter;
-                return;
+                break;
             }
         }
+        ended_ = TRUE;
     }
 
     // The next filter to run, or nullptr at the end of the walk. The walk stands behind it before it runs.
@@ -102,7 +111,7 @@ class ChainWalk
 
     VOID SettleVerdict()
     {
-        PacketFilterCounters& counters = judge_->m_pCounters[processor_];
+        PacketFilterCounters& counters = judge_->m_pCounters[slot_];
         TraceVerdict(verdict_);
         switch (verdict_) {
         case FILTER_RESULT_DISCARD:
@@ -141,8 +150,9 @@ class ChainWalk
     const PacketFilter* const given_;
     RecordList<PacketFilter>::Iterator next_;
     const RecordList<PacketFilter>::Iterator end_;
-    const ULONG processor_; // ours until the chain's lock is released
+    const ULONG slot_; // of the counters: this processor's until the chain's lock is released
     BOOLEAN active_;        // filters run from here on
+    BOOLEAN ended_ = FALSE; // not by an exception
     ULONG index_ = 0;       // position in the chain
     FILTER_RESULT verdict_ = FILTER_RESULT_BYPASS;
     PacketFilter* judge_ = nullptr; // who gave the verdict
@@ -174,6 +184,27 @@ VOID Conclude(PCSTR name, FILTER_TYPE type, FilterPacket* packet, FILTER_RESULT 
     }
 }
 
+constexpr PCSTR INVOKE_EX = "Filter_InvokeFiltersEx";
+
+VOID TraceEnterEx(FilterPacket* packet)
+{
+    Trace(TRACE_PACKET, "Enter Filter_InvokeFiltersEx\n");
+    Trace(TRACE_PACKET, "Enter Filter_InvokeFiltersEx: pPacket=0x%p\n", packet);
+}
+
+VOID TraceChainEx(FILTER_TYPE type, FILTER_METHOD method)
+{
+    if (TraceEnabled(TRACE_PACKET)) {
+        DbgPrint("Enter Filter_InvokeFiltersEx: Filter=%s, Method=%s\n", Filter_TypeString(type),
+                 Filter_MethodString(method));
+    }
+}
+
+VOID TraceLeaveEx()
+{
+    Trace(TRACE_PACKET, "Leave Filter_InvokeFiltersEx\n");
+}
+
 VOID RunChain(PCSTR name, FILTER_TYPE type, FilterPacket* packet, FILTER_METHOD method, const PacketFilter* given)
 {
     FILTER_RESULT verdict;
@@ -194,31 +225,11 @@ BOOLEAN RunChainOf(PCSTR name, FILTER_TYPE type, FilterPacket* packet, FILTER_ME
         if (!Global().m_PacketFilterList[type].Contains(given)) {
             return FALSE;
         }
+        TraceChainEx(type, method);
         verdict = ChainWalk(name, type, packet, method, given).Run();
     }
     Conclude(name, type, packet, verdict);
     return TRUE;
-}
-
-constexpr PCSTR INVOKE_EX = "Filter_InvokeFiltersEx";
-
-VOID TraceEnterEx(FilterPacket* packet)
-{
-    Trace(TRACE_PACKET, "Enter Filter_InvokeFiltersEx\n");
-    Trace(TRACE_PACKET, "Enter Filter_InvokeFiltersEx: pPacket=0x%p\n", packet);
-}
-
-VOID TraceChainEx(FILTER_TYPE type, FILTER_METHOD method)
-{
-    if (TraceEnabled(TRACE_PACKET)) {
-        DbgPrint("Enter Filter_InvokeFiltersEx: Filter=%s, Method=%s\n", Filter_TypeString(type),
-                 Filter_MethodString(method));
-    }
-}
-
-VOID TraceLeaveEx()
-{
-    Trace(TRACE_PACKET, "Leave Filter_InvokeFiltersEx\n");
 }
 
 // A frame that the hook driver hands in: parse, mark, dump, filter.
@@ -277,7 +288,7 @@ VOID Filter_InvokeFiltersEx(FILTER_METHOD nMethod, PacketFilter* hPacketFilter, 
     FILTER_TYPE type = FILTER_TYPE_INVALID;
     Filter_GetFilterType(hPacketFilter, &type);
     TraceChainEx(type, nMethod);
-    if (type == FILTER_TYPE_INVALID) {
+    if (static_cast<ULONG>(type) >= FILTER_TYPE_COUNT) {
         Filter_ReleasePacket(pPacket);
     } else {
         RunChain(INVOKE_EX, type, pPacket, nMethod, hPacketFilter);
@@ -293,6 +304,7 @@ VOID InvokeQueuedFilter(FILTER_METHOD nMethod, PacketFilter* hPacketFilter, Filt
         type++;
     }
     if (type == FILTER_TYPE_COUNT) {
+        Filter_IsValidFilter(hPacketFilter); // for what it prints
         TraceChainEx(FILTER_TYPE_INVALID, nMethod);
         Filter_ReleasePacket(pPacket);
     }

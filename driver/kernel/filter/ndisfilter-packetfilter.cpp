@@ -5,7 +5,7 @@
 namespace
 {
 
-constexpr SIZE_T CountersSize = FILTER_PROCESSOR_COUNT * sizeof(PacketFilterCounters);
+constexpr SIZE_T CountersSize = FILTER_COUNTER_SLOTS * sizeof(PacketFilterCounters);
 
 BOOLEAN IsChain(FILTER_TYPE nType)
 {
@@ -150,7 +150,10 @@ FILTER_STATUS Filter_DeregisterFilter(FilterDriver* hFilterDriver, PacketFilter*
         if (!Filter_IsValidFilter(hPacketFilter)) {
             return FILTER_ERROR_INVALID_PACKET_FILTER;
         }
-        const FILTER_TYPE type = hPacketFilter->m_FilterType;
+        const FILTER_TYPE type = LoadRelaxed(hPacketFilter->m_FilterType);
+        if (!IsChain(type)) { // a stale handle, whose memory has been used again since the check
+            return FILTER_ERROR_INVALID_PACKET_FILTER;
+        }
         const FILTER_STATUS status = UnlinkFilter(hFilterDriver, hPacketFilter, type);
         if (status == FILTER_STATUS_SUCCESS) {
             Filter_FreeMemory(hPacketFilter);
@@ -255,7 +258,7 @@ VOID Filter_ShowFilter(PacketFilter* hPacketFilter, ULONG nPosition)
 PacketFilterCounters SumFilterCounters(const PacketFilter& filter)
 {
     PacketFilterCounters sum = {};
-    for (ULONG i = 0; i < FILTER_PROCESSOR_COUNT; i++) {
+    for (ULONG i = 0; i < FILTER_COUNTER_SLOTS; i++) {
         // Each processor stores its own slot relaxed; the sum is a moment's view, never less than an earlier one.
         const PacketFilterCounters& slot = filter.m_pCounters[i];
         sum.m_PacketProcess += LoadRelaxed(slot.m_PacketProcess);

@@ -1,4 +1,5 @@
-// The records behind the handles of the exported interface. All are allocated with Filter_AllocateMemory.
+// The records behind the handles of the exported interface, all allocated with Filter_AllocateMemory, and the event
+// record, which comes from a lookaside list.
 #pragma once
 
 #include "ndisfilter-list.h"
@@ -41,7 +42,8 @@ struct EventHandler {
 };
 
 // Verdict counters of one processor. They are counted at DISPATCH_LEVEL, so only that processor writes them, and
-// they lie on a cache line of their own; sums are taken modulo 2^32 when read.
+// they lie on a cache line of their own; sums are taken modulo 2^32 when read. Processors without a slot of their own
+// share the last one and count interlocked.
 struct alignas(64) PacketFilterCounters {
     ULONG m_PacketProcess; // packets handed to the procedure
     ULONG m_PacketBypass;
@@ -50,7 +52,8 @@ struct alignas(64) PacketFilterCounters {
     ULONG m_PacketCapture;
 };
 
-constexpr ULONG FILTER_PROCESSOR_COUNT = 64; // as many as an NDIS read-write lock has reader slots
+constexpr ULONG FILTER_SHARED_SLOT = 64; // of processor 64 and above
+constexpr ULONG FILTER_COUNTER_SLOTS = FILTER_SHARED_SLOT + 1;
 
 // A registered packet filter. The counters, one slot a processor, and the name lie behind it in the same block.
 struct PacketFilter {

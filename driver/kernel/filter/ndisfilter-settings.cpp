@@ -10,17 +10,8 @@ namespace
 
 // ------------------------------------------------------------------------------------------------- work items
 
-struct WorkItem {
+struct DebugFlagItem {
     WORK_QUEUE_ITEM m_QueueItem;
-    VOID (*m_pfRun)(WorkItem* item); // does the work and frees the item
-};
-
-struct RoutineItem : WorkItem {
-    VOID (*m_pfRoutine)(PVOID context);
-    PVOID m_pContext;
-};
-
-struct DebugFlagItem : WorkItem {
     PUNICODE_STRING m_pRegistryPath;
     ULONG m_nDefault;
     PULONG m_pResult;
@@ -38,34 +29,13 @@ VOID LeaveQueuedWork()
     }
 }
 
-VOID RunWorkItem(PVOID parameter)
+VOID ReadDebugFlag(PVOID parameter)
 {
-    WorkItem* item = static_cast<WorkItem*>(parameter);
-    item->m_pfRun(item);
+    DebugFlagItem* const item = static_cast<DebugFlagItem*>(parameter);
+    const ULONG value = Filter_GetGlobalDebugFlag(item->m_pRegistryPath, item->m_nDefault);
+    StoreRelaxed(*item->m_pResult, value); // read by whoever traces
+    ExFreePool(item);
     LeaveQueuedWork();
-}
-
-VOID QueueWorkItem(WorkItem* item, VOID (*run)(WorkItem* item))
-{
-    item->m_pfRun = run;
-    ExInitializeWorkItem(&item->m_QueueItem, RunWorkItem, item);
-    InterlockedIncrement(&g_nQueuedWork);
-    ExQueueWorkItem(&item->m_QueueItem, DelayedWorkQueue);
-}
-
-VOID RunRoutine(WorkItem* item)
-{
-    const RoutineItem* routine = static_cast<RoutineItem*>(item);
-    routine->m_pfRoutine(routine->m_pContext);
-    ExFreePool(item);
-}
-
-VOID ReadDebugFlag(WorkItem* item)
-{
-    const DebugFlagItem* request = static_cast<DebugFlagItem*>(item);
-    const ULONG value = Filter_GetGlobalDebugFlag(request->m_pRegistryPath, request->m_nDefault);
-    StoreRelaxed(*request->m_pResult, value); // read by whoever traces
-    ExFreePool(item);
 }
 
 // --------------------------------------------------------------------------------------------------- registry
@@ -126,18 +96,6 @@ BOOLEAN QueryRegistry(PUNICODE_STRING pRegistryPath, PCWSTR pszName, ULONG type,
 }
 
 } // namespace
-
-BOOLEAN QueueWork(VOID (*routine)(PVOID context), PVOID context)
-{
-    RoutineItem* item = static_cast<RoutineItem*>(ExAllocatePool(NonPagedPool, sizeof(RoutineItem)));
-    if (item == nullptr) {
-        return FALSE;
-    }
-    item->m_pfRoutine = routine;
-    item->m_pContext = context;
-    QueueWorkItem(item, RunRoutine);
-    return TRUE;
-}
 
 VOID WaitForQueuedWork()
 {
@@ -231,7 +189,9 @@ VOID Filter_SafeGetGlobalDebugFlag(PUNICODE_STRING pRegistryPath, ULONG nDefault
     item->m_pRegistryPath = pRegistryPath;
     item->m_nDefault = nDefault;
     item->m_pResult = pResult;
-    QueueWorkItem(item, ReadDebugFlag);
+    ExInitializeWorkItem(&item->m_QueueItem, ReadDebugFlag, item);
+    InterlockedIncrement(&g_nQueuedWork);
+    ExQueueWorkItem(&item->m_QueueItem, DelayedWorkQueue);
 }
 
 LONGLONG Filter_GetSystemTime()

@@ -8,15 +8,10 @@
 namespace
 {
 
-PFILE_OBJECT FileObjectOf(PIRP irp)
-{
-    return IoGetCurrentIrpStackLocation(irp)->FileObject;
-}
-
-BOOLEAN IsShareOwner(PIRP irp)
+BOOLEAN CheckShareOwner(PIRP irp)
 {
     const PFILE_OBJECT file = FileObjectOf(irp);
-    if (file != nullptr && LoadAcquire(Global().m_FileObject) == file) {
+    if (IsShareOwner(file)) {
         return TRUE;
     }
     Trace(TRACE_SHARE, "SharedMemory is not opened by FileObject 0x%p\n", file);
@@ -104,8 +99,10 @@ VOID ShareMemoryThread(PVOID)
 
 NTSTATUS NdisFilter_IOCtrlReadShare(PIRP pIrp)
 {
+    const PFILE_OBJECT file = FileObjectOf(pIrp);
+
     Trace(TRACE_SHARE, "Enter NdisFilter_IOCtrlReadShare\n");
-    if (!IsShareOwner(pIrp)) {
+    if (!CheckShareOwner(pIrp)) {
         pIrp->IoStatus.Status = STATUS_UNSUCCESSFUL;
         Trace(TRACE_SHARE, "Leave NdisFilter_IOCtrlReadShare, STATUS_UNSUCCESSFUL\n");
         return STATUS_UNSUCCESSFUL;
@@ -121,9 +118,10 @@ NTSTATUS NdisFilter_IOCtrlReadShare(PIRP pIrp)
         CompleteRequest(pIrp, STATUS_CANCELLED, 0);
         break;
     case Parking::Parked:
-        // A block written between the look at the ring and the parking found nothing to complete. Its writer stores
-        // the index and then looks at the slot, this side the other way round, so one of them sees the other.
-        if (!IsOutputRingEmpty()) {
+        // A block written, or a share stopped, between the look at them and the parking found nothing to complete. A
+        // writer stores the index and then looks at the slot, StopShare clears the owner and then looks at the slot,
+        // this side the other way round: one of the two sees the other.
+        if (!IsOutputRingEmpty() || !IsShareOwner(file)) {
             NdisFilter_CompleteRead();
         }
         break;
@@ -136,7 +134,7 @@ NTSTATUS NdisFilter_IOCtrlWriteShare(PIRP pIrp)
 {
     NTSTATUS status = STATUS_UNSUCCESSFUL;
     Trace(TRACE_SHARE, "Enter NdisFilter_IOCtrlWriteShare\n");
-    if (IsShareOwner(pIrp)) {
+    if (CheckShareOwner(pIrp)) {
         NdisSetEvent(&Global().m_ShareMemoryEvent);
         status = STATUS_SUCCESS;
     }
@@ -144,15 +142,20 @@ NTSTATUS NdisFilter_IOCtrlWriteShare(PIRP pIrp)
     return status;
 }
 
-VOID NdisFilter_CompleteRead()
+VOID CompleteParkedRead()
 {
-    Trace(TRACE_SHARE, "Enter NdisFilter_CompleteRead\n");
     // The interlocked look orders the writer's index before it; most writers find nobody waiting and take no lock.
     if (InterlockedCompareExchangePointer(PendingReadSlot(), nullptr, nullptr) != nullptr) {
         if (const PIRP irp = TakeParkedRead()) {
             CompleteRequest(irp, STATUS_SUCCESS, 0);
         }
     }
+}
+
+VOID NdisFilter_CompleteRead()
+{
+    Trace(TRACE_SHARE, "Enter NdisFilter_CompleteRead\n");
+    CompleteParkedRead();
     Trace(TRACE_SHARE, "Leave NdisFilter_CompleteRead\n");
 }
 

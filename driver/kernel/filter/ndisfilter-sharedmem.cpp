@@ -1,8 +1,9 @@
 // The memory shared with the user program, and its two rings of blocks.
 //
 // The program may write anything into the mapping at any moment. So the framework's own figures stand outside it: the
-// MDL, the user address, and the places and counts of blocks, which are constants. Mapped fields are written for the
-// program to read; of those the program owns each is read once, checked, then used.
+// MDL, the user address, the number of blocks written, and the places and counts of blocks, which are constants.
+// Mapped fields are written for the program to read; ring indexes and input blocks are read from the mapping, each
+// once, checked, then used.
 #include "ndisfilter-internal.h"
 
 #include <stddef.h>
@@ -12,28 +13,27 @@ namespace
 
 PMDL s_pMdl;                // of the whole mapping
 PVOID s_pUserModeAddress;   // of the present user mapping, nullptr when there is none
+ULONG s_nOutputCount;       // what m_nCount of the output ring shows
 KEVENT s_ShareGate;         // serialises starting and stopping the share
 
-// Holds the share's gate; PASSIVE_LEVEL.
+// Holds the share's gate; PASSIVE_LEVEL. Inside it the thread cannot be suspended by its program, which would hang
+// all others.
 class ShareGate
 {
   public:
     ShareGate()
     {
+        KeEnterCriticalRegion();
         KeWaitForSingleObject(&s_ShareGate, Executive, KernelMode, FALSE, nullptr);
     }
     ~ShareGate()
     {
         KeSetEvent(&s_ShareGate, IO_NO_INCREMENT, FALSE);
+        KeLeaveCriticalRegion();
     }
     ShareGate(const ShareGate&) = delete;
     ShareGate& operator=(const ShareGate&) = delete;
 };
-
-PFILE_OBJECT FileObjectOf(PIRP irp)
-{
-    return IoGetCurrentIrpStackLocation(irp)->FileObject;
-}
 
 ULONG Irql()
 {
@@ -81,6 +81,16 @@ VOID InitializeRing(SharedRing& ring, LONG baseOffset, const SharedBlock* firstB
     ring.m_nCount = NDIS_FILTER_BLOCK_COUNT;
 }
 
+// Reads what a caller gave before a lock is taken for it, so that bad memory faults without the lock.
+VOID ReadAhead(const VOID* memory, SIZE_T size)
+{
+    const volatile UCHAR* const bytes = static_cast<const volatile UCHAR*>(memory);
+    for (SIZE_T offset = 0; offset < size; offset += PAGE_SIZE) {
+        (void)bytes[offset];
+    }
+    (void)bytes[size - 1];
+}
+
 // Bytes from a place in the shared area to its end.
 ULONG BytesToEnd(const UCHAR* place)
 {
@@ -105,14 +115,16 @@ VOID CopyFromBlock(const SharedBlock& block, ULONG size, FilterPacket& packet)
     RtlZeroMemory(packet.m_Data + present, size - present);
 }
 
-// The next input block as a new packet. A block that is refused stays where it is. The caller holds m_InputBlockLock.
-FilterPacket* TakeInputBlock()
+enum class ReadOutcome { Read, Empty, UnknownAdapter, NoPacket };
+
+// The next input block as a new packet. A block that is refused stays where it is.
+ReadOutcome TakeInputBlock(FilterPacket*& packet)
 {
+    const WriteLock lock(Global().m_InputBlockLock);
     SharedMemory& shared = *Global().m_pSharedMemory;
     const RingIndexes indexes(shared.KernelModeInput);
     if (!indexes.AreValid() || indexes.AreEqual()) {
-        Trace(TRACE_SHARE, "  IRQL=%d, input shared blocks are empty\n", Irql());
-        return nullptr;
+        return ReadOutcome::Empty;
     }
     Trace(TRACE_SHARE, "  IRQL=%d, input shared blocks are not empty\n", Irql());
     const SharedBlock& block = shared.m_InputBlocks[indexes.Read];
@@ -120,20 +132,35 @@ FilterPacket* TakeInputBlock()
     FilterAdapter* adapter = nullptr;
     if (Filter_IdToAdapter(LoadRelaxed(block.m_nAdapterId), &adapter) != FILTER_STATUS_SUCCESS ||
         size > FILTER_PACKET_DATA_SIZE) {
-        Trace(TRACE_SHARE, "  IRQL=%d, packet buffer adapter error, func Filter_IdToAdapter ret fails\n", Irql());
-        return nullptr;
+        return ReadOutcome::UnknownAdapter;
     }
-    FilterPacket* const packet = Filter_AllocatePacket(adapter);
+    packet = Filter_AllocatePacket(adapter);
     if (packet == nullptr) {
-        Trace(TRACE_SHARE, "  IRQL=%d, allocate packet buffer fails\n", Irql());
-        return nullptr;
+        return ReadOutcome::NoPacket;
     }
     Trace(TRACE_SHARE, "  IRQL=%d, copy packets from I/O shared memory\n", Irql());
     packet->m_hAdapter = adapter;
     CopyFromBlock(block, size, *packet);
     Trace(TRACE_SHARE, "  IRQL=%d, update read pointer to next block\n", Irql());
     StoreRelease(shared.KernelModeInput.m_iRead, static_cast<LONG>(NextIndex(indexes.Read)));
-    return packet;
+    return ReadOutcome::Read;
+}
+
+VOID TraceNotRead(ReadOutcome outcome)
+{
+    switch (outcome) {
+    case ReadOutcome::Empty:
+        Trace(TRACE_SHARE, "  IRQL=%d, input shared blocks are empty\n", Irql());
+        break;
+    case ReadOutcome::UnknownAdapter:
+        Trace(TRACE_SHARE, "  IRQL=%d, packet buffer adapter error, func Filter_IdToAdapter ret fails\n", Irql());
+        break;
+    case ReadOutcome::NoPacket:
+        Trace(TRACE_SHARE, "  IRQL=%d, allocate packet buffer fails\n", Irql());
+        break;
+    case ReadOutcome::Read:
+        break;
+    }
 }
 
 // The size is stored as the packet has it; its frame bytes may reach into the next block, never out of the area.
@@ -169,8 +196,14 @@ VOID PublishOutputBlock(ULONG index)
 {
     SharedRing& ring = Global().m_pSharedMemory->KernelModeOutput;
     Trace(TRACE_SHARE, "  IRQL=%d, update write pointer to next block\n", Irql());
-    StoreRelaxed(ring.m_nCount, static_cast<LONG>(static_cast<ULONG>(LoadRelaxed(ring.m_nCount)) + 1));
+    StoreRelaxed(ring.m_nCount, static_cast<LONG>(++s_nOutputCount));
     StoreRelease(ring.m_iWrite, static_cast<LONG>(NextIndex(index))); // the block before the index, for the program
+}
+
+VOID TraceCopyToRing()
+{
+    Trace(TRACE_SHARE, "  IRQL=%d, output shared blocks are not full\n", Irql());
+    Trace(TRACE_SHARE, "  IRQL=%d, copy packets to I/O shared memory\n", Irql());
 }
 
 enum class WriteOutcome { Written, Full, UnknownAdapter };
@@ -183,8 +216,7 @@ WriteOutcome WritePacketBlock(const FilterPacket& packet)
     if (block == nullptr) {
         return WriteOutcome::Full;
     }
-    Trace(TRACE_SHARE, "  IRQL=%d, output shared blocks are not full\n", Irql());
-    Trace(TRACE_SHARE, "  IRQL=%d, copy packets to I/O shared memory\n", Irql());
+    TraceCopyToRing();
     ULONG adapterId = 0;
     if (Filter_AdapterToId(packet.m_hAdapter, &adapterId) != FILTER_STATUS_SUCCESS) {
         Trace(TRACE_SHARE, "Err: Filter_AdapterToId return failure.\n");
@@ -195,8 +227,7 @@ WriteOutcome WritePacketBlock(const FilterPacket& packet)
     return WriteOutcome::Written;
 }
 
-// `code` receives the exception when the signal record cannot be read: it is raised anew without the lock.
-WriteOutcome WriteSignalBlock(PVOID signal, NTSTATUS& code)
+WriteOutcome WriteSignalBlock(const VOID* signal)
 {
     const WriteLock lock(Global().m_OutputBlockLock);
     ULONG index = 0;
@@ -204,16 +235,11 @@ WriteOutcome WriteSignalBlock(PVOID signal, NTSTATUS& code)
     if (block == nullptr) {
         return WriteOutcome::Full;
     }
-    Trace(TRACE_SHARE, "  IRQL=%d, output shared blocks are not full\n", Irql());
-    Trace(TRACE_SHARE, "  IRQL=%d, copy packets to I/O shared memory\n", Irql());
+    TraceCopyToRing();
     // A signal is longer than a block: its end lies in the block that follows, behind the last in the first input
     // block.
-    PVOID const destination = reinterpret_cast<PUCHAR>(Global().m_pSharedMemory) +
-                              offsetof(SharedMemory, m_OutputBlocks) + SIZE_T{index} * NDIS_FILTER_BLOCK_SIZE;
-    code = Guarded([&] { RtlCopyMemory(destination, signal, NDIS_FILTER_SIGNAL_SIZE); });
-    if (code != 0) {
-        return WriteOutcome::Full;
-    }
+    UCHAR* const area = reinterpret_cast<PUCHAR>(Global().m_pSharedMemory);
+    RtlCopyMemory(area + (reinterpret_cast<PUCHAR>(block) - area), signal, NDIS_FILTER_SIGNAL_SIZE);
     PublishOutputBlock(index);
     return WriteOutcome::Written;
 }
@@ -254,6 +280,7 @@ MappedMemory* NdisFilter_AllocateMappedMemory()
 {
     s_pMdl = nullptr;
     s_pUserModeAddress = nullptr;
+    s_nOutputCount = NDIS_FILTER_BLOCK_COUNT;
     KeInitializeEvent(&s_ShareGate, SynchronizationEvent, TRUE);
 
     Trace(TRACE_CORE, "Enter NdisFilter_AllocateMappedMemory\n");
@@ -339,31 +366,55 @@ VOID NdisFilter_UnmapMemoryToUserSpace(MappedMemory* pMappedMemory)
     pMappedMemory->m_pUserModeVirtualAddress = 0;
 }
 
-ULONG_PTR NdisFilter_StartShare(PIRP pIrp)
+namespace
+{
+
+// Gives the share up. A read that was parked for the owner meanwhile is completed: its parker looks at the owner
+// behind the parking, so one of the two sees the other.
+VOID ClearShareOwner()
+{
+    InterlockedExchangePointer(reinterpret_cast<PVOID*>(&Global().m_FileObject), nullptr);
+    CompleteParkedRead();
+}
+
+// Claims the share for a file object and maps the memory; nullptr when it is taken or cannot be mapped.
+PVOID ClaimShare(PFILE_OBJECT file)
 {
     NdisFilterDeviceExtension& global = Global();
-    const PFILE_OBJECT file = FileObjectOf(pIrp);
+    const ShareGate gate;
+    PVOID* const ownerSlot = reinterpret_cast<PVOID*>(&global.m_FileObject);
+    const PVOID owner = InterlockedCompareExchangePointer(ownerSlot, file, nullptr);
+    if (owner != nullptr || file == nullptr) {
+        Trace(TRACE_SHARE, "SharedMemory is opened by another FileObject 0x%X\n",
+              static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(owner)));
+        return nullptr;
+    }
+    const PVOID userAddress = NdisFilter_MapMemoryToUserSpace(global.m_pMappedMemory);
+    Trace(TRACE_SHARE, "  UserMode SharedMemory = 0x%p\n", userAddress);
+    if (userAddress == nullptr) {
+        ClearShareOwner();
+        return nullptr;
+    }
+    Trace(TRACE_SHARE, "MappedMemory mapped to FileObject 0x%p as 0x%p\n", file, userAddress);
+    return userAddress;
+}
+
+} // namespace
+
+BOOLEAN IsShareOwner(PFILE_OBJECT file)
+{
+    return file != nullptr && LoadAcquire(Global().m_FileObject) == file;
+}
+
+ULONG_PTR NdisFilter_StartShare(PIRP pIrp)
+{
     PVOID userAddress = nullptr;
 
     Trace(TRACE_SHARE, "Enter NdisFilter_StartShare\n");
-    if (global.m_pMappedMemory == nullptr) {
+    if (Global().m_pMappedMemory == nullptr) {
         Trace(TRACE_SHARE, "MappedMemory is not allocated\n");
     } else {
-        const ShareGate gate;
-        PVOID* const ownerSlot = reinterpret_cast<PVOID*>(&global.m_FileObject);
-        const PVOID owner = InterlockedCompareExchangePointer(ownerSlot, file, nullptr);
-        if (owner != nullptr) {
-            Trace(TRACE_SHARE, "SharedMemory is opened by another FileObject 0x%X\n",
-                  static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(owner)));
-        } else {
-            userAddress = NdisFilter_MapMemoryToUserSpace(global.m_pMappedMemory);
-            Trace(TRACE_SHARE, "  UserMode SharedMemory = 0x%p\n", userAddress);
-            if (userAddress != nullptr) {
-                Trace(TRACE_SHARE, "MappedMemory mapped to FileObject 0x%p as 0x%p\n", file, userAddress);
-            } else {
-                StoreRelease(global.m_FileObject, nullptr);
-            }
-        }
+        userAddress = ClaimShare(FileObjectOf(pIrp));
     }
     Trace(TRACE_SHARE, "Leave NdisFilter_StartShare\n");
     return reinterpret_cast<ULONG_PTR>(userAddress) + offsetof(MappedMemory, m_SharedMemory);
@@ -374,21 +425,19 @@ VOID NdisFilter_StopShare(PIRP pIrp)
     NdisFilterDeviceExtension& global = Global();
     const PFILE_OBJECT file = FileObjectOf(pIrp);
 
-    Trace(TRACE_SHARE, "Enter NdisFilter_StopShare\n");
     if (global.m_pMappedMemory == nullptr) {
         Trace(TRACE_SHARE, "MappedMemory is not allocated\n");
-    } else {
-        const ShareGate gate;
-        if (file != nullptr && LoadAcquire(global.m_FileObject) == file) {
-            NdisFilter_CompleteRead();
-            Trace(TRACE_SHARE, "SharedMemory is released by FileObject 0x%p\n", file);
-            NdisFilter_UnmapMemoryToUserSpace(global.m_pMappedMemory);
-            StoreRelease(global.m_FileObject, nullptr);
-        } else {
-            Trace(TRACE_SHARE, "SharedMemory is not opened by FileObject 0x%p\n", file);
-        }
+        return;
     }
-    Trace(TRACE_SHARE, "Leave NdisFilter_StopShare\n");
+    const ShareGate gate;
+    if (!IsShareOwner(file)) {
+        Trace(TRACE_SHARE, "SharedMemory is not opened by FileObject 0x%p\n", file);
+        return;
+    }
+    NdisFilter_CompleteRead();
+    Trace(TRACE_SHARE, "SharedMemory is released by FileObject 0x%p\n", file);
+    NdisFilter_UnmapMemoryToUserSpace(global.m_pMappedMemory);
+    ClearShareOwner();
 }
 
 VOID NdisFilter_TerminateShare()
@@ -413,7 +462,6 @@ VOID NdisFilter_TerminateShare()
 
 FilterPacket* NdisFilter_ReadShareMemory()
 {
-    NdisFilterDeviceExtension& global = Global();
     FilterPacket* packet = nullptr;
 
     Trace(TRACE_SHARE, "Enter NdisFilter_ReadShareMemory, IRQL=%d\n", Irql());
@@ -421,8 +469,7 @@ FilterPacket* NdisFilter_ReadShareMemory()
         Trace(TRACE_SHARE, "  IRQL=%d, I/O shared memory is not initialized\n", Irql());
     } else {
         Trace(TRACE_SHARE, "  IRQL=%d, I/O shared memory is initialized\n", Irql());
-        const WriteLock lock(global.m_InputBlockLock);
-        packet = TakeInputBlock();
+        TraceNotRead(TakeInputBlock(packet));
     }
     Trace(TRACE_SHARE, "Leave NdisFilter_ReadShareMemory(), IRQL=%d, return 0x%p\n", Irql(), packet);
     return packet;
@@ -437,6 +484,7 @@ BOOLEAN NdisFilter_WriteShareMemory(FilterPacket* pPacket)
         return FALSE;
     }
     Trace(TRACE_SHARE, "  IRQL=%d, I/O shared memory is initialized\n", Irql());
+    ReadAhead(pPacket, sizeof(*pPacket));
     const WriteOutcome outcome = WritePacketBlock(*pPacket);
     if (outcome == WriteOutcome::UnknownAdapter) {
         return FALSE;
@@ -454,11 +502,8 @@ BOOLEAN NdisFilter_WriteSignalPacket(PVOID pSignal)
         return FALSE;
     }
     Trace(TRACE_SHARE, "  IRQL=%d, I/O shared memory is initialized\n", Irql());
-    NTSTATUS code = 0;
-    const WriteOutcome outcome = WriteSignalBlock(pSignal, code);
-    if (code != 0) {
-        ExRaiseStatus(code);
-    }
+    ReadAhead(pSignal, NDIS_FILTER_SIGNAL_SIZE);
+    const WriteOutcome outcome = WriteSignalBlock(pSignal);
     NdisFilter_CompleteRead();
     Trace(TRACE_SHARE, "Leave NdisFilter_WriteSignalPacket(), success, IRQL=%d\n", Irql());
     return outcome == WriteOutcome::Written;

@@ -30,7 +30,7 @@ struct NdisFilterDeviceExtension {
     NDIS_EVENT m_WorkThreadExitEvent;
 
     NDIS_RW_LOCK m_AdapterListLock; // the hook driver rewrites the table without it
-    AdapterList m_AdapterList;
+    alignas(8) AdapterList m_AdapterList; // packed inside
 
     NDIS_RW_LOCK m_pContextLock;
     FilterDriver* m_pContextDriver[FILTER_ADAPTER_CONTEXT_COUNT]; // owner of each adapter-context slot

@@ -32,7 +32,7 @@ target_compile_options(windows-kernel INTERFACE
     -ffreestanding -fms-extensions -fasynchronous-unwind-tables "SHELL:-Xclang -fasync-exceptions"
     -fno-strict-aliasing -fno-stack-protector -mno-red-zone -mno-stack-arg-probe -fno-ident
     -Wall -Wextra "-Wno-#warnings"
-    -ffile-prefix-map=${CMAKE_SOURCE_DIR}=. -ffile-prefix-map=${CMAKE_BINARY_DIR}=build
+    -ffile-prefix-map=${CMAKE_BINARY_DIR}=build -ffile-prefix-map=${CMAKE_SOURCE_DIR}=. -ffile-compilation-dir=.
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
 # The image says nothing of the place or time of its build: /brepro, relative names in the PDB.
 target_link_options(windows-kernel INTERFACE
@@ -53,7 +53,9 @@ function(add_windows_driver name)
     set(byproducts ${CMAKE_CURRENT_BINARY_DIR}/${name}.pdb)
 
     if(driver_EXPORTS)
-        target_link_options(${name} PRIVATE /def:${driver_EXPORTS} /implib:${directory}/${name}.lib)
+        cmake_path(ABSOLUTE_PATH driver_EXPORTS)
+        cmake_path(RELATIVE_PATH driver_EXPORTS BASE_DIRECTORY ${CMAKE_BINARY_DIR} OUTPUT_VARIABLE definition)
+        target_link_options(${name} PRIVATE /def:${definition} /implib:${directory}/${name}.lib)
         set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${driver_EXPORTS})
         list(APPEND byproducts ${CMAKE_CURRENT_BINARY_DIR}/${name}.lib)
     endif()

@@ -125,23 +125,21 @@ void CheckAlive(Service& filter)
 TEST(hammer, EveryControlCodeUnbound)
 {
     printf("         seed %u\n", options.seed);
-    Service filter(L"ndisfilter"), cleanup(L"cleanup-shim");
+    Service filter(L"ndisfilter");
     filter.Start();
-    cleanup.Start();
+    const CleanupRequests cleanup;
     Hammer hammer(options.seed);
     StrikeAll(hammer);
     CheckAlive(filter);
-    cleanup.Stop();
-    filter.Stop();
 }
 
 TEST(hammer, EveryControlCodeBound)
 {
     printf("         seed %u\n", options.seed + 1);
-    Service filter(L"ndisfilter"), loophook(L"loophook"), cleanup(L"cleanup-shim");
+    Service filter(L"ndisfilter"), loophook(L"loophook");
     filter.Start();
     loophook.Start();
-    cleanup.Start();
+    const CleanupRequests cleanup;
     {
         Device hook(L"\\\\.\\LoopHook");
         const LoopBinding binding = {168, 168, 1, 0};
@@ -150,9 +148,6 @@ TEST(hammer, EveryControlCodeBound)
     Hammer hammer(options.seed + 1);
     StrikeAll(hammer);
     CheckAlive(filter);
-    cleanup.Stop();
-    loophook.Stop();
-    filter.Stop();
 }
 
 } // namespace

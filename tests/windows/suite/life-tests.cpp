@@ -3,6 +3,8 @@
 
 #include <ndisfilter-user.h>
 
+#include <cstdio>
+
 using namespace suite;
 
 namespace
@@ -32,6 +34,52 @@ TEST(life, ReadsItsRegistryValues)
     CHECK(output.ShowsExactly("NdisFilter: GlobalDebugFlag = 0x00000100"));
     CHECK(output.Shows("PendingPacketLimit success, Value = 0x321"));
     CHECK(output.ShowsExactly("Leave DriverEntry")); // the area that the flag switches on
+}
+
+TEST(life, LoadsAgainWithOtherValues)
+{
+    Service filter(L"ndisfilter");
+    for (const uint32_t flag : {0x100u, 0x0u, 0x500u}) {
+        filter.SetNumber(L"GlobalDebugFlag", flag);
+        const DebugOutput output;
+        filter.Start();
+        char line[64];
+        snprintf(line, sizeof(line), "NdisFilter: GlobalDebugFlag = 0x%08X", flag);
+        CHECK(output.ShowsExactly(line));
+        Device device;
+        CHECK_EQUAL(device.Control(IOCTL_NDIS_FILTER_GET_VERSION, {}, 2).error, DWORD{ERROR_SUCCESS});
+        device.Close();
+        filter.Stop();
+        CHECK_EQUAL(output.Count("Leave NdisFilterUnload"), size_t{flag != 0});
+    }
+}
+
+TEST(life, AValueOfAnotherTypeIsNotTaken)
+{
+    Service filter(L"ndisfilter");
+    filter.SetText(L"GlobalDebugFlag", L"0x100");
+    const DebugOutput output;
+    filter.Start();
+    CHECK(output.ShowsExactly("NdisFilter: GlobalDebugFlag = 0x00000000"));
+}
+
+// Its import loads the framework's image without running the entry.
+TEST(life, AClientThatStartsTooEarlyIsRefused)
+{
+    Service filter(L"ndisfilter"), blocker(L"blocker");
+    bool started = true;
+    try {
+        blocker.Start();
+    } catch (const Failure&) {
+        started = false;
+    }
+    CHECK(!started);
+    filter.Start();
+    blocker.Start();
+    const DebugOutput output;
+    blocker.Stop();
+    filter.Stop();
+    CHECK_EQUAL(output.Count("exception"), size_t{0});
 }
 
 } // namespace

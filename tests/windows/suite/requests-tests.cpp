@@ -8,20 +8,16 @@ using namespace suite;
 namespace
 {
 
-// The loaded framework, with cleanup requests.
+// The loaded framework.
 struct Filter {
     Filter()
     {
         driver.Start();
-        cleanup.Start();
-    }
-    ~Filter()
-    {
-        cleanup.Stop(); // before the driver that it reaches into
+        cleanup.emplace();
     }
 
     Service driver{L"ndisfilter"};
-    Service cleanup{L"cleanup-shim"};
+    std::optional<CleanupRequests> cleanup; // goes first
 };
 
 Answer StartShare(Device& device)
@@ -80,6 +76,19 @@ TEST(requests, SharedMemoryHasOneOwner)
     CHECK(As<uint64_t>(StartShare(second).bytes) > kNoAddress);
     second.Close(); // ends the share, too
     CHECK(As<uint64_t>(StartShare(first).bytes) > kNoAddress);
+}
+
+TEST(requests, TheProgramSeesTheSharedMemory)
+{
+    if (IsWine()) {
+        throw Skipped("Wine maps no memory of a driver into a program");
+    }
+    const Filter filter;
+    Device device;
+    const auto* shared = reinterpret_cast<const SharedMemory*>(As<uint64_t>(StartShare(device).bytes));
+    CHECK_EQUAL(shared->KernelModeInput.m_iBlockSize, NDIS_FILTER_BLOCK_SIZE);
+    CHECK_EQUAL(shared->KernelModeInput.m_iBlockCount, NDIS_FILTER_BLOCK_COUNT);
+    CHECK_EQUAL(shared->KernelModeInput.m_iBaseOffset, 862208);
 }
 
 TEST(requests, AReadIsParkedAndEndsOneWay)

@@ -16,14 +16,6 @@ namespace
 constexpr wchar_t kGroup[] = L"NdisFilterTest";
 constexpr DWORD kPatienceMs = 10000;
 
-std::string Narrow(const std::wstring& text)
-{
-    std::string narrow;
-    std::transform(text.begin(), text.end(), std::back_inserter(narrow),
-                   [](wchar_t character) { return static_cast<char>(character); });
-    return narrow;
-}
-
 Failure SystemFailure(const std::string& what)
 {
     return Failure(what + ": error " + Text(GetLastError()));
@@ -68,6 +60,14 @@ std::string Text(uint64_t value)
 std::string Text(const std::string& value)
 {
     return "'" + value + "'";
+}
+
+std::string Narrow(const std::wstring& text)
+{
+    std::string narrow;
+    std::transform(text.begin(), text.end(), std::back_inserter(narrow),
+                   [](wchar_t character) { return static_cast<char>(character); });
+    return narrow;
 }
 
 bool WaitFor(const std::function<bool()>& condition)
@@ -167,6 +167,19 @@ void Service::Stop()
     }
     if (!WaitFor([&] { return QueryServiceStatus(handle_, &status) && status.dwCurrentState == SERVICE_STOPPED; })) {
         throw Failure("service " + Narrow(name_) + " does not stop");
+    }
+}
+
+bool IsWine()
+{
+    return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+}
+
+CleanupRequests::CleanupRequests()
+{
+    if (IsWine()) {
+        shim_.emplace(L"cleanup-shim");
+        shim_->Start();
     }
 }
 

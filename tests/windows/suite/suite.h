@@ -47,6 +47,7 @@ struct Skipped : std::runtime_error {
 std::string Place(const char* file, int line);
 std::string Text(uint64_t value);
 std::string Text(const std::string& value);
+std::string Narrow(const std::wstring& text);
 
 #define CHECK(Condition)                                                                                              \
     do {                                                                                                              \
@@ -91,6 +92,18 @@ class Service
   private:
     std::wstring name_;
     SC_HANDLE handle_;
+};
+
+bool IsWine();
+
+// Has cleanup requests sent to the framework, which must be loaded as long: Wine sends none.
+class CleanupRequests
+{
+  public:
+    CleanupRequests();
+
+  private:
+    std::optional<Service> shim_;
 };
 
 // --------------------------------------------------------------------------------------------------- devices

@@ -45,7 +45,7 @@ typedef struct IPConfigAddress {
 
 struct FilterAdapter;
 
-/* IP configuration of an adapter: 228 bytes. Counts above 8 are kept as given and read as 8. */
+/* IP configuration of an adapter: 228 bytes. Counts above 8 are kept as given; reads stay inside the record. */
 typedef struct IPConfig {
     struct FilterAdapter* hAdapter; /*   0  the adapter it belongs to */
     ULONG m_nReserved;              /*   8  carried and compared, not interpreted */
@@ -65,8 +65,8 @@ typedef struct IPConfig {
 
 /*
  * One adapter: allocated, filled and freed by the hook driver, which may keep fields of its own behind these. Its
- * address is the adapter handle of client drivers, so it must stay readable until the framework is unbound and the
- * adapter reported closed. The framework writes the fields marked (F); all others are the hook driver's.
+ * address is the adapter handle of client drivers, so it must stay readable until the adapter has been reported closed
+ * and the framework is unbound; report every adapter closed before unbinding, or it stays in the framework's table. The framework writes the fields marked (F); all others are the hook driver's.
  */
 typedef struct FilterAdapter {
     ULONG m_Tag;                                           /*   0  (F) FILTER_ADAPTER_TAG once reported; stays */
@@ -169,7 +169,8 @@ typedef struct FilterPacket {
 
 /*
  * Callbacks that the framework gives. All at up to DISPATCH_LEVEL; the adapter callbacks answer 0. A NULL adapter or
- * packet does nothing. A packet handed to the framework belongs to it until it comes back through
+ * packet does nothing. Opened and closed call Hook_GetTcpIpBoundAdapters before they return: hold no lock that it takes.
+ * A packet handed to the framework belongs to it until it comes back through
  * Hook_InjectPacketToAdapter, Hook_InjectPacketToProtocol or Hook_FreePacket.
  */
 typedef ULONG (*FILTER_ADAPTER_OPENED)(FilterAdapter* pAdapter);
@@ -187,7 +188,8 @@ typedef ULONG (*HOOK_GET_OS_VERSION)(PULONG p1, PULONG p2, PULONG p3, PULONG p4)
 /* Offers a control request that the framework does not know; STATUS_NOT_SUPPORTED declines. PASSIVE_LEVEL. */
 typedef NTSTATUS (*HOOK_HANDLE_IO_CONTROL)(ULONG nControlCode, PVOID pInputBuffer, ULONG nInputLength,
                                            PVOID pOutputBuffer, ULONG nOutputLength, PULONG pBytesReturned);
-/* A new packet for the adapter, or NULL. File and line name the caller, for the hook driver's books. */
+/* A new packet for the adapter, or NULL. File and line name the caller, for the hook driver's books. The user program
+   chooses adapters by identifiers that outlive them: a handle that is no adapter of the hook driver's must get NULL. */
 typedef FilterPacket* (*HOOK_ALLOCATE_PACKET)(FilterAdapter* hAdapter, PCSTR pszFile, ULONG nLine);
 /* Frees a packet; first calls its release callback if it has one. */
 typedef VOID (*HOOK_FREE_PACKET)(FilterPacket* pPacket, PCSTR pszFile, ULONG nLine);

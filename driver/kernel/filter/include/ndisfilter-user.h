@@ -17,6 +17,9 @@
 
 #include <stdint.h>
 
+#define NDIS_FILTER_MAJOR_VERSION 1
+#define NDIS_FILTER_MINOR_VERSION 0
+
 #define NDIS_FILTER_DEVICE_WIN32_NAME "\\\\.\\NdisFilter"
 
 /* ---------------------------------------------------------------------------------------------- control codes */
@@ -68,7 +71,7 @@
 /* One frame in a ring: 1,684 bytes. Written by the program in the input ring, by the driver in the output ring. */
 typedef struct SharedBlock {
     uint32_t m_nAdapterId;                                        /*    0  adapter identifier */
-    uint32_t m_nReserved;                                         /*    4  the driver neither reads nor writes it */
+    uint32_t m_nReserved;                                         /*    4  not used; a signal has its own bytes here */
     uint32_t m_nDirection;                                        /*    8  NDIS_FILTER_DIRECTION_* */
     uint32_t m_nPacketSize;                                       /*   12  frame bytes in m_Data; 0 marks a signal */
     uint32_t m_nCarried[2];                                       /*   16  carried with the packet, not interpreted */

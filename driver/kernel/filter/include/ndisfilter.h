@@ -6,9 +6,10 @@
  * include no other header that declares htons or inet_ntoa beside it.
  *
  * Conventions
- * - Functions answer a FILTER_STATUS; results go through pointers, which are written on success only. A handle is
- *   the address of a record. Null handles, handles in the user range and handles of the wrong kind are refused with
- *   a line in the debug output; a wild kernel address is not.
+ * - Functions answer a FILTER_STATUS; results go through pointers, which are written on success only. Everything that
+ *   is pointed to, names and outputs too, lies in non-paged memory when a function is called above PASSIVE_LEVEL.
+ * - A handle is the address of a record. A null handle is an invalid argument; a handle of the wrong kind, and at
+ *   PASSIVE_LEVEL one in the user range, is refused with a line in the debug output. A wild kernel address is not.
  * - Registrations and name getters answer FILTER_STATUS_SUCCESS and leave the output unwritten when no memory is
  *   left: set the output to null beforehand and test it.
  * - Every function that answers a FILTER_STATUS may answer FILTER_ERROR_EXCEPTION when a pointer it was given faults.
@@ -183,8 +184,8 @@ FILTER_STATUS Filter_FreeLock(FilterLock* pLock);
 
 /*
  * Asks the hook driver for its four version numbers; the pointers are handed on as they are. IRQL <= DISPATCH.
- * FILTER_ERROR_INVALID_ARGUMENT: all four are NULL. FILTER_ERROR_INTERFACE_NOT_ACTIVE: no hook driver is bound.
- * FILTER_ERROR_INTERNAL_ERROR: the hook driver refused.
+ * FILTER_ERROR_INVALID_ARGUMENT: all four are NULL. FILTER_ERROR_INTERFACE_NOT_ACTIVE: no hook driver is bound, or
+ * it gives none. FILTER_ERROR_INTERNAL_ERROR: the hook driver refused.
  */
 FILTER_STATUS Filter_GetOsVersion(PULONG p1, PULONG p2, PULONG p3, PULONG p4);
 
@@ -201,8 +202,8 @@ NTSTATUS Filter_ReplaceDriverRegistryPath(PUNICODE_STRING pSource, PUNICODE_STRI
 
 /*
  * Read a value under an absolute registry path (zero-terminated). PASSIVE_LEVEL. The DWORD readers answer the default
- * when the value or the key is missing or no memory is left. Filter_RegGetStringValue answers TRUE when it was read;
- * a missing value is read as an empty text. A pValue whose Buffer is NULL gets a buffer from the registry (free it
+ * when the value or the key is missing, the value is of another type or no memory is left. Filter_RegGetStringValue
+ * answers TRUE when it was read; a missing value is read as an empty text, one of another type is not read. A pValue whose Buffer is NULL gets a buffer from the registry (free it
  * with ExFreePool), otherwise its own is filled.
  */
 ULONG Filter_RegGetDwordValue(PUNICODE_STRING pRegistryPath, PCWSTR pszName, ULONG nDefault);
@@ -225,7 +226,7 @@ LONGLONG Filter_GetSystemTimeMs(VOID);
 /*
  * Queues an event for the user program: two values and a formatted text of at most 1,024 bytes, or none when the
  * format is NULL. A text of 1,024 characters or more is cut and stored with length -1 and without a terminating zero.
- * IRQL <= DISPATCH. FILTER_ERROR_OUT_OF_MEMORY: 1,023 events are queued already, or no
+ * IRQL <= DISPATCH (wide texts: PASSIVE_LEVEL). FILTER_ERROR_OUT_OF_MEMORY: 1,023 events are queued already, or no
  * memory is left; the event is dropped.
  */
 FILTER_STATUS Filter_ReportEvent(ULONG nEvent1, ULONG nEvent2, PCSTR pszFormat, ...);
@@ -294,7 +295,8 @@ FILTER_STATUS Filter_EnumAdapter(FilterDriver* hFilterDriver, FILTER_ENUM_ADAPTE
 FILTER_STATUS Filter_FindAdapterByMacAddress(const UCHAR* pMacAddress, FilterAdapter** phAdapter);
 FILTER_STATUS Filter_FindAdapterByNetCfgInstanceId(PCSTR pszInstanceId, FilterAdapter** phAdapter);
 
-/* Refreshes the table and reports every adapter in it as opened to all event handlers. IRQL <= DISPATCH. */
+/* Refreshes the table from the hook driver and reports every adapter in it as opened to all event handlers, which run
+   at DISPATCH_LEVEL under the handler list's lock: not from inside such a handler. IRQL <= DISPATCH. */
 VOID Filter_EnumOpenedAdapter(VOID);
 
 /* --------------------------------------------------------------------------------------------- filter drivers */
@@ -340,7 +342,8 @@ FILTER_STATUS Filter_DeregisterDriver(FilterDriver* hFilterDriver);
 typedef FILTER_RESULT (*FILTER_PROC)(FilterDriver* hFilterDriver, PVOID pDriverContext, PacketFilter* hPacketFilter,
                                      PVOID pFilterContext, FilterPacket* pPacket);
 
-/* Called by Filter_EnumFilter at DISPATCH_LEVEL with the chain locked for reading; its result is ignored. */
+/* Called by Filter_EnumFilter at DISPATCH_LEVEL with the chain locked for reading: it must not register or deregister
+   filters of that chain. Its result is ignored. */
 typedef BOOLEAN (*FILTER_ENUM_FILTER)(PVOID pContext, PacketFilter* hPacketFilter);
 
 /*
@@ -353,7 +356,7 @@ FILTER_STATUS Filter_RegisterFilter(FilterDriver* hFilterDriver, const STRING* p
                                     PVOID pFilterContext, FILTER_TYPE nType, FILTER_ORDER nOrder,
                                     PacketFilter** phPacketFilter);
 
-/* TRUE when the handle carries the filter tag and a valid type; says so in the debug output otherwise. */
+/* TRUE when the handle carries the filter tag and a valid type; says otherwise in the debug output. IRQL <= DISPATCH. */
 BOOLEAN Filter_IsValidFilter(PacketFilter* hPacketFilter);
 
 /*
@@ -380,7 +383,10 @@ FILTER_STATUS Filter_GetFilterOrder(PacketFilter* hPacketFilter, FILTER_ORDER* p
 FILTER_STATUS Filter_EnumFilter(FilterDriver* hFilterDriver, FILTER_ENUM_FILTER pfEnumProc, PVOID pContext,
                                 FILTER_TYPE nType);
 
-/* Prints a chain, or one filter with its position and counters, to the debug output. IRQL <= DISPATCH. */
+/*
+ * Prints a chain, or one filter with its position and counters, to the debug output; that filter must stay registered
+ * meanwhile. IRQL <= DISPATCH. FILTER_ERROR_INVALID_FILTER_TYPE: no such chain.
+ */
 FILTER_STATUS Filter_DumpFilter(FILTER_TYPE nType);
 VOID Filter_ShowFilter(PacketFilter* hPacketFilter, ULONG nPosition);
 

@@ -1,0 +1,72 @@
+# The drivers for Windows x86-64: the framework, the sample client drivers, and what the tests under Wine need.
+# Included by the top CMakeLists.txt under the Windows toolchain, so that objects are named by paths below the top.
+set(windows ${CMAKE_CURRENT_LIST_DIR})
+set(filter ${PROJECT_SOURCE_DIR}/driver/kernel/filter)
+set(NDISFILTER_KERNEL_INCLUDE ${windows}/include)
+include(${windows}/cmake/windows-driver.cmake)
+
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+add_compile_options(-Werror)
+
+# In the command line, so that the files are compiled anew when it changes: clang takes the texts of __DATE__ and
+# __TIME__ from it.
+if(NDISFILTER_SOURCE_DATE)
+    set_property(GLOBAL PROPERTY RULE_LAUNCH_COMPILE "env SOURCE_DATE_EPOCH=${NDISFILTER_SOURCE_DATE}")
+endif()
+
+# One list of exports makes the module definition.
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${filter}/ndisfilter.exports)
+file(STRINGS ${filter}/ndisfilter.exports exports REGEX "^[^#]")
+list(JOIN exports "\n    " exports)
+file(CONFIGURE OUTPUT ndisfilter.def CONTENT "LIBRARY ndisfilter.sys\nEXPORTS\n    ${exports}\n")
+
+file(GLOB sources CONFIGURE_DEPENDS ${filter}/*.cpp)
+add_windows_driver(ndisfilter
+    SOURCES ${sources}
+    EXPORTS ${CMAKE_CURRENT_BINARY_DIR}/ndisfilter.def
+    RESOURCE ${windows}/ndisfilter.rc)
+target_include_directories(ndisfilter PRIVATE ${filter} ${filter}/include)
+target_link_options(ndisfilter PRIVATE /version:1.0)
+
+file(GLOB samples ${PROJECT_SOURCE_DIR}/samples/*)
+foreach(sample IN LISTS samples)
+    cmake_path(GET sample FILENAME name)
+    file(GLOB sources CONFIGURE_DEPENDS ${sample}/*.cpp)
+    add_windows_driver(${name} SOURCES ${sources} LIBRARIES ndisfilter)
+    target_include_directories(${name} PRIVATE ${filter}/include)
+endforeach()
+
+# Every public header compiles alone, as C and as C++; the one for user programs also beside those of a program.
+file(GLOB headers CONFIGURE_DEPENDS ${filter}/include/*.h)
+add_library(public-headers-alone OBJECT)
+target_include_directories(public-headers-alone PRIVATE ${filter}/include)
+target_link_libraries(public-headers-alone PRIVATE windows-kernel)
+add_library(user-header-in-program OBJECT)
+target_include_directories(user-header-in-program PRIVATE ${filter}/include)
+target_include_directories(user-header-in-program SYSTEM PRIVATE ${NDISFILTER_MINGW_INCLUDE})
+target_compile_options(user-header-in-program PRIVATE -Wall -Wextra)
+foreach(language IN ITEMS c cpp)
+    foreach(header IN LISTS headers)
+        cmake_path(GET header FILENAME name)
+        set(unit ${CMAKE_CURRENT_BINARY_DIR}/headers/${name}.${language})
+        file(CONFIGURE OUTPUT ${unit} CONTENT "#include <${name}>\n")
+        target_sources(public-headers-alone PRIVATE ${unit})
+    endforeach()
+    set(unit ${CMAKE_CURRENT_BINARY_DIR}/headers/user-program.${language})
+    file(CONFIGURE OUTPUT ${unit} CONTENT "#include <winsock2.h>\n#include <ndisfilter-user.h>\n")
+    target_sources(user-header-in-program PRIVATE ${unit})
+endforeach()
+
+add_subdirectory(tests/windows)
+
+# What users and developers of client drivers get.
+set(images $<TARGET_FILE:ndisfilter> ${CMAKE_CURRENT_BINARY_DIR}/ndisfilter.pdb)
+foreach(sample IN LISTS samples)
+    cmake_path(GET sample FILENAME name)
+    list(APPEND images $<TARGET_FILE:${name}> ${CMAKE_CURRENT_BINARY_DIR}/${name}.pdb)
+endforeach()
+list(APPEND images $<TARGET_FILE:loophook> ${CMAKE_CURRENT_BINARY_DIR}/tests/windows/loophook.pdb)
+install(FILES ${images} ${CMAKE_CURRENT_BINARY_DIR}/ndisfilter.lib ${windows}/ndisfilter.inf DESTINATION .)
+install(FILES ${headers} DESTINATION include)
+install(FILES ${windows}/include/ntddk.h ${windows}/include/ndis.h DESTINATION kernel-include)
+install(FILES ${windows}/cmake/windows-driver.cmake ${windows}/cmake/windows-toolchain.cmake DESTINATION cmake)

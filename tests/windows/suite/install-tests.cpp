@@ -1,0 +1,49 @@
+// ndisfilter.inf, as the system's installer reads it.
+#include "suite.h"
+
+#include <setupapi.h>
+
+using namespace suite;
+
+namespace
+{
+
+constexpr wchar_t kKey[] = L"System\\CurrentControlSet\\Services\\NdisFilter";
+constexpr wchar_t kInstalled[] = L"C:\\windows\\system32\\drivers\\ndisfilter.sys";
+
+void RunSection(const wchar_t* section)
+{
+    // 128: the inf's own directory is the source, and no restart is offered.
+    const std::wstring command = std::wstring(section) + L" 128 " + options.drivers + L"\\ndisfilter.inf";
+    InstallHinfSectionW(nullptr, nullptr, command.c_str(), 0);
+}
+
+DWORD Number(const wchar_t* name)
+{
+    DWORD value = 0, size = sizeof(value);
+    const LSTATUS status =
+        RegGetValueW(HKEY_LOCAL_MACHINE, kKey, name, RRF_RT_REG_DWORD, nullptr, &value, &size);
+    if (status != ERROR_SUCCESS) {
+        throw Failure("the service has no number " + Narrow(name) + ": error " + Text(status));
+    }
+    return value;
+}
+
+bool Exists(const wchar_t* path)
+{
+    return GetFileAttributesW(path) != INVALID_FILE_ATTRIBUTES;
+}
+
+TEST(install, TheInfInstallsAndRemovesTheService)
+{
+    RunSection(L"DefaultInstall");
+    CHECK(Exists(kInstalled));
+    CHECK_EQUAL(Number(L"Type"), DWORD{SERVICE_KERNEL_DRIVER});
+    CHECK_EQUAL(Number(L"Start"), DWORD{SERVICE_SYSTEM_START});
+    CHECK_EQUAL(Number(L"GlobalDebugFlag"), 0u);
+    CHECK_EQUAL(Number(L"PendingPacketLimit"), 2048u);
+    RunSection(L"DefaultUninstall");
+    CHECK(!Exists(kInstalled));
+}
+
+} // namespace
