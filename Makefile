@@ -3,11 +3,12 @@
 # What `make run` runs.
 LAB = replay tests/data/session.pcapng --filter blocker
 
-.PHONY: help run test bench clean
+.PHONY: help run test windows bench clean
 
 help:
 	@echo 'make run     build the lab and replay a recorded capture through the sample filter'
-	@echo 'make test    build and test everything: gcc, clang, sanitizers, Windows compile check'
+	@echo 'make test    build and test everything: gcc, clang, sanitizers, the Windows drivers under Wine'
+	@echo 'make windows build the Windows drivers into dist/'
 	@echo 'make bench   build and run the benchmarks'
 	@echo 'make clean   remove everything that was built'
 	@echo
@@ -19,8 +20,11 @@ run:
 test:
 	@scripts/test
 
+windows:
+	@scripts/windows
+
 bench:
 	@scripts/bench
 
 clean:
-	rm -rf build
+	rm -rf build dist

@@ -341,7 +341,7 @@ FilterPacket* HookAllocatePacket(FilterAdapter* adapter, PCSTR file, ULONG line)
     ProcessorScope scope;
     HookState* state = scope.State();
     // The framework does not know whether the handle is an adapter: the user program may have chosen it.
-    FilterPacket* packet = state != nullptr && IsAdapterOf(*state, adapter)
+    FilterPacket* packet = state != nullptr && (adapter == nullptr || IsAdapterOf(*state, adapter))
                                ? state->pool.Take(scope, Origin::Allocated, file, line)
                                : nullptr;
     if (packet != nullptr) {

@@ -29,11 +29,6 @@ DWORD Number(const wchar_t* name)
     return value;
 }
 
-bool Exists(const wchar_t* path)
-{
-    return GetFileAttributesW(path) != INVALID_FILE_ATTRIBUTES;
-}
-
 TEST(install, TheInfInstallsAndRemovesTheService)
 {
     RunSection(L"DefaultInstall");

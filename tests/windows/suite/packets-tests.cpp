@@ -168,6 +168,29 @@ TEST(packets, AFilterThatFaultsIsContained)
     CHECK_EQUAL(output.Count(": exception, code = -1073741795"), size_t{kRounds}); // invalid instruction
 }
 
+TEST(packets, TheExampleOfTheDistributionLoadsAndCounts)
+{
+    if (!Exists(options.drivers + L"\\sizes.sys")) {
+        throw Skipped("sizes.sys is not built; scripts/check-client-example does");
+    }
+    Room room;
+    room.OpenAdapters();
+    room.Bind();
+    Service sizes(L"sizes");
+    sizes.Start();
+    LoopFrame frame = UdpFrame(0, 80);
+    for (const uint32_t length : {60u, 64u, 65u, 1514u}) {
+        frame.length = length;
+        room.Receive(frame);
+    }
+    const DebugOutput output;
+    sizes.Stop();
+    CHECK(output.ShowsExactly("sizes: 2 frames of up to 64 bytes"));
+    CHECK(output.ShowsExactly("sizes: 1 frames of up to 128 bytes"));
+    CHECK(output.ShowsExactly("sizes: 0 frames of up to 1024 bytes"));
+    CHECK(output.ShowsExactly("sizes: 1 frames of up to 1648 bytes"));
+}
+
 // The program's part of the rings, played through the hook driver.
 class Rings
 {

@@ -95,6 +95,7 @@ class Service
 };
 
 bool IsWine();
+bool Exists(const std::wstring& path);
 
 // Has cleanup requests sent to the framework, which must be loaded as long: Wine sends none.
 class CleanupRequests

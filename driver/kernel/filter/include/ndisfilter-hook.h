@@ -189,7 +189,7 @@ typedef ULONG (*HOOK_GET_OS_VERSION)(PULONG p1, PULONG p2, PULONG p3, PULONG p4)
 typedef NTSTATUS (*HOOK_HANDLE_IO_CONTROL)(ULONG nControlCode, PVOID pInputBuffer, ULONG nInputLength,
                                            PVOID pOutputBuffer, ULONG nOutputLength, PULONG pBytesReturned);
 /* A new packet for the adapter, or NULL. File and line name the caller, for the hook driver's books. The user program
-   chooses adapters by identifiers that outlive them: a handle that is no adapter of the hook driver's must get NULL. */
+   chooses adapters by identifiers that outlive them: a handle that is none of the hook driver's must get NULL. */
 typedef FilterPacket* (*HOOK_ALLOCATE_PACKET)(FilterAdapter* hAdapter, PCSTR pszFile, ULONG nLine);
 /* Frees a packet; first calls its release callback if it has one. */
 typedef VOID (*HOOK_FREE_PACKET)(FilterPacket* pPacket, PCSTR pszFile, ULONG nLine);
