@@ -172,12 +172,8 @@ VOID DumpIp(FilterPacket& packet)
 
 } // namespace
 
-VOID Filter_DumpPacket(PCSTR pszTitle, FilterPacket* pPacket)
+VOID DumpPacket(PCSTR pszTitle, FilterPacket* pPacket)
 {
-    if (pszTitle == nullptr || pPacket == nullptr || pPacket->m_hAdapter == nullptr ||
-        !LoadRelaxed(pPacket->m_hAdapter->m_bPacketDump)) {
-        return;
-    }
     PrintHexDump(pszTitle, pPacket->m_Data, pPacket->m_nPacketSize);
     DbgPrint(" - pPacket 0x%p, hAdapter 0x%p, Size %d\n", pPacket, pPacket->m_hAdapter, pPacket->m_nPacketSize);
     const UCHAR* const frame = pPacket->m_pEthernet;
@@ -191,5 +187,12 @@ VOID Filter_DumpPacket(PCSTR pszTitle, FilterPacket* pPacket)
         DumpArp(pPacket->m_Data);
     } else if (etherType == ETHERTYPE_IP) {
         DumpIp(*pPacket);
+    }
+}
+
+VOID Filter_DumpPacket(PCSTR pszTitle, FilterPacket* pPacket)
+{
+    if (pszTitle != nullptr && pPacket != nullptr) {
+        DumpWhenEnabled(pszTitle, pPacket);
     }
 }

@@ -41,7 +41,7 @@ FILTER_STATUS DeliverToHook(const Delivery& delivery, FilterAdapter* adapter, Fi
             return FILTER_ERROR_INTERFACE_NOT_ACTIVE;
         }
         packet->m_hAdapter = adapter;
-        Filter_DumpPacket(delivery.Title, packet);
+        DumpWhenEnabled(delivery.Title, packet);
         // From here on the packet is the hook driver's, whatever it answers.
         return inject(adapter, packet) == 0 ? FILTER_STATUS_SUCCESS : FILTER_ERROR_INTERNAL_ERROR;
     });
@@ -124,7 +124,7 @@ VOID ProcessHookPacket(FilterPacket* packet)
 VOID ProcessApplicationPacket(FilterPacket* packet)
 {
     Filter_InitPacketHeader(packet, nullptr);
-    Filter_DumpPacket(">> Injected Packet", packet);
+    DumpWhenEnabled(">> Injected Packet", packet);
     switch (packet->m_nDirection) {
     case NDIS_FILTER_DIRECTION_TO_ADAPTER:
         Filter_InvokeFilters(FILTER_TYPE_INJECT_TO_ADAPTER, packet);
@@ -232,7 +232,7 @@ FILTER_STATUS Filter_IndicatePacketToApplication(FilterPacket* pPacket, ULONG nC
         }
         pPacket->m_nIndicateCode = nCode;
         pPacket->m_nIndicateValue = nValue;
-        Filter_DumpPacket("<< Indicate to Application", pPacket);
+        DumpWhenEnabled("<< Indicate to Application", pPacket);
         NdisFilter_WriteShareMemory(pPacket);
         return FILTER_STATUS_SUCCESS;
     });

@@ -25,7 +25,7 @@ class ChainWalk
     // The verdict that ended the walk; FILTER_RESULT_BYPASS when none did.
     FILTER_RESULT Run()
     {
-        while (!ended_) {
+        while (!ended_ && next_ != end_) {
             const NTSTATUS code = Guarded([&] { RunUntilVerdict(); });
             if (!ended_) {
                 DbgPrint("  %s: exception, code = %d, pPacket=0x%p\n", name_, code, packet_);
@@ -130,7 +130,7 @@ class ChainWalk
     // Guarded: the chain is locked, and a fault must come back through its release.
     VOID DumpDiscarded()
     {
-        const NTSTATUS code = Guarded([&] { Filter_DumpPacket("DD Filter Discard", packet_); });
+        const NTSTATUS code = Guarded([&] { DumpWhenEnabled("DD Filter Discard", packet_); });
         if (code != 0) {
             DbgPrint("  %s: exception, code = %d, pPacket=0x%p\n", name_, code, packet_);
         }
@@ -237,7 +237,7 @@ VOID FilterHookPacket(FilterPacket* packet, ULONG direction, PCSTR title, FILTER
 {
     Filter_InitPacketHeader(packet, nullptr);
     packet->m_nDirection = direction;
-    Filter_DumpPacket(title, packet);
+    DumpWhenEnabled(title, packet);
     Filter_InvokeFilters(type, packet);
 }
 

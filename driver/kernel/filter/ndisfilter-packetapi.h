@@ -23,6 +23,18 @@ constexpr UCHAR IP_PROTOCOL_ICMP = 1;
 constexpr UCHAR IP_PROTOCOL_TCP = 6;
 constexpr UCHAR IP_PROTOCOL_UDP = 17;
 
+// Prints the packet; title and adapter are given.
+VOID DumpPacket(PCSTR pszTitle, FilterPacket* pPacket);
+
+// The same if its adapter's dump flag is on: all that a frame's road costs for it.
+inline VOID DumpWhenEnabled(PCSTR pszTitle, FilterPacket* pPacket)
+{
+    const FilterAdapter* const adapter = pPacket->m_hAdapter;
+    if (adapter != nullptr && __builtin_expect(LoadRelaxed(adapter->m_bPacketDump) != 0, 0)) {
+        DumpPacket(pszTitle, pPacket);
+    }
+}
+
 inline ULONG ReadBe16(const UCHAR* p)
 {
     return static_cast<ULONG>(p[0]) << 8 | p[1];

@@ -33,11 +33,6 @@ template <class... Arguments> VOID Trace(ULONG area, PCSTR format, Arguments... 
     }
 }
 
-inline VOID TraceError(ULONG area, FILTER_STATUS status)
-{
-    Trace(area, "  Error: %d - %s\n", status, Filter_StatusString(status));
-}
-
 inline VOID PrintException(PCSTR name, NTSTATUS code)
 {
     DbgPrint("%s: exception, code = %d\n", name, code);
@@ -68,39 +63,25 @@ struct CallTrace {
     PCSTR ExceptionName = nullptr; // where the exception line carries another name
 };
 
-inline VOID TraceEnter(const CallTrace& trace)
-{
-    if (TraceEnabled(trace.Area)) {
-        if (trace.Enter != nullptr) {
-            DbgPrint(trace.Enter, trace.Subject);
-        } else {
-            DbgPrint("Enter %s\n", trace.Name);
-        }
-    }
-}
-
-inline VOID TraceLeave(const CallTrace& trace, FILTER_STATUS status)
-{
-    if (TraceEnabled(trace.Area)) {
-        if (status != FILTER_STATUS_SUCCESS || trace.Success != SuccessTrace::Leave) {
-            TraceError(trace.Area, status);
-        }
-        if (status != FILTER_STATUS_SUCCESS || trace.Success != SuccessTrace::ErrorOnly) {
-            DbgPrint("Leave %s, %d-%s\n", trace.Name, status, Filter_StatusString(status));
-        }
-    }
-}
+// Both print whatever the mask says: the caller has looked at it.
+VOID PrintEnter(const CallTrace& trace);
+VOID PrintLeave(const CallTrace& trace, FILTER_STATUS status);
 
 // Runs the body of an exported function, a callable that answers a FILTER_STATUS, inside an exception guard and
 // between its trace lines. The body runs without destructors when it faults: see the guard.
-template <class Body> FILTER_STATUS TracedCall(const CallTrace& trace, const Body& body)
+template <class Body>
+__attribute__((always_inline)) inline FILTER_STATUS TracedCall(const CallTrace& trace, const Body& body)
 {
     FILTER_STATUS status = FILTER_ERROR_EXCEPTION;
-    TraceEnter(trace);
+    if (TraceEnabled(trace.Area)) {
+        PrintEnter(trace);
+    }
     const NTSTATUS code = Guarded([&] { status = body(); });
     if (__builtin_expect(code != 0, 0)) {
         status = ExceptionStatus(trace.ExceptionName != nullptr ? trace.ExceptionName : trace.Name, code);
     }
-    TraceLeave(trace, status);
+    if (TraceEnabled(trace.Area)) {
+        PrintLeave(trace, status);
+    }
     return status;
 }
