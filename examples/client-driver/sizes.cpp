@@ -1,5 +1,5 @@
-// A client driver that changes nothing: it counts received frames by their length and prints the counts when it is
-// unloaded.
+// A client driver that changes nothing: it counts received frames by their length and prints the counts when
+// it is unloaded.
 #include <ntddk.h>
 
 #include <ndis.h>

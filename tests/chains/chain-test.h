@@ -49,7 +49,8 @@ class ChainTest : public support::FrameworkTest
             const size_t place = text.find(name);
             EXPECT_NE(place, std::string::npos) << name << " in " << text;
             const size_t number = text.find("= ", place);
-            return number == std::string::npos ? ~0u : static_cast<uint32_t>(std::stoul(text.substr(number + 2)));
+            return number == std::string::npos ? ~0u
+                                               : static_cast<uint32_t>(std::stoul(text.substr(number + 2)));
         };
         return {value("m_PacketProcess"), value("m_PacketBypass"), value("m_PacketDiscard"),
                 value("m_PacketConsume"), value("m_PacketCapture")};
@@ -91,8 +92,8 @@ class ChainTest : public support::FrameworkTest
 
 inline std::string ExceptionLine(const char* function, int32_t code, const FilterPacket* packet)
 {
-    return std::string("  ") + function + ": exception, code = " + std::to_string(code) + ", pPacket=" +
-           support::PointerText(packet) + "\n";
+    return std::string("  ") + function + ": exception, code = " + std::to_string(code) +
+           ", pPacket=" + support::PointerText(packet) + "\n";
 }
 
 } // namespace chains

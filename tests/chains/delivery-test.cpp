@@ -1,4 +1,4 @@
-// The end of the road: what a client is told about a delivery, and that a packet never gets lost on a failing one.
+// The end of the road: what a client is told about a delivery, and that a failing one loses no packet.
 #include "chain-test.h"
 
 using namespace chains;
@@ -21,14 +21,14 @@ const Operation kOperations[] = {
      "Filter_InjectPacketToAdapterEx"},
     {"to protocols, at once", Filter_IndicatePacketToProtocolEx, hook::Side::Protocols, true,
      "Filter_InjectPacketToProtocolEx"},
-    {"to adapter", Filter_InjectPacketToAdapter, hook::Side::Adapter, false, "Filter_InjectPacketToAdapterEx"},
+    {"to adapter", Filter_InjectPacketToAdapter, hook::Side::Adapter, false,
+     "Filter_InjectPacketToAdapterEx"},
     {"to protocols", Filter_IndicatePacketToProtocol, hook::Side::Protocols, false,
      "Filter_InjectPacketToProtocolEx"},
 };
 
 class DeliveryTest : public ChainTest
-{
-};
+{};
 
 TEST_F(DeliveryTest, EachOutcomeHasItsStatusAndPlaceInTheBalance)
 {
@@ -52,7 +52,8 @@ TEST_F(DeliveryTest, EachOutcomeHasItsStatusAndPlaceInTheBalance)
         hook::SetBehaviour(adapter, operation.side, hook::Behaviour::Refuse);
         EXPECT_EQ(run(adapter), status(FILTER_ERROR_INTERNAL_ERROR));
         EXPECT_EQ(hook::TakeBalance().refused - before.refused, 1u);
-        EXPECT_EQ(hook::TakeBalance().freed - before.freed, 1u); // the hook driver took it; it is not released again
+        EXPECT_EQ(hook::TakeBalance().freed - before.freed,
+                  1u); // the hook driver took it; it is not released again
 
         hook::SetBehaviour(adapter, operation.side, hook::Behaviour::Fault);
         Debug().Take();
@@ -66,13 +67,15 @@ TEST_F(DeliveryTest, EachOutcomeHasItsStatusAndPlaceInTheBalance)
 
 TEST_F(DeliveryTest, WithoutAHookDriverThePacketIsReleased)
 {
-    const hook::Function functions[] = {hook::Function::InjectPacketToAdapter, hook::Function::InjectPacketToProtocol};
+    const hook::Function functions[] = {hook::Function::InjectPacketToAdapter,
+                                        hook::Function::InjectPacketToProtocol};
     ASSERT_EQ(hook::Unbind(), STATUS_SUCCESS);
     ASSERT_EQ(hook::Bind({.without = {functions[0], functions[1]}}), STATUS_SUCCESS);
     for (const Operation& operation : kOperations) {
         const hook::Balance before = hook::TakeBalance();
         const FILTER_STATUS status = operation.run(adapter, MakePacket(adapter, UdpFrame()));
-        EXPECT_EQ(status, operation.reportsDelivery ? FILTER_ERROR_INTERFACE_NOT_ACTIVE : FILTER_STATUS_SUCCESS);
+        EXPECT_EQ(status,
+                  operation.reportsDelivery ? FILTER_ERROR_INTERFACE_NOT_ACTIVE : FILTER_STATUS_SUCCESS);
         EXPECT_EQ(hook::TakeBalance().freed - before.freed, 1u);
     }
     FilterPacket* packet = MakePacket(adapter, UdpFrame());
@@ -90,7 +93,8 @@ TEST_F(DeliveryTest, AFilterMayInjectFromItsProcedure)
     const TestFilter echo(driver, {.type = FILTER_TYPE_INJECT_TO_ADAPTER});
     const TestFilter filter(driver, {}, [&](FilterPacket* packet) {
         if (packet->m_Data[35] == 1) {
-            Filter_InvokeFilters(FILTER_TYPE_INCOMING_PACKET, MakePacket(adapter, inner)); // its own chain, nested
+            Filter_InvokeFilters(FILTER_TYPE_INCOMING_PACKET,
+                                 MakePacket(adapter, inner)); // its own chain, nested
             Filter_InjectPacketToAdapter(adapter, MakePacket(adapter, back));
         }
         return FILTER_RESULT_BYPASS;

@@ -12,7 +12,7 @@ namespace
 
 constexpr uint64_t kThreads = 4;
 
-// Threads that deliver frames, alternately received and sent, until they are stopped or have delivered enough.
+// Threads that deliver frames, alternately received and sent, until stopped or until they have delivered enough.
 class Traffic
 {
   public:
@@ -29,10 +29,7 @@ class Traffic
             });
         }
     }
-    ~Traffic()
-    {
-        Stop();
-    }
+    ~Traffic() { Stop(); }
     void Join()
     {
         for (std::thread& thread : std::exchange(threads_, {})) {
@@ -44,10 +41,7 @@ class Traffic
         stop_ = true;
         Join();
     }
-    uint64_t Accepted() const
-    {
-        return accepted_;
-    }
+    uint64_t Accepted() const { return accepted_; }
 
   private:
     std::atomic<bool> stop_{false};
@@ -56,8 +50,7 @@ class Traffic
 };
 
 class TrafficTest : public ChainTest
-{
-};
+{};
 
 // The verdict stands in the frame. It takes no lock of its own, which would keep the processors apart.
 FILTER_RESULT VerdictInFrame(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket* packet)
@@ -116,8 +109,8 @@ TEST_F(TrafficTest, ADeregisteredFilterIsNotRunningAnyMore)
             return FILTER_RESULT_BYPASS;
         };
         auto in = std::make_unique<TestFilter>(driver, TestFilter::Options{}, check);
-        auto out =
-            std::make_unique<TestFilter>(driver, TestFilter::Options{.type = FILTER_TYPE_OUTGOING_PACKET}, check);
+        auto out = std::make_unique<TestFilter>(
+            driver, TestFilter::Options{.type = FILTER_TYPE_OUTGOING_PACKET}, check);
         EXPECT_TRUE(Eventually([&] { return in->CallCount() > 0 && out->CallCount() > 0; }));
         if (round % 2 == 0) {
             EXPECT_EQ(in->Deregister(), FILTER_STATUS_SUCCESS);
@@ -155,15 +148,15 @@ TEST_F(TrafficTest, ANestedWalkPassesAWaitingRegistration)
 }
 
 class UnbindTest : public ChainTest, public testing::WithParamInterface<hook::UnbindMode>
-{
-};
+{};
 
 TEST_P(UnbindTest, LosesNoPacketInTheMiddleOfTraffic)
 {
     {
         TestDriver driver;
         const TestFilter filter(driver, {}, [](FilterPacket* packet) {
-            return packet->m_Data[packet->m_nPacketSize - 1] % 4 == 0 ? FILTER_RESULT_DISCARD : FILTER_RESULT_BYPASS;
+            return packet->m_Data[packet->m_nPacketSize - 1] % 4 == 0 ? FILTER_RESULT_DISCARD
+                                                                      : FILTER_RESULT_BYPASS;
         });
         Traffic traffic(adapter);
         for (int round = 0; round < 100; ++round) {
@@ -187,7 +180,8 @@ TEST_P(UnbindTest, LosesNoPacketInTheMiddleOfTraffic)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, UnbindTest, testing::Values(hook::UnbindMode::Drained, hook::UnbindMode::Abrupt),
+INSTANTIATE_TEST_SUITE_P(Modes, UnbindTest,
+                         testing::Values(hook::UnbindMode::Drained, hook::UnbindMode::Abrupt),
                          [](const auto& suite) {
                              return suite.param == hook::UnbindMode::Drained ? "Drained" : "Abrupt";
                          });

@@ -9,8 +9,7 @@ namespace
 {
 
 class VerdictTest : public ChainTest
-{
-};
+{};
 
 TEST_F(VerdictTest, DecidesThePacketsFateInEveryChain)
 {
@@ -35,13 +34,14 @@ TEST_F(VerdictTest, DecidesThePacketsFateInEveryChain)
             int context = 0;
             TestDriver driver("client", &context);
             const TestFilter next(driver, {.type = type});
-            const TestFilter first(driver, {.type = type, .order = FILTER_ORDER_FIRST}, [&](FilterPacket* packet) {
-                EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
-                EXPECT_EQ(packet->m_hAdapter, adapter);
-                EXPECT_EQ(packet->m_nDirection, GoesToAdapter(type) ? 2u : 1u);
-                EXPECT_NE(packet->m_pUdp, nullptr);
-                return test.verdict;
-            });
+            const TestFilter first(driver, {.type = type, .order = FILTER_ORDER_FIRST},
+                                   [&](FilterPacket* packet) {
+                                       EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+                                       EXPECT_EQ(packet->m_hAdapter, adapter);
+                                       EXPECT_EQ(packet->m_nDirection, GoesToAdapter(type) ? 2u : 1u);
+                                       EXPECT_NE(packet->m_pUdp, nullptr);
+                                       return test.verdict;
+                                   });
             const hook::Balance before = hook::TakeBalance();
             const uint64_t deliveredBefore = Delivered(type);
             Enter(type, UdpFrame());
@@ -129,7 +129,8 @@ TEST_F(VerdictTest, AnExceptionCostsOnlyTheFilterThatRaisedIt)
             const uint64_t before = Delivered(type);
             Debug().Take();
             Enter(type, UdpFrame());
-            const std::string line = ExceptionLine("Filter_InvokeFilters", test.code, first.Calls()[0].packet);
+            const std::string line =
+                ExceptionLine("Filter_InvokeFilters", test.code, first.Calls()[0].packet);
             EXPECT_EQ(Debug().Take(), line + line);
             EXPECT_EQ(Delivered(type) - before, 1u);
             EXPECT_EQ(CountersOf(first), Counters{.process = 1});
@@ -149,8 +150,7 @@ class MethodTest : public ChainTest
             : a(driver, {.type = type, .order = 1}, Note('a', fault)),
               b(driver, {.type = type, .order = 2}, Note('b', fault)),
               c(driver, {.type = type, .order = 3}, Note('c', fault))
-        {
-        }
+        {}
 
         TestFilter::Procedure Note(char name, char fault)
         {
@@ -203,13 +203,15 @@ TEST_F(MethodTest, ChoosesThePartOfTheChainThatRuns)
 
 TEST_F(MethodTest, VerdictsEndAPartialWalkAsAWholeOne)
 {
-    for (const FILTER_RESULT verdict : {FILTER_RESULT_DISCARD, FILTER_RESULT_CONSUME, FILTER_RESULT_CAPTURE}) {
+    for (const FILTER_RESULT verdict :
+         {FILTER_RESULT_DISCARD, FILTER_RESULT_CONSUME, FILTER_RESULT_CAPTURE}) {
         TestDriver driver;
         const TestFilter c(driver, {.order = 3});
         const TestFilter b(driver, {.order = 2}, [&](FilterPacket*) { return verdict; });
         const TestFilter a(driver, {.order = 1});
         const hook::Balance before = hook::TakeBalance();
-        Filter_InvokeFiltersEx(FILTER_METHOD_START_AFTER_THIS_FILTER, a.Handle(), MakePacket(adapter, UdpFrame()));
+        Filter_InvokeFiltersEx(FILTER_METHOD_START_AFTER_THIS_FILTER, a.Handle(),
+                               MakePacket(adapter, UdpFrame()));
         EXPECT_EQ(a.CallCount() + c.CallCount(), 0u);
         EXPECT_EQ(CountersOf(b), (Counters{.process = 1,
                                            .discard = verdict == FILTER_RESULT_DISCARD,
@@ -231,8 +233,9 @@ TEST_F(MethodTest, WithoutAValidFilterThePacketIsReleased)
     PacketFilter* const stale = filter.Handle();
     ASSERT_EQ(filter.Deregister(), FILTER_STATUS_SUCCESS);
     const TestFilter other(driver, {});
-    for (PacketFilter* handle : {static_cast<PacketFilter*>(nullptr), stale,
-                                 reinterpret_cast<PacketFilter*>(driver.Handle()), Unreadable<PacketFilter>()}) {
+    for (PacketFilter* handle :
+         {static_cast<PacketFilter*>(nullptr), stale, reinterpret_cast<PacketFilter*>(driver.Handle()),
+          Unreadable<PacketFilter>()}) {
         for (FILTER_METHOD method = 0; method <= 5; ++method) {
             const hook::Balance before = hook::TakeBalance();
             Filter_InvokeFiltersEx(method, handle, MakePacket(adapter, UdpFrame()));
@@ -260,20 +263,22 @@ TEST_F(ChainTraceTest, TheWalkIsTracedFilterByFilter)
     EXPECT_THAT(Debug().Take(),
                 testing::StartsWith(
                     "Enter Filter_InvokeFilters: Filter=FILTER_TYPE_INCOMING_PACKET, pPacket=" + p + "\n" +
-                    "  Filter_InvokeFilters: FILTER_TYPE_INCOMING_PACKET->Filter[0] - first, pPacket=" + p + "\n" +
-                    "  Filter_InvokeFilters: FILTER_RESULT_BYPASS, pPacket=" + p + "\n" +
-                    "  Filter_InvokeFilters: FILTER_TYPE_INCOMING_PACKET->Filter[1] - second, pPacket=" + p + "\n" +
-                    "  Filter_InvokeFilters: FILTER_RESULT_BYPASS, pPacket=" + p + "\n" +
+                    "  Filter_InvokeFilters: FILTER_TYPE_INCOMING_PACKET->Filter[0] - first, pPacket=" + p +
+                    "\n" + "  Filter_InvokeFilters: FILTER_RESULT_BYPASS, pPacket=" + p + "\n" +
+                    "  Filter_InvokeFilters: FILTER_TYPE_INCOMING_PACKET->Filter[1] - second, pPacket=" + p +
+                    "\n" + "  Filter_InvokeFilters: FILTER_RESULT_BYPASS, pPacket=" + p + "\n" +
                     "Enter Filter_IndicatePacketToProtocolEx\n"));
     packet = MakePacket(adapter, UdpFrame());
     p = PointerText(packet);
     Debug().Take();
     Filter_InvokeFiltersEx(FILTER_METHOD_START_AFTER_THIS_FILTER, first.Handle(), packet);
     const std::string text = Debug().Take();
-    EXPECT_THAT(text, testing::StartsWith("Enter Filter_InvokeFiltersEx\nEnter Filter_InvokeFiltersEx: pPacket=" + p));
-    EXPECT_THAT(text, testing::HasSubstr("Enter Filter_InvokeFiltersEx: Filter=FILTER_TYPE_INCOMING_PACKET, "
-                                         "Method=FILTER_METHOD_START_AFTER_THIS_FILTER\n"
-                                         "  Filter_InvokeFiltersEx: FILTER_TYPE_INCOMING_PACKET->Filter[1] - second"));
+    EXPECT_THAT(text, testing::StartsWith(
+                          "Enter Filter_InvokeFiltersEx\nEnter Filter_InvokeFiltersEx: pPacket=" + p));
+    EXPECT_THAT(text, testing::HasSubstr(
+                          "Enter Filter_InvokeFiltersEx: Filter=FILTER_TYPE_INCOMING_PACKET, "
+                          "Method=FILTER_METHOD_START_AFTER_THIS_FILTER\n"
+                          "  Filter_InvokeFiltersEx: FILTER_TYPE_INCOMING_PACKET->Filter[1] - second"));
     EXPECT_THAT(text, testing::EndsWith("Leave Filter_InvokeFiltersEx\n"));
 }
 

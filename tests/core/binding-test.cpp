@@ -2,11 +2,9 @@
 #include "support/framework.h"
 
 #include <cstring>
-#include <string>
-#include <vector>
+#include <thread>
 
 using namespace support;
-using testing::HasSubstr;
 
 namespace
 {
@@ -17,124 +15,83 @@ constexpr uint32_t kUnbind = IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK;
 constexpr machine::Status kInvalidParameter = static_cast<machine::Status>(0xC000000D);
 constexpr machine::Status kBufferTooSmall = static_cast<machine::Status>(0xC0000023);
 
-ULONG Version(ULONG number, PULONG p1, PULONG p2, PULONG p3, PULONG p4)
+template <ULONG number, ULONG status = 0>
+ULONG Version(PULONG p1, PULONG p2, PULONG p3, PULONG p4)
 {
     *p1 = *p2 = *p3 = *p4 = number;
-    return 0;
+    return status;
 }
 
-ULONG FirstVersion(PULONG p1, PULONG p2, PULONG p3, PULONG p4)
+// The version that the bound hook driver gives, or the status.
+LONG AskVersion()
 {
-    return Version(1, p1, p2, p3, p4);
+    ULONG values[4] = {};
+    const FILTER_STATUS status = Filter_GetOsVersion(&values[0], &values[1], &values[2], &values[3]);
+    return status == FILTER_STATUS_SUCCESS ? static_cast<LONG>(values[3]) : status;
 }
 
-ULONG SecondVersion(PULONG p1, PULONG p2, PULONG p3, PULONG p4)
-{
-    return Version(2, p1, p2, p3, p4);
-}
-
-ULONG FailingVersion(PULONG, PULONG, PULONG, PULONG)
-{
-    return 5;
-}
-
-class BindingTest : public FrameworkTest
+class BindingTest : public DeviceTest
 {
   protected:
-    BindingTest() : FrameworkTest(FrameworkOnly(kTraceCore)) {}
+    BindingTest() : DeviceTest(FrameworkOnly(kTraceCore)) {}
 
-    void SetUp() override
+    // Sends a record, which may be answered, and expects it taken whole.
+    void Send(uint32_t code, NdisHookAPI& record)
     {
-        FrameworkTest::SetUp();
-        device_ = OpenDevice();
-        ASSERT_NE(device_, nullptr);
-        Debug().Take();
+        const machine::Request::Result result = Exchange(*device_, code, record);
+        EXPECT_EQ(result.status, STATUS_SUCCESS);
+        EXPECT_EQ(result.information, 168u);
     }
-    void TearDown() override
+    NdisHookAPI Bind(HOOK_GET_OS_VERSION version)
     {
-        device_.reset();
-        FrameworkTest::TearDown();
+        NdisHookAPI record = HookRecord();
+        record.Hook_GetOsVersion = version;
+        Send(kBind, record);
+        return record;
     }
-
-    // The version that the bound hook driver gives, or the status.
-    static LONG AskVersion()
-    {
-        ULONG values[4] = {};
-        const FILTER_STATUS status = Filter_GetOsVersion(&values[0], &values[1], &values[2], &values[3]);
-        return status == FILTER_STATUS_SUCCESS ? static_cast<LONG>(values[3]) : status;
-    }
-
-    machine::Request::Result Send(uint32_t code, const NdisHookAPI& record, size_t input, size_t output)
-    {
-        const std::span bytes(reinterpret_cast<const uint8_t*>(&record), sizeof(record));
-        return device_->SendInternal(code, bytes, input, output).Wait().value();
-    }
-
-    std::unique_ptr<machine::File> device_;
 };
+
+std::vector<PVOID> FilterFunctions(const NdisHookAPI& record)
+{
+    std::vector<PVOID> functions(5);
+    memcpy(functions.data(), &record.Filter_AdapterOpened, 5 * sizeof(PVOID));
+    return functions;
+}
 
 TEST_F(BindingTest, ExchangesCallbacksForFunctionsAndUndoesIt)
 {
     EXPECT_EQ(AskVersion(), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
-    NdisHookAPI record = HookRecord();
-    record.Hook_GetOsVersion = FirstVersion;
-    machine::Request::Result result = Exchange(*device_, kBind, record);
-    EXPECT_EQ(result.status, STATUS_SUCCESS);
-    EXPECT_EQ(result.information, 168u);
+    NdisHookAPI record = Bind(Version<1>);
     EXPECT_EQ(record.m_Flags, NDIS_HOOK_FLAG_BOUND);
-    EXPECT_NE(record.Filter_AdapterOpened, nullptr);
-    EXPECT_NE(record.Filter_AdapterStatusChanged, nullptr);
-    EXPECT_NE(record.Filter_AdapterClosed, nullptr);
-    EXPECT_NE(record.Filter_FilterReceivedPacket, nullptr);
-    EXPECT_NE(record.Filter_FilterSendPacket, nullptr);
-    EXPECT_EQ(record.Hook_GetOsVersion, FirstVersion);
+    EXPECT_THAT(FilterFunctions(record), testing::Each(testing::NotNull()));
+    EXPECT_EQ(record.Hook_GetOsVersion, Version<1>);
     EXPECT_EQ(AskVersion(), 1);
 
-    // A second binding overwrites the first, functions that it lacks included.
-    NdisHookAPI second = HookRecord();
-    second.Hook_GetOsVersion = SecondVersion;
-    EXPECT_EQ(Exchange(*device_, kBind, second).status, STATUS_SUCCESS);
+    // A later binding overwrites an earlier one, functions that it lacks included.
+    Bind(Version<2>);
     EXPECT_EQ(AskVersion(), 2);
-    second.Hook_GetOsVersion = FailingVersion;
-    EXPECT_EQ(Exchange(*device_, kBind, second).status, STATUS_SUCCESS);
+    Bind((Version<3, 5>)); // fails
     EXPECT_EQ(AskVersion(), FILTER_ERROR_INTERNAL_ERROR);
-    second.Hook_GetOsVersion = nullptr;
-    EXPECT_EQ(Exchange(*device_, kBind, second).status, STATUS_SUCCESS);
+    Bind(nullptr);
     EXPECT_EQ(AskVersion(), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
+    Bind(Version<1>);
 
-    record.m_Flags = 0xFF;
-    result = Exchange(*device_, kUnbind, record);
-    EXPECT_EQ(result.status, STATUS_SUCCESS);
-    EXPECT_EQ(result.information, 168u);
-    EXPECT_EQ(record.m_Flags, 0xFEu);
-    EXPECT_EQ(record.Filter_AdapterOpened, nullptr);
-    EXPECT_EQ(record.Filter_FilterSendPacket, nullptr);
-    EXPECT_EQ(record.Hook_GetOsVersion, FirstVersion);
-    EXPECT_EQ(AskVersion(), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
-
-    record = HookRecord();
-    record.Hook_GetOsVersion = SecondVersion;
-    EXPECT_EQ(Exchange(*device_, kBind, record).status, STATUS_SUCCESS);
+    for (int round = 0; round < 2; round++) { // also when nothing is bound
+        record.m_Flags = 0xFF;
+        memset(&record.Filter_AdapterOpened, 0x11, 5 * sizeof(PVOID));
+        Send(kUnbind, record);
+        EXPECT_EQ(record.m_Flags, 0xFEu);
+        EXPECT_THAT(FilterFunctions(record), testing::Each(testing::IsNull()));
+        EXPECT_EQ(record.Hook_GetOsVersion, Version<1>);
+        EXPECT_EQ(AskVersion(), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
+    }
+    Bind(Version<2>);
     EXPECT_EQ(AskVersion(), 2);
-}
-
-TEST_F(BindingTest, MayBeUndoneWithoutHavingBeenMade)
-{
-    NdisHookAPI record = HookRecord();
-    memset(&record.Filter_AdapterOpened, 0x11, 5 * sizeof(PVOID));
-    const machine::Request::Result result = Exchange(*device_, kUnbind, record);
-    EXPECT_EQ(result.status, STATUS_SUCCESS);
-    EXPECT_EQ(result.information, 168u);
-    EXPECT_EQ(record.Filter_AdapterOpened, nullptr);
-    EXPECT_EQ(record.Filter_FilterSendPacket, nullptr);
-    EXPECT_EQ(record.m_Flags, 0u);
 }
 
 TEST_F(BindingTest, OfAnotherSizeOrVersionIsRefusedAndChangesNothing)
 {
-    NdisHookAPI bound = HookRecord();
-    bound.Hook_GetOsVersion = FirstVersion;
-    ASSERT_EQ(Exchange(*device_, kBind, bound).status, STATUS_SUCCESS);
+    Bind(Version<1>);
     struct Case {
         ULONG size;
         USHORT major;
@@ -152,7 +109,7 @@ TEST_F(BindingTest, OfAnotherSizeOrVersionIsRefusedAndChangesNothing)
             record.m_Size = test.size;
             record.m_MajorVersion = test.major;
             record.m_MinorVersion = test.minor;
-            record.Hook_GetOsVersion = SecondVersion;
+            record.Hook_GetOsVersion = Version<2>;
             Debug().Take();
             const machine::Request::Result result = Exchange(*device_, code, record);
             EXPECT_EQ(result.status, kInvalidParameter) << test.message;
@@ -170,59 +127,65 @@ TEST_F(BindingTest, OfAnotherSizeOrVersionIsRefusedAndChangesNothing)
     }
 }
 
-TEST_F(BindingTest, InShortOrMissingBuffersIsRefused)
+TEST_F(BindingTest, InShortOrMissingBuffersOrByAnotherCodeIsRefused)
 {
     const NdisHookAPI record = HookRecord();
-    for (const uint32_t code : {kBind, kUnbind}) {
-        for (const auto& [input, output] : {std::pair{167, 168}, {168, 167}, {0, 0}}) {
-            const machine::Request::Result result = Send(code, record, input, output);
-            EXPECT_EQ(result.status, kBufferTooSmall) << input << ", " << output;
-            EXPECT_EQ(result.information, 0u);
-        }
-        const auto result = device_->SendInternal(code, {}, 168, 168).Wait();
-        EXPECT_EQ(result->status, kBufferTooSmall);
+    const std::span whole(reinterpret_cast<const uint8_t*>(&record), sizeof(record));
+    struct Case {
+        uint32_t code;
+        std::span<const uint8_t> bytes;
+        size_t input, output;
+        machine::Status status;
+        const char* message;
+    };
+    const char* const tooSmall = "  Input or Output Buffer Length are too small\n";
+    for (const Case& test :
+         {Case{kBind, whole, 167, 168, kBufferTooSmall, tooSmall},
+          {kBind, whole, 168, 167, kBufferTooSmall, tooSmall},
+          {kBind, {}, 168, 168, kBufferTooSmall, tooSmall},
+          {kUnbind, whole, 167, 168, kBufferTooSmall, tooSmall},
+          {kUnbind, whole, 168, 167, kBufferTooSmall, tooSmall},
+          {kUnbind, {}, 168, 168, kBufferTooSmall, tooSmall},
+          {0x80002408, whole, 168, 168, kInvalidParameter, "  Unknown IOCTL = 0x80002408\n"}}) {
+        Debug().Take();
+        const auto result =
+            device_->SendInternal(test.code, test.bytes, test.input, test.output).Wait().value();
+        EXPECT_EQ(result.status, test.status) << test.input << ", " << test.output;
+        EXPECT_EQ(result.information, 0u);
+        EXPECT_TRUE(Debug().Contains(test.message));
     }
-    EXPECT_TRUE(Debug().Contains("  Input or Output Buffer Length are too small\n"));
     EXPECT_EQ(AskVersion(), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
 }
 
-TEST_F(BindingTest, KnowsNoOtherInternalRequest)
-{
-    const NdisHookAPI record = HookRecord();
-    const machine::Request::Result result = Send(0x80002408, record, 168, 168);
-    EXPECT_EQ(result.status, kInvalidParameter);
-    EXPECT_EQ(result.information, 0u);
-    EXPECT_TRUE(Debug().Contains("  Unknown IOCTL = 0x80002408\n"));
-}
-
 struct QuietBindingTest : BindingTest {
-    QuietBindingTest() { plan_ = FrameworkOnly(0); }
+    QuietBindingTest() { plan_ = FrameworkOnly(); }
 };
 
 // Whatever the mask: a line for each field in record order, with what is now bound.
 TEST_F(QuietBindingTest, PrintsTheRecordThatIsBound)
 {
-    NdisHookAPI record = HookRecord();
-    record.Hook_GetOsVersion = FirstVersion;
-    ASSERT_EQ(Exchange(*device_, kBind, record).status, STATUS_SUCCESS);
-    const auto line = [](const char* name, const void* value) {
-        return std::string("  m_NdisHookAPI.") + name + " = " + PointerText(value) + "\n";
+    const NdisHookAPI record = Bind(Version<1>);
+    std::string expected;
+    const auto line = [&](const char* name, ULONG_PTR value) {
+        expected += std::string("  m_NdisHookAPI.") + name + " = " +
+                    PointerText(reinterpret_cast<void*>(value)) + "\n";
     };
-    const auto address = [](auto* function) { return reinterpret_cast<const void*>(function); };
-    std::string expected =
-        line("m_Size", reinterpret_cast<void*>(168)) + line("m_Flags", reinterpret_cast<void*>(1)) +
-        line("m_MajorVersion", reinterpret_cast<void*>(1)) + line("m_MinorVersion", nullptr) +
-        line("Filter_AdapterOpened", address(record.Filter_AdapterOpened)) +
-        line("Filter_AdapterStatusChanged", address(record.Filter_AdapterStatusChanged)) +
-        line("Filter_AdapterClosed", address(record.Filter_AdapterClosed)) +
-        line("Filter_FilterReceivedPacket", address(record.Filter_FilterReceivedPacket)) +
-        line("Filter_FilterSendPacket", address(record.Filter_FilterSendPacket)) +
-        line("Hook_GetOsVersion", address(FirstVersion));
+    line("m_Size", 168);
+    line("m_Flags", 1);
+    line("m_MajorVersion", 1);
+    line("m_MinorVersion", 0);
+    const char* at = reinterpret_cast<const char*>(&record.Filter_AdapterOpened);
     for (const char* name :
-         {"HandleIoControl", "AllocatePacket", "FreePacket", "InjectPacketToAdapter",
-          "InjectPacketToProtocol", "AllocateRequest", "MakeNdisRequest", "FreeRequest", "SetAdapterStatus",
-          "GetAdapterStatus", "GetTcpIpBoundAdapters", "MmMapLockedPages", "MmUnmapLockedPages"}) {
-        expected += line((std::string("Hook_") + name).c_str(), nullptr);
+         {"Filter_AdapterOpened", "Filter_AdapterStatusChanged", "Filter_AdapterClosed",
+          "Filter_FilterReceivedPacket", "Filter_FilterSendPacket", "Hook_GetOsVersion",
+          "Hook_HandleIoControl", "Hook_AllocatePacket", "Hook_FreePacket", "Hook_InjectPacketToAdapter",
+          "Hook_InjectPacketToProtocol", "Hook_AllocateRequest", "Hook_MakeNdisRequest", "Hook_FreeRequest",
+          "Hook_SetAdapterStatus", "Hook_GetAdapterStatus", "Hook_GetTcpIpBoundAdapters",
+          "Hook_MmMapLockedPages", "Hook_MmUnmapLockedPages"}) {
+        ULONG_PTR value;
+        memcpy(&value, at, sizeof(value));
+        line(name, value);
+        at += sizeof(value);
     }
     EXPECT_EQ(Debug().Take(), expected);
 }
@@ -234,23 +197,22 @@ class PartlyBoundTest : public FrameworkTest
 TEST_F(PartlyBoundTest, EachMissingFunctionIsAnswered)
 {
     for (int i = 0; i < static_cast<int>(hook::Function::Count); i++) {
+        SCOPED_TRACE(i);
         hook::BindOptions options;
         options.without = {static_cast<hook::Function>(i)};
-        ASSERT_EQ(hook::Bind(options), STATUS_SUCCESS) << i;
+        ASSERT_EQ(hook::Bind(options), STATUS_SUCCESS);
         FilterAdapter* adapter =
             AddAdapter("{" + std::to_string(i) + "}", {2, 0, 0, 0, 1, static_cast<uint8_t>(i)});
-        EXPECT_EQ(hook::DeliverReceived(adapter, UdpFrame()), hook::Accepted::Yes) << i;
-        EXPECT_EQ(hook::DeliverSent(adapter, UdpFrame()), hook::Accepted::Yes) << i;
+        EXPECT_EQ(hook::DeliverReceived(adapter, UdpFrame()), hook::Accepted::Yes);
+        EXPECT_EQ(hook::DeliverSent(adapter, UdpFrame()), hook::Accepted::Yes);
         FilterPacket* packet = Filter_AllocatePacket(adapter);
-        EXPECT_EQ(packet == nullptr, options.without[0] == hook::Function::AllocatePacket) << i;
+        EXPECT_EQ(packet == nullptr, options.without[0] == hook::Function::AllocatePacket);
         if (packet != nullptr) {
-            EXPECT_EQ(Filter_ReleasePacket(packet), FILTER_STATUS_SUCCESS) << i;
+            EXPECT_EQ(Filter_ReleasePacket(packet), FILTER_STATUS_SUCCESS);
         }
-        ULONG v;
-        EXPECT_EQ(Filter_GetOsVersion(&v, &v, &v, &v), options.without[0] == hook::Function::GetOsVersion
-                                                           ? FILTER_ERROR_INTERFACE_NOT_ACTIVE
-                                                           : FILTER_STATUS_SUCCESS);
-        EXPECT_TRUE(hook::TakeBalance().IsEven()) << i;
+        EXPECT_EQ(AskVersion() == FILTER_ERROR_INTERFACE_NOT_ACTIVE,
+                  options.without[0] == hook::Function::GetOsVersion);
+        EXPECT_TRUE(hook::TakeBalance().IsEven());
     }
     // Released without the hook driver's function for it: the one packet stays out until the hook driver goes.
     EXPECT_EQ(hook::TakeBalance().outstanding, 1u);
@@ -262,26 +224,24 @@ TEST_F(PartlyBoundTest, UnbindingInTheMiddleOfTrafficStrandsAtMostWhatWasUnderWa
     for (int round = 0; round < 20; round++) {
         std::atomic<bool> stop = false;
         std::atomic<int> delivered = 0;
-        std::vector<std::thread> senders;
-        for (int i = 0; i < 2; i++) {
-            senders.emplace_back([&] {
-                const Bytes frame = UdpFrame();
-                while (!stop) {
-                    hook::DeliverReceived(adapter, frame, {.waitMs = 0});
-                    hook::DeliverSent(adapter, frame, {.waitMs = 0});
-                    delivered++;
-                }
-            });
-        }
+        const auto send = [&] {
+            const Bytes frame = UdpFrame();
+            while (!stop) {
+                hook::DeliverReceived(adapter, frame, {.waitMs = 0});
+                hook::DeliverSent(adapter, frame, {.waitMs = 0});
+                delivered++;
+            }
+        };
+        std::thread first(send);
+        std::thread second(send);
         EXPECT_TRUE(Eventually([&] { return delivered > 2; }));
         EXPECT_EQ(hook::Unbind(round % 2 == 0 ? hook::UnbindMode::Abrupt : hook::UnbindMode::Drained),
                   STATUS_SUCCESS);
         const int then = delivered;
         EXPECT_TRUE(Eventually([&] { return delivered > then + 2; }));
         stop = true;
-        for (std::thread& sender : senders) {
-            sender.join();
-        }
+        first.join();
+        second.join();
         EXPECT_TRUE(hook::TakeBalance().IsEven());
         ASSERT_EQ(hook::Bind(), STATUS_SUCCESS);
     }

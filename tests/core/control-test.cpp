@@ -19,187 +19,149 @@ constexpr machine::Status kNotSupported = static_cast<machine::Status>(0xC00000B
 constexpr machine::Status kBufferTooSmall = static_cast<machine::Status>(0xC0000023);
 constexpr machine::Status kInvalidParameter2 = static_cast<machine::Status>(0xC00000F0);
 
-class ControlTest : public FrameworkTest
-{
-  protected:
-    ControlTest() : FrameworkTest(WithTrace(kTraceCore)) {}
+struct ControlTest : DeviceTest {
+    ControlTest() : DeviceTest(WithTrace(kTraceCore)) {}
 
-    void SetUp() override
+    // Sends a request that is to be answered with a status; the bytes returned.
+    size_t Control(machine::File& device, uint32_t code, const Bytes& input, Bytes& output,
+                   machine::Status status)
     {
-        FrameworkTest::SetUp();
-        device_ = OpenDevice();
-        ASSERT_NE(device_, nullptr);
-        Debug().Take();
+        const machine::Request::Result result = device.Control(code, input, output);
+        EXPECT_EQ(result.status, status);
+        return result.information;
     }
-    void TearDown() override
+    size_t Control(uint32_t code, const Bytes& input, Bytes& output, machine::Status status = STATUS_SUCCESS)
     {
-        device_.reset();
-        FrameworkTest::TearDown();
+        return Control(*device_, code, input, output, status);
     }
-
-    std::unique_ptr<machine::File> device_;
 };
 
-TEST_F(ControlTest, TheVersionIsWrittenButNotReported)
+TEST_F(ControlTest, VersionAndSizeOfTheSharedMemoryAreAnswered)
 {
     // Nothing is copied back of a reply of no bytes; the length of the buffer is what is checked.
     Bytes output(2, 0xEE);
-    machine::Request::Result result = device_->Control(IOCTL_NDIS_FILTER_GET_VERSION, {}, output);
-    EXPECT_EQ(result.status, STATUS_SUCCESS);
-    EXPECT_EQ(result.information, 0u);
+    EXPECT_EQ(Control(IOCTL_NDIS_FILTER_GET_VERSION, {}, output), 0u);
     EXPECT_THAT(output, Each(0xEE));
     EXPECT_EQ(Debug().Take(),
               "Enter NdisFilterIoControl\n  - ControlCode - 0x80002320\n  - InputBufferLength - 0x0\n"
               "  - OutputBufferLength - 0x2\n  IOCTL_NDIS_FILTER_GET_VERSION\n"
               "Leave NdisFilterIoControl\n");
     output.resize(1);
-    result = device_->Control(IOCTL_NDIS_FILTER_GET_VERSION, Counting(8), output);
-    EXPECT_EQ(result.status, kBufferTooSmall);
-    EXPECT_EQ(result.information, 0u);
+    EXPECT_EQ(Control(IOCTL_NDIS_FILTER_GET_VERSION, Counting(8), output, kBufferTooSmall), 0u);
     EXPECT_THAT(Debug().Take(),
                 HasSubstr("    Output Buffer Length are too small\nLeave NdisFilterIoControl\n"));
-}
 
-TEST_F(ControlTest, TheSizeOfTheSharedMemoryIsReported)
-{
-    Bytes output(8, 0xEE);
-    const machine::Request::Result result =
-        device_->Control(IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, {}, output);
-    EXPECT_EQ(result.status, STATUS_SUCCESS);
-    EXPECT_EQ(result.information, 4u);
+    output.assign(8, 0xEE);
+    EXPECT_EQ(Control(IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, {}, output), 4u);
     EXPECT_EQ(output, (Bytes{0x68, 0x50, 0x1A, 0x00, 0xEE, 0xEE, 0xEE, 0xEE})); // 1724520
-    Bytes small(3);
-    EXPECT_EQ(device_->Control(IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, {}, small).status, kBufferTooSmall);
+    output.resize(3);
+    Control(IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, {}, output, kBufferTooSmall);
 }
 
-TEST_F(ControlTest, StartingTheShareChecksOutputThenInputThenTheValue)
+TEST_F(ControlTest, StartingTheShareChecksOutputThenInputThenTheValueThenForAnOwner)
 {
-    Bytes output(8, 0xEE);
-    Bytes small(7);
-    EXPECT_EQ(device_->Control(IOCTL_NDIS_FILTER_START_SHARE, Counting(3, 1), small).status, kBufferTooSmall);
-    EXPECT_THAT(Debug().Take(), HasSubstr("    Output Buffer Length are too small\n"));
-    EXPECT_EQ(device_->Control(IOCTL_NDIS_FILTER_START_SHARE, Counting(3, 1), output).status,
-              kBufferTooSmall);
-    EXPECT_THAT(Debug().Take(), HasSubstr("    Input Buffer Length are too small\n"));
-    EXPECT_EQ(device_->Control(IOCTL_NDIS_FILTER_START_SHARE, Bytes(4, 0), output).status,
-              kInvalidParameter2);
-    EXPECT_THAT(Debug().Take(), HasSubstr("    User Virtual Address is error\n"));
-    EXPECT_THAT(output, Each(0xEE));
-
-    const machine::Request::Result result =
-        device_->Control(IOCTL_NDIS_FILTER_START_SHARE, Counting(4, 1), output);
-    EXPECT_EQ(result.status, STATUS_SUCCESS);
-    EXPECT_EQ(result.information, 8u);
-    uint64_t address = 0;
-    memcpy(&address, output.data(), sizeof(address));
-    EXPECT_GT(address, NDIS_FILTER_SHARE_FAILED);
-    EXPECT_EQ((address - NDIS_FILTER_SHARE_FAILED) % 4096, 0u);
+    struct Case {
+        Bytes input;
+        size_t output;
+        machine::Status status;
+        const char* message;
+    };
+    for (const Case& test :
+         {Case{Counting(3, 1), 7, kBufferTooSmall, "    Output Buffer Length are too small\n"},
+          {Counting(3, 1), 8, kBufferTooSmall, "    Input Buffer Length are too small\n"},
+          {Bytes(4, 0), 8, kInvalidParameter2, "    User Virtual Address is error\n"}}) {
+        Bytes output(test.output, 0xEE);
+        Control(IOCTL_NDIS_FILTER_START_SHARE, test.input, output, test.status);
+        EXPECT_THAT(Debug().Take(), HasSubstr(test.message));
+        EXPECT_THAT(output, Each(0xEE));
+    }
+    const auto start = [&](machine::File& device) {
+        Bytes output(8);
+        EXPECT_EQ(Control(device, IOCTL_NDIS_FILTER_START_SHARE, Counting(4, 1), output, STATUS_SUCCESS), 8u);
+        uint64_t address = 0;
+        memcpy(&address, output.data(), sizeof(address));
+        return address - NDIS_FILTER_SHARE_FAILED;
+    };
+    const uint64_t distance = start(*device_);
+    EXPECT_GT(distance, 0u);
+    EXPECT_EQ(distance % 4096, 0u);
     EXPECT_THAT(Debug().Take(), HasSubstr("    NdisFilter_StartShare() success\n"));
 
     // A second program gets a success that carries the value of failure.
     machine::Process second;
     std::unique_ptr<machine::File> other = second.Open(kDeviceName);
     ASSERT_NE(other, nullptr);
-    EXPECT_EQ(other->Control(IOCTL_NDIS_FILTER_START_SHARE, Counting(4, 1), output).status, STATUS_SUCCESS);
-    memcpy(&address, output.data(), sizeof(address));
-    EXPECT_EQ(address, NDIS_FILTER_SHARE_FAILED);
+    EXPECT_EQ(start(*other), 0u);
     // It may stop and write without an owner's rights; both are answered with success and change nothing.
-    EXPECT_EQ(other->Control(IOCTL_NDIS_FILTER_STOP_SHARE, {}, {}).status, STATUS_SUCCESS);
-    EXPECT_EQ(other->Control(IOCTL_NDIS_FILTER_WRITE_SHARE, {}, {}).status, STATUS_SUCCESS);
+    Bytes none;
+    Control(*other, IOCTL_NDIS_FILTER_STOP_SHARE, {}, none, STATUS_SUCCESS);
+    Control(*other, IOCTL_NDIS_FILTER_WRITE_SHARE, {}, none, STATUS_SUCCESS);
     EXPECT_EQ(machine::TakeCensus().views, 1u);
-    // Closing its handle gives the share back.
-    device_.reset();
+    device_.reset(); // closing its handle gives the share back
     EXPECT_EQ(machine::TakeCensus().views, 0u);
-    EXPECT_EQ(other->Control(IOCTL_NDIS_FILTER_START_SHARE, Counting(4, 1), output).status, STATUS_SUCCESS);
-    memcpy(&address, output.data(), sizeof(address));
-    EXPECT_GT(address, NDIS_FILTER_SHARE_FAILED);
-    EXPECT_EQ(other->Control(IOCTL_NDIS_FILTER_STOP_SHARE, {}, {}).status, STATUS_SUCCESS);
+    EXPECT_GT(start(*other), 0u);
+    Control(*other, IOCTL_NDIS_FILTER_STOP_SHARE, {}, none, STATUS_SUCCESS);
     EXPECT_EQ(machine::TakeCensus().views, 0u);
-}
-
-// ---------------------------------------------------------------------------------------------- unknown codes
-
-TEST_F(ControlTest, AnUnknownCodeIsNotSupported)
-{
-    Bytes output(16, 0xEE);
-    const machine::Request::Result result = device_->Control(kUnknown, Counting(16), output);
-    EXPECT_EQ(result.status, kNotSupported);
-    EXPECT_EQ(result.information, 0u);
-    EXPECT_THAT(output, Each(0xEE));
-    EXPECT_EQ(device_->Control(kUnknown, {}, {}).status, kNotSupported);
 }
 
 TEST_F(ControlTest, AnUnknownCodeGoesToTheHookDriver)
 {
-    struct Seen {
-        uint32_t code;
-        Bytes input;
-        uint32_t outputLength;
-        bool oneBuffer;
-    } seen = {};
-    hook::SetIoControlHandler([&](uint32_t code, const void* input, uint32_t inputLength, void* output,
+    Bytes output(8, 0xEE);
+    EXPECT_EQ(Control(kUnknown, Counting(16), output, kNotSupported),
+              0u); // no hook driver that would take it
+    EXPECT_THAT(output, Each(0xEE));
+
+    uint32_t seen = 0;
+    hook::SetIoControlHandler([&](uint32_t code, const void* input, uint32_t inputLength, void* buffer,
                                   uint32_t outputLength, uint32_t* bytesReturned) -> machine::Status {
+        seen = code;
         const auto* bytes = static_cast<const uint8_t*>(input);
-        seen = {code, Bytes(bytes, bytes + inputLength), outputLength, input == output};
-        memset(output, 0x77, outputLength);
+        EXPECT_EQ(Bytes(bytes, bytes + inputLength), Counting(5));
+        EXPECT_EQ(outputLength, 8u);
+        EXPECT_EQ(input, buffer);
+        memset(buffer, 0x77, outputLength);
         *bytesReturned = 3;
         return STATUS_SUCCESS;
     });
-    Bytes output(8, 0xEE);
-    machine::Request::Result result = device_->Control(kUnknown, Counting(5), output);
-    EXPECT_EQ(result.status, STATUS_SUCCESS);
-    EXPECT_EQ(result.information, 3u);
+    EXPECT_EQ(Control(kUnknown, Counting(5), output), 3u);
     EXPECT_EQ(output, (Bytes{0x77, 0x77, 0x77, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE}));
-    EXPECT_EQ(seen.code, kUnknown);
-    EXPECT_EQ(seen.input, Counting(5));
-    EXPECT_EQ(seen.outputLength, 8u);
-    EXPECT_TRUE(seen.oneBuffer);
-
-    // What it refuses otherwise than with "not supported" is its answer.
-    hook::SetIoControlHandler([](auto...) -> machine::Status { return kInvalidParameter2; });
-    EXPECT_EQ(device_->Control(kUnknown, {}, output).status, kInvalidParameter2);
+    EXPECT_EQ(seen, kUnknown);
     // A code of the framework's own never reaches it.
-    EXPECT_EQ(device_->Control(IOCTL_NDIS_FILTER_GET_VERSION, {}, output).status, STATUS_SUCCESS);
-}
+    Control(IOCTL_NDIS_FILTER_GET_VERSION, {}, output);
+    EXPECT_EQ(seen, kUnknown);
 
-TEST_F(ControlTest, AHookDriverThatDeclinesHasSaidNothing)
-{
-    hook::SetIoControlHandler([](uint32_t, const void*, uint32_t, void*, uint32_t, uint32_t* bytesReturned) {
+    // What it refuses is its answer, but for "not supported": then it has said nothing.
+    machine::Status answer = kInvalidParameter2;
+    hook::SetIoControlHandler([&](auto, auto, auto, auto, auto, uint32_t* bytesReturned) {
         *bytesReturned = 4;
-        return kNotSupported;
+        return answer;
     });
-    Bytes output(8, 0xEE);
-    const machine::Request::Result result = device_->Control(kUnknown, Counting(8), output);
-    EXPECT_EQ(result.status, kNotSupported);
-    EXPECT_EQ(result.information, 0u);
-}
-
-NTSTATUS FaultingHandler(ULONG, PVOID, ULONG, PVOID, ULONG, PULONG bytesReturned)
-{
-    *bytesReturned = 4;
-    FaultOnRead();
-    return STATUS_SUCCESS;
+    Control(kUnknown, {}, output, kInvalidParameter2);
+    answer = kNotSupported;
+    EXPECT_EQ(Control(kUnknown, Counting(8), output, kNotSupported), 0u);
 }
 
 struct FaultingHookTest : ControlTest {
-    FaultingHookTest() { plan_ = FrameworkOnly(0); }
+    FaultingHookTest() { plan_ = FrameworkOnly(); }
 };
 
 TEST_F(FaultingHookTest, AnExceptionInTheHookDriverIsPrintedAndTheCodeNotSupported)
 {
     NdisHookAPI record = HookRecord();
-    record.Hook_HandleIoControl = FaultingHandler;
+    record.Hook_HandleIoControl = [](ULONG, PVOID, ULONG, PVOID, ULONG, PULONG bytesReturned) {
+        *bytesReturned = 4;
+        FaultOnRead();
+        return NTSTATUS{STATUS_SUCCESS};
+    };
     ASSERT_EQ(Exchange(*device_, IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK, record).status, STATUS_SUCCESS);
     Debug().Take();
     Bytes output(8, 0xEE);
-    const machine::Request::Result result = device_->Control(kUnknown, Counting(8), output);
-    EXPECT_EQ(result.status, kNotSupported);
-    EXPECT_EQ(result.information, 0u);
+    EXPECT_EQ(Control(kUnknown, Counting(8), output, kNotSupported), 0u);
     EXPECT_EQ(Debug().Take(), "NdisFilterIoControl: exception in hook, code = -1073741819\n");
     ExpectNoLockHeld("an exception in the hook driver");
 
     ASSERT_EQ(Exchange(*device_, IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK, record).status, STATUS_SUCCESS);
-    EXPECT_EQ(device_->Control(kUnknown, Counting(8), output).status, kNotSupported);
+    Control(kUnknown, Counting(8), output, kNotSupported);
     EXPECT_EQ(Debug().Take(), "");
 }
 

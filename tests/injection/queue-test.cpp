@@ -1,12 +1,10 @@
 // Packets that clients hand to the two queues: which queue, in what order, and what the workers make of them.
 #include <support/packet.h>
 
-#include <atomic>
 #include <thread>
 
 using namespace support;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace
 {
@@ -69,7 +67,8 @@ TEST_F(QueueTest, TheParityOfTheFirstOctetsChoosesTheWorker)
         return FILTER_RESULT_BYPASS;
     });
     for (const Case& test : cases) {
-        EXPECT_EQ(Filter_IndicatePacketFromAdapter(adapter, MakePacket(adapter, test.frame)), FILTER_STATUS_SUCCESS);
+        EXPECT_EQ(Filter_IndicatePacketFromAdapter(adapter, MakePacket(adapter, test.frame)),
+                  FILTER_STATUS_SUCCESS);
         ASSERT_TRUE(Drained());
         ASSERT_FALSE(threads.empty());
         EXPECT_EQ(threads.back() == threads.front() ? 0 : 1, test.queue) << test.what;
@@ -79,7 +78,7 @@ TEST_F(QueueTest, TheParityOfTheFirstOctetsChoosesTheWorker)
 
 TEST_F(QueueTest, PacketsOfAnAddressPairKeepTheirOrder)
 {
-    constexpr uint16_t kPackets = 300; // all of them may be queued at once
+    constexpr uint16_t kPackets = 300;                // all of them may be queued at once
     std::map<uint8_t, std::vector<uint16_t>> numbers; // by pair
     std::mutex mutex;
     hook::SetSink(adapter, hook::Side::Adapter, [&](std::span<const uint8_t> frame, const hook::Delivery&) {
@@ -115,10 +114,11 @@ TEST_F(QueueTest, OriginAndDirectionDecideTheRoad)
     std::string chainsRun;
     std::vector<std::unique_ptr<TestFilter>> filters;
     for (FILTER_TYPE type = 0; type < FILTER_TYPE_COUNT; ++type) {
-        filters.push_back(std::make_unique<TestFilter>(driver, TestFilter::Options{.type = type}, [&, type](auto*) {
-            chainsRun += std::to_string(type);
-            return FILTER_RESULT_BYPASS;
-        }));
+        filters.push_back(
+            std::make_unique<TestFilter>(driver, TestFilter::Options{.type = type}, [&, type](auto*) {
+                chainsRun += std::to_string(type);
+                return FILTER_RESULT_BYPASS;
+            }));
     }
     PacketFilter* const outgoing = filters[1]->Handle();
     struct Case {
@@ -131,14 +131,18 @@ TEST_F(QueueTest, OriginAndDirectionDecideTheRoad)
         uint64_t toAdapter, toProtocols, freed;
     };
     const auto fromApplication = [this](ULONG direction) {
-        return [this, direction](FilterPacket* p) { return Filter_InjectPacketFromApplication(adapter, p, direction); };
+        return [this, direction](FilterPacket* p) {
+            return Filter_InjectPacketFromApplication(adapter, p, direction);
+        };
     };
     const auto fromFilter = [outgoing](FILTER_METHOD method) {
         return [=](FilterPacket* p) { return Filter_InjectPacketFromFilter(method, outgoing, p); };
     };
     const Case cases[] = {
-        {"received", [this](auto* p) { return Filter_IndicatePacketFromAdapter(adapter, p); }, 0, nullptr, 1, "0", 0, 1, 0},
-        {"sent", [this](auto* p) { return Filter_InjectPacketFromProtocol(adapter, p); }, 0, nullptr, 2, "1", 1, 0, 0},
+        {"received", [this](auto* p) { return Filter_IndicatePacketFromAdapter(adapter, p); }, 0, nullptr, 1,
+         "0", 0, 1, 0},
+        {"sent", [this](auto* p) { return Filter_InjectPacketFromProtocol(adapter, p); }, 0, nullptr, 2, "1",
+         1, 0, 0},
         {"program, to protocols", fromApplication(1), 1, nullptr, 1, "3", 0, 1, 0},
         {"program, to adapter", fromApplication(2), 1, nullptr, 2, "2", 1, 0, 0},
         {"program, loop-back", fromApplication(3), 1, nullptr, 3, "", 0, 0, 1},
@@ -237,7 +241,8 @@ TEST_F(QueueTest, TheCountIsOfPacketsOnBothQueuesAndNoLimitRefusesOne)
         const machine::ThreadHold hold;
         for (uint32_t n = 1; n <= 600; ++n) {
             const Bytes frame = Between({static_cast<uint8_t>(n % 4), 0, 0, 1}, {10, 0, 0, 2});
-            EXPECT_EQ(Filter_IndicatePacketFromAdapter(adapter, MakePacket(adapter, frame)), FILTER_STATUS_SUCCESS);
+            EXPECT_EQ(Filter_IndicatePacketFromAdapter(adapter, MakePacket(adapter, frame)),
+                      FILTER_STATUS_SUCCESS);
             ASSERT_EQ(Filter_GetInjectPacketCount(), n);
         }
     }
@@ -265,10 +270,7 @@ class LeftInQueueTest : public QueueTest
         adapter = AddAdapter();
     }
 
-    void TearDown() override
-    {
-        FrameworkTest::TearDown();
-    }
+    void TearDown() override { FrameworkTest::TearDown(); }
 };
 
 TEST_F(LeftInQueueTest, IsReleasedAtUnload)

@@ -38,7 +38,8 @@ class DumpTest : public FrameworkTest
     {
         const std::string text = Dump(frame);
         const size_t place = text.find(packetLine);
-        return place == std::string::npos ? "no packet line in " + text : text.substr(place + packetLine.size());
+        return place == std::string::npos ? "no packet line in " + text
+                                          : text.substr(place + packetLine.size());
     }
 
     FilterAdapter* adapter = nullptr;
@@ -56,11 +57,10 @@ TEST_F(DumpTest, TheHexDumpHasSixteenBytesALine)
 {
     Bytes frame = EthernetFrame(0x88B5, {'A', '~', 0x7F, ' ', 0xFF, 0x1F});
     const std::string shortest = Dump(frame);
-    EXPECT_EQ(shortest,
-              "Title, Size = 20 - 0x14\n"
-              "  \t0000  02 00 00 00 00 01 02 00 00 00 00 02 88 B5 41 7E   ..............A~\n"
-              "  \t0010  7F 20 FF 1F                                       . ..\n" +
-                  packetLine + kMacLine + "88b5\n");
+    EXPECT_EQ(shortest, "Title, Size = 20 - 0x14\n"
+                        "  \t0000  02 00 00 00 00 01 02 00 00 00 00 02 88 B5 41 7E   ..............A~\n"
+                        "  \t0010  7F 20 FF 1F                                       . ..\n" +
+                            packetLine + kMacLine + "88b5\n");
     frame.resize(1514, 0);
     const std::string longest = Dump(frame);
     EXPECT_THAT(longest, testing::HasSubstr("Title, Size = 1514 - 0x5ea\n"));
@@ -72,12 +72,13 @@ TEST_F(DumpTest, TheHexDumpHasSixteenBytesALine)
 TEST_F(DumpTest, ArpFieldsAreDecodedAndRarpIsOnlyNamed)
 {
     const auto arp = [](uint16_t operation) {
-        return EthernetFrame(kEtherTypeArp, ArpPacket(static_cast<ArpOperation>(operation), kPeerMac, kPeerAddress,
-                                                      kOwnMac, kOwnAddress));
+        return EthernetFrame(kEtherTypeArp, ArpPacket(static_cast<ArpOperation>(operation), kPeerMac,
+                                                      kPeerAddress, kOwnMac, kOwnAddress));
     };
     const auto expected = [](const std::string& operation) {
         return kMacLine + std::string("806/ARP\n") +
-               " - arp_hrd = 1\n - arp_pro = 2048\n - arp_hln = 6\n - arp_pln = 4\n - arp_op  = " + operation +
+               " - arp_hrd = 1\n - arp_pro = 2048\n - arp_hln = 6\n - arp_pln = 4\n - arp_op  = " +
+               operation +
                "\n - arp_sha = 02-00-00-00-00-02\n - arp_spa = 192.168.0.2\n"
                " - arp_tha = 02-00-00-00-00-01\n - arp_tpa = 192.168.0.1\n";
     };
@@ -90,12 +91,14 @@ TEST_F(DumpTest, ArpFieldsAreDecodedAndRarpIsOnlyNamed)
 
 TEST_F(DumpTest, IpLinesNameFlagsFragmentAndTransport)
 {
-    const std::string start = kMacLine + std::string("800/IP\n - SrcIP 192.168.0.2, DstIP 192.168.0.1, PacketId ");
+    const std::string start =
+        kMacLine + std::string("800/IP\n - SrcIP 192.168.0.2, DstIP 192.168.0.1, PacketId ");
     const Bytes udp = UdpDatagram(1000, 53), tcp = TcpSegment(65535, 80, 2), echo = IcmpEcho(8, 513);
     EXPECT_EQ(Decoded(Ip(kProtocolTcp, tcp, {.id = 0x0102})),
               start + "0x102, Proto: TCP DF:F MF:F FO:0 \n - TCP SrcPort 65535, DstPort 80\n");
-    EXPECT_EQ(Decoded(Ip(kProtocolUdp, udp, {.moreFragments = true})), // a first fragment is not marked as one
-              start + "0x0, Proto: UDP DF:F MF:T FO:0 \n - UDP SrcPort 1000, DstPort 53\n");
+    EXPECT_EQ(
+        Decoded(Ip(kProtocolUdp, udp, {.moreFragments = true})), // a first fragment is not marked as one
+        start + "0x0, Proto: UDP DF:F MF:T FO:0 \n - UDP SrcPort 1000, DstPort 53\n");
     EXPECT_EQ(Decoded(Ip(kProtocolIcmp, echo, {.options = Counting(40)})),
               start + "0x0, Proto: ICMP DF:F MF:F FO:0 \n - ICMP ID 1, Sequence 513\n");
     EXPECT_EQ(Decoded(Ip(47, udp)), start + "0x0, Proto: Other DF:F MF:F FO:0 \n - Other protocl 47\n");
@@ -127,10 +130,12 @@ TEST_F(DumpTest, EachStageOfAPacketsWayHasItsTitle)
     const Bytes frame = UdpFrame();
     Debug().Take();
     hook::DeliverReceived(adapter, frame);
-    EXPECT_THAT(titles(), ElementsAre("/\\ Incoming Packet", "<< Indicate to Application", "AA Indicate To Protocol"));
+    EXPECT_THAT(titles(),
+                ElementsAre("/\\ Incoming Packet", "<< Indicate to Application", "AA Indicate To Protocol"));
     verdict = FILTER_RESULT_DISCARD;
     hook::DeliverReceived(adapter, frame);
-    EXPECT_THAT(titles(), ElementsAre("/\\ Incoming Packet", "<< Indicate to Application", "DD Filter Discard"));
+    EXPECT_THAT(titles(),
+                ElementsAre("/\\ Incoming Packet", "<< Indicate to Application", "DD Filter Discard"));
     verdict = FILTER_RESULT_CAPTURE;
     hook::DeliverReceived(adapter, frame);
     EXPECT_THAT(titles(), ElementsAre("/\\ Incoming Packet", "<< Indicate to Application"));

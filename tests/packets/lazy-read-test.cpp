@@ -31,7 +31,8 @@ class PacketTest : public FrameworkTest
     }
 
     // Runs `procedure` on a received packet and answers its verdict.
-    void OnReceived(const Bytes& frame, const hook::FrameOptions& options, const TestFilter::Procedure& procedure)
+    void OnReceived(const Bytes& frame, const hook::FrameOptions& options,
+                    const TestFilter::Procedure& procedure)
     {
         TestDriver driver;
         const TestFilter filter(driver, {}, procedure);
@@ -74,9 +75,9 @@ TEST_F(PacketTest, TransferGathersAChainOfBuffers)
                     EXPECT_EQ(hook::DeliverReceived(adapter, frame, options), hook::Accepted::Yes);
                     EXPECT_EQ(hook::DeliverSent(adapter, frame, options), hook::Accepted::Yes);
                     EXPECT_EQ(in.CallCount() + out.CallCount(), 2u);
-                    EXPECT_TRUE(size <= present ||
-                                Debug().Contains("Filter_TransferPacketData, lazy read " + std::to_string(size) +
-                                                 ", total " + std::to_string(size) + "\n"));
+                    EXPECT_TRUE(size <= present || Debug().Contains("Filter_TransferPacketData, lazy read " +
+                                                                    std::to_string(size) + ", total " +
+                                                                    std::to_string(size) + "\n"));
                     Debug().Take();
                 }
             }
@@ -199,7 +200,8 @@ TEST_F(PacketTest, ModifyCompletesTheFrameOnceAndMarksItForDelivery)
         EXPECT_EQ(packet->m_nBytesRead, 60u);
         packet->m_Data[50] = 0xC3;
         packet->m_nBytesRead = 14;
-        EXPECT_EQ(Filter_ModifyPacket(packet), FILTER_STATUS_SUCCESS); // would undo the change if it read again
+        EXPECT_EQ(Filter_ModifyPacket(packet),
+                  FILTER_STATUS_SUCCESS); // would undo the change if it read again
         return FILTER_RESULT_BYPASS;
     });
     EXPECT_TRUE(Debug().Contains("Dirty packet, no data to read\n"));
@@ -260,7 +262,8 @@ TEST_F(PacketTest, AllocationAndReleaseNeedABoundHookDriver)
     EXPECT_THAT(released.packets, ElementsAre(packet));
 
     ASSERT_EQ(hook::Unbind(), STATUS_SUCCESS);
-    ASSERT_EQ(hook::Bind({.without = {hook::Function::AllocatePacket, hook::Function::FreePacket}}), STATUS_SUCCESS);
+    ASSERT_EQ(hook::Bind({.without = {hook::Function::AllocatePacket, hook::Function::FreePacket}}),
+              STATUS_SUCCESS);
     EXPECT_EQ(Filter_AllocatePacket(adapter), nullptr);
     OnReceived(Counting(60), {}, [](FilterPacket*) { return FILTER_RESULT_DISCARD; });
     mayStayOut = 1; // stranded until the hook driver unloads
@@ -270,7 +273,8 @@ TEST_F(PacketTest, AFaultOfTheHookDriverInAReleaseIsContained)
 {
     FilterPacket* packet = Filter_AllocatePacket(adapter);
     ASSERT_NE(packet, nullptr);
-    Filter_SetPacketReleaseCallback(packet, [](FilterPacket*, PVOID) { FaultOnRead(); }, nullptr);
+    Filter_SetPacketReleaseCallback(
+        packet, [](FilterPacket*, PVOID) { FaultOnRead(); }, nullptr);
     Debug().Take();
     EXPECT_EQ(Filter_ReleasePacket(packet), FILTER_ERROR_EXCEPTION);
     EXPECT_TRUE(Debug().Contains("Filter_ReleasePacket: exception, code = -1073741819\n"));

@@ -4,9 +4,6 @@
 #include <ostream>
 
 using namespace support;
-using testing::Each;
-using testing::IsNull;
-using testing::SizeIs;
 
 namespace
 {
@@ -22,9 +19,9 @@ struct Headers {
 
 void PrintTo(const Headers& headers, std::ostream* stream)
 {
-    *stream << "arp " << headers.arp << " ip " << headers.ip << " tcp " << headers.tcp << " udp " << headers.udp
-            << " icmp " << headers.icmp << " dhcp " << headers.dhcp << " dns " << headers.dns << " protocol "
-            << +headers.protocol;
+    *stream << "arp " << headers.arp << " ip " << headers.ip << " tcp " << headers.tcp << " udp "
+            << headers.udp << " icmp " << headers.icmp << " dhcp " << headers.dhcp << " dns " << headers.dns
+            << " protocol " << +headers.protocol;
 }
 
 Headers HeadersOf(const FilterPacket& packet)
@@ -55,7 +52,8 @@ Bytes Ip(uint8_t protocol, const Bytes& payload = Counting(40))
 
 Bytes Arp()
 {
-    return EthernetFrame(kEtherTypeArp, ArpPacket(ArpOperation::Request, kPeerMac, kPeerAddress, {}, kOwnAddress));
+    return EthernetFrame(kEtherTypeArp,
+                         ArpPacket(ArpOperation::Request, kPeerMac, kPeerAddress, {}, kOwnAddress));
 }
 
 Bytes With(Bytes frame, size_t offset, uint8_t value)
@@ -80,7 +78,8 @@ std::vector<Case> Cases()
         {"no VLAN tag is looked through", VlanTagged(Tcp(), 7), {}},
         {"TCP", Tcp(), {.ip = 14, .tcp = 34, .protocol = tcp}},
         {"one word of options", Tcp({.options = Counting(4)}), {.ip = 14, .tcp = 38, .protocol = tcp}},
-        {"the longest IP header", Udp(1, 53, {.options = Counting(40)}),
+        {"the longest IP header",
+         Udp(1, 53, {.options = Counting(40)}),
          {.ip = 14, .udp = 74, .dns = 82, .protocol = udp}},
         {"a header length of 0", With(Tcp(), 14, 0x40), {.ip = 14, .tcp = 14, .protocol = tcp}},
         {"the version is not examined", With(Tcp(), 14, 0x65), {.ip = 14, .tcp = 34, .protocol = tcp}},
@@ -97,9 +96,12 @@ std::vector<Case> Cases()
         {"a DNS query", Udp(1000, 53), {.ip = 14, .udp = 34, .dns = 42, .protocol = udp}},
         {"a DNS answer", Udp(53, 1000), {.ip = 14, .udp = 34, .dns = 42, .protocol = udp}},
         {"only the low byte of a port fits", Udp(0x0135, 0x0244), {.ip = 14, .udp = 34, .protocol = udp}},
-        {"a first fragment", Udp(1000, 53, {.moreFragments = true}),
+        {"a first fragment",
+         Udp(1000, 53, {.moreFragments = true}),
          {.ip = 14, .udp = 34, .dns = 42, .protocol = udp}},
-        {"the second fragment", Tcp({.fragmentOffset = 1, .moreFragments = true}), {.ip = 14, .protocol = tcp}},
+        {"the second fragment",
+         Tcp({.fragmentOffset = 1, .moreFragments = true}),
+         {.ip = 14, .protocol = tcp}},
         {"offset bits of both bytes", Tcp({.fragmentOffset = 0x1000}), {.ip = 14, .protocol = tcp}},
         {"the last fragment", Tcp({.fragmentOffset = 0x1FFF}), {.ip = 14, .protocol = tcp}},
         {"flags are no offset", With(Tcp(), 20, 0xE0), {.ip = 14, .tcp = 34, .protocol = tcp}},
@@ -191,10 +193,7 @@ TEST_F(ParseTest, AFrameThatEndsInsideAHeaderIsParsedAsIfZerosFollowed)
 class EveryCutTest : public ParseTest
 {
   protected:
-    EveryCutTest()
-    {
-        plan_.registry["GlobalDebugFlag"] = kTraceEverything;
-    }
+    EveryCutTest() { plan_.registry["GlobalDebugFlag"] = kTraceEverything; }
 };
 
 TEST_F(EveryCutTest, FramesOfEverySizePassUnchangedInBothDirections)

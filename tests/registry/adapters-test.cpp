@@ -57,10 +57,10 @@ class UnboundAdaptersTest : public FrameworkTest
     UnboundAdaptersTest() : FrameworkTest(NotBound(kTraceHook)) {}
 };
 
-class HandBoundAdaptersTest : public FrameworkTest
+class HandBoundAdaptersTest : public DeviceTest
 {
   protected:
-    HandBoundAdaptersTest() : FrameworkTest(FrameworkOnly()) {}
+    HandBoundAdaptersTest() : DeviceTest(FrameworkOnly()) {}
 
     NdisHookAPI BindBy(HOOK_GET_TCPIP_BOUND_ADAPTERS getAdapters)
     {
@@ -70,26 +70,14 @@ class HandBoundAdaptersTest : public FrameworkTest
                   STATUS_SUCCESS);
         return record;
     }
-
-    void SetUp() override
-    {
-        FrameworkTest::SetUp();
-        device_ = OpenDevice();
-        ASSERT_NE(device_, nullptr);
-    }
     void TearDown() override
     {
         NdisHookAPI record = HookRecord();
         EXPECT_EQ(Exchange(*device_, IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK, record).status,
                   STATUS_SUCCESS);
-        device_.reset();
-        FrameworkTest::TearDown();
+        DeviceTest::TearDown();
     }
-
-    std::unique_ptr<machine::File> device_;
 };
-
-// ------------------------------------------------------------------------------------------------------ table
 
 TEST_F(UnboundAdaptersTest, OpenedBeforeTheBindingAreKnownFromItOn)
 {
@@ -138,76 +126,56 @@ TEST_F(AdaptersTest, LeaveTheTableWhenClosedAndStayValidHandles)
     EXPECT_THAT(Enumerate(driver), IsEmpty());
 }
 
-// Two adapters are written, but forty are claimed.
-VOID ReportFortyAdapters(PVOID list)
-{
-    static FilterAdapter adapters[2];
-    auto* table = static_cast<AdapterList*>(list);
-    for (int i = 0; i < NDIS_FILTER_MAX_ADAPTERS; i++) {
-        table->m_Adapters[i].m_hAdapter = &adapters[i % 2];
-    }
-    table->m_nAdapterCount = 40;
-}
-
 TEST_F(HandBoundAdaptersTest, MoreThanThirtyTwoAreReadAsThirtyTwo)
 {
-    BindBy(ReportFortyAdapters);
-    const TestDriver driver;
-    EXPECT_EQ(Enumerate(driver).size(), 32u);
+    BindBy([](PVOID list) {
+        static FilterAdapter adapter;
+        auto* table = static_cast<AdapterList*>(list);
+        for (AdapterInfo& info : table->m_Adapters) {
+            info.m_hAdapter = &adapter;
+        }
+        table->m_nAdapterCount = 40;
+    });
+    EXPECT_EQ(Enumerate(TestDriver()).size(), 32u);
 }
 
-TEST_F(HandBoundAdaptersTest, AFaultOfTheHookDriverIsReportedUnderTheOpenedCallback)
+TEST_F(HandBoundAdaptersTest, CallbacksSurviveFaultsOfTheHookDriver)
 {
-    BindBy([](PVOID) { FaultOnRead(); });
-    EXPECT_TRUE(Debug().Contains("NdisFilter_AdapterOpened: exception, code = -1073741819\n"));
-    ExpectNoLockHeld("a faulting refresh");
+    const std::string fault = ": exception, code = -1073741819\n";
+    NdisHookAPI record = BindBy([](PVOID) { FaultOnRead(); });
+    EXPECT_TRUE(Debug().Contains("NdisFilter_AdapterOpened" + fault));
     Debug().Take();
     Filter_EnumOpenedAdapter();
-    EXPECT_THAT(Debug().Take(), "NdisFilter_AdapterOpened: exception, code = -1073741819\n");
-}
+    EXPECT_EQ(Debug().Take(), "NdisFilter_AdapterOpened" + fault);
 
-// -------------------------------------------------------------------------------------------------- callbacks
-
-TEST_F(HandBoundAdaptersTest, CallbacksSurviveNullAndFaultingAdapters)
-{
-    const NdisHookAPI record = BindBy([](PVOID) {});
+    record = BindBy([](PVOID) {});
     Debug().Take();
     EXPECT_EQ(record.Filter_AdapterOpened(nullptr), 0u);
     EXPECT_EQ(record.Filter_AdapterStatusChanged(nullptr, static_cast<NDIS_STATUS>(kMediaConnect)), 0u);
     EXPECT_EQ(record.Filter_AdapterClosed(nullptr), 0u);
     EXPECT_EQ(Debug().Take(), "");
-
     EXPECT_EQ(record.Filter_AdapterOpened(Unwritable<FilterAdapter>()), 0u);
-    EXPECT_EQ(Debug().Take(), "NdisFilter_AdapterOpened: exception, code = -1073741819\n");
     EXPECT_EQ(record.Filter_AdapterClosed(Unwritable<FilterAdapter>()), 0u);
-    EXPECT_EQ(Debug().Take(), "NdisFilter_AdapterClosed: exception, code = -1073741819\n");
+    EXPECT_EQ(Debug().Take(), "NdisFilter_AdapterOpened" + fault + "NdisFilter_AdapterClosed" + fault);
     ExpectNoLockHeld("faulting adapters");
 }
 
-TEST_F(UnboundAdaptersTest, ACallbackNamesItsAdapter)
+TEST_F(UnboundAdaptersTest, ACallbackNamesItsAdapterAndAnUnknownStatus)
 {
     ASSERT_EQ(hook::Bind(), STATUS_SUCCESS);
     Debug().Take();
     FilterAdapter* adapter = AddAdapter("{1} one");
     EXPECT_EQ(Debug().Take(),
               "Enter NdisFilter_AdapterOpened\nAdapterName={1} one\nLeave NdisFilter_AdapterOpened\n");
-    hook::IndicateStatus(adapter, kMediaDisconnect);
-    EXPECT_EQ(Debug().Take(), "Enter NdisFilter_AdapterStatusChanged\nAdapterName={1} one\n"
-                              "Leave NdisFilter_AdapterStatusChanged\n");
-}
-
-TEST_F(AdaptersTest, AnUnknownStatusIsPrintedWhateverTheMask)
-{
-    FilterAdapter* adapter = AddAdapter();
-    Debug().Take();
+    const std::string enter = "Enter NdisFilter_AdapterStatusChanged\nAdapterName={1} one\n";
+    const std::string leave = "Leave NdisFilter_AdapterStatusChanged\n";
     hook::IndicateStatus(adapter, kMediaConnect);
+    EXPECT_EQ(Debug().Take(), enter + leave);
     hook::IndicateStatus(adapter, kMediaDisconnect);
-    EXPECT_EQ(Debug().Take(), "");
+    EXPECT_EQ(Debug().Take(), enter + leave);
     hook::IndicateStatus(adapter, 0x40010017);
-    EXPECT_EQ(Debug().Take(), "Unknown adapter status 0x40010017\n");
+    EXPECT_EQ(Debug().Take(), enter + "Unknown adapter status 0x40010017\n" + leave);
 }
-
-// ------------------------------------------------------------------------------------------------ identifiers
 
 TEST_F(AdaptersTest, IdentifiersAreIssuedFromOneInTheOrderOfAsking)
 {
@@ -242,27 +210,20 @@ TEST_F(AdaptersTest, IdentifiersAreTheSameForAllWhoAskAtOnce)
     int dummies[kHandles];
     std::vector<std::vector<ULONG>> ids(2, std::vector<ULONG>(kHandles));
     std::atomic<ULONG> arrived = 0; // spun on, as sleepers would wake one after the other
-    std::vector<std::thread> threads;
-    for (std::vector<ULONG>& mine : ids) {
-        threads.emplace_back([&] {
-            for (ULONG i = 0; i < kHandles; i++) {
-                arrived++;
-                while (arrived < 2 * (i + 1)) {
-                }
-                Filter_AdapterToId(reinterpret_cast<FilterAdapter*>(&dummies[i]), &mine[i]);
+    const auto ask = [&](std::vector<ULONG>& mine) {
+        for (ULONG i = 0; i < kHandles; i++) {
+            arrived++;
+            while (arrived < 2 * (i + 1)) {
             }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    for (const std::vector<ULONG>& mine : ids) {
-        EXPECT_EQ(mine, ids[0]);
-    }
+            Filter_AdapterToId(reinterpret_cast<FilterAdapter*>(&dummies[i]), &mine[i]);
+        }
+    };
+    std::thread other(ask, std::ref(ids[1]));
+    ask(ids[0]);
+    other.join();
+    EXPECT_EQ(ids[1], ids[0]);
     EXPECT_EQ(std::set<ULONG>(ids[0].begin(), ids[0].end()).size(), kHandles);
 }
-
-// ---------------------------------------------------------------------------------------------------- lookups
 
 TEST_F(AdaptersTest, AreFoundByTheirCurrentMacAddress)
 {
@@ -283,8 +244,6 @@ TEST_F(AdaptersTest, AreFoundByTheirCurrentMacAddress)
     found = nullptr;
     EXPECT_EQ(Filter_FindAdapterByMacAddress(Mac(9).data(), &found), FILTER_ERROR_ADAPTER_NOT_FOUND);
     EXPECT_EQ(found, nullptr);
-    EXPECT_EQ(Filter_FindAdapterByMacAddress(nullptr, &found), FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Filter_FindAdapterByMacAddress(Mac(1).data(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
 }
 
 TEST_F(AdaptersTest, AreFoundByTheBeginningOfTheirName)
@@ -309,8 +268,6 @@ TEST_F(AdaptersTest, AreFoundByTheBeginningOfTheirName)
     }
     FilterAdapter* found = nullptr;
     EXPECT_EQ(Filter_FindAdapterByNetCfgInstanceId("", &found), FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Filter_FindAdapterByNetCfgInstanceId(nullptr, &found), FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Filter_FindAdapterByNetCfgInstanceId("{AB-1}", nullptr), FILTER_ERROR_INVALID_ARGUMENT);
     Debug().Take();
     EXPECT_EQ(Filter_FindAdapterByNetCfgInstanceId("{AB-2}", &found), FILTER_STATUS_SUCCESS);
     EXPECT_EQ(Debug().Take(),

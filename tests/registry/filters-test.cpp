@@ -57,8 +57,6 @@ FILTER_STATUS Register(const TestDriver& driver, const std::string& name, FILTER
     return Filter_RegisterFilter(driver.Handle(), &CountedString(name), Bypass, nullptr, type, 0, &handle);
 }
 
-// --------------------------------------------------------------------------------------------------- placement
-
 TEST_F(FiltersTest, ArePlacedByOrderTheNewestOfEqualOrderFirst)
 {
     struct Entry {
@@ -98,8 +96,6 @@ TEST_F(FiltersTest, ArePlacedByOrderTheNewestOfEqualOrderFirst)
     EXPECT_THAT(Chain(FILTER_TYPE_INCOMING_PACKET), IsEmpty());
 }
 
-// ----------------------------------------------------------------------------------- registration and removal
-
 TEST_F(FiltersTest, RegistrationChecksArgumentsThenDriverThenTypeThenName)
 {
     TestDriver driver("one");
@@ -107,13 +103,7 @@ TEST_F(FiltersTest, RegistrationChecksArgumentsThenDriverThenTypeThenName)
     FilterDriver* const bad = reinterpret_cast<FilterDriver*>(&driver);
     const CountedString name("filter");
     PacketFilter* handle = nullptr;
-    EXPECT_EQ(Filter_RegisterFilter(nullptr, &name, Bypass, nullptr, 4, 0, &handle),
-              FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Filter_RegisterFilter(bad, nullptr, Bypass, nullptr, 4, 0, &handle),
-              FILTER_ERROR_INVALID_ARGUMENT);
     EXPECT_EQ(Filter_RegisterFilter(bad, &name, nullptr, nullptr, 4, 0, &handle),
-              FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Filter_RegisterFilter(bad, &name, Bypass, nullptr, 4, 0, nullptr),
               FILTER_ERROR_INVALID_ARGUMENT);
     EXPECT_EQ(Filter_RegisterFilter(bad, &name, Bypass, nullptr, 4, 0, &handle),
               FILTER_ERROR_INVALID_DRIVER_HANDLE);
@@ -153,120 +143,14 @@ TEST_F(FiltersTest, OnlyTheOwnerRemovesAFilter)
     EXPECT_THAT(Chain(FILTER_TYPE_INJECT_TO_ADAPTER), IsEmpty());
 }
 
-TEST_F(FiltersTest, WithoutMemorySuccessIsAnsweredAndTheChainStillDumped)
-{
-    TestDriver driver;
-    TestFilter present(driver, {.name = "present"});
-    machine::FailCall(machine::Fault::Pool, 1);
-    PacketFilter* handle = nullptr;
-    Debug().Take();
-    EXPECT_EQ(
-        Filter_RegisterFilter(driver.Handle(), &CountedString("absent"), Bypass, nullptr, 0, 0, &handle),
-        FILTER_STATUS_SUCCESS);
-    EXPECT_TRUE(machine::FaultHit(machine::Fault::Pool));
-    EXPECT_EQ(handle, nullptr);
-    EXPECT_THAT(Debug().Take(), HasSubstr("Dumping Packet Filter(Type = 0 - FILTER_TYPE_INCOMING_PACKET)\n"));
-    EXPECT_THAT(Chain(FILTER_TYPE_INCOMING_PACKET), ElementsAre("present"));
-
-    machine::FailCall(machine::Fault::Pool, 1);
-    STRING* name = nullptr;
-    EXPECT_EQ(Filter_GetFilterName(present.Handle(), &name), FILTER_STATUS_SUCCESS);
-    EXPECT_TRUE(machine::FaultHit(machine::Fault::Pool));
-    EXPECT_EQ(name, nullptr);
-    ExpectNoLockHeld("a registration without memory");
-    machine::FailCall(machine::Fault::Pool, 2);
-    EXPECT_EQ(Register(driver, "absent", FILTER_TYPE_INCOMING_PACKET), FILTER_STATUS_SUCCESS);
-    EXPECT_FALSE(machine::FaultHit(machine::Fault::Pool));
-}
-
-// ---------------------------------------------------------------------------------------------------- queries
-
-TEST_F(FiltersTest, AnswerWhatTheyWereRegisteredWith)
-{
-    TestDriver driver;
-    TestFilter filter(driver, {.name = "asked", .type = FILTER_TYPE_INJECT_TO_PROTOCOL, .order = -3});
-    STRING* name = nullptr;
-    ASSERT_EQ(Filter_GetFilterName(filter.Handle(), &name), FILTER_STATUS_SUCCESS);
-    ASSERT_NE(name, nullptr);
-    EXPECT_EQ(name->MaximumLength, 7);
-    EXPECT_EQ(name->Buffer[5], 0);
-    EXPECT_EQ(name->Buffer[6], 0);
-    EXPECT_EQ(TakeName(name), "asked");
-    PVOID context = nullptr;
-    EXPECT_EQ(Filter_GetFilterContext(filter.Handle(), &context), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(context, &filter);
-    FILTER_TYPE type = 0;
-    EXPECT_EQ(Filter_GetFilterType(filter.Handle(), &type), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(type, FILTER_TYPE_INJECT_TO_PROTOCOL);
-    FILTER_ORDER order = 0;
-    EXPECT_EQ(Filter_GetFilterOrder(filter.Handle(), &order), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(order, -3);
-}
-
-TEST_F(FiltersTest, HandlesAreRefusedWithAMessageThatSaysWhy)
-{
-    TestDriver driver;
-    TestFilter filter(driver, {});
-    alignas(16) UCHAR copy[112];
-    memcpy(copy, filter.Handle(), sizeof(copy));
-    PacketFilter* const badType = reinterpret_cast<PacketFilter*>(copy);
-    PacketFilter* const wrongKind = reinterpret_cast<PacketFilter*>(driver.Handle());
-    PacketFilter* const stale = TestFilter(driver, {}).Handle();
-    // Its type is what the getter answers; find the word and make it 4.
-    for (size_t at = 20; at < sizeof(copy); at += 4) {
-        FILTER_TYPE type = 0;
-        const ULONG four = 4;
-        ULONG before;
-        memcpy(&before, copy + at, sizeof(before));
-        memcpy(copy + at, &four, sizeof(four));
-        if (Filter_GetFilterType(badType, &type) == FILTER_ERROR_INVALID_PACKET_FILTER) {
-            break;
-        }
-        memcpy(copy + at, &before, sizeof(before));
-    }
-    const std::string check = "Filter_IsValidFilter: ";
-    struct Case {
-        PacketFilter* handle;
-        std::string message;
-    };
-    for (const Case& bad :
-         {Case{nullptr, check + "Invalid Handle 0x0000000000000000, bad tag 0xffffffff\n"},
-          Case{wrongKind, check + "Invalid Handle " + PointerText(wrongKind) + ", bad tag 0x54414731\n"},
-          Case{badType, check + "Invalid Handle " + PointerText(badType) + ", bad tag 0x54414733\n"},
-          Case{stale, check + "Invalid Handle " + PointerText(stale) + ", bad tag 0x"},
-          Case{Unreadable<PacketFilter>(), check + "exception, code = -1073741819\n"}}) {
-        Debug().Take();
-        EXPECT_FALSE(Filter_IsValidFilter(bad.handle));
-        EXPECT_THAT(Debug().Take(), testing::StartsWith(bad.message));
-        const FILTER_STATUS expected =
-            bad.handle == nullptr ? FILTER_ERROR_INVALID_ARGUMENT : FILTER_ERROR_INVALID_PACKET_FILTER;
-        STRING* name = nullptr;
-        PVOID context = nullptr;
-        FILTER_TYPE type = 0;
-        FILTER_ORDER order = 0;
-        EXPECT_EQ(Filter_GetFilterName(bad.handle, &name), expected);
-        EXPECT_EQ(Filter_GetFilterContext(bad.handle, &context), expected);
-        EXPECT_EQ(Filter_GetFilterType(bad.handle, &type), expected);
-        EXPECT_EQ(Filter_GetFilterOrder(bad.handle, &order), expected);
-    }
-    EXPECT_TRUE(Filter_IsValidFilter(filter.Handle()));
-    EXPECT_EQ(Filter_GetFilterName(filter.Handle(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Filter_GetFilterContext(filter.Handle(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Filter_GetFilterType(filter.Handle(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Filter_GetFilterOrder(filter.Handle(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-}
-
-std::vector<PacketFilter*> g_enumerated;
-
-BOOLEAN Note(PVOID, PacketFilter* filter)
-{
-    EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
-    g_enumerated.push_back(filter);
-    return FALSE; // does not end the walk
-}
-
 TEST_F(FiltersTest, EnumerationReportsTheDriversFiltersWhoseTypeSharesABit)
 {
+    using Filters = std::vector<PacketFilter*>;
+    const auto note = [](PVOID seen, PacketFilter* filter) -> BOOLEAN {
+        EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+        static_cast<Filters*>(seen)->push_back(filter);
+        return FALSE; // does not end the walk
+    };
     TestDriver driver("one");
     TestDriver other("two");
     std::vector<std::unique_ptr<TestFilter>> own;
@@ -276,23 +160,17 @@ TEST_F(FiltersTest, EnumerationReportsTheDriversFiltersWhoseTypeSharesABit)
         own.push_back(std::make_unique<TestFilter>(driver, TestFilter::Options{.type = type, .order = 3}));
         foreign.push_back(std::make_unique<TestFilter>(other, TestFilter::Options{.type = type, .order = 2}));
     }
-    g_enumerated.clear();
-    EXPECT_EQ(Filter_EnumFilter(driver.Handle(), Note, nullptr, FILTER_TYPE_INCOMING_PACKET),
-              FILTER_STATUS_SUCCESS);
-    EXPECT_THAT(g_enumerated, IsEmpty()); // 0 has no bit in common with 0
-    for (FILTER_TYPE type = 1; type < FILTER_TYPE_COUNT; type++) {
-        g_enumerated.clear();
-        EXPECT_EQ(Filter_EnumFilter(driver.Handle(), Note, nullptr, type), FILTER_STATUS_SUCCESS);
-        EXPECT_THAT(g_enumerated, ElementsAre(own[2 * type]->Handle(), own[2 * type + 1]->Handle())) << type;
+    for (FILTER_TYPE type = 0; type < FILTER_TYPE_COUNT; type++) {
+        const Filters expected = {own[2 * type]->Handle(), own[2 * type + 1]->Handle()};
+        Filters seen;
+        EXPECT_EQ(Filter_EnumFilter(driver.Handle(), note, &seen, type), FILTER_STATUS_SUCCESS);
+        EXPECT_EQ(seen, type == 0 ? Filters() : expected) << type; // 0 has no bit in common with 0
     }
-    EXPECT_EQ(Filter_EnumFilter(nullptr, Note, nullptr, 1), FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Filter_EnumFilter(driver.Handle(), nullptr, nullptr, 4), FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Filter_EnumFilter(driver.Handle(), Note, nullptr, 4), FILTER_ERROR_INVALID_FILTER_TYPE);
-    EXPECT_EQ(Filter_EnumFilter(reinterpret_cast<FilterDriver*>(own[0]->Handle()), Note, nullptr, 4),
-              FILTER_ERROR_INVALID_DRIVER_HANDLE);
+    FilterDriver* const bad = reinterpret_cast<FilterDriver*>(own[0]->Handle());
+    EXPECT_EQ(Filter_EnumFilter(bad, nullptr, nullptr, 4), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_EnumFilter(bad, note, nullptr, 4), FILTER_ERROR_INVALID_DRIVER_HANDLE);
+    EXPECT_EQ(Filter_EnumFilter(driver.Handle(), note, nullptr, 4), FILTER_ERROR_INVALID_FILTER_TYPE);
 }
-
-// ------------------------------------------------------------------------------------------------------ dumps
 
 TEST_F(TracedFiltersTest, TheDumpShowsEveryFieldAndCounter)
 {
@@ -312,51 +190,20 @@ TEST_F(TracedFiltersTest, TheDumpShowsEveryFieldAndCounter)
     const std::string headTitle = "- PacketFilterList  = ";
     ASSERT_THAT(dump, HasSubstr(headTitle));
     const std::string head = dump.substr(dump.find(headTitle) + headTitle.size(), link.size());
-    EXPECT_EQ(dump, "Enter Filter_DumpFilter\n"
-                    "Dumping Packet Filter(Type = 0 - FILTER_TYPE_INCOMING_PACKET)\n"
-                    "- PacketFilterList  = " +
-                        head +
-                        "\n"
-                        "-          +- Blink = " +
-                        link +
-                        "\n"
-                        "-          +- Flink = " +
-                        link +
-                        "\n"
-                        "Filter[0] ----------- " +
-                        link +
-                        "\n"
-                        "- &m_ListEntry      = " +
-                        link +
-                        "\n"
-                        "-      +-Blink      = " +
-                        head +
-                        "\n"
-                        "-      +-Flink      = " +
-                        head +
-                        "\n"
-                        "- m_Tag             = 0x54414733\n"
-                        "- m_FilterName      = shown\n"
-                        "- m_hFilterDriver   = " +
-                        PointerText(driver.Handle()) +
-                        "\n"
-                        "- m_pDriverContext  = " +
-                        PointerText(&context) +
-                        "\n"
-                        "- m_pfFilterProc    = " +
-                        PointerText(filter.ProcedureAddress()) +
-                        "\n"
-                        "- m_pFilterContext  = " +
-                        PointerText(&filter) +
-                        "\n"
-                        "- m_FilterType      = 0 - FILTER_TYPE_INCOMING_PACKET\n"
-                        "- m_FilterOrder     = 5 - FILTER_ORDER_FIXED\n"
-                        "- m_PacketProcess   = 8\n"
-                        "- m_PacketBypass    = 2\n"
-                        "- m_PacketDiscard   = 2\n"
-                        "- m_PacketConsume   = 2\n"
-                        "- m_PacketCapture   = 1\n"
-                        "Leave Filter_DumpFilter, 0-FILTER_STATUS_SUCCESS\n");
+    EXPECT_EQ(dump,
+              "Enter Filter_DumpFilter\nDumping Packet Filter(Type = 0 - FILTER_TYPE_INCOMING_PACKET)\n" +
+                  headTitle + head + "\n-          +- Blink = " + link + "\n-          +- Flink = " + link +
+                  "\nFilter[0] ----------- " + link + "\n- &m_ListEntry      = " + link +
+                  "\n-      +-Blink      = " + head + "\n-      +-Flink      = " + head +
+                  "\n- m_Tag             = 0x54414733\n- m_FilterName      = shown\n- m_hFilterDriver   = " +
+                  PointerText(driver.Handle()) + "\n- m_pDriverContext  = " + PointerText(&context) +
+                  "\n- m_pfFilterProc    = " + PointerText(filter.ProcedureAddress()) +
+                  "\n- m_pFilterContext  = " + PointerText(&filter) +
+                  "\n- m_FilterType      = 0 - FILTER_TYPE_INCOMING_PACKET\n"
+                  "- m_FilterOrder     = 5 - FILTER_ORDER_FIXED\n"
+                  "- m_PacketProcess   = 8\n- m_PacketBypass    = 2\n- m_PacketDiscard   = 2\n"
+                  "- m_PacketConsume   = 2\n- m_PacketCapture   = 1\n"
+                  "Leave Filter_DumpFilter, 0-FILTER_STATUS_SUCCESS\n");
     for (const size_t consumed : {2, 7}) {
         Filter_ReleasePacket(filter.Calls()[consumed].packet);
     }

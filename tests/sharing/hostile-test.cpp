@@ -23,7 +23,8 @@ class HostileTest : public SharedTest
     }
 };
 
-constexpr int32_t kSpoilt[] = {-1, 512, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()};
+constexpr int32_t kSpoilt[] = {-1, 512, std::numeric_limits<int32_t>::min(),
+                               std::numeric_limits<int32_t>::max()};
 
 TEST_F(HostileTest, AnIndexOutsideTheInputRingMakesItReadAsEmpty)
 {
@@ -56,10 +57,15 @@ TEST_F(HostileTest, AnIndexOutsideTheOutputRingMakesItReadAsFull)
             FilterPacket* packet = MakePacket(adapter, UdpFrame());
             EXPECT_EQ(Filter_IndicatePacketToApplication(packet, 0, 0), FILTER_STATUS_SUCCESS);
             Filter_ReleasePacket(packet);
-            EXPECT_EQ(read.Wait().value_or(Result{-1, 0}).status, STATUS_SUCCESS) << value;
-            EXPECT_EQ(program.Control(IOCTL_NDIS_FILTER_READ_SHARE).status, STATUS_SUCCESS);
+            EXPECT_EQ(ResultOf(read).status, STATUS_SUCCESS) << value;
+            machine::Request next = program.Read();
+            EXPECT_EQ(ResultOf(next).status, STATUS_SUCCESS);
             EXPECT_EQ(Load(*index), value);
             EXPECT_EQ(Load(program.Out().m_nCount), count);
+            Store(program.Out().m_iRead, value); // both alike: not empty either
+            Store(program.Out().m_iWrite, value);
+            machine::Request last = program.Read();
+            EXPECT_EQ(ResultOf(last).status, STATUS_SUCCESS);
             Repair();
             ExpectLoopBack(program);
         }
@@ -97,17 +103,20 @@ TEST_F(HostileTest, ScribblingDisturbsNoOtherTraffic)
         return FILTER_RESULT_BYPASS;
     });
     std::atomic<uint32_t> whole{0};
-    hook::SetSink(adapter, hook::Side::Protocols, [&](std::span<const uint8_t> frame, const hook::Delivery& delivery) {
-        if (delivery.origin == hook::Origin::Received) {
-            const Bytes expected = UdpFrame(1, 2, Counting(500));
-            whole += std::equal(frame.begin(), frame.end(), expected.begin(), expected.end()) ? 1 : 0;
-        }
-    });
+    hook::SetSink(
+        adapter, hook::Side::Protocols, [&](std::span<const uint8_t> frame, const hook::Delivery& delivery) {
+            if (delivery.origin == hook::Origin::Received) {
+                const Bytes expected = UdpFrame(1, 2, Counting(500));
+                whole += std::equal(frame.begin(), frame.end(), expected.begin(), expected.end()) ? 1 : 0;
+            }
+        });
     std::atomic<bool> stop{false};
     std::thread scribbler([&] {
         std::mt19937 random(4711);
         auto* const words = reinterpret_cast<uint32_t*>(&program.Mapping());
-        const auto write = [](uint32_t* word, uint32_t value) { __atomic_store_n(word, value, __ATOMIC_RELAXED); };
+        const auto write = [](uint32_t* word, uint32_t value) {
+            __atomic_store_n(word, value, __ATOMIC_RELAXED);
+        };
         const auto indexes = reinterpret_cast<uint32_t*>(&program.Memory());
         while (!stop) {
             write(words + random() % (NDIS_FILTER_MAPPED_MEMORY_SIZE / 4), random());

@@ -11,13 +11,7 @@ namespace
 {
 
 class OwnerTest : public SharingTest
-{
-};
-
-Result ResultOf(machine::Request& request)
-{
-    return request.Wait().value_or(Result{-1, 0});
-}
+{};
 
 TEST_F(OwnerTest, OneHandleAtATimeOwnsTheShare)
 {
@@ -77,7 +71,8 @@ TEST_F(OwnerTest, AMappingThatFailsLeavesNoOwner)
     for (const bool byHook : {true, false}) {
         if (!byHook) {
             ASSERT_EQ(hook::Unbind(), STATUS_SUCCESS);
-            ASSERT_EQ(hook::Bind({.without = {hook::Function::MmMapLockedPages, hook::Function::MmUnmapLockedPages}}),
+            ASSERT_EQ(hook::Bind({.without = {hook::Function::MmMapLockedPages,
+                                              hook::Function::MmUnmapLockedPages}}),
                       STATUS_SUCCESS);
         }
         SharingProgram failing, other;
@@ -91,8 +86,7 @@ TEST_F(OwnerTest, AMappingThatFailsLeavesNoOwner)
 }
 
 class ParkedReadTest : public SharedTest
-{
-};
+{};
 
 TEST_F(ParkedReadTest, WaitsForABlockAndAllowsNoSecond)
 {
@@ -145,45 +139,90 @@ TEST_F(ParkedReadTest, CompletesWhenTheShareEnds)
     EXPECT_EQ(ResultOf(closed).status, STATUS_SUCCESS);
 }
 
-// A driver sends the requests, as only a driver can cancel one that it has not sent yet.
-TEST_F(ParkedReadTest, ARequestCancelledBeforehandIsNotParked)
+// A request of a driver, which has its hands on the record that the I/O manager hides from programs.
+class DriverRequest
 {
-    EXPECT_EQ(program.Stop().status, STATUS_SUCCESS);
-    UNICODE_STRING name;
-    RtlInitUnicodeString(&name, NDIS_FILTER_DEVICE_NAME);
-    PFILE_OBJECT file = nullptr;
-    PDEVICE_OBJECT device = nullptr;
-    ASSERT_EQ(IoGetDeviceObjectPointer(&name, FILE_READ_DATA, &file, &device), STATUS_SUCCESS);
-    const auto send = [&](ULONG code, bool cancelled) {
-        uint64_t buffer = 1;
-        PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
-        irp->AssociatedIrp.SystemBuffer = &buffer;
-        PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
+  public:
+    DriverRequest(PDEVICE_OBJECT device, PFILE_OBJECT file, ULONG code)
+        : device_(device), irp_(IoAllocateIrp(device->StackSize, FALSE))
+    {
+        irp_->AssociatedIrp.SystemBuffer = &buffer_;
+        PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp_);
         stack->MajorFunction = IRP_MJ_DEVICE_CONTROL;
         stack->FileObject = file;
         stack->Parameters.DeviceIoControl.IoControlCode = code;
-        stack->Parameters.DeviceIoControl.InputBufferLength = sizeof(buffer);
-        stack->Parameters.DeviceIoControl.OutputBufferLength = sizeof(buffer);
-        NTSTATUS completed = STATUS_PENDING;
-        IoSetCompletionRoutine(
-            irp,
-            [](PDEVICE_OBJECT, PIRP done, PVOID context) -> NTSTATUS {
-                *static_cast<NTSTATUS*>(context) = done->IoStatus.Status;
-                return STATUS_MORE_PROCESSING_REQUIRED;
-            },
-            &completed, TRUE, TRUE, TRUE);
-        if (cancelled) {
-            IoCancelIrp(irp);
-        }
-        IoCallDriver(device, irp);
-        IoFreeIrp(irp);
-        return completed;
-    };
-    EXPECT_EQ(send(IOCTL_NDIS_FILTER_START_SHARE, false), STATUS_SUCCESS);
-    EXPECT_EQ(send(IOCTL_NDIS_FILTER_READ_SHARE, true), STATUS_CANCELLED);
-    EXPECT_EQ(send(IOCTL_NDIS_FILTER_READ_SHARE, true), STATUS_CANCELLED); // the first left nothing behind
-    EXPECT_EQ(send(IOCTL_NDIS_FILTER_STOP_SHARE, false), STATUS_SUCCESS);
-    ObDereferenceObject(file);
+        stack->Parameters.DeviceIoControl.InputBufferLength = sizeof(buffer_);
+        stack->Parameters.DeviceIoControl.OutputBufferLength = sizeof(buffer_);
+        const auto note = [](PDEVICE_OBJECT, PIRP done, PVOID status) -> NTSTATUS {
+            *static_cast<NTSTATUS*>(status) = done->IoStatus.Status;
+            return STATUS_MORE_PROCESSING_REQUIRED;
+        };
+        IoSetCompletionRoutine(irp_, note, &status_, TRUE, TRUE, TRUE);
+    }
+    ~DriverRequest() { IoFreeIrp(irp_); }
+    NTSTATUS Send()
+    {
+        IoCallDriver(device_, irp_);
+        return status_;
+    }
+    PIRP Irp() const { return irp_; }
+    NTSTATUS Status() const { return status_; } // STATUS_PENDING until it is complete
+
+  private:
+    PDEVICE_OBJECT device_;
+    PIRP irp_;
+    uint64_t buffer_ = 1;
+    NTSTATUS status_ = STATUS_PENDING;
+};
+
+class DriverReadTest : public SharingTest
+{
+  protected:
+    void SetUp() override
+    {
+        SharingTest::SetUp();
+        UNICODE_STRING name;
+        RtlInitUnicodeString(&name, NDIS_FILTER_DEVICE_NAME);
+        ASSERT_EQ(IoGetDeviceObjectPointer(&name, FILE_READ_DATA, &file, &device), STATUS_SUCCESS);
+        ASSERT_EQ(DriverRequest(device, file, IOCTL_NDIS_FILTER_START_SHARE).Send(), STATUS_SUCCESS);
+    }
+
+    void TearDown() override
+    {
+        EXPECT_EQ(DriverRequest(device, file, IOCTL_NDIS_FILTER_STOP_SHARE).Send(), STATUS_SUCCESS);
+        ObDereferenceObject(file);
+        SharingTest::TearDown();
+    }
+
+    PFILE_OBJECT file = nullptr;
+    PDEVICE_OBJECT device = nullptr;
+};
+
+TEST_F(DriverReadTest, ARequestCancelledBeforehandIsNotParked)
+{
+    for (int i = 0; i < 2; ++i) { // the first leaves nothing behind
+        DriverRequest read(device, file, IOCTL_NDIS_FILTER_READ_SHARE);
+        IoCancelIrp(read.Irp());
+        EXPECT_EQ(read.Send(), STATUS_CANCELLED);
+    }
+}
+
+// What IoCancelIrp does, with a block that arrives between its two halves.
+TEST_F(DriverReadTest, ACancellationThatHasBegunIsLeftToItsRoutine)
+{
+    DriverRequest read(device, file, IOCTL_NDIS_FILTER_READ_SHARE);
+    ASSERT_EQ(read.Send(), STATUS_PENDING);
+    read.Irp()->Cancel = TRUE;
+    const PDRIVER_CANCEL routine = IoSetCancelRoutine(read.Irp(), nullptr);
+    ASSERT_NE(routine, nullptr);
+    EXPECT_EQ(SendSignal(), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(read.Status(), STATUS_PENDING);
+    KIRQL irql;
+    IoAcquireCancelSpinLock(&irql);
+    read.Irp()->CancelIrql = irql;
+    routine(device, read.Irp());
+    EXPECT_EQ(read.Status(), STATUS_CANCELLED);
+    EXPECT_EQ(DriverRequest(device, file, IOCTL_NDIS_FILTER_READ_SHARE).Send(), STATUS_SUCCESS); // the block
 }
 
 // Whoever comes first completes the read, and only he.
@@ -236,14 +275,8 @@ TEST_F(ParkedReadTest, CancelCloseAndCompletionRaceForTheRead)
 class NoMemoryTest : public SharingTest
 {
   protected:
-    NoMemoryTest()
-    {
-        plan_.loadFramework = plan_.loadHook = plan_.bind = false;
-    }
-    void SetUp() override
-    {
-        FrameworkTest::SetUp();
-    }
+    NoMemoryTest() { plan_.loadFramework = plan_.loadHook = plan_.bind = false; }
+    void SetUp() override { FrameworkTest::SetUp(); }
 };
 
 TEST_F(NoMemoryTest, WithoutSharedMemoryEverythingElseWorks)

@@ -21,6 +21,16 @@ inline void Store(int32_t& index, int32_t value)
     __atomic_store_n(&index, value, __ATOMIC_RELEASE);
 }
 
+// What a request came to; one that nobody completes is cancelled.
+inline Result ResultOf(machine::Request& request)
+{
+    const auto result = request.Wait();
+    if (!result) {
+        request.Cancel();
+    }
+    return result.value_or(Result{STATUS_PENDING, 0});
+}
+
 class SharingProgram
 {
   public:
@@ -66,7 +76,10 @@ class SharingProgram
         Store(In().m_iWrite, (Load(In().m_iWrite) + 1) % NDIS_FILTER_BLOCK_COUNT);
         EXPECT_EQ(AnnounceOnly().status, STATUS_SUCCESS);
     }
-    bool IsInputTaken() { return support::Eventually([&] { return Load(In().m_iRead) == Load(In().m_iWrite); }); }
+    bool IsInputTaken()
+    {
+        return support::Eventually([&] { return Load(In().m_iRead) == Load(In().m_iWrite); });
+    }
 
     bool IsOutputEmpty() { return Load(Out().m_iRead) == Load(Out().m_iWrite); }
     // Waits for a block as programs do, with a read parked; false when none comes.
@@ -74,13 +87,12 @@ class SharingProgram
     {
         while (IsOutputEmpty()) {
             machine::Request read = Read();
-            const auto result = read.Wait();
-            if (!result) {
-                read.Cancel();
+            const Result result = ResultOf(read);
+            EXPECT_EQ(result.status, STATUS_SUCCESS);
+            EXPECT_EQ(result.information, 0u);
+            if (result.status != STATUS_SUCCESS) {
                 return false;
             }
-            EXPECT_EQ(result->status, STATUS_SUCCESS);
-            EXPECT_EQ(result->information, 0u);
         }
         return true;
     }
@@ -141,7 +153,8 @@ class SharingTest : public support::FrameworkTest
         block.m_nAdapterId = adapterId;
         block.m_nDirection = direction;
         block.m_nPacketSize = static_cast<uint32_t>(frame.size());
-        std::copy(frame.begin(), frame.end(), reinterpret_cast<uint8_t*>(&block) + offsetof(SharedBlock, m_Data));
+        std::copy(frame.begin(), frame.end(),
+                  reinterpret_cast<uint8_t*>(&block) + offsetof(SharedBlock, m_Data));
     }
 
     // A frame of the program comes straight back to it.
@@ -165,6 +178,8 @@ class SharingTest : public support::FrameworkTest
 class SharedTest : public SharingTest
 {
   protected:
+    using SharingTest::SharingTest;
+
     void SetUp() override
     {
         SharingTest::SetUp();

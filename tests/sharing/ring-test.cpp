@@ -47,7 +47,8 @@ TEST_F(RingTest, TheProgramFindsTheRingsLaidOutInMemoryThatIsReallyShared)
                   reinterpret_cast<uint8_t*>(program.Memory().m_OutputBlocks),
               in.m_iBaseOffset);
     EXPECT_EQ(program.Mapping().m_nSize, 1724496u);
-    EXPECT_EQ(uint64_t{program.Mapping().m_pUserModeVirtualAddress}, reinterpret_cast<uint64_t>(&program.Mapping()));
+    EXPECT_EQ(uint64_t{program.Mapping().m_pUserModeVirtualAddress},
+              reinterpret_cast<uint64_t>(&program.Mapping()));
 
     // The framework's own view is elsewhere, and shows the same bytes.
     auto* const kernelBlocks = reinterpret_cast<SharedBlock*>(uint64_t{in.m_pkBlockBase});
@@ -70,7 +71,8 @@ TEST_F(RingTest, AnOutputBlockCarriesThePacket)
         std::fill(std::begin(packet->m_ApplicationData), std::end(packet->m_ApplicationData), UCHAR{0xAD});
         SharedBlock& block = program.NextOutput();
         std::memset(&block, 0x5A, sizeof(block));
-        EXPECT_EQ(Filter_IndicatePacketToApplication(packet, 0x1234, 0x1122334455667788), FILTER_STATUS_SUCCESS);
+        EXPECT_EQ(Filter_IndicatePacketToApplication(packet, 0x1234, 0x1122334455667788),
+                  FILTER_STATUS_SUCCESS);
 
         ASSERT_FALSE(program.IsOutputEmpty());
         EXPECT_EQ(block.m_nAdapterId, adapterId);
@@ -116,8 +118,10 @@ TEST_F(RingTest, ABlockOfTheProgramTakesTheRoadOfItsDirection)
         FILTER_TYPE type; // of the chain that runs, or invalid
         uint64_t toAdapter, toProtocols;
     };
-    const Case cases[] = {{1, FILTER_TYPE_INJECT_TO_PROTOCOL, 0, 1}, {2, FILTER_TYPE_INJECT_TO_ADAPTER, 1, 0},
-                          {0, FILTER_TYPE_INVALID, 0, 0},            {4, FILTER_TYPE_INVALID, 0, 0},
+    const Case cases[] = {{1, FILTER_TYPE_INJECT_TO_PROTOCOL, 0, 1},
+                          {2, FILTER_TYPE_INJECT_TO_ADAPTER, 1, 0},
+                          {0, FILTER_TYPE_INVALID, 0, 0},
+                          {4, FILTER_TYPE_INVALID, 0, 0},
                           {0xFFFFFFFF, FILTER_TYPE_INVALID, 0, 0}};
     const Bytes frame = UdpFrame();
     for (const Case& test : cases) {
@@ -126,20 +130,21 @@ TEST_F(RingTest, ABlockOfTheProgramTakesTheRoadOfItsDirection)
         int runs = 0;
         std::vector<std::unique_ptr<TestFilter>> filters;
         for (FILTER_TYPE type = 0; type < FILTER_TYPE_COUNT; ++type) {
-            filters.push_back(std::make_unique<TestFilter>(driver, TestFilter::Options{.type = type}, [&, type](auto* p) {
-                ++runs;
-                EXPECT_EQ(type, test.type);
-                EXPECT_EQ(p->m_hAdapter, adapter);
-                EXPECT_EQ(p->m_nDirection, test.direction);
-                EXPECT_EQ(p->m_nPacketSize, frame.size());
-                EXPECT_EQ(p->m_nCarried[0], 11u);
-                EXPECT_EQ(p->m_nCarried[1], 12u);
-                EXPECT_EQ(p->m_nIndicateCode, 13u);
-                EXPECT_EQ(p->m_nIndicateValue, 0x1415161718191A1Bu);
-                EXPECT_THAT(p->m_ApplicationData, Each(0xAD));
-                EXPECT_EQ(p->m_pUdp, p->m_Data + 34); // parsed
-                return FILTER_RESULT_BYPASS;
-            }));
+            filters.push_back(
+                std::make_unique<TestFilter>(driver, TestFilter::Options{.type = type}, [&, type](auto* p) {
+                    ++runs;
+                    EXPECT_EQ(type, test.type);
+                    EXPECT_EQ(p->m_hAdapter, adapter);
+                    EXPECT_EQ(p->m_nDirection, test.direction);
+                    EXPECT_EQ(p->m_nPacketSize, frame.size());
+                    EXPECT_EQ(p->m_nCarried[0], 11u);
+                    EXPECT_EQ(p->m_nCarried[1], 12u);
+                    EXPECT_EQ(p->m_nIndicateCode, 13u);
+                    EXPECT_EQ(p->m_nIndicateValue, 0x1415161718191A1Bu);
+                    EXPECT_THAT(p->m_ApplicationData, Each(0xAD));
+                    EXPECT_EQ(p->m_pUdp, p->m_Data + 34); // parsed
+                    return FILTER_RESULT_BYPASS;
+                }));
         }
         const hook::Balance before = hook::TakeBalance();
         SharedBlock& block = program.NextInput();
@@ -178,11 +183,13 @@ TEST_F(RingTest, LoopedBackBlocksArriveWholeAndInOrder)
             const SharedBlock& block = program.NextOutput();
             ASSERT_EQ(block.m_nCarried[1], taken);
             ASSERT_EQ(block.m_nDirection, 3u);
-            ASSERT_EQ(Area(block, 164, block.m_nPacketSize), Counting(taken % 1521, static_cast<uint8_t>(taken)));
+            ASSERT_EQ(Area(block, 164, block.m_nPacketSize),
+                      Counting(taken % 1521, static_cast<uint8_t>(taken)));
             program.TakeOutput();
         }
     }
-    Filter_InjectPacketFromApplication(adapter, MakePacket(adapter, UdpFrame()), 3); // the same through a queue
+    Filter_InjectPacketFromApplication(adapter, MakePacket(adapter, UdpFrame()),
+                                       3); // the same through a queue
     ASSERT_TRUE(program.WaitForOutput());
     EXPECT_EQ(program.NextOutput().m_nPacketSize, UdpFrame().size());
 }
@@ -207,12 +214,21 @@ TEST_F(RingTest, AFullRingTakesNoMoreUntilTheProgramReads)
 
 TEST_F(RingTest, AWriteToAFullRingWakesTheParkedReadToo)
 {
-    machine::Request read = program.Read();
-    EXPECT_FALSE(read.IsComplete());
-    Store(program.Out().m_iRead, 1); // full from here on
-    EXPECT_EQ(SendSignal(), FILTER_ERROR_OUT_OF_MEMORY);
-    EXPECT_EQ(read.Wait().value_or(Result{-1, 0}).status, STATUS_SUCCESS);
-    Store(program.Out().m_iRead, 0);
+    FilterPacket* packet = MakePacket(adapter, UdpFrame());
+    for (const bool signal : {true, false}) {
+        machine::Request read = program.Read();
+        EXPECT_FALSE(read.IsComplete());
+        Store(program.Out().m_iRead, 1); // full from here on
+        if (signal) {
+            EXPECT_EQ(SendSignal(), FILTER_ERROR_OUT_OF_MEMORY);
+        } else {
+            EXPECT_EQ(Filter_IndicatePacketToApplication(packet, 0, 0), FILTER_STATUS_SUCCESS);
+        }
+        EXPECT_EQ(ResultOf(read).status, STATUS_SUCCESS);
+        Store(program.Out().m_iRead, 0);
+        EXPECT_TRUE(program.IsOutputEmpty());
+    }
+    Filter_ReleasePacket(packet);
 }
 
 TEST_F(RingTest, ASignalIsCopiedRawAndReachesIntoTheNextBlock)
@@ -224,7 +240,8 @@ TEST_F(RingTest, ASignalIsCopiedRawAndReachesIntoTheNextBlock)
         SharedBlock& block = program.NextOutput();
         std::memset(&block, 0x5A, 2 * sizeof(block)); // behind the last output block: the first input block
         EXPECT_EQ(Filter_IndicateSignalToApplication(signal.data()), FILTER_STATUS_SUCCESS);
-        EXPECT_THAT(Bytes(signal.begin() + 12, signal.begin() + 16), Each(0)); // in the caller's record as well
+        EXPECT_THAT(Bytes(signal.begin() + 12, signal.begin() + 16),
+                    Each(0)); // in the caller's record as well
         EXPECT_EQ(Area(block, 0, signal.size()), Bytes(signal.begin(), signal.end()));
         EXPECT_EQ(signal[11], 12);
         EXPECT_EQ(signal[16], 17);
@@ -241,7 +258,7 @@ TEST_F(RingTest, ARefusedBlockStaysUntilTheProgramMendsIt)
     struct Case {
         uint32_t adapterId, size;
     };
-    const Case cases[] = {{0, 60}, {adapterId + 1, 60}, {0xFFFFFFFF, 60},
+    const Case cases[] = {{0, 60},           {adapterId + 1, 60},     {0xFFFFFFFF, 60},
                           {adapterId, 1649}, {adapterId, 0x80000000}, {adapterId, 0xFFFFFFFF}};
     for (const Case& test : cases) {
         SharedBlock& block = program.NextInput();

@@ -13,22 +13,17 @@ CountedString::CountedString(std::string text) : text_(text.begin(), text.end())
     string_ = {length, length, text_.data()};
 }
 
-std::string TextOf(const STRING& string)
-{
-    return std::string(string.Buffer, string.Length);
-}
-
 std::string TakeName(STRING* name)
 {
     if (name == nullptr) {
         return "(none)";
     }
-    const std::string text = TextOf(*name);
+    const std::string text(name->Buffer, name->Length);
     EXPECT_EQ(Filter_FreeMemory(name), FILTER_STATUS_SUCCESS);
     return text;
 }
 
-TestDriver::TestDriver(const std::string& name, void* context) : context_(context)
+TestDriver::TestDriver(const std::string& name, void* context)
 {
     const CountedString counted(name);
     EXPECT_EQ(Filter_RegisterDriver(&counted, context, 1, 0, &handle_), FILTER_STATUS_SUCCESS) << name;

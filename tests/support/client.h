@@ -24,15 +24,12 @@ class CountedString
     explicit CountedString(std::string text);
     CountedString(const CountedString&) = delete;
     CountedString& operator=(const CountedString&) = delete;
-    operator const STRING*() const { return &string_; }
-    const STRING* operator&() const { return &string_; }
+    const STRING* operator&() const { return &string_; } // as the exports take it
 
   private:
     std::vector<char> text_;
     STRING string_;
 };
-
-std::string TextOf(const STRING& string);
 
 // Takes what a name getter handed out: frees it and answers the text, "(none)" for null.
 std::string TakeName(STRING* name);
@@ -47,13 +44,11 @@ class TestDriver
     TestDriver& operator=(const TestDriver&) = delete;
 
     FilterDriver* Handle() const { return handle_; }
-    void* Context() const { return context_; }
     FILTER_STATUS Deregister();
     void Forget() { handle_ = nullptr; } // it is left to the framework's unload
 
   private:
     FilterDriver* handle_ = nullptr;
-    void* context_;
 };
 
 class TestFilter

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include <sys/mman.h>
+
 namespace support
 {
 
@@ -19,20 +21,21 @@ inline void FaultOnDivision()
                  : "rax", "rcx", "rdx");
 }
 
-// An address whose page can be neither read nor written, and one of a page that can only be read (all zero).
-void* NoAccessPage();
-void* ReadOnlyPage();
+// A page with PROT_... rights, all zero.
+void* MapPage(int protection);
 
 template <class T>
 T* Unreadable()
 {
-    return static_cast<T*>(NoAccessPage());
+    static void* const page = MapPage(PROT_NONE);
+    return static_cast<T*>(page);
 }
 
 template <class T>
 T* Unwritable()
 {
-    return static_cast<T*>(ReadOnlyPage());
+    static void* const page = MapPage(PROT_READ);
+    return static_cast<T*>(page);
 }
 
 // The codes that the guard reports.

@@ -5,14 +5,10 @@
 #include <cstring>
 #include <thread>
 
-#include <sys/mman.h>
-
 // The entry routine of the framework, which is linked into every test program.
 extern "C" int32_t DriverEntry(void* driverObject, void* registryPath);
 
 namespace support
-{
-namespace
 {
 
 void* MapPage(int protection)
@@ -20,23 +16,11 @@ void* MapPage(int protection)
     return mmap(nullptr, 4096, protection, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
 }
 
-} // namespace
-
-void* NoAccessPage()
-{
-    static void* const page = MapPage(PROT_NONE);
-    return page;
-}
-
-void* ReadOnlyPage()
-{
-    static void* const page = MapPage(PROT_READ);
-    return page;
-}
-
 machine::Status LoadFramework()
 {
-    return machine::LoadDriver(kFrameworkService, DriverEntry);
+    const machine::Status status = machine::LoadDriver(kFrameworkService, DriverEntry);
+    EXPECT_TRUE(machine::WaitIdle());
+    return status;
 }
 
 FrameworkTest::FrameworkTest(LoadPlan plan) : plan_(std::move(plan)) {}
@@ -50,9 +34,7 @@ void FrameworkTest::SetUp()
     debug_ = std::make_unique<machine::DebugCapture>();
     program_ = std::make_unique<machine::Process>();
     machine::DeleteRegistryKey(kFrameworkService);
-    if (plan_.registryKey) {
-        machine::SetRegistryDword(kFrameworkService, "Start", 3); // creates the key
-    }
+    machine::SetRegistryDword(kFrameworkService, "Start", 3); // creates the key
     for (const auto& [name, value] : plan_.registry) {
         machine::SetRegistryDword(kFrameworkService, name, value);
     }
@@ -60,10 +42,10 @@ void FrameworkTest::SetUp()
         ASSERT_EQ(LoadFramework(), STATUS_SUCCESS) << debug_->Text();
     }
     if (plan_.loadHook) {
-        ASSERT_EQ(hook::Load({.packetLimit = plan_.packetLimit}), STATUS_SUCCESS);
+        ASSERT_EQ(hook::Load(), STATUS_SUCCESS);
     }
     if (plan_.bind) {
-        ASSERT_EQ(hook::Bind(plan_.bindOptions), STATUS_SUCCESS) << debug_->Text();
+        ASSERT_EQ(hook::Bind(), STATUS_SUCCESS) << debug_->Text();
     }
 }
 
@@ -116,20 +98,6 @@ FilterAdapter* FrameworkTest::AddAdapter(const std::string& name, const MacAddre
     return adapter;
 }
 
-std::vector<std::string> FrameworkTest::TakeBrokenRules()
-{
-    std::vector<std::string> rules;
-    for (const machine::Violation& violation : machine::TakeViolations()) {
-        rules.push_back(violation.rule);
-    }
-    return rules;
-}
-
-std::vector<std::string> FrameworkTest::TakeMisuses()
-{
-    return hook::TakeMisuses();
-}
-
 void FrameworkTest::ExpectNoLockHeld(const char* where)
 {
     machine::CheckReturnToUser(where);
@@ -142,6 +110,20 @@ std::unique_ptr<machine::File> FrameworkTest::OpenDevice()
     std::unique_ptr<machine::File> file = program_->Open(kDeviceName, &status);
     EXPECT_NE(file, nullptr) << "status " << std::hex << static_cast<uint32_t>(status);
     return file;
+}
+
+void DeviceTest::SetUp()
+{
+    FrameworkTest::SetUp();
+    device_ = OpenDevice();
+    ASSERT_NE(device_, nullptr);
+    Debug().Take();
+}
+
+void DeviceTest::TearDown()
+{
+    device_.reset();
+    FrameworkTest::TearDown();
 }
 
 NdisHookAPI HookRecord()
@@ -187,10 +169,7 @@ std::vector<Bytes> Collector::Frames() const
 
 bool Collector::WaitFor(size_t count) const
 {
-    return Eventually([&] {
-        const std::lock_guard lock(mutex_);
-        return frames_.size() >= count;
-    });
+    return Eventually([&] { return Frames().size() >= count; });
 }
 
 std::string PointerText(const void* pointer)

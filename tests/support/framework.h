@@ -13,7 +13,6 @@
 
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,19 +23,14 @@ inline constexpr char kFrameworkService[] = "NdisFilter";
 inline constexpr char kDeviceName[] = "\\\\.\\NdisFilter";
 inline constexpr uint32_t kTraceEverything = 0xFFFFFFFF;
 
-// Statuses that tests name and the hook's header does not.
-inline constexpr machine::Status kAdapterNotFound = static_cast<machine::Status>(0xC0010006);
-
+// Returns once the framework's threads have printed what they print when they start.
 machine::Status LoadFramework();
 
 struct LoadPlan {
     bool loadFramework = true;
     bool loadHook = true;
     bool bind = true;
-    bool registryKey = true;                       // the framework's service key exists
-    std::map<std::string, uint32_t> registry = {}; // values under it
-    uint32_t packetLimit = 1024;                   // of the hook driver
-    hook::BindOptions bindOptions = {};
+    std::map<std::string, uint32_t> registry = {}; // values of the framework's service key
 };
 
 // What tests with other traces, without a hook driver, or with a binding of their own start from.
@@ -76,18 +70,12 @@ class FrameworkTest : public testing::Test
     // Debug output since the load, or since the last Take().
     machine::DebugCapture& Debug() { return *debug_; }
 
-    // Names of the kernel's rules broken since the last call, which the test thereby accepts.
-    std::vector<std::string> TakeBrokenRules();
-    // The same for what the hook driver was asked to do wrong.
-    std::vector<std::string> TakeMisuses();
-
     // What is left behind at this moment is what the test expects to stay; it has asserted what that is.
     void AcceptLeftovers() { before_ = machine::TakeCensus(); }
 
     // No lock is held by anybody, and this thread is at PASSIVE_LEVEL.
     void ExpectNoLockHeld(const char* where);
 
-    machine::Process& Program() { return *program_; }
     // The control device, opened by the user program; fails the test when it cannot be.
     std::unique_ptr<machine::File> OpenDevice();
 
@@ -103,6 +91,17 @@ class FrameworkTest : public testing::Test
 NdisHookAPI HookRecord(); // size and version right, no functions
 // Sends the record; what came back is in it.
 machine::Request::Result Exchange(machine::File& device, uint32_t code, NdisHookAPI& record);
+
+// Has the control device open, and no debug output yet.
+class DeviceTest : public FrameworkTest
+{
+  protected:
+    using FrameworkTest::FrameworkTest;
+    void SetUp() override;
+    void TearDown() override;
+
+    std::unique_ptr<machine::File> device_;
+};
 
 // Collects what goes out of an adapter on one side.
 class Collector

@@ -26,7 +26,7 @@ WCHAR adapterName[] = L"LoopHook adapter";
 PDEVICE_OBJECT controlDevice;
 PFILE_OBJECT filterFile; // of the framework's device, from the first binding request on
 PDEVICE_OBJECT filterDevice;
-NdisHookAPI api;              // as exchanged
+NdisHookAPI api;               // as exchanged
 MappedMemory* volatile shared; // the framework's memory while it is mapped
 volatile LONG packetsOut;
 volatile LONG released;
@@ -35,7 +35,8 @@ volatile LONG released;
 
 FilterPacket* NewPacket(Adapter* adapter)
 {
-    auto* packet = static_cast<FilterPacket*>(ExAllocatePoolWithTag(NonPagedPool, sizeof(FilterPacket), POOL_TAG));
+    auto* packet =
+        static_cast<FilterPacket*>(ExAllocatePoolWithTag(NonPagedPool, sizeof(FilterPacket), POOL_TAG));
     if (packet != nullptr) {
         RtlZeroMemory(packet, sizeof(*packet));
         packet->m_hAdapter = &adapter->record;
@@ -151,9 +152,7 @@ NTSTATUS MakeNdisRequest(FilterAdapter*, PVOID, PVOID)
     return STATUS_NOT_SUPPORTED;
 }
 
-VOID FreeRequest(PVOID)
-{
-}
+VOID FreeRequest(PVOID) {}
 
 NTSTATUS SetAdapterStatus(const UCHAR*, ULONG)
 {
@@ -177,7 +176,8 @@ VOID GetTcpIpBoundAdapters(PVOID buffer)
         RtlZeroMemory(&info, sizeof(info));
         info.m_hAdapter = &adapter.record;
         info.m_usMTU = adapter.record.m_usMTU;
-        RtlCopyMemory(info.m_PermanentAddress, adapter.record.m_PermanentAddress, sizeof(info.m_PermanentAddress));
+        RtlCopyMemory(info.m_PermanentAddress, adapter.record.m_PermanentAddress,
+                      sizeof(info.m_PermanentAddress));
         RtlCopyMemory(info.m_CurrentAddress, adapter.record.m_CurrentAddress, sizeof(info.m_CurrentAddress));
         for (ULONG i = 0; adapterName[i] != 0; ++i) {
             info.m_szAdapterName[i] = static_cast<CHAR>(adapterName[i]);
@@ -325,7 +325,8 @@ struct Request {
     ULONG_PTR returned;
 };
 
-template <class Record> const Record* Input(const Request& request)
+template <class Record>
+const Record* Input(const Request& request)
 {
     return request.inputLength >= sizeof(Record) ? reinterpret_cast<const Record*>(request.buffer) : nullptr;
 }
@@ -338,7 +339,8 @@ NTSTATUS PerformShared(Request& request)
     }
     const LoopWindow copy = *window; // a read overwrites it
     if (request.code == LOOPHOOK_WRITE_SHARED) {
-        return AccessShared(copy, request.buffer + sizeof(LoopWindow), request.inputLength - sizeof(LoopWindow), true);
+        return AccessShared(copy, request.buffer + sizeof(LoopWindow),
+                            request.inputLength - sizeof(LoopWindow), true);
     }
     const NTSTATUS status = AccessShared(copy, request.buffer, request.outputLength, false);
     request.returned = NT_SUCCESS(status) ? copy.length : 0;

@@ -1,8 +1,8 @@
 /*
  * The control device of loophook.sys, \\.\LoopHook: how a test drives its virtual adapters. Plain C.
  *
- * The adapters are loops: what the framework sends on one comes back as received on it, and ends when the framework
- * indicates it to the protocols.
+ * The adapters are loops: what the framework sends on one comes back as received on it, and ends when the
+ * framework indicates it to the protocols.
  */
 #ifndef LOOPHOOK_H
 #define LOOPHOOK_H
@@ -14,7 +14,7 @@
 
 #define LOOPHOOK_CODE(Function) (0x80010000u | ((uint32_t)(Function) << 2))
 
-/* Send the framework's binding requests with the given LoopBinding; they answer what the framework answers. */
+/* Send the framework its binding requests with the given LoopBinding; they answer what it answers. */
 #define LOOPHOOK_BIND LOOPHOOK_CODE(0x801)
 #define LOOPHOOK_UNBIND LOOPHOOK_CODE(0x802)
 /* Open or close an adapter; input: its number. */
@@ -26,18 +26,19 @@
 /* Output: a LoopReport. */
 #define LOOPHOOK_REPORT LOOPHOOK_CODE(0x807)
 /*
- * Read and write the memory that the framework shares with a program, while it is shared: input a LoopWindow and, to
- * write, the bytes behind it; output of a read: the bytes. For systems that map no driver memory into a program.
+ * Read and write the memory that the framework shares with a program, while it is shared: input a LoopWindow
+ * and, to write, the bytes behind it; output of a read: the bytes. For systems that map no driver memory into
+ * a program.
  */
 #define LOOPHOOK_READ_SHARED LOOPHOOK_CODE(0x808)
 #define LOOPHOOK_WRITE_SHARED LOOPHOOK_CODE(0x809)
 
-/* A control code that the framework does not know; it offers it to the hook driver, which answers "loop" to it. */
+/* A control code that the framework does not know and offers to the hook driver, which answers "loop". */
 #define LOOPHOOK_FOREIGN_CODE 0x80002600u
 
 typedef struct LoopBinding {
-    uint32_t length;       /* of the request's buffer, up to 168 */
-    uint32_t size;         /* m_Size */
+    uint32_t length; /* of the request's buffer, up to 168 */
+    uint32_t size;   /* m_Size */
     uint16_t majorVersion;
     uint16_t minorVersion;
 } LoopBinding;

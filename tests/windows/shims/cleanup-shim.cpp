@@ -1,11 +1,13 @@
-// Sends the cleanup request that Wine never sends, for the tests under Wine: started behind NdisFilter, this driver
-// takes over its close routine and calls the cleanup routine first, with a request of its own for the same file.
-// Not quite Windows: there the cleanup comes when the last handle goes, the close when the last request is done.
+// Sends the cleanup request that Wine never sends, for the tests under Wine: started behind NdisFilter, this
+// driver takes over its close routine and calls the cleanup routine first, with a request of its own for the
+// same file. Not quite Windows: there the cleanup comes when the last handle goes, the close when the last
+// request is done.
 #include <ntddk.h>
 
 extern "C" {
-NTSTATUS NTAPI ObReferenceObjectByName(PUNICODE_STRING name, ULONG attributes, PVOID state, ACCESS_MASK access,
-                                       POBJECT_TYPE type, KPROCESSOR_MODE mode, PVOID context, PVOID* object);
+NTSTATUS NTAPI ObReferenceObjectByName(PUNICODE_STRING name, ULONG attributes, PVOID state,
+                                       ACCESS_MASK access, POBJECT_TYPE type, KPROCESSOR_MODE mode,
+                                       PVOID context, PVOID* object);
 extern __declspec(dllimport) POBJECT_TYPE IoDriverObjectType;
 }
 
@@ -41,9 +43,8 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, L"\\Driver\\NdisFilter");
     PVOID object = nullptr;
-    const NTSTATUS status =
-        ObReferenceObjectByName(&name, OBJ_CASE_INSENSITIVE, nullptr, 0, IoDriverObjectType, KernelMode,
-                                nullptr, &object);
+    const NTSTATUS status = ObReferenceObjectByName(&name, OBJ_CASE_INSENSITIVE, nullptr, 0,
+                                                    IoDriverObjectType, KernelMode, nullptr, &object);
     if (!NT_SUCCESS(status)) {
         DbgPrint("cleanup-shim: NdisFilter is not there\n");
         return status;

@@ -1,11 +1,12 @@
-// ndis.sys for the tests under Wine: stands in for Wine's own, whose functions are stubs. Never meant for Windows.
+// ndis.sys for the tests under Wine: stands in for Wine's own, whose functions are stubs. Never meant for
+// Windows.
 //
-// It has the NDIS functions that our drivers import, on top of Wine's kernel. And because Wine loads it in front of
-// the driver that imports it, it also mends what Wine's ntoskrnl.exe leaves as stubs: when it is loaded, it writes a
-// jump to its own version over each of them. So the drivers run as they are shipped.
+// It has the NDIS functions that our drivers import, on top of Wine's kernel. And because Wine loads it in
+// front of the driver that imports it, it also mends what Wine's ntoskrnl.exe leaves as stubs: when it is
+// loaded, it writes a jump to its own version over each of them. So the drivers run as they are shipped.
 //
-// What it does not do: locks and deferred calls leave the IRQL at 0, as all of Wine does, and "mapped" pages are seen
-// by the drivers only, not by programs.
+// What it does not do: locks and deferred calls leave the IRQL at 0, as all of Wine does, and "mapped" pages
+// are seen by the drivers only, not by programs.
 #include <ntddk.h>
 
 #include <ndis.h>
@@ -15,8 +16,9 @@ PVOID __stdcall GetModuleHandleA(const char* name);
 PVOID __stdcall GetProcAddress(PVOID module, const char* name);
 int __stdcall VirtualProtect(PVOID address, SIZE_T size, ULONG protection, ULONG* before);
 NTSTATUS NTAPI ZwYieldExecution();
-NTSTATUS NTAPI ObReferenceObjectByName(PUNICODE_STRING name, ULONG attributes, PVOID state, ACCESS_MASK access,
-                                       POBJECT_TYPE type, KPROCESSOR_MODE mode, PVOID context, PVOID* object);
+NTSTATUS NTAPI ObReferenceObjectByName(PUNICODE_STRING name, ULONG attributes, PVOID state,
+                                       ACCESS_MASK access, POBJECT_TYPE type, KPROCESSOR_MODE mode,
+                                       PVOID context, PVOID* object);
 extern __declspec(dllimport) POBJECT_TYPE IoDriverObjectType;
 }
 
@@ -51,7 +53,7 @@ bool TryEnter(RwLock* lock, bool write)
                  : state >= 0 && InterlockedCompareExchange(&lock->state, state + 1, state) == state;
 }
 
-// ------------------------------------------------------------------------- what Wine's ntoskrnl.exe leaves out
+// --------------------------------------------------------------- what Wine's ntoskrnl.exe leaves out
 
 VOID NTAPI RunWorkItem(PVOID context)
 {
@@ -63,7 +65,8 @@ VOID NTAPI RunWorkItem(PVOID context)
 VOID NTAPI QueueWorkItem(PWORK_QUEUE_ITEM item, WORK_QUEUE_TYPE)
 {
     HANDLE thread;
-    if (NT_SUCCESS(PsCreateSystemThread(&thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, RunWorkItem, item))) {
+    if (NT_SUCCESS(
+            PsCreateSystemThread(&thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, RunWorkItem, item))) {
         ZwClose(thread);
     }
 }
@@ -89,13 +92,12 @@ PVOID NTAPI MapLockedPagesSpecifyCache(PMDL mdl, KPROCESSOR_MODE, MEMORY_CACHING
     return AddressOf(mdl);
 }
 
-VOID NTAPI UnmapLockedPages(PVOID, PMDL)
-{
-}
+VOID NTAPI UnmapLockedPages(PVOID, PMDL) {}
 
-// \Device\NAME is the first device of the driver \Driver\NAME: right for drivers whose device has the service's name.
-// The file object is the driver object, good for nothing but being dereferenced.
-NTSTATUS NTAPI GetDeviceObjectPointer(PUNICODE_STRING name, ACCESS_MASK, PFILE_OBJECT* file, PDEVICE_OBJECT* device)
+// \Device\NAME is the first device of the driver \Driver\NAME: right for drivers whose device has the
+// service's name. The file object is the driver object, good for nothing but being dereferenced.
+NTSTATUS NTAPI GetDeviceObjectPointer(PUNICODE_STRING name, ACCESS_MASK, PFILE_OBJECT* file,
+                                      PDEVICE_OBJECT* device)
 {
     WCHAR path[64] = L"\\Driver\\";
     USHORT end = sizeof("\\Driver\\") - 1;
@@ -109,9 +111,8 @@ NTSTATUS NTAPI GetDeviceObjectPointer(PUNICODE_STRING name, ACCESS_MASK, PFILE_O
     UNICODE_STRING driverName;
     RtlInitUnicodeString(&driverName, path);
     PVOID object = nullptr;
-    const NTSTATUS status =
-        ObReferenceObjectByName(&driverName, OBJ_CASE_INSENSITIVE, nullptr, 0, IoDriverObjectType, KernelMode,
-                                nullptr, &object);
+    const NTSTATUS status = ObReferenceObjectByName(&driverName, OBJ_CASE_INSENSITIVE, nullptr, 0,
+                                                    IoDriverObjectType, KernelMode, nullptr, &object);
     if (!NT_SUCCESS(status)) {
         return STATUS_OBJECT_NAME_NOT_FOUND;
     }
@@ -129,7 +130,8 @@ struct Replacement {
     PVOID routine;
 };
 
-template <class Routine> PVOID Address(Routine routine)
+template <class Routine>
+PVOID Address(Routine routine)
 {
     return reinterpret_cast<PVOID>(routine);
 }
@@ -222,8 +224,8 @@ BOOLEAN NTAPI NdisWaitEvent(PNDIS_EVENT event, UINT milliseconds)
 {
     LARGE_INTEGER timeout;
     timeout.QuadPart = MillisecondsFromNow(milliseconds);
-    return KeWaitForSingleObject(&event->Event, Executive, KernelMode, FALSE, milliseconds != 0 ? &timeout : nullptr)
-           == STATUS_SUCCESS;
+    return KeWaitForSingleObject(&event->Event, Executive, KernelMode, FALSE,
+                                 milliseconds != 0 ? &timeout : nullptr) == STATUS_SUCCESS;
 }
 
 VOID NTAPI NdisInitializeTimer(PNDIS_TIMER timer, PNDIS_TIMER_FUNCTION function, PVOID context)
@@ -255,8 +257,8 @@ VOID NTAPI NdisFreeMemory(PVOID address, UINT, UINT)
     ExFreePool(address);
 }
 
-// Wine calls the entry of a module that imports from kernel32.dll as that of a DLL first: module, reason (below 16),
-// reserved. As a driver's entry it gets a driver object and a registry path.
+// Wine calls the entry of a module that imports from kernel32.dll as that of a DLL first: module, reason
+// (below 16), reserved. As a driver's entry it gets a driver object and a registry path.
 NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT, PUNICODE_STRING registryPath)
 {
     const auto reason = reinterpret_cast<ULONG_PTR>(registryPath);

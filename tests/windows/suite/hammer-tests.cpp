@@ -1,5 +1,5 @@
-// Every control code of the device and beyond, with buffers of any length and content: each request ends or can be
-// cancelled, and the driver stays up.
+// Every control code of the device and beyond, with buffers of any length and content: each request ends or
+// can be cancelled, and the driver stays up.
 #include "suite.h"
 
 #include "loophook.h"
@@ -96,10 +96,10 @@ void StrikeAll(Hammer& hammer)
     // A program with a share, in which requests can be parked.
     Device owner;
     owner.Control(IOCTL_NDIS_FILTER_START_SHARE, Bytes(uint32_t{1}), 8);
-    const uint32_t known[] = {IOCTL_NDIS_FILTER_GET_VERSION,  IOCTL_NDIS_FILTER_START_SHARE,
-                              IOCTL_NDIS_FILTER_READ_SHARE,   IOCTL_NDIS_FILTER_WRITE_SHARE,
-                              IOCTL_NDIS_FILTER_READ_SHARE,   IOCTL_NDIS_FILTER_STOP_SHARE,
-                              IOCTL_NDIS_FILTER_START_SHARE,  IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE};
+    const uint32_t known[] = {IOCTL_NDIS_FILTER_GET_VERSION, IOCTL_NDIS_FILTER_START_SHARE,
+                              IOCTL_NDIS_FILTER_READ_SHARE,  IOCTL_NDIS_FILTER_WRITE_SHARE,
+                              IOCTL_NDIS_FILTER_READ_SHARE,  IOCTL_NDIS_FILTER_STOP_SHARE,
+                              IOCTL_NDIS_FILTER_START_SHARE, IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE};
     for (int round = 0; round < 100; ++round) {
         for (const uint32_t code : known) {
             hammer.Strike(owner, code);

@@ -1,7 +1,7 @@
 // ndisfilter-test.exe GROUP DRIVERS DEBUG-OUTPUT [SEED]: runs the tests of a group, one line each.
 //
-// DRIVERS is the directory of the .sys files, DEBUG-OUTPUT the file that the drivers' debug output is written to. Ends
-// with the line "N passed, N failed, N skipped" and answers 1 when a test failed or none ran.
+// DRIVERS is the directory of the .sys files, DEBUG-OUTPUT the file that the drivers' debug output is written
+// to. Ends with the line "N passed, N failed, N skipped" and answers 1 when a test failed or none ran.
 #include "suite.h"
 
 #include <cstdio>

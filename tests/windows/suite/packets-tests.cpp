@@ -16,14 +16,54 @@ namespace
 constexpr LoopBinding kBinding = {168, 168, 1, 0};
 constexpr wchar_t kHook[] = L"\\\\.\\LoopHook";
 
-// A UDP frame over IPv4 with the given destination port (RFC 768, RFC 791; checksums are nobody's business here).
+// A UDP frame over IPv4 with the given destination port (RFC 768, RFC 791; checksums are nobody's business
+// here).
 LoopFrame UdpFrame(uint32_t adapter, uint16_t port)
 {
     LoopFrame frame = {adapter, 60, {}};
     const std::array<uint8_t, 42> headers = {
-        0x02, 0, 0, 0, 0, 0x01, 0x02, 0, 0, 0, 0, 0x02, 0x08, 0x00,                   // Ethernet
-        0x45, 0, 0, 46, 0, 0, 0, 0, 64, 17, 0, 0, 10, 0, 0, 1, 10, 0, 0, 2,           // IPv4
-        0x30, 0x39, static_cast<uint8_t>(port >> 8), static_cast<uint8_t>(port), 0, 26, 0, 0, // UDP
+        0x02,
+        0,
+        0,
+        0,
+        0,
+        0x01,
+        0x02,
+        0,
+        0,
+        0,
+        0,
+        0x02,
+        0x08,
+        0x00, // Ethernet
+        0x45,
+        0,
+        0,
+        46,
+        0,
+        0,
+        0,
+        0,
+        64,
+        17,
+        0,
+        0,
+        10,
+        0,
+        0,
+        1,
+        10,
+        0,
+        0,
+        2, // IPv4
+        0x30,
+        0x39,
+        static_cast<uint8_t>(port >> 8),
+        static_cast<uint8_t>(port),
+        0,
+        26,
+        0,
+        0, // UDP
     };
     memcpy(frame.bytes, headers.data(), headers.size());
     for (size_t i = headers.size(); i < frame.length; ++i) {
@@ -42,10 +82,7 @@ class Room
         loophook.Start();
         hook.emplace(kHook);
     }
-    ~Room()
-    {
-        hook.reset();
-    }
+    ~Room() { hook.reset(); }
 
     DWORD Ask(uint32_t code, std::span<const uint8_t> input)
     {
@@ -61,7 +98,10 @@ class Room
             CHECK_EQUAL(Ask(LOOPHOOK_OPEN, Bytes(adapter)), DWORD{ERROR_SUCCESS});
         }
     }
-    LoopReport Report() { return As<LoopReport>(hook->Control(LOOPHOOK_REPORT, {}, sizeof(LoopReport)).bytes); }
+    LoopReport Report()
+    {
+        return As<LoopReport>(hook->Control(LOOPHOOK_REPORT, {}, sizeof(LoopReport)).bytes);
+    }
 
     Service filter{L"ndisfilter"};
     Service loophook{L"loophook"};
@@ -121,9 +161,9 @@ TEST(packets, FramesPassTheChainsAndTheBlockerCounts)
     constexpr uint32_t kRounds = 20;
     for (uint32_t i = 0; i < kRounds; ++i) {
         CHECK_EQUAL(room.Receive(UdpFrame(0, 80)), DWORD{ERROR_SUCCESS});
-        CHECK_EQUAL(room.Receive(UdpFrame(0, 53)), DWORD{ERROR_SUCCESS});   // dropped
-        CHECK_EQUAL(room.Send(UdpFrame(1, 81)), DWORD{ERROR_SUCCESS});      // comes back as received
-        CHECK_EQUAL(room.Send(UdpFrame(1, 4000)), DWORD{ERROR_SUCCESS});    // dropped
+        CHECK_EQUAL(room.Receive(UdpFrame(0, 53)), DWORD{ERROR_SUCCESS}); // dropped
+        CHECK_EQUAL(room.Send(UdpFrame(1, 81)), DWORD{ERROR_SUCCESS});    // comes back as received
+        CHECK_EQUAL(room.Send(UdpFrame(1, 4000)), DWORD{ERROR_SUCCESS});  // dropped
     }
     const LoopReport report = room.Report();
     CHECK_EQUAL(report.adapters[0].toProtocols, kRounds);
@@ -197,12 +237,14 @@ class Rings
   public:
     explicit Rings(Room& room) : room_(room) {}
 
-    template <class Record> Record Read(size_t offset)
+    template <class Record>
+    Record Read(size_t offset)
     {
         const LoopWindow window = {static_cast<uint32_t>(offset), sizeof(Record)};
         return As<Record>(room_.hook->Control(LOOPHOOK_READ_SHARED, Bytes(window), sizeof(Record)).bytes);
     }
-    template <class Record> void Write(size_t offset, const Record& record)
+    template <class Record>
+    void Write(size_t offset, const Record& record)
     {
         const LoopWindow window = {static_cast<uint32_t>(offset), sizeof(Record)};
         std::vector<uint8_t> input(sizeof(window) + sizeof(record));
@@ -267,7 +309,8 @@ TEST(packets, RingsCarryFramesBothWays)
     CHECK(SameFrame(report.adapters[0].last, frames[0]));
     CHECK_EQUAL(report.adapters[1].toAdapter, 1u);
     CHECK(SameFrame(report.adapters[1].last, frames[1]));
-    CHECK_EQUAL(device.Control(IOCTL_NDIS_FILTER_READ_SHARE).error, DWORD{ERROR_SUCCESS}); // not empty: not parked
+    CHECK_EQUAL(device.Control(IOCTL_NDIS_FILTER_READ_SHARE).error,
+                DWORD{ERROR_SUCCESS}); // not empty: not parked
 }
 
 TEST(packets, UnboundNothingPasses)

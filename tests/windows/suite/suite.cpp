@@ -3,9 +3,9 @@
 #include <winsvc.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <fstream>
 #include <iterator>
-#include <memory>
 
 namespace suite
 {
@@ -33,8 +33,8 @@ std::string ReadFile(const std::wstring& path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// The text of a line of Wine's debug channel, "...vDbgPrintExWithPrefix COMPONENT:LEVEL: TEXT"; other lines as they
-// are.
+// The text of a line of Wine's debug channel, "...vDbgPrintExWithPrefix COMPONENT:LEVEL: TEXT"; other lines
+// as they are.
 std::string StripPrefix(const std::string& line)
 {
     const size_t function = line.find("vDbgPrintExWithPrefix ");
@@ -86,12 +86,13 @@ DWORD RunGroup(const std::wstring& group)
 {
     wchar_t program[MAX_PATH];
     GetModuleFileNameW(nullptr, program, MAX_PATH);
-    std::wstring command = L"\"" + std::wstring(program) + L"\" " + group + L" \"" + options.drivers + L"\" \"" +
-                           options.debugOutput + L"\"";
+    std::wstring command = L"\"" + std::wstring(program) + L"\" " + group + L" \"" + options.drivers +
+                           L"\" \"" + options.debugOutput + L"\"";
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION process;
-    if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
+    if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                        &process)) {
         throw SystemFailure("the tests cannot be run as another process");
     }
     DWORD code = STILL_ACTIVE;
@@ -104,12 +105,28 @@ DWORD RunGroup(const std::wstring& group)
 
 // -------------------------------------------------------------------------------------------------- services
 
-Service::Service(const std::wstring& name) : name_(name)
+static SC_HANDLE Create(const std::wstring& name)
 {
     const std::wstring path = options.drivers + L"\\" + name + L".sys";
-    handle_ = CreateServiceW(ServiceManager(), name.c_str(), name.c_str(), SERVICE_ALL_ACCESS, SERVICE_KERNEL_DRIVER,
-                             SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, path.c_str(), kGroup, nullptr, nullptr,
-                             nullptr, nullptr);
+    return CreateServiceW(ServiceManager(), name.c_str(), name.c_str(), SERVICE_ALL_ACCESS,
+                          SERVICE_KERNEL_DRIVER, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, path.c_str(),
+                          kGroup, nullptr, nullptr, nullptr, nullptr);
+}
+
+// What a run that was cut off has left behind.
+static void DeleteLeftover(const std::wstring& name)
+{
+    const SC_HANDLE handle = OpenServiceW(ServiceManager(), name.c_str(), SERVICE_ALL_ACCESS);
+    DeleteService(handle);
+    CloseServiceHandle(handle);
+}
+
+Service::Service(const std::wstring& name) : name_(name), handle_(Create(name))
+{
+    if (handle_ == nullptr && GetLastError() == ERROR_SERVICE_EXISTS) {
+        DeleteLeftover(name);
+        handle_ = Create(name);
+    }
     if (handle_ == nullptr) {
         throw SystemFailure("service " + Narrow(name) + " cannot be created");
     }
@@ -123,10 +140,12 @@ Service::~Service()
     CloseServiceHandle(handle_);
 }
 
-static void SetValue(const std::wstring& service, const wchar_t* name, DWORD type, const void* data, size_t size)
+static void SetValue(const std::wstring& service, const wchar_t* name, DWORD type, const void* data,
+                     size_t size)
 {
     const std::wstring key = L"System\\CurrentControlSet\\Services\\" + service;
-    const LSTATUS status = RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, type, data, static_cast<DWORD>(size));
+    const LSTATUS status =
+        RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, type, data, static_cast<DWORD>(size));
     if (status != ERROR_SUCCESS) {
         throw Failure("registry value of " + Narrow(service) + " cannot be set: error " + Text(status));
     }
@@ -165,7 +184,9 @@ void Service::Stop()
     if (!ControlService(handle_, SERVICE_CONTROL_STOP, &status)) {
         throw SystemFailure("service " + Narrow(name_) + " cannot be stopped");
     }
-    if (!WaitFor([&] { return QueryServiceStatus(handle_, &status) && status.dwCurrentState == SERVICE_STOPPED; })) {
+    if (!WaitFor([&] {
+            return QueryServiceStatus(handle_, &status) && status.dwCurrentState == SERVICE_STOPPED;
+        })) {
         throw Failure("service " + Narrow(name_) + " does not stop");
     }
 }
@@ -192,7 +213,8 @@ CleanupRequests::CleanupRequests()
 
 static HANDLE Open(const wchar_t* name)
 {
-    return CreateFileW(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
+    return CreateFileW(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED,
+                       nullptr);
 }
 
 Device::Device(const wchar_t* name) : handle_(Open(name))
@@ -245,8 +267,11 @@ Request::~Request()
 {
     if (pending_) {
         Cancel();
-        // Buffers and record must outlive the request.
-        WaitForSingleObject(overlapped_.hEvent, INFINITE);
+        // Buffers and record must outlive the request, so there is no going on without its end.
+        if (WaitForSingleObject(overlapped_.hEvent, kPatienceMs) != WAIT_OBJECT_0) {
+            printf("FAILED   a cancelled request does not end\n");
+            TerminateProcess(GetCurrentProcess(), 3);
+        }
     }
     CloseHandle(overlapped_.hEvent);
 }
@@ -264,20 +289,20 @@ Answer Request::Wait()
         }
         pending_ = false;
         DWORD returned;
-        error_ = GetOverlappedResult(device_, &overlapped_, &returned, FALSE) ? ERROR_SUCCESS : GetLastError();
+        error_ =
+            GetOverlappedResult(device_, &overlapped_, &returned, FALSE) ? ERROR_SUCCESS : GetLastError();
     }
     const size_t returned = error_ == ERROR_SUCCESS ? overlapped_.InternalHigh : 0;
     if (returned > output_.size()) {
-        throw Failure("a request returns " + Text(returned) + " bytes into a buffer of " + Text(output_.size()));
+        throw Failure("a request returns " + Text(returned) + " bytes into a buffer of " +
+                      Text(output_.size()));
     }
     return {error_, {output_.begin(), output_.begin() + static_cast<ptrdiff_t>(returned)}};
 }
 
 // ---------------------------------------------------------------------------------------------- debug output
 
-DebugOutput::DebugOutput() : begin_(ReadFile(options.debugOutput).size())
-{
-}
+DebugOutput::DebugOutput() : begin_(ReadFile(options.debugOutput).size()) {}
 
 std::vector<std::string> DebugOutput::Lines() const
 {
@@ -292,8 +317,9 @@ std::vector<std::string> DebugOutput::Lines() const
 size_t DebugOutput::Count(const std::string& text) const
 {
     const std::vector<std::string> lines = Lines();
-    return static_cast<size_t>(std::count_if(
-        lines.begin(), lines.end(), [&](const std::string& line) { return line.find(text) != std::string::npos; }));
+    return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+        return line.find(text) != std::string::npos;
+    }));
 }
 
 bool DebugOutput::Shows(const std::string& text) const

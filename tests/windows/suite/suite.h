@@ -1,4 +1,5 @@
-// The frame of the tests that drive the real drivers: checks, services, the control device, and the debug output.
+// The frame of the tests that drive the real drivers: checks, services, the control device, and the debug
+// output.
 #pragma once
 
 #include <windows.h>
@@ -32,9 +33,9 @@ struct Registration {
     Registration(const char* group, const char* name, Test test);
 };
 
-#define TEST(Group, Name)                                                                                             \
-    static void Name();                                                                                               \
-    static const suite::Registration Name##Registration(#Group, #Name, Name);                                         \
+#define TEST(Group, Name)                                                                                    \
+    static void Name();                                                                                      \
+    static const suite::Registration Name##Registration(#Group, #Name, Name);                                \
     static void Name()
 
 struct Failure : std::runtime_error {
@@ -49,20 +50,20 @@ std::string Text(uint64_t value);
 std::string Text(const std::string& value);
 std::string Narrow(const std::wstring& text);
 
-#define CHECK(Condition)                                                                                              \
-    do {                                                                                                              \
-        if (!(Condition)) {                                                                                           \
-            throw suite::Failure(suite::Place(__FILE__, __LINE__) + #Condition);                                      \
-        }                                                                                                             \
+#define CHECK(Condition)                                                                                     \
+    do {                                                                                                     \
+        if (!(Condition)) {                                                                                  \
+            throw suite::Failure(suite::Place(__FILE__, __LINE__) + #Condition);                             \
+        }                                                                                                    \
     } while (false)
 
-#define CHECK_EQUAL(Actual, Expected)                                                                                 \
-    do {                                                                                                              \
-        const auto actual = (Actual);                                                                                 \
-        if (!(actual == (Expected))) {                                                                                \
-            throw suite::Failure(suite::Place(__FILE__, __LINE__) + #Actual " is " + suite::Text(actual) +            \
-                                 ", expected " + suite::Text(Expected));                                              \
-        }                                                                                                             \
+#define CHECK_EQUAL(Actual, Expected)                                                                        \
+    do {                                                                                                     \
+        const auto actual = (Actual);                                                                        \
+        if (!(actual == (Expected))) {                                                                       \
+            throw suite::Failure(suite::Place(__FILE__, __LINE__) + #Actual " is " + suite::Text(actual) +   \
+                                 ", expected " + suite::Text(Expected));                                     \
+        }                                                                                                    \
     } while (false)
 
 // Looks at a condition until it holds, for ten seconds.
@@ -73,8 +74,8 @@ DWORD RunGroup(const std::wstring& group);
 
 // -------------------------------------------------------------------------------------------------- services
 
-// A kernel service: NAME.sys in the drivers' directory. All are in one load order group, so that they share a process
-// under Wine. Stopped and deleted at the end.
+// A kernel service: NAME.sys in the drivers' directory. All are in one load order group, so that they share a
+// process under Wine. Stopped and deleted at the end.
 class Service
 {
   public:
@@ -160,12 +161,14 @@ class Device
     HANDLE handle_;
 };
 
-template <class Record> std::span<const uint8_t> Bytes(const Record& record)
+template <class Record>
+std::span<const uint8_t> Bytes(const Record& record)
 {
     return {reinterpret_cast<const uint8_t*>(&record), sizeof(record)};
 }
 
-template <class Record> Record As(const std::vector<uint8_t>& bytes)
+template <class Record>
+Record As(const std::vector<uint8_t>& bytes)
 {
     if (bytes.size() < sizeof(Record)) {
         throw Failure("an answer of " + Text(bytes.size()) + " bytes, expected " + Text(sizeof(Record)));
@@ -183,9 +186,9 @@ class DebugOutput
   public:
     DebugOutput();
     std::vector<std::string> Lines() const;
-    size_t Count(const std::string& text) const;       // lines that hold it
-    bool Shows(const std::string& text) const;         // waits for it
-    bool ShowsExactly(const std::string& line) const;  // waits for it
+    size_t Count(const std::string& text) const;      // lines that hold it
+    bool Shows(const std::string& text) const;        // waits for it
+    bool ShowsExactly(const std::string& line) const; // waits for it
 
   private:
     size_t begin_;
