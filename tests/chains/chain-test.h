@@ -1,7 +1,7 @@
 // A chain of filters with packets entering each of the four chains as they do in life.
 #pragma once
 
-#include <support/packet.h>
+#include <support/adapter-test.h>
 
 namespace chains
 {
@@ -17,26 +17,10 @@ inline void PrintTo(const Counters& counters, std::ostream* stream)
             << " discard, " << counters.consume << " consume, " << counters.capture << " capture";
 }
 
-inline constexpr FILTER_TYPE kTypes[] = {FILTER_TYPE_INCOMING_PACKET, FILTER_TYPE_OUTGOING_PACKET,
-                                         FILTER_TYPE_INJECT_TO_ADAPTER, FILTER_TYPE_INJECT_TO_PROTOCOL};
-
-class ChainTest : public support::FrameworkTest
+class ChainTest : public support::AdapterTest
 {
   protected:
-    using FrameworkTest::FrameworkTest;
-
-    void SetUp() override
-    {
-        FrameworkTest::SetUp();
-        adapter = AddAdapter();
-    }
-
-    void TearDown() override
-    {
-        EXPECT_TRUE(hook::TakeBalance().IsEven());
-        EXPECT_EQ(hook::TakeBalance().outstanding, 0u);
-        FrameworkTest::TearDown();
-    }
+    using AdapterTest::AdapterTest;
 
     // A filter's counters as its dump shows them.
     Counters CountersOf(const support::TestFilter& filter) { return CountersOf(filter.Handle()); }
@@ -46,9 +30,7 @@ class ChainTest : public support::FrameworkTest
         Filter_ShowFilter(filter, 0);
         const std::string text = Debug().Take();
         const auto value = [&](const char* name) {
-            const size_t place = text.find(name);
-            EXPECT_NE(place, std::string::npos) << name << " in " << text;
-            const size_t number = text.find("= ", place);
+            const size_t number = text.find("= ", text.find(name));
             return number == std::string::npos ? ~0u
                                                : static_cast<uint32_t>(std::stoul(text.substr(number + 2)));
         };
@@ -57,21 +39,15 @@ class ChainTest : public support::FrameworkTest
     }
 
     // A packet enters the chain of a type from where such packets come.
-    void Enter(FILTER_TYPE type, const support::Bytes& frame)
+    void Enter(FILTER_TYPE type, const support::Bytes& frame = support::UdpFrame())
     {
-        switch (type) {
-        case FILTER_TYPE_INCOMING_PACKET:
-            EXPECT_EQ(hook::DeliverReceived(adapter, frame), hook::Accepted::Yes);
-            break;
-        case FILTER_TYPE_OUTGOING_PACKET:
-            EXPECT_EQ(hook::DeliverSent(adapter, frame), hook::Accepted::Yes);
-            break;
-        case FILTER_TYPE_INJECT_TO_ADAPTER:
-            EXPECT_EQ(Filter_InjectPacketToAdapter(adapter, support::MakePacket(adapter, frame)), 0);
-            break;
-        default:
-            EXPECT_EQ(Filter_IndicatePacketToProtocol(adapter, support::MakePacket(adapter, frame)), 0);
-            break;
+        if (type == FILTER_TYPE_INCOMING_PACKET || type == FILTER_TYPE_OUTGOING_PACKET) {
+            const auto deliver = GoesToAdapter(type) ? hook::DeliverSent : hook::DeliverReceived;
+            EXPECT_EQ(deliver(adapter, frame, {}), hook::Accepted::Yes);
+        } else {
+            const auto inject =
+                GoesToAdapter(type) ? Filter_InjectPacketToAdapter : Filter_IndicatePacketToProtocol;
+            EXPECT_EQ(inject(adapter, support::MakePacket(adapter, frame)), FILTER_STATUS_SUCCESS);
         }
     }
 
@@ -80,20 +56,10 @@ class ChainTest : public support::FrameworkTest
         return type == FILTER_TYPE_OUTGOING_PACKET || type == FILTER_TYPE_INJECT_TO_ADAPTER;
     }
 
-    // How many packets have gone out on the side that a type's packets go to.
-    static uint64_t Delivered(FILTER_TYPE type)
+    static support::Outcome Delivered(FILTER_TYPE type)
     {
-        const hook::Balance balance = hook::TakeBalance();
-        return GoesToAdapter(type) ? balance.deliveredToAdapter : balance.deliveredToProtocols;
+        return {.toAdapter = GoesToAdapter(type), .toProtocols = !GoesToAdapter(type)};
     }
-
-    FilterAdapter* adapter = nullptr;
 };
-
-inline std::string ExceptionLine(const char* function, int32_t code, const FilterPacket* packet)
-{
-    return std::string("  ") + function + ": exception, code = " + std::to_string(code) +
-           ", pPacket=" + support::PointerText(packet) + "\n";
-}
 
 } // namespace chains

@@ -10,7 +10,7 @@ using namespace support;
 namespace
 {
 
-constexpr uint64_t kThreads = 4;
+constexpr uint32_t kThreads = 4;
 
 // Threads that deliver frames, alternately received and sent, until stopped or until they have delivered enough.
 class Traffic
@@ -52,50 +52,50 @@ class Traffic
 class TrafficTest : public ChainTest
 {};
 
-// The verdict stands in the frame. It takes no lock of its own, which would keep the processors apart.
-FILTER_RESULT VerdictInFrame(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket* packet)
-{
-    const FILTER_RESULT verdict = packet->m_Data[60];
-    if (verdict == FILTER_RESULT_CONSUME) {
-        Filter_ReleasePacket(packet);
+// All processors meet inside the filter, so that each round's verdicts are counted at the same time.
+struct Meeting {
+    std::atomic<uint32_t> arrivals{0};
+
+    static FILTER_RESULT Procedure(FilterDriver*, PVOID, PacketFilter*, PVOID context, FilterPacket* packet)
+    {
+        const FILTER_RESULT verdict = packet->m_nCarried[0];
+        std::atomic<uint32_t>& arrivals = static_cast<Meeting*>(context)->arrivals;
+        const uint32_t all = arrivals++ / kThreads * kThreads + kThreads;
+        if (verdict == FILTER_RESULT_CONSUME) {
+            Filter_ReleasePacket(packet);
+        }
+        while (arrivals < all) {
+            std::this_thread::yield();
+        }
+        return verdict;
     }
-    return verdict;
-}
+};
 
 TEST_F(TrafficTest, CountersOfOneChainLoseNothing)
 {
-    constexpr uint32_t kBatches = 400, kBatch = 50;
+    constexpr uint32_t kRounds = 4000, kShare = kThreads * kRounds / 4;
     TestDriver driver;
-    const CountedString names[] = {CountedString("first"), CountedString("second")};
-    PacketFilter* filters[2] = {};
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_EQ(Filter_RegisterFilter(driver.Handle(), &names[i], VerdictInFrame, nullptr,
-                                        FILTER_TYPE_INCOMING_PACKET, i + 1, &filters[i]),
-                  FILTER_STATUS_SUCCESS);
-    }
-    std::vector<Bytes> frames(kBatch, UdpFrame());
-    for (uint32_t i = 0; i < kBatch; ++i) {
-        frames[i][60] = static_cast<uint8_t>(i % 5); // the four verdicts and an unknown one
-    }
-    const std::vector<std::span<const uint8_t>> batch(frames.begin(), frames.end());
+    Meeting meeting;
+    PacketFilter* filter = nullptr;
+    const CountedString name("meeting");
+    ASSERT_EQ(Filter_RegisterFilter(driver.Handle(), &name, Meeting::Procedure, &meeting,
+                                    FILTER_TYPE_INCOMING_PACKET, FILTER_ORDER_FIRST, &filter),
+              FILTER_STATUS_SUCCESS);
     std::vector<std::thread> threads;
-    for (uint64_t i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&] {
-            for (uint32_t n = 0; n < kBatches; ++n) {
-                EXPECT_EQ(hook::DeliverReceivedBatch(adapter, batch).accepted, kBatch);
+    for (const int processor : {0, 1, 31, 63}) {
+        threads.emplace_back([this, processor] {
+            for (uint32_t round = 0; round < kRounds; ++round) {
+                const machine::AtDispatch raised(processor);
+                FilterPacket* packet = Filter_AllocatePacket(adapter);
+                packet->m_nCarried[0] = round % 4; // the verdict
+                Filter_InvokeFilters(FILTER_TYPE_INCOMING_PACKET, packet);
             }
         });
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
-    constexpr uint32_t fifth = kThreads * kBatches * kBatch / 5;
-    EXPECT_EQ(CountersOf(filters[0]), (Counters{5 * fifth, fifth, fifth, fifth, fifth}));
-    EXPECT_EQ(CountersOf(filters[1]), (Counters{.process = 2 * fifth, .bypass = fifth}));
-    const hook::Balance balance = hook::TakeBalance();
-    EXPECT_EQ(balance.received, 5 * fifth);
-    EXPECT_EQ(balance.freed, 3 * fifth);
-    EXPECT_EQ(balance.deliveredToProtocols, 2 * fifth);
+    EXPECT_EQ(CountersOf(filter), (Counters{4 * kShare, kShare, kShare, kShare, kShare}));
 }
 
 TEST_F(TrafficTest, ADeregisteredFilterIsNotRunningAnyMore)
@@ -122,7 +122,6 @@ TEST_F(TrafficTest, ADeregisteredFilterIsNotRunningAnyMore)
     }
     traffic.Stop();
     const hook::Balance balance = hook::TakeBalance();
-    EXPECT_EQ(balance.received + balance.sent, traffic.Accepted());
     EXPECT_EQ(balance.deliveredToAdapter + balance.deliveredToProtocols, traffic.Accepted());
 }
 
@@ -131,11 +130,10 @@ TEST_F(TrafficTest, ANestedWalkPassesAWaitingRegistration)
 {
     TestDriver driver;
     const TestFilter nesting(driver, {.order = FILTER_ORDER_FIRST}, [&](FilterPacket* packet) {
-        if (packet->m_nCarried[0] == 0) {
-            if (FilterPacket* inner = Filter_AllocatePacket(adapter)) {
-                inner->m_nCarried[0] = 1;
-                Filter_InvokeFilters(FILTER_TYPE_INCOMING_PACKET, inner);
-            }
+        FilterPacket* inner = packet->m_nCarried[0] == 0 ? Filter_AllocatePacket(adapter) : nullptr;
+        if (inner != nullptr) {
+            inner->m_nCarried[0] = 1;
+            Filter_InvokeFilters(FILTER_TYPE_INCOMING_PACKET, inner);
         }
         return FILTER_RESULT_BYPASS;
     });
@@ -147,12 +145,9 @@ TEST_F(TrafficTest, ANestedWalkPassesAWaitingRegistration)
     EXPECT_EQ(traffic.Accepted(), kThreads * 1500);
 }
 
-class UnbindTest : public ChainTest, public testing::WithParamInterface<hook::UnbindMode>
-{};
-
-TEST_P(UnbindTest, LosesNoPacketInTheMiddleOfTraffic)
+TEST_F(TrafficTest, UnbindingLosesNoPacket)
 {
-    {
+    for (const hook::UnbindMode mode : {hook::UnbindMode::Drained, hook::UnbindMode::Abrupt}) {
         TestDriver driver;
         const TestFilter filter(driver, {}, [](FilterPacket* packet) {
             return packet->m_Data[packet->m_nPacketSize - 1] % 4 == 0 ? FILTER_RESULT_DISCARD
@@ -162,28 +157,15 @@ TEST_P(UnbindTest, LosesNoPacketInTheMiddleOfTraffic)
         for (int round = 0; round < 100; ++round) {
             const uint64_t before = traffic.Accepted();
             ASSERT_TRUE(Eventually([&] { return traffic.Accepted() > before; }));
-            ASSERT_EQ(hook::Unbind(GetParam()), STATUS_SUCCESS);
+            ASSERT_EQ(hook::Unbind(mode), STATUS_SUCCESS);
             EXPECT_EQ(Filter_AllocatePacket(adapter), nullptr);
             ASSERT_EQ(hook::Bind(), STATUS_SUCCESS);
         }
         traffic.Stop();
-        const hook::Balance balance = hook::TakeBalance();
-        EXPECT_TRUE(balance.IsEven());
-        EXPECT_EQ(balance.received + balance.sent, traffic.Accepted());
-        if (GetParam() == hook::UnbindMode::Drained) {
-            EXPECT_EQ(balance.outstanding, 0u);
-        }
         // What was released while unbound is out until the hook driver unloads, and nothing else.
-        const uint64_t stranded = balance.outstanding;
-        StopHook();
-        EXPECT_EQ(hook::TakeBalance().stranded, stranded);
+        EXPECT_TRUE(mode == hook::UnbindMode::Abrupt || hook::TakeBalance().outstanding == 0);
+        mayStayOut = hook::TakeBalance().outstanding;
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Modes, UnbindTest,
-                         testing::Values(hook::UnbindMode::Drained, hook::UnbindMode::Abrupt),
-                         [](const auto& suite) {
-                             return suite.param == hook::UnbindMode::Drained ? "Drained" : "Abrupt";
-                         });
 
 } // namespace

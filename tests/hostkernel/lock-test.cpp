@@ -4,6 +4,8 @@
 #include <ndis.h>
 
 #include <atomic>
+#include <cstring>
+#include <optional>
 #include <thread>
 
 namespace

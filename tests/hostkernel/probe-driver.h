@@ -2,15 +2,12 @@
 // no broken rule that the test did not ask for.
 #pragma once
 
-#include <machine.h>
-#include <ntddk.h>
+#include "rules.h"
 
-#include <gmock/gmock.h>
+#include <ntddk.h>
 
 #include <algorithm>
 #include <functional>
-#include <string>
-#include <vector>
 
 namespace probe
 {
@@ -30,17 +27,7 @@ inline NTSTATUS Complete(IRP* irp, NTSTATUS status, ULONG_PTR information = 0)
     return status;
 }
 
-// The rules broken since the last call, in order.
-inline std::vector<std::string> BrokenRules()
-{
-    std::vector<std::string> rules;
-    for (const machine::Violation& violation : machine::TakeViolations()) {
-        rules.push_back(violation.rule);
-    }
-    return rules;
-}
-
-class DriverTest : public testing::Test
+class DriverTest : public KernelTest
 {
   protected:
     static constexpr char kService[] = "Probe";
@@ -48,20 +35,17 @@ class DriverTest : public testing::Test
 
     void SetUp() override
     {
+        KernelTest::SetUp();
         current = this;
-        machine::TakeViolations();
-        machine::PrintViolations(false);
     }
 
     void TearDown() override
     {
-        machine::ClearFaults();
         if (machine::IsDriverLoaded(kService)) {
             EXPECT_EQ(machine::UnloadDriver(kService), STATUS_SUCCESS);
         }
         machine::DiscardDriver(kService);
-        EXPECT_THAT(BrokenRules(), testing::IsEmpty());
-        machine::PrintViolations(true);
+        KernelTest::TearDown();
         current = nullptr;
     }
 

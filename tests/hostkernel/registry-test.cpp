@@ -2,7 +2,6 @@
 #include "probe-driver.h"
 
 using namespace probe;
-using testing::ElementsAre;
 
 namespace
 {
@@ -79,52 +78,25 @@ TEST_F(RegistryTest, StringsFillTheCallersBufferOrGetOne)
     ExFreePool(allocated.Buffer);
 }
 
-TEST_F(RegistryTest, AMissingKeyFailsAlsoForALoadedDriver)
-{
-    ULONG number = 0;
-    const ULONG fallback = 1;
-    machine::DeleteRegistryKey("RegistryTest");
-    EXPECT_EQ(Query(u"Number", REG_DWORD, &number, &fallback, 4), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(number, 0u);
-
-    const auto load = [] {
-        return machine::LoadDriver("RegistryTest", [](void*, void* path) {
-            ULONG value = 0;
-            RTL_QUERY_REGISTRY_TABLE table[2] = {};
-            table[0].Flags = RTL_QUERY_REGISTRY_DIRECT;
-            table[0].Name = Name(u"Other").Buffer;
-            table[0].EntryContext = &value;
-            const NTSTATUS status = RtlQueryRegistryValues(
-                RTL_REGISTRY_ABSOLUTE, static_cast<UNICODE_STRING*>(path)->Buffer, table, nullptr, nullptr);
-            return NT_SUCCESS(status) ? STATUS_CANCELLED : status; // never stays loaded
-        });
-    };
-    EXPECT_EQ(load(), STATUS_OBJECT_NAME_NOT_FOUND);
-    machine::SetRegistryDword("RegistryTest", "Number", 5);
-    EXPECT_EQ(load(), STATUS_CANCELLED);
-}
-
-TEST_F(RegistryTest, AnotherTypeThanExpectedIsRefused)
+TEST_F(RegistryTest, QueriesFailByMissingKeysAndOtherTypesAndOnDemand)
 {
     ULONG number = 7;
     EXPECT_EQ(Query(u"Text", REG_DWORD, &number, nullptr, 0), STATUS_OBJECT_TYPE_MISMATCH);
-    EXPECT_THAT(BrokenRules(), ElementsAre("registry-type-mismatch"));
+    ExpectRule("registry-type-mismatch");
     EXPECT_EQ(Query(u"Text", REG_DWORD << RTL_QUERY_REGISTRY_TYPECHECK_SHIFT | REG_NONE, &number, nullptr, 0,
                     RTL_QUERY_REGISTRY_TYPECHECK),
               STATUS_OBJECT_TYPE_MISMATCH);
+    machine::FailCall(machine::Fault::Registry, 1);
+    EXPECT_EQ(Query(u"Number", REG_DWORD, &number, nullptr, 0), STATUS_INSUFFICIENT_RESOURCES);
+    machine::DeleteRegistryKey("RegistryTest");
+    const ULONG fallback = 1;
+    EXPECT_EQ(Query(u"Number", REG_DWORD, &number, &fallback, 4), STATUS_OBJECT_NAME_NOT_FOUND);
     EXPECT_EQ(number, 7u);
-}
-
-TEST_F(RegistryTest, NeedsPassiveLevelAndCanFail)
-{
-    ULONG number = 0;
     {
         machine::AtDispatch dispatch;
         Query(u"Number", REG_DWORD, &number, nullptr, 0);
     }
-    EXPECT_THAT(BrokenRules(), ElementsAre("irql-too-high"));
-    machine::FailCall(machine::Fault::Registry, 1);
-    EXPECT_EQ(Query(u"Number", REG_DWORD, &number, nullptr, 0), STATUS_INSUFFICIENT_RESOURCES);
+    ExpectRule("irql-too-high");
 }
 
 } // namespace

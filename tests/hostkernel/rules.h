@@ -3,11 +3,31 @@
 
 #include "machine.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
-#include <optional>
 #include <string>
 #include <vector>
+
+// The rules broken since the last look, in order; `detail` receives the last one's.
+inline std::vector<std::string> BrokenRules(std::string* detail = nullptr)
+{
+    std::vector<std::string> rules;
+    for (const machine::Violation& violation : machine::TakeViolations()) {
+        rules.push_back(violation.rule);
+        if (detail != nullptr) {
+            *detail = violation.detail;
+        }
+    }
+    return rules;
+}
+
+// Exactly one rule has been broken since the last look. Answers the detail.
+inline std::string ExpectRule(const std::string& rule)
+{
+    std::string detail;
+    EXPECT_THAT(BrokenRules(&detail), testing::ElementsAre(rule));
+    return detail;
+}
 
 class KernelTest : public testing::Test
 {
@@ -19,19 +39,8 @@ class KernelTest : public testing::Test
     }
     void TearDown() override
     {
+        machine::ClearFaults();
+        EXPECT_THAT(BrokenRules(), testing::IsEmpty());
         machine::PrintViolations(true);
-        for (const machine::Violation& violation : machine::TakeViolations())
-            ADD_FAILURE() << violation.rule << " in " << violation.function << ": " << violation.detail;
-    }
-    // Exactly one rule has been broken since the last look. Answers the detail.
-    static std::string ExpectRule(const std::string& rule)
-    {
-        std::vector<machine::Violation> violations = machine::TakeViolations();
-        if (violations.size() != 1 || violations[0].rule != rule) {
-            ADD_FAILURE() << "expected " << rule << ", got " << violations.size() << " violations"
-                          << (violations.empty() ? "" : ", first " + violations[0].rule);
-            return {};
-        }
-        return violations[0].detail;
     }
 };

@@ -113,6 +113,9 @@ FILTER_STATUS Filter_RegisterDriver(const STRING* pDriverName, PVOID pDriverCont
         if (nMajor != ApiMajorVersion || nMinor != ApiMinorVersion) {
             return FILTER_ERROR_UNSUPPORTED_API_VERSION;
         }
+        if (g_pDeviceExtension == nullptr) { // a client loads the image without starting the service
+            return FILTER_ERROR_INTERFACE_NOT_ACTIVE;
+        }
         const NamedRegistration<FilterDriver> registration{
             .FunctionName = trace.Name,
             .Name = pDriverName,

@@ -68,12 +68,14 @@ TEST(life, AClientThatStartsTooEarlyIsRefused)
 {
     Service filter(L"ndisfilter"), blocker(L"blocker");
     bool started = true;
+    const DebugOutput early;
     try {
         blocker.Start();
     } catch (const Failure&) {
         started = false;
     }
     CHECK(!started);
+    CHECK_EQUAL(early.Count("exception"), size_t{0});
     filter.Start();
     blocker.Start();
     const DebugOutput output;

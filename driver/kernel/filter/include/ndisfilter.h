@@ -307,7 +307,8 @@ FILTER_STATUS Filter_GetAPIVersion(PULONG pMajor, PULONG pMinor);
 /*
  * Registers a client driver under a name, which is copied and must be unique byte for byte. The context is handed to
  * all its callbacks. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: NULL name or output.
- * FILTER_ERROR_UNSUPPORTED_API_VERSION: not 1.0. FILTER_ERROR_DRIVER_ALREADY_REGISTERED. No memory: success, with
+ * FILTER_ERROR_UNSUPPORTED_API_VERSION: not 1.0. FILTER_ERROR_DRIVER_ALREADY_REGISTERED.
+ * FILTER_ERROR_INTERFACE_NOT_ACTIVE: the framework's own service has not been started. No memory: success, with
  * *phFilterDriver unwritten.
  */
 FILTER_STATUS Filter_RegisterDriver(const STRING* pDriverName, PVOID pDriverContext, ULONG nMajor, ULONG nMinor,

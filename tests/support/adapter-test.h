@@ -1,0 +1,94 @@
+// Tests with one open adapter: what they ask of the balance of packets, and filters that report who ran.
+#pragma once
+
+#include "packet.h"
+
+#include <ostream>
+
+namespace support
+{
+
+// How packets ended.
+struct Outcome {
+    uint64_t toAdapter = 0, toProtocols = 0, freed = 0, refused = 0;
+    bool operator==(const Outcome&) const = default;
+};
+
+inline void PrintTo(const Outcome& outcome, std::ostream* stream)
+{
+    *stream << outcome.toAdapter << " to adapter, " << outcome.toProtocols << " to protocols, "
+            << outcome.freed << " freed, " << outcome.refused << " refused";
+}
+
+// All packets must have ended when the test does.
+class AdapterTest : public FrameworkTest
+{
+  protected:
+    using FrameworkTest::FrameworkTest;
+
+    void SetUp() override
+    {
+        FrameworkTest::SetUp();
+        adapter = AddAdapter();
+    }
+
+    void TearDown() override
+    {
+        EXPECT_TRUE(machine::WaitIdle());
+        EXPECT_TRUE(hook::TakeBalance().IsEven());
+        EXPECT_EQ(hook::TakeBalance().outstanding, mayStayOut);
+        FrameworkTest::TearDown();
+    }
+
+    // Of the packets that ended while `action` ran.
+    template <class Action>
+    static Outcome OutcomeOf(const Action& action)
+    {
+        const hook::Balance before = hook::TakeBalance();
+        action();
+        const hook::Balance after = hook::TakeBalance();
+        return {after.deliveredToAdapter - before.deliveredToAdapter,
+                after.deliveredToProtocols - before.deliveredToProtocols, after.freed - before.freed,
+                after.refused - before.refused};
+    }
+
+    FilterPacket* AnyPacket() const { return MakePacket(adapter, UdpFrame()); }
+
+    FilterAdapter* adapter = nullptr;
+    uint64_t mayStayOut = 0;
+};
+
+// Bypasses, and adds its name to what has run.
+inline TestFilter::Procedure Noting(std::string& runs, char name)
+{
+    return [&runs, name](FilterPacket*) {
+        runs += name;
+        return FILTER_RESULT_BYPASS;
+    };
+}
+
+// A filter in each of the four chains, which tells its type.
+class EveryChain
+{
+  public:
+    explicit EveryChain(const std::function<void(FILTER_TYPE, FilterPacket*)>& note)
+    {
+        for (FILTER_TYPE type = 0; type < FILTER_TYPE_COUNT; ++type) {
+            filters_.push_back(
+                std::make_unique<TestFilter>(driver_, TestFilter::Options{.type = type}, [=](auto* packet) {
+                    note(type, packet);
+                    return FILTER_RESULT_BYPASS;
+                }));
+        }
+    }
+    PacketFilter* operator[](FILTER_TYPE type) const
+    {
+        return filters_[static_cast<size_t>(type)]->Handle();
+    }
+
+  private:
+    TestDriver driver_;
+    std::vector<std::unique_ptr<TestFilter>> filters_;
+};
+
+} // namespace support
