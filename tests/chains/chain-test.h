@@ -6,16 +6,7 @@
 namespace chains
 {
 
-struct Counters {
-    uint32_t process = 0, bypass = 0, discard = 0, consume = 0, capture = 0;
-    bool operator==(const Counters&) const = default;
-};
-
-inline void PrintTo(const Counters& counters, std::ostream* stream)
-{
-    *stream << counters.process << " processed: " << counters.bypass << " bypass, " << counters.discard
-            << " discard, " << counters.consume << " consume, " << counters.capture << " capture";
-}
+using Counters = std::array<uint32_t, 5>; // processed, then bypass, discard, consume, capture
 
 class ChainTest : public support::AdapterTest
 {
@@ -58,7 +49,7 @@ class ChainTest : public support::AdapterTest
 
     static support::Outcome Delivered(FILTER_TYPE type)
     {
-        return {.toAdapter = GoesToAdapter(type), .toProtocols = !GoesToAdapter(type)};
+        return GoesToAdapter(type) ? support::kToAdapter : support::kToProtocols;
     }
 };
 

@@ -1,37 +1,38 @@
 // What a filter's verdict does to the packet, to the filters behind it and to its counters.
 #include "chain-test.h"
 
+#include <optional>
+
 using namespace chains;
 using namespace support;
 
 namespace
 {
 
-class VerdictTest : public ChainTest
-{};
+using VerdictTest = ChainTest;
+using MethodTest = ChainTest;
 
 TEST_F(VerdictTest, DecidesThePacketsFateInEveryChain)
 {
-    enum Fate { Delivery, Release, Keeping };
     struct Case {
         FILTER_RESULT verdict;
         Counters counters;
-        Fate fate; // only delivery runs the filters behind
+        std::optional<Outcome> end; // not given: the filters behind run, then it is delivered
         void (*raise)() = nullptr;
         int32_t code = 0;
     };
     constexpr int32_t raised = static_cast<int32_t>(0xC000009A);
     const Case cases[] = {
-        {FILTER_RESULT_BYPASS, {.process = 1, .bypass = 1}, Delivery},
-        {FILTER_RESULT_DISCARD, {.process = 1, .discard = 1}, Release},
-        {FILTER_RESULT_CONSUME, {.process = 1, .consume = 1}, Keeping},
-        {FILTER_RESULT_CAPTURE, {.process = 1, .capture = 1}, Release},
-        {4, {.process = 1}, Delivery},
-        {0xFFFFFFFF, {.process = 1}, Delivery},
+        {FILTER_RESULT_BYPASS, {1, 1, 0, 0, 0}, {}},
+        {FILTER_RESULT_DISCARD, {1, 0, 1, 0, 0}, kReleased},
+        {FILTER_RESULT_CONSUME, {1, 0, 0, 1, 0}, kNothing},
+        {FILTER_RESULT_CAPTURE, {1, 0, 0, 0, 1}, kReleased},
+        {4, {1}, {}},
+        {0xFFFFFFFF, {1}, {}},
         // An exception costs only the filter that raised it.
-        {FILTER_RESULT_DISCARD, {.process = 1}, Delivery, FaultOnRead, kAccessViolation},
-        {FILTER_RESULT_DISCARD, {.process = 1}, Delivery, FaultOnDivision, kDivideByZero},
-        {FILTER_RESULT_DISCARD, {.process = 1}, Delivery, [] { ExRaiseStatus(raised); }, raised},
+        {FILTER_RESULT_DISCARD, {1}, {}, FaultOnRead, kAccessViolation},
+        {FILTER_RESULT_DISCARD, {1}, {}, FaultOnDivision, kDivideByZero},
+        {FILTER_RESULT_DISCARD, {1}, {}, [] { ExRaiseStatus(raised); }, raised},
     };
     for (FILTER_TYPE type = 0; type < FILTER_TYPE_COUNT; ++type) {
         for (const Case& test : cases) {
@@ -52,10 +53,8 @@ TEST_F(VerdictTest, DecidesThePacketsFateInEveryChain)
             const TestFilter last(driver, {.type = type, .order = FILTER_ORDER_LAST}, answer);
             const TestFilter middle(driver, {.type = type, .order = 2});
             const TestFilter first(driver, {.type = type, .order = FILTER_ORDER_FIRST}, answer);
-            const bool goesOn = test.fate == Delivery;
             Debug().Take();
-            EXPECT_EQ(OutcomeOf([&] { Enter(type); }),
-                      goesOn ? Delivered(type) : Outcome{.freed = test.fate == Release});
+            EXPECT_EQ(OutcomeOf([&] { Enter(type); }), test.end.value_or(Delivered(type)));
 
             const std::string output = Debug().Take();
             ASSERT_EQ(first.CallCount(), 1u);
@@ -69,17 +68,14 @@ TEST_F(VerdictTest, DecidesThePacketsFateInEveryChain)
             EXPECT_EQ(call.driverContext, &context);
             EXPECT_EQ(call.filter, first.Handle());
             EXPECT_EQ(CountersOf(first), test.counters);
-            EXPECT_EQ(CountersOf(middle), (goesOn ? Counters{.process = 1, .bypass = 1} : Counters{}));
-            EXPECT_EQ(CountersOf(last), goesOn ? test.counters : Counters{});
-            if (test.fate == Keeping) {
+            EXPECT_EQ(CountersOf(middle), (test.end ? Counters{} : Counters{1, 1}));
+            EXPECT_EQ(CountersOf(last), test.end ? Counters{} : test.counters);
+            if (test.end == kNothing) {
                 EXPECT_EQ(Filter_ReleasePacket(call.packet), FILTER_STATUS_SUCCESS); // the filter's own now
             }
         }
     }
 }
-
-class MethodTest : public ChainTest
-{};
 
 TEST_F(MethodTest, ChoosesThePartOfTheChainThatRuns)
 {
@@ -137,12 +133,12 @@ TEST_F(MethodTest, VerdictsEndAPartialWalkAsAWholeOne)
     const TestFilter a(driver, {.order = 1});
     for (; verdict <= FILTER_RESULT_CAPTURE; ++verdict) {
         EXPECT_EQ(OutcomeOf([&] { runBehind(a, AnyPacket()); }),
-                  Outcome{.freed = verdict != FILTER_RESULT_CONSUME});
+                  verdict == FILTER_RESULT_CONSUME ? kNothing : kReleased);
     }
     EXPECT_EQ(a.CallCount() + c.CallCount(), 0u);
     EXPECT_EQ(CountersOf(b), (Counters{3, 0, 1, 1, 1}));
     // The filter passes what it consumed back behind its own place.
-    EXPECT_EQ(OutcomeOf([&] { runBehind(b, b.Calls()[1].packet); }), Outcome{.toProtocols = 1});
+    EXPECT_EQ(OutcomeOf([&] { runBehind(b, b.Calls()[1].packet); }), kToProtocols);
     EXPECT_EQ(c.CallCount(), 1u);
 }
 
@@ -157,12 +153,11 @@ TEST_F(MethodTest, APacketThatCannotBePlacedIsReleased)
          {static_cast<PacketFilter*>(nullptr), stale, reinterpret_cast<PacketFilter*>(driver.Handle()),
           Unreadable<PacketFilter>()}) {
         for (FILTER_METHOD method = 0; method <= 5; ++method) {
-            EXPECT_EQ(OutcomeOf([&] { Filter_InvokeFiltersEx(method, handle, AnyPacket()); }),
-                      Outcome{.freed = 1});
+            EXPECT_EQ(OutcomeOf([&] { Filter_InvokeFiltersEx(method, handle, AnyPacket()); }), kReleased);
         }
     }
     for (const FILTER_TYPE type : {-1, 4, 0x7FFFFFFF}) {
-        EXPECT_EQ(OutcomeOf([&] { Filter_InvokeFilters(type, AnyPacket()); }), Outcome{.freed = 1});
+        EXPECT_EQ(OutcomeOf([&] { Filter_InvokeFilters(type, AnyPacket()); }), kReleased);
     }
     EXPECT_EQ(other.CallCount(), 0u);
 }
@@ -182,26 +177,25 @@ TEST_F(ChainTraceTest, TheWalkIsTracedFilterByFilter)
     const std::string end = ", pPacket=" + PointerText(packet) + "\n";
     Debug().Take();
     Filter_InvokeFilters(FILTER_TYPE_INCOMING_PACKET, packet);
-    EXPECT_THAT(Debug().Take(),
-                testing::StartsWith(
-                    "Enter Filter_InvokeFilters: Filter=FILTER_TYPE_INCOMING_PACKET" + end +
-                    "  Filter_InvokeFilters: FILTER_TYPE_INCOMING_PACKET->Filter[0] - first" + end +
-                    "  Filter_InvokeFilters: FILTER_RESULT_BYPASS" + end +
-                    "  Filter_InvokeFilters: FILTER_TYPE_INCOMING_PACKET->Filter[1] - second" + end +
-                    "  Filter_InvokeFilters: FILTER_RESULT_BYPASS" + end +
-                    "Enter Filter_IndicatePacketToProtocolEx\n"));
+    EXPECT_THAT(
+        Debug().Take(),
+        testing::StartsWith("Enter Filter_InvokeFilters: Filter=FILTER_TYPE_INCOMING_PACKET" + end +
+                            "  Filter_InvokeFilters: FILTER_TYPE_INCOMING_PACKET->Filter[0] - first" + end +
+                            "  Filter_InvokeFilters: FILTER_RESULT_BYPASS" + end +
+                            "  Filter_InvokeFilters: FILTER_TYPE_INCOMING_PACKET->Filter[1] - second" + end +
+                            "  Filter_InvokeFilters: FILTER_RESULT_BYPASS" + end +
+                            "Enter Filter_IndicatePacketToProtocolEx\n"));
     packet = AnyPacket();
     Debug().Take();
     Filter_InvokeFiltersEx(FILTER_METHOD_START_AFTER_THIS_FILTER, first.Handle(), packet);
-    EXPECT_THAT(Debug().Take(),
-                testing::AllOf(testing::StartsWith("Enter Filter_InvokeFiltersEx\n"
-                                                   "Enter Filter_InvokeFiltersEx: pPacket=" +
-                                                   PointerText(packet)),
-                               testing::HasSubstr(
-                                   "Enter Filter_InvokeFiltersEx: Filter=FILTER_TYPE_INCOMING_PACKET, "
-                                   "Method=FILTER_METHOD_START_AFTER_THIS_FILTER\n"
-                                   "  Filter_InvokeFiltersEx: FILTER_TYPE_INCOMING_PACKET->Filter[1]"),
-                               testing::EndsWith("Leave Filter_InvokeFiltersEx\n")));
+    const std::string text = Debug().Take();
+    EXPECT_THAT(text, testing::HasSubstr("Enter Filter_InvokeFiltersEx: Filter=FILTER_TYPE_INCOMING_PACKET, "
+                                         "Method=FILTER_METHOD_START_AFTER_THIS_FILTER\n"
+                                         "  Filter_InvokeFiltersEx: FILTER_TYPE_INCOMING_PACKET->Filter[1]"));
+    EXPECT_THAT(text,
+                testing::StartsWith("Enter Filter_InvokeFiltersEx\nEnter Filter_InvokeFiltersEx: pPacket=" +
+                                    PointerText(packet)));
+    EXPECT_THAT(text, testing::EndsWith("Leave Filter_InvokeFiltersEx\n"));
 }
 
 } // namespace

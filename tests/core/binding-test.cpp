@@ -115,13 +115,10 @@ TEST_F(BindingTest, OfAnotherSizeOrVersionIsRefusedAndChangesNothing)
             EXPECT_EQ(result.status, kInvalidParameter) << test.message;
             EXPECT_EQ(result.information, 0u);
             EXPECT_EQ(record.Filter_AdapterOpened, nullptr);
-            EXPECT_EQ(Debug().Take(), std::string("Enter NdisFilterInternalIoControl\n") +
-                                          (code == kBind ? "  - ControlCode - 0x80002400\n"
-                                                         : "  - ControlCode - 0x80002404\n") +
-                                          "  - InputBufferLength - 0xa8\n  - OutputBufferLength - 0xa8\n"
-                                          "  - sizeof(NdisHookAPI) - 0xa8\n  IOCTL_NDIS_FILTER_INTERNAL_" +
+            EXPECT_THAT(Debug().Take(),
+                        testing::EndsWith(std::string("  IOCTL_NDIS_FILTER_INTERNAL_") +
                                           (code == kBind ? "BIND" : "UNBIND") + "_NDIS_HOOK\n" +
-                                          test.message + "Leave NdisFilterInternalIoControl\n");
+                                          test.message + "Leave NdisFilterInternalIoControl\n"));
             EXPECT_EQ(AskVersion(), 1);
         }
     }

@@ -45,52 +45,35 @@ struct TracedStartUpTest : StartUpTest {
 
 TEST_F(TracedStartUpTest, BuildsUpAndTearsDownInOrder)
 {
-    EXPECT_EQ(Debug().Take(),
-              // The mask is 0 until it has been read.
-              "RtlQueryRegistryValues " + kServiceKey +
-                  "\\GlobalDebugFlag success, Value = 0x100\n"
-                  "NdisFilter: GlobalDebugFlag = 0x00000100\n"
-                  "RtlQueryRegistryValues " +
-                  kServiceKey +
-                  "\\PendingPacketLimit success, Value = 0x800\n"
-                  "  IoCreateDevice(\\Device\\NdisFilter) success\n"
-                  "Enter NdisFilterInitialize\n"
-                  "  NDIS Hook APi Initialized\n"
-                  "Enter NdisFilter_AllocateMappedMemory\n"
-                  "  ExAllocatePoolWithTag(NonPagedPool, Size=1724520) success\n"
-                  "  IoAllocateMdl() success\n"
-                  "  MmBuildMdlForNonPagedPool() complete\n"
-                  "Leave NdisFilter_AllocateMappedMemory\n"
-                  "  Mapped Memory Initialized\n"
-                  "  Shared Memory Initialized\n"
-                  "  PsCreateSystemThread(ShareMemoryThread) success\n"
-                  "  Adapter list Initialized\n"
-                  "  Adapter context owner buffer Initialized\n"
-                  "  Adapter Event handler list Initialized\n"
-                  "  Filter Driver list Initialized\n"
-                  "  Packet Filter list Initialized\n"
-                  "  PsCreateSystemThread(InjectedPacketThread) success\n"
-                  "  PsCreateSystemThread(InjectedPacketThread) success\n"
-                  "  Injected packet list Initialized\n"
-                  "  Interface list Initialized\n"
-                  "  Interface Event handler list Initialized\n"
-                  "  Filter Log lookaside list Initialized\n"
-                  "  Filter Timer list Initialized\n"
-                  "  IOCTL handler list Initialized\n"
-                  "Leave NdisFilterInitialize\n"
-                  "  IoCreateSymbolicLink(\\DosDevices\\NdisFilter -> \\Device\\NdisFilter) success\n"
-                  "Leave DriverEntry\n");
+    const std::string read = "RtlQueryRegistryValues " + kServiceKey;
+    EXPECT_EQ(
+        Debug().Take(),
+        // The mask is 0 until it has been read.
+        read + "\\GlobalDebugFlag success, Value = 0x100\nNdisFilter: GlobalDebugFlag = 0x00000100\n" + read +
+            "\\PendingPacketLimit success, Value = 0x800\n"
+            "  IoCreateDevice(\\Device\\NdisFilter) success\n"
+            "Enter NdisFilterInitialize\n  NDIS Hook APi Initialized\n"
+            "Enter NdisFilter_AllocateMappedMemory\n"
+            "  ExAllocatePoolWithTag(NonPagedPool, Size=1724520) success\n"
+            "  IoAllocateMdl() success\n  MmBuildMdlForNonPagedPool() complete\n"
+            "Leave NdisFilter_AllocateMappedMemory\n"
+            "  Mapped Memory Initialized\n  Shared Memory Initialized\n"
+            "  PsCreateSystemThread(ShareMemoryThread) success\n  Adapter list Initialized\n"
+            "  Adapter context owner buffer Initialized\n  Adapter Event handler list Initialized\n"
+            "  Filter Driver list Initialized\n  Packet Filter list Initialized\n"
+            "  PsCreateSystemThread(InjectedPacketThread) success\n"
+            "  PsCreateSystemThread(InjectedPacketThread) success\n"
+            "  Injected packet list Initialized\n  Interface list Initialized\n"
+            "  Interface Event handler list Initialized\n  Filter Log lookaside list Initialized\n"
+            "  Filter Timer list Initialized\n  IOCTL handler list Initialized\nLeave NdisFilterInitialize\n"
+            "  IoCreateSymbolicLink(\\DosDevices\\NdisFilter -> \\Device\\NdisFilter) success\n"
+            "Leave DriverEntry\n");
     EXPECT_EQ(machine::TakeCensus().threads, 3u);
-
     StopFramework();
-    EXPECT_EQ(Debug().Take(), "Enter NdisFilterUnload\n"
-                              "Enter NdisFilterDeInitialize\n"
-                              "  IoFreeMdl() complete\n"
-                              "  ExFreePool complete\n"
-                              "Leave NdisFilterDeInitialize\n"
+    EXPECT_EQ(Debug().Take(), "Enter NdisFilterUnload\nEnter NdisFilterDeInitialize\n  IoFreeMdl() complete\n"
+                              "  ExFreePool complete\nLeave NdisFilterDeInitialize\n"
                               "  IoDeleteSymbolicLink(\\DosDevices\\NdisFilter), status = 0x0\n"
-                              "  IoDeleteDevice(\\Device\\NdisFilter)\n"
-                              "Leave NdisFilterUnload\n");
+                              "  IoDeleteDevice(\\Device\\NdisFilter)\nLeave NdisFilterUnload\n");
 }
 
 TEST_F(TracedStartUpTest, RequestsOfAHandleOnlyComplete)
@@ -104,8 +87,6 @@ TEST_F(TracedStartUpTest, RequestsOfAHandleOnlyComplete)
     EXPECT_EQ(Debug().Take(), "Enter NdisFilterCleanup\nLeave NdisFilterCleanup\n"
                               "Enter NdisFilterClose\nLeave NdisFilterClose\n");
 }
-
-// --------------------------------------------------------------------------------------------- registry values
 
 TEST_F(StartUpTest, SettingsThatAreAbsentHaveDefaults)
 {
@@ -124,8 +105,6 @@ TEST_F(StartUpTest, SettingsThatAreAbsentHaveDefaults)
         HasSubstr("\\GlobalDebugFlag fail, error = 0xC0000034\nNdisFilter: GlobalDebugFlag = 0x00000000\n"));
     EXPECT_THAT(text, HasSubstr("\\PendingPacketLimit fail, error = 0xC0000034\n"));
 }
-
-// -------------------------------------------------------------------------------------------- what can be missing
 
 // Each call that can fail fails in turn, until a start-up no longer reaches the failing one. Whatever is missing, the
 // start-up is refused or packets pass, and nothing is left. The symbolic link is a case of its own, below.
@@ -225,8 +204,6 @@ TEST_F(RefusedStartUpTest, WithoutMappedMemoryTheRestRunsAndUnloads)
     EXPECT_THAT(Debug().Take(), HasSubstr("PsCreateSystemThread(InjectedPacketThread) fails\n"
                                           "PsCreateSystemThread(InjectedPacketThread) fails\n"));
 }
-
-// ----------------------------------------------------------------------------------------------------- unload
 
 int g_packetsOut = 0;
 

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <span>
 #include <thread>
 
 using namespace probe;
@@ -56,11 +57,8 @@ class IrpTest : public DriverTest
     bool Unpark(NTSTATUS status)
     {
         IRP* irp = parked.exchange(nullptr);
-        if (irp == nullptr || IoSetCancelRoutine(irp, nullptr) == nullptr) {
-            return false;
-        }
-        Complete(irp, status);
-        return true;
+        const bool mine = irp != nullptr && IoSetCancelRoutine(irp, nullptr) != nullptr;
+        return mine && Complete(irp, status) == status;
     }
 
     std::unique_ptr<machine::Process> process = std::make_unique<machine::Process>();
@@ -90,7 +88,7 @@ TEST_F(IrpTest, TheSystemBufferHoldsTheGreaterLengthAndReturnsInformationBytes)
             auto* buffer = static_cast<UCHAR*>(irp->AssociatedIrp.SystemBuffer);
             EXPECT_EQ(buffer == nullptr, one.input == 0 && one.output == 0);
             if (buffer != nullptr) {
-                EXPECT_TRUE(std::all_of(buffer, buffer + one.input, [](UCHAR byte) { return byte == 0x11; }));
+                EXPECT_THAT(std::span(buffer, one.input), testing::Each(0x11));
                 std::memset(buffer, 0x22, std::max(one.input, one.output));
             }
             return Complete(irp, one.status, one.information);
@@ -154,6 +152,14 @@ TEST_F(IrpTest, APendingRequestIsCompletedLaterOrCancelledOrCancelledByClose)
         atDispatch.Cancel();
     }
     EXPECT_EQ(atDispatch.Wait()->status, STATUS_CANCELLED);
+
+    auto held = file->Send(kBuffered, {}, 0);
+    IoSetCancelRoutine(parked, nullptr); // only told that it is cancelled
+    held.Cancel();
+    machine::CheckReturnToUser("a cancel that finds no routine");
+    EXPECT_TRUE(parked.load()->Cancel);
+    Complete(parked.exchange(nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(held.Wait()->status, STATUS_SUCCESS);
 
     auto closed = file->Send(kBuffered, {}, 0);
     majors.clear();

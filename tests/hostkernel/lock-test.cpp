@@ -63,6 +63,9 @@ TEST_F(Locks, ExcludeWritersFromEverybody)
                 LOCK_STATE nested; // goes through also while a writer waits
                 NdisAcquireReadWriteLock(&lock, FALSE, &nested);
                 torn += guarded < 0;
+                if (i % 16 == 1) {
+                    std::this_thread::yield(); // to writers that do not wait
+                }
                 readers--;
                 NdisReleaseReadWriteLock(&lock, &nested);
             }
@@ -73,11 +76,12 @@ TEST_F(Locks, ExcludeWritersFromEverybody)
             KeReleaseSpinLock(&spin, old);
         }
     };
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; i++)
-        threads.emplace_back(work, i % 2 == 0);
-    for (auto& thread : threads)
-        thread.join();
+    {
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < 4; i++) {
+            threads.emplace_back(work, i % 2 == 0);
+        }
+    }
     EXPECT_EQ(guarded, 4 * 750);
     EXPECT_EQ(underSpin, 4 * 3000);
     EXPECT_EQ(torn, 0);
@@ -144,20 +148,21 @@ TEST_F(Locks, AThreadAtDispatchLevelOwnsItsProcessor)
     constexpr int kThreads = MAXIMUM_PROCESSORS + 8; // more than there are: some wait
     std::atomic<int> owners[MAXIMUM_PROCESSORS] = {};
     std::atomic<int> shared{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; i++) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < 20; round++) {
-                machine::AtDispatch level;
-                auto& owner = owners[KeGetCurrentProcessorNumber()];
-                shared += owner.fetch_add(1) != 0;
-                std::this_thread::yield();
-                owner--;
-            }
-        });
+    const auto work = [&] {
+        for (int round = 0; round < 20; round++) {
+            machine::AtDispatch level;
+            auto& owner = owners[KeGetCurrentProcessorNumber()];
+            shared += owner.fetch_add(1) != 0;
+            std::this_thread::yield();
+            owner--;
+        }
+    };
+    {
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < kThreads; i++) {
+            threads.emplace_back(work);
+        }
     }
-    for (auto& thread : threads)
-        thread.join();
     EXPECT_EQ(shared, 0);
     machine::AtDispatch chosen(37);
     EXPECT_EQ(KeGetCurrentProcessorNumber(), 37u);

@@ -17,7 +17,8 @@ class DumpTest : public AdapterTest
     }
 
     // The dump of a frame: its hex dump, and what stands behind the packet's own line.
-    std::pair<std::string, std::string> Dump(const Bytes& frame)
+    using Text = std::pair<std::string, std::string>;
+    Text Dump(const Bytes& frame)
     {
         FilterPacket* packet = MakePacket(adapter, frame);
         Debug().Take();
@@ -39,13 +40,13 @@ TEST_F(DumpTest, TheHexDumpHasSixteenBytesALine)
 {
     Bytes frame = EthernetFrame(0x88B5, {'A', '~', 0x7F, ' ', 0xFF, 0x1F});
     EXPECT_EQ(Dump(frame),
-              std::pair("Title, Size = 20 - 0x14\n"
-                        "  \t0000  02 00 00 00 00 01 02 00 00 00 00 02 88 B5 41 7E   ..............A~\n"
-                        "  \t0010  7F 20 FF 1F                                       . ..\n",
-                        kMacLine + "88b5\n"));
+              Text("Title, Size = 20 - 0x14\n"
+                   "  \t0000  02 00 00 00 00 01 02 00 00 00 00 02 88 B5 41 7E   ..............A~\n"
+                   "  \t0010  7F 20 FF 1F                                       . ..\n",
+                   kMacLine + "88b5\n"));
     frame.resize(1514, 0);
     EXPECT_THAT(Dump(frame).first, testing::HasSubstr("\n  \t05E0  00 00 00 00 00 00 00 00 00 00  "));
-    EXPECT_EQ(Dump({}), std::pair("Title, Size = 0 - 0x0\n", ""));
+    EXPECT_EQ(Dump({}), Text("Title, Size = 0 - 0x0\n", ""));
 }
 
 TEST_F(DumpTest, ArpFieldsAreDecodedAndRarpIsOnlyNamed)
@@ -77,30 +78,25 @@ TEST_F(DumpTest, IpLinesNameFlagsFragmentAndTransport)
         const char* text;
         uint8_t flags = 0;
     };
+    constexpr char tcpLine[] = "102, Proto: TCP DF:F MF:F FO:0 \n - TCP SrcPort 65535, DstPort 80";
+    constexpr char udpLine[] = "0, Proto: UDP DF:F MF:T FO:0 \n - UDP SrcPort 1000, DstPort 53";
+    constexpr char icmpLine[] = "0, Proto: ICMP DF:F MF:F FO:0 \n - ICMP ID 1, Sequence 513";
+    constexpr char otherLine[] = "0, Proto: Other DF:F MF:F FO:0 \n - Other protocl 47";
+    constexpr char fragment[] = "0, Proto: UDP DF:F MF:F FO:1480 IP Fragment";
+    constexpr char lastFragment[] = "0, Proto: TCP DF:T MF:F FO:65528 IP Fragment";
     const Case cases[] = {
-        {kProtocolTcp, tcp, {.id = 0x0102}, "102, Proto: TCP DF:F MF:F FO:0 \n - TCP SrcPort 65535, DstPort 80"},
-        // A first fragment is not marked as one.
-        {kProtocolUdp,
-         udp,
-         {.moreFragments = true},
-         "0, Proto: UDP DF:F MF:T FO:0 \n - UDP SrcPort 1000, DstPort 53"},
-        {kProtocolIcmp,
-         echo,
-         {.options = Counting(40)},
-         "0, Proto: ICMP DF:F MF:F FO:0 \n - ICMP ID 1, Sequence 513"},
-        {47, udp, {}, "0, Proto: Other DF:F MF:F FO:0 \n - Other protocl 47"},
-        {kProtocolUdp, udp, {.fragmentOffset = 185}, "0, Proto: UDP DF:F MF:F FO:1480 IP Fragment"},
-        {kProtocolTcp,
-         tcp,
-         {.fragmentOffset = 0x1FFF, .moreFragments = true},
-         "0, Proto: TCP DF:T MF:T FO:65528 IP Fragment",
-         0xC0},
+        {kProtocolTcp, tcp, {.id = 0x0102}, tcpLine},
+        {kProtocolUdp, udp, {.moreFragments = true}, udpLine}, // a first fragment is not marked as one
+        {kProtocolIcmp, echo, {.options = Counting(40)}, icmpLine},
+        {47, udp, {}, otherLine},
+        {kProtocolUdp, udp, {.fragmentOffset = 185}, fragment},
+        {kProtocolTcp, tcp, {.fragmentOffset = 0x1FFF}, lastFragment, 0xC0},
     };
     for (const Case& test : cases) {
         Bytes frame = EthernetFrame(kEtherTypeIpv4, Ipv4Packet(test.protocol, test.payload, test.options));
         frame[20] |= test.flags;
-        EXPECT_EQ(Decoded(frame),
-                  kMacLine + "800/IP\n - SrcIP 192.168.0.2, DstIP 192.168.0.1, PacketId 0x" + test.text + "\n");
+        EXPECT_EQ(Decoded(frame), kMacLine + "800/IP\n - SrcIP 192.168.0.2, DstIP 192.168.0.1, PacketId 0x" +
+                                      test.text + "\n");
     }
 }
 
@@ -112,8 +108,7 @@ TEST_F(DumpTest, EachStageOfAPacketsWayHasItsTitle)
         Filter_IndicatePacketToApplication(packet, 1, 2);
         return verdict;
     });
-    const auto titles = [&](hook::Accepted (*deliver)(FilterAdapter*, std::span<const uint8_t>,
-                                                      const hook::FrameOptions&)) {
+    const auto titles = [&](auto deliver) {
         Debug().Take();
         deliver(adapter, UdpFrame(), {});
         std::vector<std::string> found;

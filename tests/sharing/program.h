@@ -1,7 +1,7 @@
 // A user program that shares memory with the framework, and the fixture it runs in.
 #pragma once
 
-#include <support/packet.h>
+#include <support/adapter-test.h>
 
 #include <cstring>
 #include <limits>
@@ -37,11 +37,10 @@ class SharingProgram
     // What START_SHARE answers: the address of the memory, or NDIS_FILTER_SHARE_FAILED.
     uint64_t Start(uint32_t value = 1)
     {
-        uint8_t input[4];
-        std::memcpy(input, &value, sizeof(value));
         uint64_t address = 0;
         const Result result =
-            Device().Control(IOCTL_NDIS_FILTER_START_SHARE, input, {reinterpret_cast<uint8_t*>(&address), 8});
+            Device().Control(IOCTL_NDIS_FILTER_START_SHARE, {reinterpret_cast<uint8_t*>(&value), 4},
+                             {reinterpret_cast<uint8_t*>(&address), 8});
         EXPECT_EQ(result.status, STATUS_SUCCESS);
         EXPECT_EQ(result.information, 8u);
         if (address != NDIS_FILTER_SHARE_FAILED) {
@@ -53,6 +52,12 @@ class SharingProgram
     Result Stop() { return Control(IOCTL_NDIS_FILTER_STOP_SHARE); }
     Result AnnounceOnly() { return Control(IOCTL_NDIS_FILTER_WRITE_SHARE); }
     machine::Request Read() { return Device().Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0); }
+    // What a read comes to that need not wait.
+    NTSTATUS ReadNow()
+    {
+        machine::Request read = Read();
+        return ResultOf(read).status;
+    }
     void Close()
     {
         if (file_ != nullptr) {
@@ -80,17 +85,20 @@ class SharingProgram
     {
         return support::Eventually([&] { return Load(In().m_iRead) == Load(In().m_iWrite); });
     }
+    // Announces the next block and waits until the framework has taken it and done with it.
+    void Pass()
+    {
+        Announce();
+        EXPECT_TRUE(IsInputTaken());
+        EXPECT_TRUE(machine::WaitIdle());
+    }
 
     bool IsOutputEmpty() { return Load(Out().m_iRead) == Load(Out().m_iWrite); }
     // Waits for a block as programs do, with a read parked; false when none comes.
     bool WaitForOutput()
     {
         while (IsOutputEmpty()) {
-            machine::Request read = Read();
-            const Result result = ResultOf(read);
-            EXPECT_EQ(result.status, STATUS_SUCCESS);
-            EXPECT_EQ(result.information, 0u);
-            if (result.status != STATUS_SUCCESS) {
+            if (ReadNow() != STATUS_SUCCESS) {
                 return false;
             }
         }
@@ -123,15 +131,12 @@ inline FILTER_STATUS SendSignal(uint8_t content = 0x77)
     return Filter_IndicateSignalToApplication(signal.data());
 }
 
-class SharingTest : public support::FrameworkTest
+class SharingTest : public support::AdapterTest
 {
   protected:
-    using FrameworkTest::FrameworkTest;
-
     void SetUp() override
     {
-        FrameworkTest::SetUp();
-        adapter = AddAdapter();
+        AdapterTest::SetUp();
         ULONG id = 0;
         EXPECT_EQ(Filter_AdapterToId(adapter, &id), FILTER_STATUS_SUCCESS);
         adapterId = id;
@@ -141,10 +146,7 @@ class SharingTest : public support::FrameworkTest
     void TearDown() override
     {
         program.Close();
-        EXPECT_TRUE(machine::WaitIdle());
-        EXPECT_TRUE(hook::TakeBalance().IsEven());
-        EXPECT_EQ(hook::TakeBalance().outstanding, 0u);
-        FrameworkTest::TearDown();
+        AdapterTest::TearDown();
     }
 
     void Fill(SharedBlock& block, uint32_t direction, const support::Bytes& frame) const
@@ -169,7 +171,14 @@ class SharingTest : public support::FrameworkTest
         ASSERT_TRUE(machine::WaitIdle()); // the thread has released the packet
     }
 
-    FilterAdapter* adapter = nullptr;
+    // A client indicates a frame to the program.
+    void Indicate(const support::Bytes& frame = support::UdpFrame())
+    {
+        FilterPacket* packet = support::MakePacket(adapter, frame);
+        EXPECT_EQ(Filter_IndicatePacketToApplication(packet, 0, 0), FILTER_STATUS_SUCCESS);
+        EXPECT_EQ(Filter_ReleasePacket(packet), FILTER_STATUS_SUCCESS);
+    }
+
     uint32_t adapterId = 0;
     SharingProgram program;
 };
@@ -178,8 +187,6 @@ class SharingTest : public support::FrameworkTest
 class SharedTest : public SharingTest
 {
   protected:
-    using SharingTest::SharingTest;
-
     void SetUp() override
     {
         SharingTest::SetUp();

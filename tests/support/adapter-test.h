@@ -3,22 +3,15 @@
 
 #include "packet.h"
 
-#include <ostream>
+#include <array>
 
 namespace support
 {
 
-// How packets ended.
-struct Outcome {
-    uint64_t toAdapter = 0, toProtocols = 0, freed = 0, refused = 0;
-    bool operator==(const Outcome&) const = default;
-};
-
-inline void PrintTo(const Outcome& outcome, std::ostream* stream)
-{
-    *stream << outcome.toAdapter << " to adapter, " << outcome.toProtocols << " to protocols, "
-            << outcome.freed << " freed, " << outcome.refused << " refused";
-}
+// How many packets were delivered to the adapter, to the protocols, released, and refused by the hook driver.
+using Outcome = std::array<uint64_t, 4>;
+inline constexpr Outcome kNothing = {}, kToAdapter = {1, 0, 0, 0}, kToProtocols = {0, 1, 0, 0};
+inline constexpr Outcome kReleased = {0, 0, 1, 0}, kRefused = {0, 0, 0, 1};
 
 // All packets must have ended when the test does.
 class AdapterTest : public FrameworkTest
@@ -81,10 +74,7 @@ class EveryChain
                 }));
         }
     }
-    PacketFilter* operator[](FILTER_TYPE type) const
-    {
-        return filters_[static_cast<size_t>(type)]->Handle();
-    }
+    PacketFilter* operator[](FILTER_TYPE type) const { return filters_[static_cast<size_t>(type)]->Handle(); }
 
   private:
     TestDriver driver_;

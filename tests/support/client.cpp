@@ -80,19 +80,13 @@ std::vector<TestFilter::Call> TestFilter::Calls() const
     return calls_;
 }
 
-size_t TestFilter::CallCount() const
-{
-    const std::lock_guard lock(mutex_);
-    return calls_.size();
-}
-
 FILTER_RESULT TestFilter::Run(FilterDriver* driver, PVOID driverContext, PacketFilter* filter,
                               PVOID filterContext, FilterPacket* packet)
 {
     auto* self = static_cast<TestFilter*>(filterContext);
     {
         const std::lock_guard lock(self->mutex_);
-        self->calls_.push_back({driver, driverContext, filter, filterContext, packet,
+        self->calls_.push_back({driver, driverContext, filter, packet,
                                 Bytes(packet->m_Data, packet->m_Data + packet->m_nBytesRead)});
     }
     return self->procedure_ ? self->procedure_(packet) : FILTER_RESULT_BYPASS;

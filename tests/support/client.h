@@ -67,7 +67,6 @@ class TestFilter
         FilterDriver* driver;
         void* driverContext;
         PacketFilter* filter;
-        void* filterContext; // the TestFilter
         FilterPacket* packet;
         Bytes frame; // the m_nBytesRead bytes of m_Data that were there
     };
@@ -83,7 +82,7 @@ class TestFilter
     void Forget() { handle_ = nullptr; }  // it goes with its driver
     const void* ProcedureAddress() const; // as it was registered
     std::vector<Call> Calls() const;
-    size_t CallCount() const;
+    size_t CallCount() const { return Calls().size(); }
 
   private:
     static FILTER_RESULT Run(FilterDriver* driver, PVOID driverContext, PacketFilter* filter,
