@@ -1,5 +1,5 @@
-// Every pointer and handle argument of the registries' exports made null, wrong, stale or faulting, and every allocation
-// failing: the answer is a status, no lock stays held, and nothing is registered or left behind.
+// Every pointer and handle argument of the registries' exports made null, wrong, stale or faulting, and every
+// allocation failing: the answer is a status, no lock stays held, and nothing is registered or left behind.
 #include "support/framework.h"
 
 #include <cstring>
