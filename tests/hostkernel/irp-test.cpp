@@ -41,13 +41,13 @@ class IrpTest : public DriverTest
     {
         irp->Tail.Overlay.DriverContext[0] = this;
         IoMarkIrpPending(irp);
-        IoSetCancelRoutine(irp, [](DEVICE_OBJECT*, IRP* cancelled) {
-            IoReleaseCancelSpinLock(cancelled->CancelIrql);
-            auto* test = static_cast<IrpTest*>(cancelled->Tail.Overlay.DriverContext[0]);
+        IoSetCancelRoutine(irp, [](DEVICE_OBJECT*, IRP* request) {
+            IoReleaseCancelSpinLock(request->CancelIrql);
+            auto* test = static_cast<IrpTest*>(request->Tail.Overlay.DriverContext[0]);
             test->parked = nullptr;
-            ++test->cancelled;
+            ++test->request;
             test->majors.push_back(kCancelled);
-            Complete(cancelled, STATUS_CANCELLED);
+            Complete(request, STATUS_CANCELLED);
         });
         parked = irp;
         return STATUS_PENDING;
