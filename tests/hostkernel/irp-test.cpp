@@ -45,7 +45,7 @@ class IrpTest : public DriverTest
             IoReleaseCancelSpinLock(request->CancelIrql);
             auto* test = static_cast<IrpTest*>(request->Tail.Overlay.DriverContext[0]);
             test->parked = nullptr;
-            ++test->request;
+            ++test->cancelled;
             test->majors.push_back(kCancelled);
             Complete(request, STATUS_CANCELLED);
         });

@@ -121,8 +121,8 @@ struct DriverRequest {
         stack->MajorFunction = IRP_MJ_DEVICE_CONTROL;
         stack->FileObject = file;
         stack->Parameters.DeviceIoControl = {sizeof(buffer), sizeof(buffer), code, nullptr};
-        const auto note = [](PDEVICE_OBJECT, PIRP done, PVOID status) -> NTSTATUS {
-            *static_cast<NTSTATUS*>(status) = done->IoStatus.Status;
+        const auto note = [](PDEVICE_OBJECT, PIRP done, PVOID result) -> NTSTATUS {
+            *static_cast<NTSTATUS*>(result) = done->IoStatus.Status;
             return STATUS_MORE_PROCESSING_REQUIRED;
         };
         IoSetCompletionRoutine(irp, note, &status, TRUE, TRUE, TRUE);
