@@ -17,7 +17,7 @@ class CaptureReader
 {
   public:
     virtual ~CaptureReader() = default;
-    // False at the end. The bytes, which may be fewer than the frame had, last until the next call. Throws CtlError when
+    // False at the end. The bytes, maybe fewer than the frame had, last until the next call. Throws CtlError when
     // the file is broken from here on.
     virtual bool Next(std::span<const uint8_t>& bytes) = 0;
 };
