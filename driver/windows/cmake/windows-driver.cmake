@@ -63,8 +63,13 @@ function(add_windows_driver name)
 
     if(driver_RESOURCE)
         cmake_path(ABSOLUTE_PATH driver_RESOURCE OUTPUT_VARIABLE script)
+        cmake_path(GET script PARENT_PATH script_directory)
+        cmake_path(GET script FILENAME script_name)
+        # By its name alone: the compiler takes a path that starts with /c, /d or /x for an option.
         add_custom_command(OUTPUT ${name}.res
-            COMMAND ${NDISFILTER_RESOURCE_COMPILER} /no-preprocess /fo ${name}.res ${script}
+            COMMAND ${NDISFILTER_RESOURCE_COMPILER} /no-preprocess
+                /fo ${CMAKE_CURRENT_BINARY_DIR}/${name}.res ${script_name}
+            WORKING_DIRECTORY ${script_directory}
             DEPENDS ${script} VERBATIM)
         target_sources(${name} PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/${name}.res)
         set_source_files_properties(${CMAKE_CURRENT_BINARY_DIR}/${name}.res PROPERTIES
