@@ -56,6 +56,12 @@ void SetRegistryDword(const std::string& service, const std::string& name, uint3
 void SetRegistryString(const std::string& service, const std::string& name, const std::string& value);
 void DeleteRegistryKey(const std::string& service); // the key itself: queries then fail
 
+// ---------------------------------------------------------------------------------------------------- drive C
+
+// The directory that drivers see as drive C, for files opened from now on. Empty, the default: there is no such drive,
+// and opening a file on it fails.
+void SetDriveC(const std::string& directory);
+
 // ------------------------------------------------------------------------------- user processes and requests
 
 class File;
@@ -87,11 +93,19 @@ class Request
     std::shared_ptr<State> state_;
 };
 
+// Maps part of a memory file for reading and writing in another program's address space; offset and length are
+// multiples of the page size. The address there, 0 when it failed. The file stays the caller's. Called at PASSIVE_LEVEL
+// on the thread of the request that maps; it may wait, with a bound.
+using MapPages = std::function<uint64_t(int file, uint64_t offset, size_t length)>;
+
 // A user process: memory mapped for it is unmapped at the latest when it ends.
 class Process
 {
   public:
-    Process();  // a new, empty process
+    Process(); // a new, empty process
+    // A process whose memory is that of another program: addresses handed out for it mean nothing here, and the other
+    // program ends its mappings itself.
+    explicit Process(MapPages mapPages);
     ~Process(); // closes its files, as the end of a process does
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;

@@ -15,6 +15,7 @@ enum class ExitCode {
     Filter = 4,       // a filter cannot be loaded, or has no filter in any chain
     BrokenRule = 5,   // a driver has broken a rule of the kernel, or lost packets
     Stalled = 6,      // no packet was free, and none came back
+    Socket = 7,       // the control socket cannot be made
     Interrupted = 130 // Ctrl-C
 };
 

@@ -3,6 +3,7 @@
 #include "lab-error.h"
 
 #include <algorithm>
+#include <chrono>
 
 #include <fmt/format.h>
 
@@ -28,18 +29,23 @@ std::string FormatMacAddress(const MacAddress& address)
     return fmt::format("{:02x}", fmt::join(address, ":"));
 }
 
-Lane::Lane(const LaneOptions& options)
-    : options_(options), reader_(options.capture), roundsLeft_(options.rounds)
+Lane::Lane(const LaneOptions& options) : options_(options), roundsLeft_(options.rounds)
 {
-    if (options.rounds > 1 && !reader_.IsRegularFile()) {
+    if (options.capture.empty()) {
+        address_ = options.address.value_or(kDefaultAddress);
+        addressOrigin_ = "without a capture";
+        return;
+    }
+    reader_.emplace(options.capture);
+    if (options.rounds > 1 && !reader_->IsRegularFile()) {
         throw LabError(ExitCode::Usage,
-                       fmt::format("{}: cannot be read {} times (--repeat), it is not a file",
-                                   options.capture, options.rounds));
+                       fmt::format("{}: cannot be read more than once (--repeat, --loop), it is not a file",
+                                   options.capture));
     }
     if (options.address.has_value()) {
         address_ = *options.address;
         addressOrigin_ = "as told";
-    } else if (const std::optional<MacAddress> found = reader_.MostFrequentAddress()) {
+    } else if (const std::optional<MacAddress> found = reader_->MostFrequentAddress()) {
         address_ = *found;
         addressOrigin_ = "the most frequent address in " + options.capture;
     } else {
@@ -54,7 +60,7 @@ void Lane::CreateWriters(const std::filesystem::path& directory)
         const char* suffix = side == hook::Side::Adapter ? "to-adapter" : "to-protocols";
         const std::filesystem::path file = directory / fmt::format("{}-{}.pcap", options_.name, suffix);
         writers_[static_cast<size_t>(side)] =
-            std::make_unique<CaptureWriter>(file.string(), reader_.HasNanoseconds());
+            std::make_unique<CaptureWriter>(file.string(), !reader_.has_value() || reader_->HasNanoseconds());
     }
 }
 
@@ -73,11 +79,23 @@ void Lane::WriteTo(hook::Side side)
     if (writer == nullptr) {
         return;
     }
-    // A frame that a filter or a queue held back comes out at the time that the replay has reached.
     hook::SetSink(adapter_, side, [this, writer](std::span<const uint8_t> frame, const hook::Delivery&) {
-        writer->Write(frame, frameUnderWay.lane == this ? frameUnderWay.time
-                                                        : time_.load(std::memory_order_relaxed));
+        writer->Write(frame, TimeOfDelivery());
     });
+}
+
+// A frame that a filter or a queue held back comes out at the time that the replay has reached; where nothing
+// was replayed, at the time of day.
+uint64_t Lane::TimeOfDelivery() const
+{
+    if (frameUnderWay.lane == this) {
+        return frameUnderWay.time;
+    }
+    const uint64_t reached = time_.load(std::memory_order_relaxed);
+    return reached != 0 ? reached
+                        : static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                                    std::chrono::system_clock::now().time_since_epoch())
+                                                    .count());
 }
 
 void Lane::OpenAdapter()
@@ -98,9 +116,9 @@ void Lane::OpenAdapter()
 // The capture's end was reached, or it is broken. False when that was all.
 bool Lane::StartNextRound()
 {
-    if (reader_.Broken().has_value()) {
+    if (reader_->Broken().has_value()) {
         failure_ = fmt::format("{}: broken behind {} frames: {}; the frames before were replayed",
-                               reader_.Path(), roundFrames_, *reader_.Broken());
+                               reader_->Path(), roundFrames_, *reader_->Broken());
         return false;
     }
     if (--roundsLeft_ == 0 || roundFrames_ == 0) {
@@ -108,7 +126,7 @@ bool Lane::StartNextRound()
     }
     roundFrames_ = 0;
     try {
-        reader_.Rewind();
+        reader_->Rewind();
     } catch (const LabError& error) {
         failure_ = error.what();
         return false;
@@ -118,10 +136,13 @@ bool Lane::StartNextRound()
 
 bool Lane::TakeBatch(FrameBatch& batch)
 {
+    if (!reader_.has_value()) {
+        return false;
+    }
     std::lock_guard lock(mutex_);
     while (!finished_ && !batch.IsFull()) {
         const size_t before = batch.Size();
-        const bool more = reader_.Read(batch);
+        const bool more = reader_->Read(batch);
         roundFrames_ += batch.Size() - before;
         if (!more) {
             finished_ = !StartNextRound();
@@ -129,7 +150,7 @@ bool Lane::TakeBatch(FrameBatch& batch)
     }
     framesTaken_ += batch.Size();
     const uint64_t roundsDone = options_.rounds - roundsLeft_;
-    position_.store(roundsDone * reader_.FileSize() + (finished_ ? 0 : reader_.Position()),
+    position_.store(roundsDone * reader_->FileSize() + (finished_ ? 0 : reader_->Position()),
                     std::memory_order_relaxed);
     return batch.Size() > 0;
 }
@@ -161,8 +182,10 @@ AdapterReport Lane::Describe() const
     report.name = options_.name;
     report.capture = options_.capture;
     report.mac = FormatMacAddress(address_);
-    report.tooLong = reader_.TooLong();
-    report.cutShort = reader_.CutShort();
+    if (reader_.has_value()) {
+        report.tooLong = reader_->TooLong();
+        report.cutShort = reader_->CutShort();
+    }
     if (adapter_ != nullptr) {
         const hook::AdapterCounters counters = hook::CountersOf(adapter_);
         report.received = {counters.received.frames, counters.received.bytes, counters.toProtocols.frames,
@@ -175,13 +198,16 @@ AdapterReport Lane::Describe() const
 
 void Lane::AddNotes(std::vector<std::string>& notes) const
 {
-    if (reader_.TooLong() != 0) {
-        notes.push_back(fmt::format("{}: {} frames too long, skipped: more than {} bytes", options_.capture,
-                                    reader_.TooLong(), kLongestFrame));
+    if (!reader_.has_value()) {
+        return;
     }
-    if (reader_.CutShort() != 0) {
+    if (reader_->TooLong() != 0) {
+        notes.push_back(fmt::format("{}: {} frames too long, skipped: more than {} bytes", options_.capture,
+                                    reader_->TooLong(), kLongestFrame));
+    }
+    if (reader_->CutShort() != 0) {
         notes.push_back(fmt::format("{}: {} frames are cut short in the capture, replayed as far as they go",
-                                    options_.capture, reader_.CutShort()));
+                                    options_.capture, reader_->CutShort()));
     }
     if (framesTaken_ == 0 && !failure_.has_value()) {
         notes.push_back(fmt::format("{}: no frame in it that can be replayed", options_.capture));

@@ -1,4 +1,4 @@
-// One capture and the virtual adapter that its frames go through.
+// A virtual adapter, and the capture whose frames go through it.
 #pragma once
 
 #include <atomic>
@@ -27,8 +27,8 @@ enum class Direction {
 };
 
 struct LaneOptions {
-    std::string name; // of the adapter and of the captures written
-    std::string capture;
+    std::string name;                  // of the adapter and of the captures written
+    std::string capture;               // empty: none
     std::optional<MacAddress> address; // of the adapter; nothing: found in the capture
     Direction direction = Direction::Auto;
     uint64_t rounds = 1; // how often the capture is replayed
@@ -56,7 +56,7 @@ class Lane
     hook::Accepted Deliver(const FrameBatch::Frame& frame, const hook::FrameOptions& options);
 
     // For the progress line, from any thread.
-    uint64_t FileSize() const { return reader_.FileSize(); }
+    uint64_t FileSize() const { return reader_.has_value() ? reader_->FileSize() : 0; }
     uint64_t Position() const
     {
         return position_.load(std::memory_order_relaxed);
@@ -75,6 +75,7 @@ class Lane
     bool StartNextRound();
     bool IsSent(std::span<const uint8_t> frame) const;
     void WriteTo(hook::Side side);
+    uint64_t TimeOfDelivery() const; // nanoseconds since 1 January 1970, for the captures written
 
     LaneOptions options_;
     MacAddress address_ = {};
@@ -85,8 +86,8 @@ class Lane
     std::atomic<uint64_t> position_ = 0;
     std::atomic<uint64_t> framesTaken_ = 0;
 
-    std::mutex mutex_; // of the rest
-    CaptureReader reader_;
+    std::mutex mutex_;                    // of the rest
+    std::optional<CaptureReader> reader_; // nothing: there is no capture
     bool finished_ = false;
     uint64_t roundsLeft_;
     uint64_t roundFrames_ = 0; // taken in this round

@@ -59,6 +59,8 @@ endforeach()
 
 add_subdirectory(tests/windows)
 
+include(${PROJECT_SOURCE_DIR}/app/windows.cmake)
+
 # What users and developers of client drivers get.
 set(images $<TARGET_FILE:ndisfilter> ${CMAKE_CURRENT_BINARY_DIR}/ndisfilter.pdb)
 foreach(sample IN LISTS samples)

@@ -55,6 +55,7 @@ EXTERN_C_START
 #define FILE_DEVICE_SECURE_OPEN 0x00000100
 #define FILE_READ_DATA 0x0001
 #define FILE_WRITE_DATA 0x0002
+#define FILE_APPEND_DATA 0x0004
 #define FILE_ALL_ACCESS (STANDARD_RIGHTS_REQUIRED | SYNCHRONIZE | 0x1FF)
 
 #define IO_TYPE_DEVICE 3
@@ -332,6 +333,26 @@ FORCEINLINE PDRIVER_CANCEL IoSetCancelRoutine(PIRP Irp, PDRIVER_CANCEL CancelRou
 {
     return __atomic_exchange_n(&Irp->CancelRoutine, CancelRoutine, __ATOMIC_SEQ_CST);
 }
+
+// --------------------------------------------------------------------------------------------- files
+
+#define FILE_ATTRIBUTE_NORMAL 0x00000080
+#define FILE_SHARE_READ 0x00000001
+#define FILE_SHARE_WRITE 0x00000002
+#define FILE_SHARE_DELETE 0x00000004
+#define FILE_SUPERSEDE 0x00000000  // CreateDisposition; Information of the result: FILE_SUPERSEDED, FILE_CREATED
+#define FILE_SUPERSEDED 0x00000000
+#define FILE_CREATED 0x00000002
+#define FILE_SYNCHRONOUS_IO_NONALERT 0x00000020
+
+NTSTATUS ZwCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+                      PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER AllocationSize, ULONG FileAttributes,
+                      ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer,
+                      ULONG EaLength);
+// A null ByteOffset means the file position, which moves behind the bytes written.
+NTSTATUS ZwWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                     PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset,
+                     PULONG Key);
 
 // ----------------------------------------------------------------------------------------- memory
 // descriptors

@@ -22,7 +22,7 @@ constexpr ULONG kMdlTag = 0x206C644D; // "Mdl "
 struct View {
     uint32_t process;
     void* address; // what the process was told
-    void* pages;
+    void* pages;   // null when they lie in another program
     size_t length; // of the pages
     MDL* mdl;
 };
@@ -36,6 +36,14 @@ Views& AllViews()
 {
     static Views& views = *new Views; // never destroyed: other threads may still run at exit
     return views;
+}
+
+void Unmap(const View& view)
+{
+    if (view.pages != nullptr) {
+        munmap(view.pages, view.length);
+    }
+    --Live().views;
 }
 
 bool MayBeMapped(const MDL* mdl, const char* function)
@@ -85,17 +93,25 @@ void* MapIntoProcess(MDL* mdl, const char* function)
     const size_t within = BYTE_OFFSET(source);
     const size_t length =
         static_cast<size_t>(ADDRESS_AND_SIZE_TO_SPAN_PAGES(source, mdl->ByteCount)) * PAGE_SIZE;
-    void* pages =
-        mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, file, static_cast<off_t>(offset - within));
-    if (pages == MAP_FAILED) {
+    offset -= within;
+    const PEPROCESS process = IoGetCurrentProcess();
+    void* pages = nullptr;
+    uintptr_t begin = 0;
+    if (process->mapPages) {
+        begin = process->mapPages(file, offset, length);
+    } else {
+        pages = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, file, static_cast<off_t>(offset));
+        begin = pages != MAP_FAILED ? reinterpret_cast<uintptr_t>(pages) : 0;
+    }
+    // What another program answers is believed for nothing but not being zero.
+    void* address = reinterpret_cast<void*>(begin + within);
+    if (begin == 0 || address == nullptr) {
         return nullptr;
     }
-    void* address = static_cast<UCHAR*>(pages) + within;
-    mdl->Process =
-        IoGetCurrentProcess(); // spares the many MDLs without a user view the search when they are freed
+    mdl->Process = process; // spares the many MDLs without a user view the search when they are freed
     Views& views = AllViews();
     std::lock_guard lock(views.mutex);
-    views.list.push_back({CurrentProcessId(), address, pages, length, mdl});
+    views.list.push_back({process->id, address, pages, length, mdl});
     ++Live().views;
     return address;
 }
@@ -126,8 +142,7 @@ void EndViews(uint32_t processId)
         }
         Report("view-left-in-process", "process end", "process %u ended with %zu bytes still mapped at %p",
                processId, view.length, view.address);
-        munmap(view.pages, view.length);
-        --Live().views;
+        Unmap(view);
         return true;
     });
 }
@@ -251,9 +266,8 @@ VOID MmUnmapLockedPages(PVOID address, PMDL mdl)
                        "%p belongs to process %u, the caller runs in process %u", address, view->process,
                        CurrentProcessId());
             }
-            munmap(view->pages, view->length);
+            Unmap(*view);
             views.list.erase(view);
-            --Live().views;
             return;
         }
     }

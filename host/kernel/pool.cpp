@@ -43,6 +43,7 @@ struct alignas(16) Header {
     uint32_t tag;
     BlockKind kind;
     bool large;
+    bool exposed; // mapped for a program, which may write to all of its pages and keep them
 };
 
 struct LargeHeader : Header {
@@ -164,7 +165,8 @@ void Release(Pool& pool, Header* header)
     Unpoison(header->block, header->size + SlackOf(header));
     const auto* bytes = static_cast<const unsigned char*>(header->block);
     // Every byte equals its successor, and the first is the pattern.
-    if (header->size != 0 && (bytes[0] != kFreedFill || memcmp(bytes, bytes + 1, header->size - 1) != 0)) {
+    if (header->size != 0 && !header->exposed &&
+        (bytes[0] != kFreedFill || memcmp(bytes, bytes + 1, header->size - 1) != 0)) {
         size_t offset = 0;
         while (bytes[offset] == kFreedFill)
             offset++;
@@ -209,7 +211,7 @@ Header* FindHeader(Pool& pool, void* block)
 void CheckContents(const Header* header, const char* function)
 {
     const unsigned char* end = EndOf(header);
-    size_t slack = SlackOf(header);
+    size_t slack = header->exposed ? 0 : SlackOf(header);
     for (size_t i = 0; i < slack; i++) {
         if (end[i] != kTailFill) {
             Report("pool-overrun", function,
@@ -255,6 +257,7 @@ void* AllocateBlock(size_t size, uint32_t tag, BlockKind kind, const void* site)
     header->freeSite = nullptr;
     header->tag = tag;
     header->kind = kind;
+    header->exposed = false;
     memset(EndOf(header), kTailFill, SlackOf(header));
     Poison(EndOf(header), SlackOf(header));
     if (CountsAsPool(kind)) {
@@ -326,11 +329,12 @@ bool FindShareable(const void* address, size_t length, int* fd, size_t* offset)
     auto found = pool.large.upper_bound(begin);
     if (found == pool.large.begin())
         return false;
-    const LargeHeader* header = std::prev(found)->second;
+    LargeHeader* header = std::prev(found)->second;
     size_t distance = begin - std::prev(found)->first;
     size_t pages = RoundToPages(header->size);
     if (header->magic != kLive || distance >= pages || length > pages - distance)
         return false;
+    header->exposed = true;
     *fd = header->fd;
     *offset = distance;
     return true;

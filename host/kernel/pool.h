@@ -29,7 +29,8 @@ bool FreeBlock(void* block, BlockKind kind, const char* function, const uint32_t
 
 // The memory file behind a range that lies in one large block. `offset` is the offset of `address` in the
 // file, a multiple of the page size when the address is one. False when the range is not backed by a file.
-// The file stays open as long as the block lives.
+// The file stays open as long as the block lives. From then on nobody checks what stands behind the block, or in it
+// once it is freed, as programs see its pages.
 bool FindShareable(const void* address, size_t length, int* fd, size_t* offset);
 
 // "NfDA 2 x 80 bytes (from ...)" for the live blocks that count as pool, grouped, at most `limit` groups.

@@ -18,7 +18,7 @@ namespace kernel
 namespace
 {
 
-_EPROCESS systemProcess = {4}; // the identifier that the system process has on every machine
+_EPROCESS systemProcess = {.id = 4, .mapPages = {}}; // the identifier that it has on every machine
 
 } // namespace
 
@@ -259,10 +259,13 @@ Request::Result File::Control(uint32_t code, std::span<const uint8_t> input, std
 
 // --------------------------------------------------------------------------------------------------- processes
 
-Process::Process() : state_(std::make_shared<State>())
+Process::Process() : Process(nullptr) {}
+
+Process::Process(MapPages mapPages) : state_(std::make_shared<State>())
 {
     static std::atomic<uint32_t> next{1000};
     state_->id = next.fetch_add(4); // as all process identifiers, a multiple of 4
+    state_->mapPages = std::move(mapPages);
 }
 
 Process::~Process()

@@ -1,6 +1,8 @@
 // The processes of the machine, as far as the kernel needs them: which one a thread runs in.
 #pragma once
 
+#include "machine.h"
+
 #include <ntddk.h>
 
 #include <cstdint>
@@ -8,6 +10,7 @@
 // What PEPROCESS points to; opaque to drivers.
 struct _EPROCESS {
     uint32_t id;
+    machine::MapPages mapPages; // empty: its memory is this program's
 };
 
 namespace kernel

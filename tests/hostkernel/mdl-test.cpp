@@ -75,6 +75,39 @@ TEST_F(MdlTest, AUserViewShowsTheSamePagesAtAnotherAddress)
     ExpectRule("view-not-mapped");
 }
 
+TEST_F(MdlTest, AProcessInAnotherProgramMapsForItself)
+{
+    uint64_t answer = 0;
+    const auto map = [&](int pages, uint64_t offset, size_t length) -> uint64_t {
+        EXPECT_GE(pages, 0);
+        EXPECT_EQ(offset % 4096, 0u);
+        EXPECT_EQ(length, (kLarge + 4095) / 4096 * 4096u);
+        return answer;
+    };
+    machine::Process process(map);
+    auto file = process.Open(kDevice);
+    EXPECT_EQ(file->Control(kMap, {}, {}).status, STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(machine::TakeCensus().views, 0u);
+
+    answer = 0x1000; // nothing is there
+    EXPECT_EQ(file->Control(kMap, {}, {}).status, STATUS_SUCCESS);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(user), answer);
+    EXPECT_EQ(machine::TakeCensus().views, 1u);
+    file->Control(kUnmap, {}, {});
+    EXPECT_EQ(machine::TakeCensus().views, 0u);
+}
+
+TEST_F(MdlTest, WhatAProgramWritesBehindABlockIsNotTheDriversFault)
+{
+    machine::Process process;
+    auto file = process.Open(kDevice);
+    file->Control(kMap, {}, {});
+    ASSERT_NE(user, nullptr);
+    user[kLarge] = 0; // the rest of the last page
+    file->Control(kUnmap, {}, {});
+    EXPECT_THAT(BrokenRules(), testing::IsEmpty());
+}
+
 TEST_F(MdlTest, ViewsEndWithTheirProcessAndBeforeTheirMdl)
 {
     {

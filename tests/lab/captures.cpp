@@ -64,22 +64,3 @@ void WriteCapture(const std::string& path, const std::vector<Bytes>& frames, int
     pcap_dump_close(file);
     pcap_close(format);
 }
-
-std::vector<CapturedFrame> ReadCapture(const std::string& path)
-{
-    std::vector<CapturedFrame> frames;
-    char error[PCAP_ERRBUF_SIZE] = "";
-    pcap_t* file = pcap_open_offline(path.c_str(), error);
-    if (file == nullptr) {
-        ADD_FAILURE() << error;
-        return frames;
-    }
-    pcap_pkthdr* header = nullptr;
-    const u_char* data = nullptr;
-    while (pcap_next_ex(file, &header, &data) == 1) {
-        frames.push_back(
-            {Bytes(data, data + header->caplen), header->ts.tv_sec * 1'000'000 + header->ts.tv_usec});
-    }
-    pcap_close(file);
-    return frames;
-}

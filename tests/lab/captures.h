@@ -1,20 +1,15 @@
 // Captures that the tests write, and the frames in them.
 #pragma once
 
-#include <cstdint>
-#include <string>
+#include <support/captures.h>
+
 #include <utility>
-#include <vector>
 
 #include <pcap/pcap.h>
 
-using Bytes = std::vector<uint8_t>;
-
-struct CapturedFrame {
-    Bytes bytes;
-    int64_t microseconds = 0;
-    bool operator==(const CapturedFrame&) const = default;
-};
+using support::Bytes;
+using support::CapturedFrame;
+using support::ReadCapture;
 
 const Bytes kAdapterMac = {0x02, 0, 0, 0, 0, 0x0a};
 const Bytes kPeerMac = {0x02, 0, 0, 0, 0, 0x0b};
@@ -28,4 +23,3 @@ Bytes IpFrame(bool sent, uint8_t protocol, uint16_t peerPort, size_t payloadLeng
 
 // Writes frames one millisecond apart.
 void WriteCapture(const std::string& path, const std::vector<Bytes>& frames, int linkType = DLT_EN10MB);
-std::vector<CapturedFrame> ReadCapture(const std::string& path);

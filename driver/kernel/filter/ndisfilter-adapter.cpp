@@ -139,6 +139,17 @@ AdapterInfo ReadAdapterInfo(ULONG index)
     return info;
 }
 
+BOOLEAN IsAdapterListed(const FilterAdapter* hAdapter)
+{
+    const ULONG count = ReadAdapterCount();
+    for (ULONG i = 0; i < count; i++) {
+        if (ReadAdapterHandle(i) == hAdapter) {
+            return TRUE;
+        }
+    }
+    return FALSE;
+}
+
 NTSTATUS DeliverAdapterEvent(ULONG nEvent, FilterAdapter* hAdapter)
 {
     SpinLock lock(Global().m_EventHandlerLock);
@@ -188,10 +199,9 @@ ULONG NdisFilter_AdapterClosed(FilterAdapter* pAdapter)
     if (pAdapter != nullptr) {
         GuardedCallback("NdisFilter_AdapterClosed", [&] {
             TraceAdapterName(pAdapter);
-            StoreRelaxed(pAdapter->m_pUpperEthrLog, nullptr);
-            StoreRelaxed(pAdapter->m_pLowerEthrLog, nullptr);
-            StoreRelaxed(pAdapter->m_pInjectEthrLog, nullptr);
+            CloseAdapterEthrLogs(pAdapter);
             RefreshAdapterTable();
+            CloseAdapterEthrLogs(pAdapter); // which a start that still found it in the table has opened meanwhile
             return DeliverAdapterEvent(FILTER_EVENT_ADAPTER_CLOSED, pAdapter);
         });
     }

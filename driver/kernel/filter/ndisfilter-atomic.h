@@ -45,3 +45,25 @@ inline VOID CopyRelaxed(PVOID destination, const volatile VOID* source, SIZE_T s
         }
     }
 }
+
+// The way back: for memory that others read meanwhile. Every byte is written once; aligned words of eight bytes are
+// written whole.
+inline VOID StoreBytesRelaxed(volatile VOID* destination, const VOID* source, SIZE_T size)
+{
+    constexpr SIZE_T WordSize = sizeof(ULONGLONG);
+    volatile UCHAR* to = static_cast<volatile UCHAR*>(destination);
+    const UCHAR* from = static_cast<const UCHAR*>(source);
+    while (size != 0) {
+        if (size >= WordSize && reinterpret_cast<ULONG_PTR>(to) % WordSize == 0) {
+            ULONGLONG word;
+            RtlCopyMemory(&word, from, WordSize);
+            StoreRelaxed(*reinterpret_cast<volatile ULONGLONG*>(to), word);
+            to += WordSize;
+            from += WordSize;
+            size -= WordSize;
+        } else {
+            StoreRelaxed(*to++, *from++);
+            size--;
+        }
+    }
+}

@@ -1,8 +1,6 @@
 // The handle check behind every Filter_IsValid function, and the blocks that hold a name.
 #include "ndisfilter-handle.h"
 
-#include "ndisfilter-internal.h"
-
 FILTER_NOT_INSTRUMENTED ULONG ReadUntrustedWord(const volatile VOID* address)
 {
     return *static_cast<const volatile ULONG*>(address);
@@ -46,23 +44,4 @@ PVOID AllocateNamedBlock(SIZE_T recordSize, SIZE_T extraSize, USHORT nameLength,
     name->MaximumLength = static_cast<USHORT>(nameLength + 2);
     name->Buffer = reinterpret_cast<PCHAR>(behind + extraSize);
     return block;
-}
-
-FILTER_STATUS CopyNameOut(PCSTR functionName, const STRING& name, ULONG tag, STRING** ppName)
-{
-    STRING header;
-    STRING* copy = static_cast<STRING*>(AllocateNamedBlock(sizeof(STRING), 0, name.Length, tag, &header));
-    if (copy == nullptr) {
-        return FILTER_STATUS_SUCCESS;
-    }
-    *copy = header;
-    const NTSTATUS code = Guarded([&] {
-        CopyText(copy->Buffer, name.Buffer, header.Length);
-        *ppName = copy;
-    });
-    if (code != 0) {
-        Filter_FreeMemory(copy);
-        return ExceptionStatus(functionName, code);
-    }
-    return FILTER_STATUS_SUCCESS;
 }

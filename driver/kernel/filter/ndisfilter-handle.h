@@ -1,9 +1,9 @@
-// What all records behind handles share: the check of a handle's tag, and blocks that hold a name.
+// What all records behind handles share: the check of a handle's tag, blocks that hold a name, and how records are
+// registered and unlinked.
 #pragma once
 
+#include "ndisfilter-internal.h"
 #include "ndisfilter-lock.h"
-#include "ndisfilter-records.h"
-#include "ndisfilter-trace.h"
 
 // A word of memory that may be freed, foreign or unmapped: such memory is read through here and inside a guard only.
 ULONG ReadUntrustedWord(const volatile VOID* address);
@@ -32,8 +32,30 @@ inline VOID CopyText(PCHAR destination, const CHAR* source, USHORT length)
     }
 }
 
-// Hands out a copy of a name in a block of its own. No memory: success, and nothing is written.
-FILTER_STATUS CopyNameOut(PCSTR functionName, const STRING& name, ULONG tag, STRING** ppName);
+// Hands out a copy of a name, a STRING or UNICODE_STRING, in a block of its own. No memory: success, and nothing is
+// written.
+template <class String>
+FILTER_STATUS CopyNameOut(PCSTR functionName, const String& name, ULONG tag, String** ppName)
+{
+    STRING room;
+    String* copy =
+        static_cast<String*>(AllocateNamedBlock(sizeof(String), 0, LoadRelaxed(name.Length), tag, &room));
+    if (copy == nullptr) {
+        return FILTER_STATUS_SUCCESS;
+    }
+    copy->Length = room.Length;
+    copy->MaximumLength = room.MaximumLength;
+    copy->Buffer = reinterpret_cast<decltype(copy->Buffer)>(room.Buffer);
+    const NTSTATUS code = Guarded([&] {
+        CopyText(room.Buffer, reinterpret_cast<const CHAR*>(name.Buffer), room.Length);
+        *ppName = copy;
+    });
+    if (code != 0) {
+        Filter_FreeMemory(copy);
+        return ExceptionStatus(functionName, code);
+    }
+    return FILTER_STATUS_SUCCESS;
+}
 
 // A registration of a record under a name that must be unique in its list.
 template <class Record>
@@ -91,4 +113,65 @@ FILTER_STATUS RegisterNamed(const NamedRegistration<Record>& registration, const
         }
     }
     return code == 0 ? FILTER_STATUS_SUCCESS : ExceptionStatus(registration.FunctionName, code);
+}
+
+// A registration of a record of which each driver has at most one, at the tail of a list.
+template <class Record>
+struct OwnedRegistration {
+    PCSTR FunctionName;
+    FilterDriver* Owner;
+    Record** Handle; // the caller's output
+    RecordList<Record>& List;
+    FILTER_STATUS KnownStatus; // when the owner has one already
+    ULONG RecordTag;
+    ULONG PoolTag;
+};
+
+// `fill` sets the fields of the new record but its tag and owner. Runs under the list's lock, of the guard type
+// Lock, and writes the caller's output there in a guard, so that a fault neither keeps the lock nor leaves a record
+// behind. No memory: success, and the output is not written.
+template <class Lock, class LockStorage, class Record, class Fill>
+FILTER_STATUS RegisterOwned(LockStorage& storage, const OwnedRegistration<Record>& registration,
+                            const Fill& fill)
+{
+    NTSTATUS code;
+    {
+        Lock lock(storage);
+        for (const Record& entry : registration.List) {
+            if (entry.m_hFilterDriver == registration.Owner) {
+                return registration.KnownStatus;
+            }
+        }
+        Record* record = static_cast<Record*>(AllocateZeroed(sizeof(Record), registration.PoolTag));
+        if (record == nullptr) {
+            return FILTER_STATUS_SUCCESS;
+        }
+        record->m_Tag = registration.RecordTag;
+        record->m_hFilterDriver = registration.Owner;
+        fill(*record);
+        code = Guarded([&] { *registration.Handle = record; });
+        if (code == 0) {
+            registration.List.Append(*record);
+        } else {
+            Filter_FreeMemory(record);
+        }
+    }
+    return code == 0 ? FILTER_STATUS_SUCCESS : ExceptionStatus(registration.FunctionName, code);
+}
+
+// Unlinks a record by its address, unless the list does not hold it or another driver owns it. The handle may be
+// stale: it is not looked into before it was found.
+template <class Lock, class LockStorage, class Record>
+FILTER_STATUS UnlinkOwned(LockStorage& storage, const RecordList<Record>& list, Record* record,
+                          const FilterDriver* owner, FILTER_STATUS notFound, FILTER_STATUS wrongOwner)
+{
+    Lock lock(storage);
+    if (!list.Contains(record)) {
+        return notFound;
+    }
+    if (record->m_hFilterDriver != owner) {
+        return wrongOwner;
+    }
+    RecordList<Record>::Unlink(*record);
+    return FILTER_STATUS_SUCCESS;
 }

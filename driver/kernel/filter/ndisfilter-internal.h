@@ -27,6 +27,9 @@ VOID NdisFilterDeInitialize();
 // Stores status and length in the request and completes it.
 NTSTATUS CompleteRequest(PIRP pIrp, NTSTATUS status, ULONG_PTR information);
 
+HANDLE StartWorkerThread(PKSTART_ROUTINE routine, PVOID context); // nullptr when it cannot be had
+VOID WaitForWorkerThread(HANDLE& handle); // until it has ended; closes the handle, which may be nullptr
+
 // What every worker thread does first and last: counts itself and runs at the lowest real-time priority.
 VOID EnterWorkerThread();
 VOID LeaveWorkerThread(); // ends the thread
@@ -43,6 +46,9 @@ NTSTATUS NdisFilterIoControl(PDEVICE_OBJECT pDeviceObject, PIRP pIrp);
 PVOID AllocateZeroed(SIZE_T size, ULONG tag);
 
 // ---- ndisfilter-settings
+// Queues a work item that the unload waits for. Its routine calls LeaveQueuedWork last. IRQL <= DISPATCH.
+VOID QueueWork(PWORK_QUEUE_ITEM item, PWORKER_THREAD_ROUTINE routine, PVOID parameter);
+VOID LeaveQueuedWork();
 VOID WaitForQueuedWork(); // until all work items of the framework are done, for the unload
 
 // ---- ndisfilter-event
@@ -59,6 +65,7 @@ VOID NdisFilter_EnumOpenedAdapter();
 NTSTATUS DeliverAdapterEvent(ULONG nEvent, FilterAdapter* hAdapter);
 ULONG ReadAdapterCount();                 // read once, at most 32
 AdapterInfo ReadAdapterInfo(ULONG index); // a copy, taken without the lock
+BOOLEAN IsAdapterListed(const FilterAdapter* hAdapter);
 
 // ---- ndisfilter-packetfilter
 PacketFilterCounters SumFilterCounters(const PacketFilter& filter);
@@ -71,6 +78,47 @@ VOID InvokeQueuedFilter(FILTER_METHOD nMethod, PacketFilter* hPacketFilter, Filt
 
 // ---- ndisfilter-packetapi-inject
 VOID InjectedPacketThread(PVOID pContext); // pContext: the queue's index
+
+// ---- ndisfilter-ethrlog
+VOID InitializeEthrLogs();
+VOID NdisFilter_StartEthrLog();   // for every adapter of the table
+BOOLEAN NdisFilter_StopEthrLog(); // FALSE when the table is empty, and then nothing is stopped
+BOOLEAN NdisFilter_StartAdapterEthrLog(const AdapterInfo& info);
+BOOLEAN NdisFilter_StopAdapterEthrLog(const AdapterInfo& info);
+// All at IRQL <= DISPATCH. The logs stop to take frames at once; their files are closed by queued work.
+VOID CloseAdapterEthrLogs(FilterAdapter* pAdapter);
+VOID CloseAllEthrLogs();
+// Copies a packet into the log of a slot when it is open.
+VOID RecordToLog(const PVOID& slot, FilterPacket* pPacket);
+
+inline VOID RecordFrame(const PVOID& slot, FilterPacket* pPacket)
+{
+    if (__builtin_expect(LoadRelaxed(slot) != nullptr, 0)) {
+        RecordToLog(slot, pPacket);
+    }
+}
+
+// The same for a slot of the packet's adapter.
+inline VOID RecordAdapterFrame(PVOID FilterAdapter::*slot, FilterPacket* pPacket)
+{
+    const FilterAdapter* const adapter = pPacket->m_hAdapter;
+    if (adapter != nullptr) {
+        RecordFrame(adapter->*slot, pPacket);
+    }
+}
+
+// ---- ndisfilter-diag: one diagnostic runs at a time, from a successful Prepare to End
+FILTER_STATUS Filter_PrepareDiag(const VOID* pInput, ULONG nInputLength, PVOID pOutput, ULONG nOutputLength);
+VOID Filter_EndDiag();
+
+// ---- ndisfilter-diag-commands
+extern const CHAR g_szBuildDate[];
+extern const CHAR g_szBuildTime[];
+// STATUS_SUCCESS: answered. STATUS_NOT_SUPPORTED: meant for other drivers, too, or only for them.
+NTSTATUS NdisFilter_DiagHandler(const VOID* pInput, ULONG nInputLength, PVOID pOutput, ULONG nOutputLength);
+
+// ---- ndisfilter-diag-dump
+VOID NdisFilter_DumpDeviceExtension(); // to the debugger, whatever the debug mask; PASSIVE_LEVEL
 
 // ---- ndisfilter-sharedmem
 MappedMemory* NdisFilter_AllocateMappedMemory();

@@ -1,37 +1,9 @@
 // Binding with the NDIS hook driver: one internal request exchanges callbacks and hook functions, another undoes it.
+#include "ndisfilter-hook-fields.h"
 #include "ndisfilter-internal.h"
 
 namespace
 {
-
-// Calls visit(name, pointer to member) for the framework's callbacks, in record order.
-template <class Visit> VOID ForEachCallback(const Visit& visit)
-{
-    visit("Filter_AdapterOpened", &NdisHookAPI::Filter_AdapterOpened);
-    visit("Filter_AdapterStatusChanged", &NdisHookAPI::Filter_AdapterStatusChanged);
-    visit("Filter_AdapterClosed", &NdisHookAPI::Filter_AdapterClosed);
-    visit("Filter_FilterReceivedPacket", &NdisHookAPI::Filter_FilterReceivedPacket);
-    visit("Filter_FilterSendPacket", &NdisHookAPI::Filter_FilterSendPacket);
-}
-
-// The same for the hook driver's functions.
-template <class Visit> VOID ForEachHookFunction(const Visit& visit)
-{
-    visit("Hook_GetOsVersion", &NdisHookAPI::Hook_GetOsVersion);
-    visit("Hook_HandleIoControl", &NdisHookAPI::Hook_HandleIoControl);
-    visit("Hook_AllocatePacket", &NdisHookAPI::Hook_AllocatePacket);
-    visit("Hook_FreePacket", &NdisHookAPI::Hook_FreePacket);
-    visit("Hook_InjectPacketToAdapter", &NdisHookAPI::Hook_InjectPacketToAdapter);
-    visit("Hook_InjectPacketToProtocol", &NdisHookAPI::Hook_InjectPacketToProtocol);
-    visit("Hook_AllocateRequest", &NdisHookAPI::Hook_AllocateRequest);
-    visit("Hook_MakeNdisRequest", &NdisHookAPI::Hook_MakeNdisRequest);
-    visit("Hook_FreeRequest", &NdisHookAPI::Hook_FreeRequest);
-    visit("Hook_SetAdapterStatus", &NdisHookAPI::Hook_SetAdapterStatus);
-    visit("Hook_GetAdapterStatus", &NdisHookAPI::Hook_GetAdapterStatus);
-    visit("Hook_GetTcpIpBoundAdapters", &NdisHookAPI::Hook_GetTcpIpBoundAdapters);
-    visit("Hook_MmMapLockedPages", &NdisHookAPI::Hook_MmMapLockedPages);
-    visit("Hook_MmUnmapLockedPages", &NdisHookAPI::Hook_MmUnmapLockedPages);
-}
 
 // STATUS_SUCCESS when the record may be exchanged.
 NTSTATUS CheckHookInterface(const NdisHookAPI* api, ULONG inputLength, ULONG outputLength)
@@ -85,25 +57,16 @@ VOID NdisFilterUnBindHookInterface(NdisHookAPI* pHookApi)
     Trace(TRACE_CORE, "Leave NdisFilterUnBindHookInterface\n");
 }
 
-VOID PrintHookValue(PCSTR name, ULONG_PTR value)
+VOID PrintHookValue(PCSTR name, PVOID value)
 {
-    DbgPrint("  m_NdisHookAPI.%s = 0x%p\n", name, reinterpret_cast<PVOID>(value));
+    DbgPrint("  m_NdisHookAPI.%s = 0x%p\n", name, value);
 }
 
 VOID NdisFilterTestHookInterface()
 {
     const NdisHookAPI& api = Global().m_NdisHookAPI;
-    const auto printFunction = [&](PCSTR name, auto field) {
-        PrintHookValue(name, reinterpret_cast<ULONG_PTR>(LoadAcquire(api.*field)));
-    };
-
     Trace(TRACE_CORE, "Enter NdisFilterTestHookInterface\n");
-    PrintHookValue("m_Size", api.m_Size);
-    PrintHookValue("m_Flags", LoadAcquire(api.m_Flags));
-    PrintHookValue("m_MajorVersion", api.m_MajorVersion);
-    PrintHookValue("m_MinorVersion", api.m_MinorVersion);
-    ForEachCallback(printFunction);
-    ForEachHookFunction(printFunction);
+    ForEachHookField(api, PrintHookValue);
     Trace(TRACE_CORE, "Leave NdisFilterTestHookInterface\n");
 }
 

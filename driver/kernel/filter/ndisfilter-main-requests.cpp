@@ -1,26 +1,9 @@
 // Control requests of the user program, and the way of those that the framework does not know: to the hook driver,
 // then to the handlers that client drivers registered.
-#include "ndisfilter-internal.h"
+#include "ndisfilter-main-requests.h"
 
 namespace
 {
-
-struct ControlRequest {
-    PIRP Irp;
-    ULONG Code;
-    PVOID Buffer; // input and output
-    ULONG InputLength;
-    ULONG OutputLength;
-    ULONG_PTR Information; // bytes returned
-};
-
-struct ControlOperation {
-    ULONG Code;
-    PCSTR Name; // as traced
-    ULONG MinimumInput;
-    ULONG MinimumOutput;
-    NTSTATUS (*Routine)(ControlRequest& request);
-};
 
 NTSTATUS GetVersion(ControlRequest& request)
 {
@@ -74,13 +57,89 @@ NTSTATUS PutSharedMemorySize(ControlRequest& request)
     return STATUS_SUCCESS;
 }
 
+NTSTATUS StartEthrLog(ControlRequest&)
+{
+    NdisFilter_StartEthrLog();
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS StopEthrLog(ControlRequest&)
+{
+    NdisFilter_StopEthrLog();
+    return STATUS_SUCCESS; // also when the adapter table is empty
+}
+
+// Reads the mask anew in a worker thread; nothing is returned.
+NTSTATUS ReloadDebugFlag(ControlRequest&)
+{
+    if (g_RegistryPath.Buffer != nullptr) {
+        Filter_SafeGetGlobalDebugFlag(&g_RegistryPath, 0, const_cast<PULONG>(&GlobalDebugFlag));
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS DumpDeviceExtension(ControlRequest&)
+{
+    NdisFilter_DumpDeviceExtension();
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS SetCongestionControl(ControlRequest& request)
+{
+    const ULONG maximum = ReadField<ULONG>(request, 0);
+    DbgPrint("  - InjectPacketMax = %d\n", maximum);
+    StoreRelaxed(Global().m_nInjectPacketMax, maximum);
+    return STATUS_SUCCESS;
+}
+
 constexpr ControlOperation OPERATIONS[] = {
     {IOCTL_NDIS_FILTER_GET_VERSION, "IOCTL_NDIS_FILTER_GET_VERSION", 0, 2, GetVersion},
     {IOCTL_NDIS_FILTER_START_SHARE, "IOCTL_NDIS_FILTER_START_SHARE", 4, 8, StartShare},
     {IOCTL_NDIS_FILTER_STOP_SHARE, "IOCTL_NDIS_FILTER_STOP_SHARE", 0, 0, StopShare},
     {IOCTL_NDIS_FILTER_READ_SHARE, "IOCTL_NDIS_FILTER_READ_SHARE", 0, 0, ReadShare},
     {IOCTL_NDIS_FILTER_WRITE_SHARE, "IOCTL_NDIS_FILTER_WRITE_SHARE", 0, 0, WriteShare},
-    {IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, "IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE", 0, 4, PutSharedMemorySize},
+    {.Code = IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES,
+     .Name = "IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES",
+     .MinimumInput = 0,
+     .MinimumOutput = sizeof(UserAdapterList),
+     .Routine = GetTcpIpInterfaces,
+     .IsAlwaysNamed = TRUE},
+    {IOCTL_NDIS_FILTER_GET_EVENT, "IOCTL_NDIS_FILTER_GET_EVENT", 0, sizeof(UserEvent), GetEvent},
+    // The next and SET_MEDIA_STATUS go by another's name in the trace.
+    {IOCTL_NDIS_FILTER_CLEAR_EVENT, "IOCTL_NDIS_FILTER_GET_EVENT", 0, 0, ClearEvents},
+    {IOCTL_NDIS_FILTER_START_ETHRLOG, "IOCTL_NDIS_FILTER_START_ETHRLOG", 0, 0, StartEthrLog},
+    {IOCTL_NDIS_FILTER_STOP_ETHRLOG, "IOCTL_NDIS_FILTER_STOP_ETHRLOG", 0, 0, StopEthrLog},
+    {IOCTL_NDIS_FILTER_SET_IPCONFIG, "IOCTL_NDIS_FILTER_SET_IPCONFIG", sizeof(UserIPConfig), 0, SetIpConfig},
+    {IOCTL_NDIS_FILTER_GET_IPCONFIG, "IOCTL_NDIS_FILTER_GET_IPCONFIG", 0, sizeof(UserIPConfig), GetIpConfig},
+    {IOCTL_NDIS_FILTER_SET_MEDIA_STATUS, "IOCTL_NDIS_FILTER_SET_IPCONFIG", sizeof(UserMacValue), 0,
+     SetMediaStatus},
+    {.Code = IOCTL_NDIS_FILTER_GET_MEDIA_STATUS,
+     .Name = "IOCTL_NDIS_FILTER_GET_MEDIA_STATUS",
+     .MinimumInput = sizeof(UserMacValue),
+     .MinimumOutput = sizeof(UserMacValue),
+     .Routine = GetMediaStatus,
+     .IsInputCheckedFirst = TRUE},
+    {IOCTL_NDIS_FILTER_GET_DBGFLAG, "IOCTL_NDIS_FILTER_GET_DBGFLAG", 0, 0, ReloadDebugFlag},
+    {IOCTL_NDIS_FILTER_SET_PACKET_DUMP, "IOCTL_NDIS_FILTER_SET_PACKET_DUMP", sizeof(UserMacValue), 0,
+     SetPacketDump},
+    {.Code = IOCTL_NDIS_FILTER_GET_PACKET_DUMP,
+     .Name = "IOCTL_NDIS_FILTER_GET_PACKET_DUMP",
+     .MinimumInput = sizeof(UserMacValue),
+     .MinimumOutput = sizeof(UserMacValue),
+     .Routine = GetPacketDump,
+     .IsInputCheckedFirst = TRUE},
+    {IOCTL_NDIS_FILTER_GET_ADAPTER, "IOCTL_NDIS_FILTER_GET_ADAPTER", 0, sizeof(UserMacAdapter), GetAdapter},
+    {IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, "IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE", 0, 4,
+     PutSharedMemorySize},
+    {IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION, "IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION", 0, 0,
+     DumpDeviceExtension},
+    {.Code = IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL,
+     .Name = "IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL",
+     .MinimumInput = 0,
+     .MinimumOutput = 0,
+     .Routine = SetCongestionControl,
+     .MinimumBuffer = sizeof(ULONG),
+     .IsAlwaysNamed = TRUE},
 };
 
 const ControlOperation* FindOperation(ULONG code)
@@ -93,19 +152,41 @@ const ControlOperation* FindOperation(ULONG code)
     return nullptr;
 }
 
+constexpr ULONG Greater(ULONG a, ULONG b)
+{
+    return a > b ? a : b;
+}
+
+// nullptr when the lengths suffice, else the name of the side that is too small.
+PCSTR FindShortSide(const ControlOperation& operation, const ControlRequest& request)
+{
+    const BOOLEAN isInputShort = request.InputLength < operation.MinimumInput;
+    const BOOLEAN isOutputShort = request.OutputLength < operation.MinimumOutput;
+    if (isOutputShort && !(isInputShort && operation.IsInputCheckedFirst)) {
+        return "Output";
+    }
+    const ULONG size = request.Buffer != nullptr ? Greater(request.InputLength, request.OutputLength) : 0;
+    const ULONG needed =
+        Greater(operation.MinimumBuffer, Greater(operation.MinimumInput, operation.MinimumOutput));
+    return isInputShort || size < needed ? "Input" : nullptr;
+}
+
 NTSTATUS Perform(const ControlOperation& operation, ControlRequest& request)
 {
-    Trace(TRACE_CORE, "  %s\n", operation.Name);
-    if (request.OutputLength < operation.MinimumOutput) {
-        Trace(TRACE_CORE, "    Output Buffer Length are too small\n");
+    if (operation.IsAlwaysNamed) {
+        DbgPrint("  %s\n", operation.Name);
+    } else {
+        Trace(TRACE_CORE, "  %s\n", operation.Name);
+    }
+    const PCSTR shortSide = FindShortSide(operation, request);
+    if (shortSide != nullptr) {
+        Trace(TRACE_CORE, "    %s Buffer Length are too small\n", shortSide);
         return STATUS_BUFFER_TOO_SMALL;
     }
-    if (request.InputLength < operation.MinimumInput) {
-        Trace(TRACE_CORE, "    Input Buffer Length are too small\n");
-        return STATUS_BUFFER_TOO_SMALL;
-    }
-    if (request.Buffer == nullptr && (operation.MinimumOutput != 0 || operation.MinimumInput != 0)) {
-        return STATUS_BUFFER_TOO_SMALL;
+    const ULONG touched = Greater(operation.MinimumBuffer, operation.MinimumOutput);
+    if (touched > request.InputLength) { // what is left there is of the pool, and none of the program's
+        RtlZeroMemory(static_cast<PUCHAR>(request.Buffer) + request.InputLength,
+                      touched - request.InputLength);
     }
     return operation.Routine(request);
 }
@@ -120,8 +201,8 @@ NTSTATUS OfferToHook(ControlRequest& request)
     }
     ULONG_PTR returned = 0; // the hook driver writes its low 32 bits
     const NTSTATUS code = Guarded([&] {
-        status = handler(request.Code, request.Buffer, request.InputLength, request.Buffer, request.OutputLength,
-                         reinterpret_cast<PULONG>(&returned));
+        status = handler(request.Code, request.Buffer, request.InputLength, request.Buffer,
+                         request.OutputLength, reinterpret_cast<PULONG>(&returned));
     });
     if (code != 0) {
         DbgPrint("NdisFilterIoControl: exception in hook, code = %d\n", code);
@@ -141,8 +222,9 @@ NTSTATUS OfferToHandlers(ControlRequest& request)
         NTSTATUS status = STATUS_NOT_SUPPORTED;
         ULONG_PTR returned = 0;
         const NTSTATUS code = Guarded([&] {
-            status = handler.m_pfIoCtrlProc(handler.m_pIoCtrlContext, request.Irp, request.Code, request.Buffer,
-                                            request.InputLength, request.Buffer, request.OutputLength, &returned);
+            status =
+                handler.m_pfIoCtrlProc(handler.m_pIoCtrlContext, request.Irp, request.Code, request.Buffer,
+                                       request.InputLength, request.Buffer, request.OutputLength, &returned);
         });
         if (code != 0) {
             DbgPrint("NdisFilterIoControl: exception in filter, code = %d\n", code);
@@ -162,7 +244,54 @@ NTSTATUS Offer(ControlRequest& request)
     return status != STATUS_NOT_SUPPORTED ? status : OfferToHandlers(request);
 }
 
+// The framework answers what is addressed to it, others the rest; the program gets the text that they have written and
+// a success in any case.
+NTSTATUS Diagnose(ControlRequest& request)
+{
+    Trace(TRACE_CORE, "  IOCTL_NDIS_FILTER_DIAG\n");
+    if (Filter_PrepareDiag(request.Buffer, request.InputLength, request.Buffer, request.OutputLength) !=
+        FILTER_STATUS_SUCCESS) {
+        return STATUS_SUCCESS;
+    }
+    if (NdisFilter_DiagHandler(request.Buffer, request.InputLength, request.Buffer, request.OutputLength) !=
+        STATUS_SUCCESS) {
+        Offer(request);
+    }
+    // 32 bits wide, as the count is: one text that did not fit takes one from it.
+    request.Information =
+        static_cast<ULONG>(sizeof(Diag)) + static_cast<const Diag*>(request.Buffer)->m_BufferUsed;
+    Filter_EndDiag();
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS Dispatch(ControlRequest& request)
+{
+    if (request.Code == IOCTL_NDIS_FILTER_DIAG) {
+        return Diagnose(request);
+    }
+    const ControlOperation* const operation = FindOperation(request.Code);
+    return operation != nullptr ? Perform(*operation, request) : Offer(request);
+}
+
 } // namespace
+
+PVOID AllocateScratch(SIZE_T size)
+{
+    const PVOID memory = ExAllocatePool(NonPagedPool, size);
+    if (memory == nullptr) {
+        Trace(TRACE_CORE, "    call ExAllocatePool func failure.\n");
+    }
+    return memory;
+}
+
+NTSTATUS TranslateToId(FilterAdapter* hAdapter, PULONG id)
+{
+    if (Filter_AdapterToId(hAdapter, id) != FILTER_STATUS_SUCCESS) {
+        Trace(TRACE_CORE, "    call Filter_AdapterToId func failure.\n");
+        return STATUS_INTERNAL_ERROR;
+    }
+    return STATUS_SUCCESS;
+}
 
 NTSTATUS NdisFilterIoControl(PDEVICE_OBJECT, PIRP pIrp)
 {
@@ -181,10 +310,10 @@ NTSTATUS NdisFilterIoControl(PDEVICE_OBJECT, PIRP pIrp)
     pIrp->IoStatus.Status = STATUS_SUCCESS;
     pIrp->IoStatus.Information = 0;
 
-    const ControlOperation* const operation = FindOperation(request.Code);
-    const NTSTATUS status = operation != nullptr ? Perform(*operation, request) : Offer(request);
+    const NTSTATUS status = Dispatch(request);
     if (status != STATUS_PENDING) { // a pending request may be complete and gone by now
-        const BOOLEAN fits = request.Information <= request.OutputLength; // a handler may claim more than there is
+        const BOOLEAN fits =
+            request.Information <= request.OutputLength; // a handler may claim more than there is
         CompleteRequest(pIrp, status, fits ? request.Information : request.OutputLength);
     }
     Trace(TRACE_CORE, "Leave NdisFilterIoControl\n");

@@ -24,27 +24,6 @@ template <class Record> VOID FreeRecords(RecordList<Record>& list)
     }
 }
 
-HANDLE StartWorkerThread(PKSTART_ROUTINE routine, PVOID context)
-{
-    HANDLE thread = nullptr;
-    const NTSTATUS status = PsCreateSystemThread(&thread, 0, nullptr, nullptr, nullptr, routine, context);
-    return NT_SUCCESS(status) ? thread : nullptr;
-}
-
-VOID WaitForWorkerThread(HANDLE& handle)
-{
-    PVOID thread = nullptr;
-    if (handle == nullptr) {
-        return;
-    }
-    if (NT_SUCCESS(ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &thread, nullptr))) {
-        KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
-        ObDereferenceObject(thread);
-    }
-    ZwClose(handle);
-    handle = nullptr;
-}
-
 // No worker runs this driver's code any more when this returns, with or without mapped memory.
 VOID StopWorkerThreads()
 {
@@ -256,6 +235,27 @@ NTSTATUS NdisFilterShutdown(PDEVICE_OBJECT, PIRP pIrp)
     return status;
 }
 
+HANDLE StartWorkerThread(PKSTART_ROUTINE routine, PVOID context)
+{
+    HANDLE thread = nullptr;
+    const NTSTATUS status = PsCreateSystemThread(&thread, 0, nullptr, nullptr, nullptr, routine, context);
+    return NT_SUCCESS(status) ? thread : nullptr;
+}
+
+VOID WaitForWorkerThread(HANDLE& handle)
+{
+    PVOID thread = nullptr;
+    if (handle == nullptr) {
+        return;
+    }
+    if (NT_SUCCESS(ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &thread, nullptr))) {
+        KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
+        ObDereferenceObject(thread);
+    }
+    ZwClose(handle);
+    handle = nullptr;
+}
+
 VOID EnterWorkerThread()
 {
     InterlockedIncrement(&Global().m_nNdisHelperWorkThread);
@@ -342,6 +342,10 @@ VOID NdisFilterInitialize()
     Trace(TRACE_CORE, "  IOCTL handler list Initialized\n");
     global.m_bDiagInProgress = 0;
 
+    InitializeEthrLogs();
+    global.m_pAppToDriverEthrLog = nullptr;
+    global.m_pDriverToAppEthrLog = nullptr;
+
     Trace(TRACE_CORE, "Leave NdisFilterInitialize\n");
 }
 
@@ -352,6 +356,7 @@ VOID NdisFilterDeInitialize()
     Trace(TRACE_CORE, "Enter NdisFilterDeInitialize\n");
     NdisFilter_TerminateShare();
     StopWorkerThreads();
+    CloseAllEthrLogs();
     WaitForQueuedWork();
     NdisFilter_FreeMappedMemory(global.m_pMappedMemory);
     FreeRecords(global.m_EventHandlerList);

@@ -13,17 +13,20 @@ struct Delivery {
     CallTrace Trace;
     HOOK_INJECT_PACKET NdisHookAPI::*Function;
     PCSTR Title; // of the dump
+    PVOID FilterAdapter::*Log;
 };
 
 constexpr Delivery TO_ADAPTER = {{.Name = "Filter_InjectPacketToAdapterEx", .Area = TRACE_PACKET},
                                  &NdisHookAPI::Hook_InjectPacketToAdapter,
-                                 "VV Inject To Adapter"};
+                                 "VV Inject To Adapter",
+                                 &FilterAdapter::m_pLowerEthrLog};
 // Its exception line carries another name than its trace lines.
 constexpr Delivery TO_PROTOCOL = {{.Name = "Filter_IndicatePacketToProtocolEx",
                                    .Area = TRACE_PACKET,
                                    .ExceptionName = "Filter_InjectPacketToProtocolEx"},
                                   &NdisHookAPI::Hook_InjectPacketToProtocol,
-                                  "AA Indicate To Protocol"};
+                                  "AA Indicate To Protocol",
+                                  &FilterAdapter::m_pUpperEthrLog};
 
 FILTER_STATUS DeliverToHook(const Delivery& delivery, FilterAdapter* adapter, FilterPacket* packet)
 {
@@ -42,6 +45,7 @@ FILTER_STATUS DeliverToHook(const Delivery& delivery, FilterAdapter* adapter, Fi
         }
         packet->m_hAdapter = adapter;
         DumpWhenEnabled(delivery.Title, packet);
+        RecordFrame(adapter->*delivery.Log, packet);
         // From here on the packet is the hook driver's, whatever it answers.
         return inject(adapter, packet) == 0 ? FILTER_STATUS_SUCCESS : FILTER_ERROR_INTERNAL_ERROR;
     });
@@ -125,6 +129,7 @@ VOID ProcessApplicationPacket(FilterPacket* packet)
 {
     Filter_InitPacketHeader(packet, nullptr);
     DumpWhenEnabled(">> Injected Packet", packet);
+    RecordAdapterFrame(&FilterAdapter::m_pInjectEthrLog, packet);
     switch (packet->m_nDirection) {
     case NDIS_FILTER_DIRECTION_TO_ADAPTER:
         Filter_InvokeFilters(FILTER_TYPE_INJECT_TO_ADAPTER, packet);

@@ -232,12 +232,13 @@ BOOLEAN RunChainOf(PCSTR name, FILTER_TYPE type, FilterPacket* packet, FILTER_ME
     return TRUE;
 }
 
-// A frame that the hook driver hands in: parse, mark, dump, filter.
-VOID FilterHookPacket(FilterPacket* packet, ULONG direction, PCSTR title, FILTER_TYPE type)
+// A frame that the hook driver hands in: parse, mark, dump, record, filter.
+VOID FilterHookPacket(FilterPacket* packet, ULONG direction, PCSTR title, PVOID FilterAdapter::*log, FILTER_TYPE type)
 {
     Filter_InitPacketHeader(packet, nullptr);
     packet->m_nDirection = direction;
     DumpWhenEnabled(title, packet);
+    RecordAdapterFrame(log, packet);
     Filter_InvokeFilters(type, packet);
 }
 
@@ -248,7 +249,7 @@ VOID NdisFilter_FilterReceivedPacket(FilterPacket* pPacket)
     Trace(TRACE_HOOK, "Enter NdisFilter_FilterReceivedPacket\n");
     if (pPacket != nullptr) {
         FilterHookPacket(pPacket, NDIS_FILTER_DIRECTION_TO_PROTOCOL, "/\\ Incoming Packet",
-                         FILTER_TYPE_INCOMING_PACKET);
+                         &FilterAdapter::m_pLowerEthrLog, FILTER_TYPE_INCOMING_PACKET);
     }
     Trace(TRACE_HOOK, "Leave NdisFilter_FilterReceivedPacket\n");
 }
@@ -258,7 +259,7 @@ VOID NdisFilter_FilterSendPacket(FilterPacket* pPacket)
     Trace(TRACE_HOOK, "Enter NdisFilter_FilterSendPacket\n");
     if (pPacket != nullptr) {
         FilterHookPacket(pPacket, NDIS_FILTER_DIRECTION_TO_ADAPTER, "\\/ Outgoing Packet",
-                         FILTER_TYPE_OUTGOING_PACKET);
+                         &FilterAdapter::m_pUpperEthrLog, FILTER_TYPE_OUTGOING_PACKET);
     }
     Trace(TRACE_HOOK, "Leave NdisFilter_FilterSendPacket\n");
 }

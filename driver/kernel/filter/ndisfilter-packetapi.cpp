@@ -138,14 +138,7 @@ VOID ParseIp(FilterPacket& packet, UCHAR* ip)
 
 VOID ParseHeaders(FilterPacket& packet, UCHAR* frame)
 {
-    packet.m_pEthernet = frame;
-    packet.m_pArp = nullptr;
-    packet.m_pIp = nullptr;
-    packet.m_pTcp = nullptr;
-    packet.m_pUdp = nullptr;
-    packet.m_pIcmp = nullptr;
-    packet.m_pDhcp = nullptr;
-    packet.m_pDns = nullptr;
+    SetFrameWithoutHeaders(packet, frame);
     switch (ReadBe16(frame + ETHERTYPE_OFFSET)) {
     case ETHERTYPE_ARP:
         packet.m_pArp = frame + ETHERNET_HEADER_SIZE;

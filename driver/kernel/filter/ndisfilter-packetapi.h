@@ -51,3 +51,16 @@ inline ULONG FragmentOffset(const UCHAR* ip)
 {
     return (ReadBe16(ip + IP_FLAGS_OFFSET) & IP_FRAGMENT_OFFSET_MASK) * 8;
 }
+
+// The packet has its frame there, and no headers are known of it.
+inline VOID SetFrameWithoutHeaders(FilterPacket& packet, UCHAR* frame)
+{
+    packet.m_pEthernet = frame;
+    packet.m_pArp = nullptr;
+    packet.m_pIp = nullptr;
+    packet.m_pTcp = nullptr;
+    packet.m_pUdp = nullptr;
+    packet.m_pIcmp = nullptr;
+    packet.m_pDhcp = nullptr;
+    packet.m_pDns = nullptr;
+}

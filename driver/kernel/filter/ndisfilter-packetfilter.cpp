@@ -45,19 +45,6 @@ FILTER_STATUS GetOfFilter(PCSTR functionName, PacketFilter* hPacketFilter, Outpu
     });
 }
 
-FILTER_STATUS UnlinkFilter(const FilterDriver* owner, PacketFilter* filter, FILTER_TYPE type)
-{
-    WriteLock lock(Global().m_PacketFilterLock[type]);
-    if (!Global().m_PacketFilterList[type].Contains(filter)) {
-        return FILTER_ERROR_FILTER_NOT_FOUND;
-    }
-    if (filter->m_hFilterDriver != owner) {
-        return FILTER_ERROR_INVALID_FILTER_OWNER;
-    }
-    RecordList<PacketFilter>::Unlink(*filter);
-    return FILTER_STATUS_SUCCESS;
-}
-
 VOID PrintFilter(const PacketFilter& filter, ULONG position)
 {
     const PacketFilterCounters counters = SumFilterCounters(filter);
@@ -154,7 +141,10 @@ FILTER_STATUS Filter_DeregisterFilter(FilterDriver* hFilterDriver, PacketFilter*
         if (!IsChain(type)) { // a stale handle, whose memory has been used again since the check
             return FILTER_ERROR_INVALID_PACKET_FILTER;
         }
-        const FILTER_STATUS status = UnlinkFilter(hFilterDriver, hPacketFilter, type);
+        const FILTER_STATUS status =
+            UnlinkOwned<WriteLock>(Global().m_PacketFilterLock[type], Global().m_PacketFilterList[type],
+                                   hPacketFilter, hFilterDriver, FILTER_ERROR_FILTER_NOT_FOUND,
+                                   FILTER_ERROR_INVALID_FILTER_OWNER);
         if (status == FILTER_STATUS_SUCCESS) {
             Filter_FreeMemory(hPacketFilter);
             Filter_DumpFilter(type);

@@ -17,6 +17,9 @@ constexpr ULONG IF_EVENT_HANDLER_TAG = 0x54414741;   // "AGAT"
 // Pool tags, as the debugger shows them: the bytes in memory order.
 constexpr ULONG POOL_TAG_DRIVER = 0x4144664E;    // "NfDA"
 constexpr ULONG POOL_TAG_FILTER = 0x4146664E;    // "NfFA"
+constexpr ULONG POOL_TAG_ADAPTER = 0x6441664E;   // "NfAd"
+constexpr ULONG POOL_TAG_IOCTRL = 0x4349664E;    // "NfIC"
+constexpr ULONG POOL_TAG_ETHRLOG = 0x6C45664E;  // "NfEl"
 constexpr ULONG POOL_TAG_EVENT = 0x54414736;     // "6GAT"
 constexpr ULONG POOL_TAG_MAPPED = 0x4D70614D;    // "MapM"
 
@@ -27,9 +30,6 @@ struct FilterDriver {
     STRING m_DriverName;
     PVOID m_pDriverContext;
 };
-
-using FILTER_EVENT_PROC = VOID (*)(FilterDriver* hFilterDriver, PVOID pDriverContext, ULONG nEvent,
-                                   PVOID pEventContext, FilterAdapter* hAdapter);
 
 // A client driver's interest in adapter events.
 struct EventHandler {
@@ -121,10 +121,6 @@ struct IfEventHandler {
     FILTER_IF_EVENT_PROC m_pfIfEventProc;
     PVOID m_pIfEventContext;
 };
-
-using FILTER_IOCTRL_PROC = NTSTATUS (*)(PVOID pIoCtrlContext, PIRP pIrp, ULONG nControlCode, PVOID pInputBuffer,
-                                        ULONG nInputLength, PVOID pOutputBuffer, ULONG nOutputLength,
-                                        ULONG_PTR* pBytesReturned);
 
 // A client driver's handler of control requests.
 struct IoCtrlHandler {

@@ -22,13 +22,6 @@ struct DebugFlagItem {
 LONG g_nQueuedWork = 1;
 KEVENT g_QueuedWorkDone;
 
-VOID LeaveQueuedWork()
-{
-    if (InterlockedDecrement(&g_nQueuedWork) == 0) {
-        KeSetEvent(&g_QueuedWorkDone, IO_NO_INCREMENT, FALSE);
-    }
-}
-
 VOID ReadDebugFlag(PVOID parameter)
 {
     DebugFlagItem* const item = static_cast<DebugFlagItem*>(parameter);
@@ -96,6 +89,20 @@ BOOLEAN QueryRegistry(PUNICODE_STRING pRegistryPath, PCWSTR pszName, ULONG type,
 }
 
 } // namespace
+
+VOID QueueWork(PWORK_QUEUE_ITEM item, PWORKER_THREAD_ROUTINE routine, PVOID parameter)
+{
+    ExInitializeWorkItem(item, routine, parameter);
+    InterlockedIncrement(&g_nQueuedWork);
+    ExQueueWorkItem(item, DelayedWorkQueue);
+}
+
+VOID LeaveQueuedWork()
+{
+    if (InterlockedDecrement(&g_nQueuedWork) == 0) {
+        KeSetEvent(&g_QueuedWorkDone, IO_NO_INCREMENT, FALSE);
+    }
+}
 
 VOID WaitForQueuedWork()
 {
@@ -189,9 +196,7 @@ VOID Filter_SafeGetGlobalDebugFlag(PUNICODE_STRING pRegistryPath, ULONG nDefault
     item->m_pRegistryPath = pRegistryPath;
     item->m_nDefault = nDefault;
     item->m_pResult = pResult;
-    ExInitializeWorkItem(&item->m_QueueItem, ReadDebugFlag, item);
-    InterlockedIncrement(&g_nQueuedWork);
-    ExQueueWorkItem(&item->m_QueueItem, DelayedWorkQueue);
+    QueueWork(&item->m_QueueItem, ReadDebugFlag, item);
 }
 
 LONGLONG Filter_GetSystemTime()

@@ -470,6 +470,9 @@ FilterPacket* NdisFilter_ReadShareMemory()
     } else {
         Trace(TRACE_SHARE, "  IRQL=%d, I/O shared memory is initialized\n", Irql());
         TraceNotRead(TakeInputBlock(packet));
+        if (packet != nullptr) {
+            RecordFrame(Global().m_pAppToDriverEthrLog, packet);
+        }
     }
     Trace(TRACE_SHARE, "Leave NdisFilter_ReadShareMemory(), IRQL=%d, return 0x%p\n", Irql(), packet);
     return packet;
@@ -488,6 +491,9 @@ BOOLEAN NdisFilter_WriteShareMemory(FilterPacket* pPacket)
     const WriteOutcome outcome = WritePacketBlock(*pPacket);
     if (outcome == WriteOutcome::UnknownAdapter) {
         return FALSE;
+    }
+    if (outcome == WriteOutcome::Written) {
+        RecordFrame(Global().m_pDriverToAppEthrLog, pPacket);
     }
     NdisFilter_CompleteRead(); // also for a full ring, so that the program drains it
     Trace(TRACE_SHARE, "Leave NdisFilter_WriteShareMemory(), success, IRQL=%d\n", Irql());

@@ -1,6 +1,11 @@
 // The trace lines of exported functions.
 #include "ndisfilter-trace.h"
 
+VOID PrintError(FILTER_STATUS status)
+{
+    DbgPrint("  Error: %d - %s\n", status, Filter_StatusString(status));
+}
+
 VOID PrintEnter(const CallTrace& trace)
 {
     if (trace.Enter != nullptr) {
@@ -14,7 +19,7 @@ VOID PrintLeave(const CallTrace& trace, FILTER_STATUS status)
 {
     const BOOLEAN succeeded = status == FILTER_STATUS_SUCCESS;
     if (!succeeded || trace.Success != SuccessTrace::Leave) {
-        DbgPrint("  Error: %d - %s\n", status, Filter_StatusString(status));
+        PrintError(status);
     }
     if (!succeeded || trace.Success != SuccessTrace::ErrorOnly) {
         DbgPrint("Leave %s, %d-%s\n", trace.Name, status, Filter_StatusString(status));

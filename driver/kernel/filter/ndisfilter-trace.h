@@ -63,7 +63,8 @@ struct CallTrace {
     PCSTR ExceptionName = nullptr; // where the exception line carries another name
 };
 
-// Both print whatever the mask says: the caller has looked at it.
+// They print whatever the mask says: the caller has looked at it.
+VOID PrintError(FILTER_STATUS status);
 VOID PrintEnter(const CallTrace& trace);
 VOID PrintLeave(const CallTrace& trace, FILTER_STATUS status);
 

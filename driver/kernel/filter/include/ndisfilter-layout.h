@@ -91,6 +91,15 @@ NDISFILTER_AT(UserEvent, m_nLength, 8);
 NDISFILTER_AT(UserEvent, m_Text, 12);
 NDISFILTER_SIZE(UserEvent, 1036);
 
+NDISFILTER_AT(UserEventHead, m_nValue1, 0);
+NDISFILTER_AT(UserEventHead, m_nAdapterId, 4);
+NDISFILTER_AT(UserEventHead, m_nValue2, 8);
+NDISFILTER_AT(UserEventHead, m_nValue3, 16);
+NDISFILTER_AT(UserEventHead, m_nValue4, 24);
+NDISFILTER_AT(UserEventHead, m_nValue5, 26);
+NDISFILTER_AT(UserEventHead, m_nValue6, 30);
+NDISFILTER_SIZE(UserEventHead, 34);
+
 NDISFILTER_AT(UserAdapterInfo, m_nAdapterId, 0);
 NDISFILTER_AT(UserAdapterInfo, m_nAdapterMedium, 4);
 NDISFILTER_AT(UserAdapterInfo, m_usMTU, 8);
@@ -103,6 +112,39 @@ NDISFILTER_SIZE(UserAdapterInfo, 282);
 NDISFILTER_AT(UserAdapterList, m_nAdapterCount, 0);
 NDISFILTER_AT(UserAdapterList, m_Adapters, 4);
 NDISFILTER_SIZE(UserAdapterList, 9028);
+
+NDISFILTER_SIZE(UserIPAddress, 12);
+NDISFILTER_AT(UserIPConfig, m_nAdapterId, 0);
+NDISFILTER_AT(UserIPConfig, m_nReserved, 4);
+NDISFILTER_AT(UserIPConfig, m_nIP, 8);
+NDISFILTER_AT(UserIPConfig, m_Address, 12);
+NDISFILTER_AT(UserIPConfig, m_nGW, 108);
+NDISFILTER_AT(UserIPConfig, RouterAddr, 112);
+NDISFILTER_AT(UserIPConfig, m_nDHCP, 144);
+NDISFILTER_AT(UserIPConfig, DhcpServer, 148);
+NDISFILTER_AT(UserIPConfig, m_nDNS, 180);
+NDISFILTER_AT(UserIPConfig, DnsServer, 184);
+NDISFILTER_AT(UserIPConfig, WinsServer1, 216);
+NDISFILTER_AT(UserIPConfig, WinsServer2, 220);
+NDISFILTER_SIZE(UserIPConfig, 224);
+
+NDISFILTER_AT(UserMacValue, m_MacAddress, 0);
+NDISFILTER_AT(UserMacValue, m_nValue, 6);
+NDISFILTER_SIZE(UserMacValue, 7);
+
+NDISFILTER_AT(UserMacAdapter, m_MacAddress, 0);
+NDISFILTER_AT(UserMacAdapter, m_nAdapterId, 6);
+NDISFILTER_SIZE(UserMacAdapter, 10);
+
+NDISFILTER_AT(UserDiag, m_pszDriverName, 0);
+NDISFILTER_AT(UserDiag, m_nArgumentCount, 8);
+NDISFILTER_AT(UserDiag, m_ppszArguments, 16);
+NDISFILTER_AT(UserDiag, m_BufferSize, 24);
+NDISFILTER_AT(UserDiag, m_BufferUsed, 28);
+NDISFILTER_AT(UserDiag, m_bInitialized, 32);
+NDISFILTER_AT(UserDiag, m_Text, 33);
+NDISFILTER_SIZE(UserDiag, 40);
+NDISFILTER_HOLDS(sizeof(UserDiag) == NDIS_FILTER_DIAG_HEADER_SIZE);
 
 /* ----------------------------------------------------------------------------------------- records of hook drivers */
 
@@ -237,6 +279,24 @@ NDISFILTER_HOLDS(sizeof(FILTER_TYPE) == 4 && (FILTER_TYPE)-1 < 0);
 NDISFILTER_HOLDS(sizeof(FILTER_ORDER) == 4 && (FILTER_ORDER)-1 < 0);
 NDISFILTER_HOLDS(sizeof(FILTER_RESULT) == 4 && (FILTER_RESULT)-1 > 0);
 NDISFILTER_HOLDS(sizeof(FILTER_METHOD) == 4 && (FILTER_METHOD)-1 > 0);
+
+NDISFILTER_AT(FilterEventHead, m_nValue1, 0);
+NDISFILTER_AT(FilterEventHead, m_hAdapter, 4);
+NDISFILTER_AT(FilterEventHead, m_nValue2, 12);
+NDISFILTER_AT(FilterEventHead, m_nValue3, 20);
+NDISFILTER_AT(FilterEventHead, m_nValue4, 28);
+NDISFILTER_AT(FilterEventHead, m_nValue5, 30);
+NDISFILTER_AT(FilterEventHead, m_nValue6, 34);
+NDISFILTER_SIZE(FilterEventHead, 38);
+
+NDISFILTER_AT(Diag, m_pszDriverName, 0);
+NDISFILTER_AT(Diag, m_nArgumentCount, 8);
+NDISFILTER_AT(Diag, m_ppszArguments, 16);
+NDISFILTER_AT(Diag, m_BufferSize, 24);
+NDISFILTER_AT(Diag, m_BufferUsed, 28);
+NDISFILTER_AT(Diag, m_bInitialized, 32);
+NDISFILTER_AT(Diag, m_Text, 33);
+NDISFILTER_SIZE(Diag, 40);
 
 #undef NDISFILTER_SIZE
 #undef NDISFILTER_AT

@@ -118,17 +118,37 @@ typedef struct MappedMemory {
 /* ------------------------------------------------------------------------------------ records of the requests */
 
 #define NDIS_FILTER_EVENT_TEXT_SIZE 1024
+#define NDIS_FILTER_EVENT_MESSAGE_OFFSET 38 /* in m_Text: where the message of an event with a head begins */
 #define NDIS_FILTER_MAX_ADAPTERS 32
+#define NDIS_FILTER_DIAG_COMMAND_SIZE 1023 /* the longest command of IOCTL_NDIS_FILTER_DIAG, in bytes */
+#define NDIS_FILTER_DIAG_HEADER_SIZE 40    /* bytes returned less those of the text; a shorter output gets none */
 
 #pragma pack(push, 1)
 
-/* Output of IOCTL_NDIS_FILTER_GET_EVENT: 1,036 bytes. */
+/*
+ * Output of IOCTL_NDIS_FILTER_GET_EVENT: 1,036 bytes; no bytes returned: no event was waiting. The text of an event
+ * leads with a head, in which the driver has put the adapter's identifier for its handle. It does so with every event:
+ * of one that was reported without a head the bytes 4 to 45 of the text are not what its reporter wrote, and an
+ * identifier may be spent on them; when none is left the event is lost (STATUS_INTERNAL_ERROR).
+ */
 typedef struct UserEvent {
     uint32_t m_nEvent1;                           /*  0  first value, as the reporting driver gave it */
     uint32_t m_nEvent2;                           /*  4  second value */
-    int32_t m_nLength;                            /*  8  bytes of text, -1 when a formatted text did not fit */
-    uint8_t m_Text[NDIS_FILTER_EVENT_TEXT_SIZE];  /* 12  unused bytes are zero */
+    int32_t m_nLength;                            /*  8  bytes of text reported, -1 when a formatted one did not fit */
+    uint8_t m_Text[NDIS_FILTER_EVENT_TEXT_SIZE];  /* 12  a UserEventHead, then the message; unused bytes are zero */
 } UserEvent;
+
+/* Head of an event's text: 34 bytes. Behind it come the last 4 bytes of the head as it was reported, and from
+   NDIS_FILTER_EVENT_MESSAGE_OFFSET on, up to m_nLength, the message. The values are the reporting driver's. */
+typedef struct UserEventHead {
+    uint32_t m_nValue1;    /*  0 */
+    uint32_t m_nAdapterId; /*  4  identifier of the adapter, or what the driver got for a handle of none */
+    uint64_t m_nValue2;    /*  8 */
+    uint64_t m_nValue3;    /* 16 */
+    uint16_t m_nValue4;    /* 24 */
+    uint32_t m_nValue5;    /* 26 */
+    uint32_t m_nValue6;    /* 30 */
+} UserEventHead;
 
 /* One adapter as user mode sees it: 282 bytes. */
 typedef struct UserAdapterInfo {
@@ -146,6 +166,64 @@ typedef struct UserAdapterList {
     uint32_t m_nAdapterCount; /* 0  at most 32 */
     UserAdapterInfo m_Adapters[NDIS_FILTER_MAX_ADAPTERS];
 } UserAdapterList;
+
+/* One address triple of an IP configuration; IPv4 addresses in network byte order. */
+typedef struct UserIPAddress {
+    uint32_t IpAddress;
+    uint32_t Netmask;
+    uint32_t Broadcast; /* computed by the driver when the configuration is set */
+} UserIPAddress;
+
+/*
+ * IP configuration of an adapter: 224 bytes. Input of IOCTL_NDIS_FILTER_SET_IPCONFIG; output of
+ * IOCTL_NDIS_FILTER_GET_IPCONFIG, whose input is the identifier alone. Keep the counts at 8 or below.
+ */
+typedef struct UserIPConfig {
+    uint32_t m_nAdapterId;      /*   0  adapter identifier */
+    uint32_t m_nReserved;       /*   4  carried and compared, not interpreted */
+    uint32_t m_nIP;             /*   8  triples in use */
+    UserIPAddress m_Address[8]; /*  12 */
+    uint32_t m_nGW;             /* 108  routers in use */
+    uint32_t RouterAddr[8];     /* 112 */
+    uint32_t m_nDHCP;           /* 144  DHCP servers in use */
+    uint32_t DhcpServer[8];     /* 148 */
+    uint32_t m_nDNS;            /* 180  DNS servers in use */
+    uint32_t DnsServer[8];      /* 184 */
+    uint32_t WinsServer1;       /* 216 */
+    uint32_t WinsServer2;       /* 220 */
+} UserIPConfig;
+
+/*
+ * Input of IOCTL_NDIS_FILTER_SET_MEDIA_STATUS and _SET_PACKET_DUMP, input and output of the two GET requests: 7 bytes.
+ * Those that get return 7 bytes, too.
+ */
+typedef struct UserMacValue {
+    uint8_t m_MacAddress[6]; /* 0  current MAC address of the adapter */
+    uint8_t m_nValue;        /* 6  media state as the hook driver means it; packet dump on (nonzero) or off */
+} UserMacValue;
+
+/* Output of IOCTL_NDIS_FILTER_GET_ADAPTER: 10 bytes. Its input is the MAC address alone. */
+typedef struct UserMacAdapter {
+    uint8_t m_MacAddress[6]; /* 0  as given */
+    uint32_t m_nAdapterId;   /* 6  adapter identifier */
+} UserMacAdapter;
+
+/*
+ * Output of IOCTL_NDIS_FILTER_DIAG, whose input is a command: words separated by blanks, of which the first names the
+ * driver that is to answer ("filter": the framework; "driver": every driver says who it is) and at most 16 more are its
+ * arguments. The text is what the drivers have printed. No bytes returned: the lengths are unfit, or another
+ * diagnostic is running. A text that does not fit is cut, and takes one from m_BufferUsed.
+ */
+typedef struct UserDiag {
+    uint64_t m_pszDriverName;  /*  0  kernel address */
+    int32_t m_nArgumentCount;  /*  8  words behind the driver's name: 0 to 16 */
+    uint32_t m_nPadding;       /* 12 */
+    uint64_t m_ppszArguments;  /* 16  kernel address */
+    uint32_t m_BufferSize;     /* 24  length of the output */
+    uint32_t m_BufferUsed;     /* 28  bytes of text; more than the output holds were cut */
+    uint8_t m_bInitialized;    /* 32  1 */
+    char m_Text[7];            /* 33  the text, up to the end of the output; not zero-terminated */
+} UserDiag;
 
 #pragma pack(pop)
 

@@ -133,6 +133,8 @@ typedef ULONG FILTER_METHOD;
 
 typedef struct FilterDriver FilterDriver; /* handle of a registered client driver */
 typedef struct PacketFilter PacketFilter; /* handle of a registered packet filter */
+typedef struct EventHandler EventHandler; /* handle of a registered adapter event handler */
+typedef struct IoCtrlHandler IoCtrlHandler; /* handle of a registered handler of control requests */
 
 /* ------------------------------------------------------------------------------------------- status and names */
 
@@ -231,8 +233,30 @@ LONGLONG Filter_GetSystemTimeMs(VOID);
  */
 FILTER_STATUS Filter_ReportEvent(ULONG nEvent1, ULONG nEvent2, PCSTR pszFormat, ...);
 
-/* The same with nLength bytes of data, binary or text; more than 1,024 are cut, NULL data means none. */
+/*
+ * The same with nLength bytes of data, binary or text; more than 1,024 are cut, NULL data means none. The data of an
+ * event that the user program is to read begins with a FilterEventHead, the message follows it.
+ */
 FILTER_STATUS Filter_ReportEventEx(ULONG nEvent1, ULONG nEvent2, ULONG nLength, const VOID* pData);
+
+#pragma pack(push, 1)
+
+/*
+ * Head of an event's data: 38 bytes. When the program collects the event, the framework replaces the adapter handle by
+ * the adapter's identifier (see UserEventHead). It does so with every event, whatever its data are, and an unknown
+ * handle gets one of the 32 identifiers: put the same handle into all events that concern no adapter, NULL.
+ */
+typedef struct FilterEventHead {
+    ULONG m_nValue1;           /*  0  the values are the reporting driver's */
+    FilterAdapter* m_hAdapter; /*  4 */
+    ULONGLONG m_nValue2;       /* 12 */
+    ULONGLONG m_nValue3;       /* 20 */
+    USHORT m_nValue4;          /* 28 */
+    ULONG m_nValue5;           /* 30 */
+    ULONG m_nValue6;           /* 34 */
+} FilterEventHead;
+
+#pragma pack(pop)
 
 /* ------------------------------------------------------------------------------------------ addresses and text */
 
@@ -298,6 +322,153 @@ FILTER_STATUS Filter_FindAdapterByNetCfgInstanceId(PCSTR pszInstanceId, FilterAd
 /* Refreshes the table from the hook driver and reports every adapter in it as opened to all event handlers, which run
    at DISPATCH_LEVEL under the handler list's lock: not from inside such a handler. IRQL <= DISPATCH. */
 VOID Filter_EnumOpenedAdapter(VOID);
+
+/* ------------------------------------------------------------------------------------------- adapter properties */
+
+/*
+ * Read one property of an adapter through the second pointer: MAC addresses of 6 bytes, the media state as the hook
+ * driver keeps it, the NDIS_MEDIUM, and whether it is an NDISWAN (PPP) adapter (nonzero). IRQL <= DISPATCH.
+ * FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer. FILTER_ERROR_INVALID_ADAPTER_HANDLE.
+ */
+FILTER_STATUS Filter_GetAdapterCurrentAddress(FilterAdapter* hAdapter, UCHAR* pMacAddress);
+FILTER_STATUS Filter_GetAdapterPermentAddress(FilterAdapter* hAdapter, UCHAR* pMacAddress);
+FILTER_STATUS Filter_GetAdapterMediaState(FilterAdapter* hAdapter, PULONG pnMediaState);
+FILTER_STATUS Filter_GetAdapterMediumType(FilterAdapter* hAdapter, PULONG pnMedium);
+FILTER_STATUS Filter_IsNdisWanAdapter(FilterAdapter* hAdapter, PBOOLEAN pbNdisWan);
+
+/*
+ * The bytes of payload that a frame of the adapter takes. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ADAPTER_HANDLE: also
+ * for NULL, and before the other pointer is looked at. FILTER_ERROR_INVALID_ARGUMENT: pusMtu is NULL.
+ */
+FILTER_STATUS Filter_GetAdapterMtu(FilterAdapter* hAdapter, PUSHORT pusMtu);
+
+/*
+ * A copy of the adapter's name, with a terminating zero, in a block that the caller frees with Filter_FreeMemory.
+ * IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer. FILTER_ERROR_INVALID_ADAPTER_HANDLE. No memory:
+ * success, *ppName unwritten.
+ */
+FILTER_STATUS Filter_GetAdapterName(FilterAdapter* hAdapter, UNICODE_STRING** ppName);
+
+/*
+ * The MAC addresses (6 bytes) that a filter gives to the Ethernet headers of a PPP adapter; all zero until they have
+ * been set. Setting prints the address to the debug output. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: a NULL
+ * pointer. FILTER_ERROR_INVALID_ADAPTER_HANDLE. FILTER_ERROR_ADAPTER_NOT_OPEN: getters only, the address is all zero;
+ * it has been copied all the same.
+ */
+FILTER_STATUS Filter_GetAdapterPPPSrcMacAddress(FilterAdapter* hAdapter, UCHAR* pMacAddress);
+FILTER_STATUS Filter_GetAdapterPPPDstMacAddress(FilterAdapter* hAdapter, UCHAR* pMacAddress);
+FILTER_STATUS Filter_SetAdapterPPPSrcMacAddress(FilterAdapter* hAdapter, const UCHAR* pMacAddress);
+FILTER_STATUS Filter_SetAdapterPPPDstMacAddress(FilterAdapter* hAdapter, const UCHAR* pMacAddress);
+
+/*
+ * Stores the adapter's congestion-control switch as given; the hook driver acts on it. IRQL <= DISPATCH.
+ * FILTER_ERROR_INVALID_ARGUMENT: NULL adapter. FILTER_ERROR_INVALID_ADAPTER_HANDLE.
+ */
+FILTER_STATUS Filter_SetAdapterCongestionControl(FilterAdapter* hAdapter, BOOLEAN bEnable);
+
+/*
+ * Read and set whether the packets of an adapter are printed to the debug output (Filter_DumpPacket). The adapter is
+ * named by its current MAC address, 6 bytes. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer.
+ * FILTER_ERROR_ADAPTER_NOT_FOUND: no adapter of the table has this address.
+ */
+FILTER_STATUS Filter_GetAdapterPacketDump(const UCHAR* pMacAddress, PBOOLEAN pbEnabled);
+FILTER_STATUS Filter_SetAdapterPacketDump(const UCHAR* pMacAddress, BOOLEAN bEnable);
+
+/*
+ * Has the hook driver fill a list of the adapters bound to TCP/IP, with the whole AdapterList as its room. The
+ * framework's own table is not touched. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: NULL.
+ * FILTER_ERROR_INTERFACE_NOT_ACTIVE: no hook driver is bound, or it has no such function.
+ */
+FILTER_STATUS Filter_GetTcpIpBoundAdapters(AdapterList* pAdapterList);
+
+/*
+ * Stores the IP configuration of the adapter that pConfig->hAdapter names and reports FILTER_EVENT_IPCONFIG_CHANGED to
+ * all event handlers, which run at DISPATCH_LEVEL under the handler list's lock: not from inside such a handler.
+ * Before that it replaces Broadcast of the first m_nIP triples in the caller's record by what address and mask give. A
+ * record equal to the stored one, so computed, reports nothing. Keep the counts at 8 or below: a greater m_nIP reaches
+ * into the fields behind the triples. The record stays the caller's. Two that set one adapter at once may mix their
+ * records. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: NULL. FILTER_ERROR_INVALID_ADAPTER_HANDLE.
+ */
+FILTER_STATUS Filter_SetIPConfig(IPConfig* pConfig);
+
+/*
+ * The adapter's own IP configuration, for reading in place as long as the adapter is there; NULL when the handle is
+ * not valid or pConfig faults. It is copied to pConfig, too, unless that is NULL. A setting meanwhile may show half
+ * done. IRQL <= DISPATCH.
+ */
+IPConfig* Filter_GetIPConfig(FilterAdapter* hAdapter, IPConfig* pConfig);
+
+/*
+ * Have the hook driver read, or force, the media state of the adapter with a MAC address (6 bytes). What the values
+ * mean and how many bytes it writes to pState is the hook driver's matter. PASSIVE_LEVEL, unless it promises more.
+ * FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer. FILTER_ERROR_INTERFACE_NOT_ACTIVE: no hook driver is bound, or it has
+ * no such function. FILTER_ERROR_ADAPTER_NOT_FOUND, FILTER_ERROR_OUT_OF_MEMORY: the hook driver says so; any other
+ * answer of it is success.
+ */
+FILTER_STATUS Filter_GetAdapterMediaStateByMac(const UCHAR* pMacAddress, PVOID pState);
+FILTER_STATUS Filter_SetAdapterMediaStateByMac(const UCHAR* pMacAddress, UCHAR nState);
+
+/* --------------------------------------------------------------------------------------------- adapter contexts */
+
+/*
+ * Reserves one of the 16 context slots that every adapter has for a driver; the driver's slot when it has one already.
+ * *pnIndex is its index. The slot stays the driver's until it releases it, even behind its deregistration. The values
+ * in it are what the slot's owner before has left. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer.
+ * FILTER_ERROR_INVALID_DRIVER_HANDLE. FILTER_ERROR_NO_FREE_ADAPTER_CONTEXT: all slots are taken.
+ */
+FILTER_STATUS Filter_AcquireAdapterContext(FilterDriver* hFilterDriver, PULONG pnIndex);
+
+/*
+ * Stores a value in the driver's slot of an adapter. The value is not interpreted, nor freed. IRQL <= DISPATCH.
+ * FILTER_ERROR_INVALID_ARGUMENT: NULL driver or adapter. FILTER_ERROR_INVALID_DRIVER_HANDLE,
+ * FILTER_ERROR_INVALID_ADAPTER_HANDLE. FILTER_ERROR_INVALID_ADAPTER_CONTEXT: the index is above 15.
+ * FILTER_ERROR_INVALID_CONTEXT_OWNER: the slot is not this driver's.
+ */
+FILTER_STATUS Filter_SetAdapterContext(FilterDriver* hFilterDriver, FilterAdapter* hAdapter, ULONG nIndex,
+                                       PVOID pContext);
+
+/*
+ * Reads the value in any slot of an adapter, whoever owns it; NULL until set. IRQL <= DISPATCH.
+ * FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer. FILTER_ERROR_INVALID_ADAPTER_HANDLE.
+ * FILTER_ERROR_INVALID_ADAPTER_CONTEXT: the index is above 15.
+ */
+FILTER_STATUS Filter_GetAdapterContext(FilterAdapter* hAdapter, ULONG nIndex, PVOID* ppContext);
+
+/*
+ * Gives a slot back. The values in it stay, for its next owner to find; clear them before. IRQL <= DISPATCH.
+ * FILTER_ERROR_INVALID_ARGUMENT: NULL driver. FILTER_ERROR_INVALID_DRIVER_HANDLE.
+ * FILTER_ERROR_INVALID_ADAPTER_CONTEXT: the index is above 15. FILTER_ERROR_INVALID_CONTEXT_OWNER.
+ */
+FILTER_STATUS Filter_ReleaseAdapterContext(FilterDriver* hFilterDriver, ULONG nIndex);
+
+/* ----------------------------------------------------------------------------------------------- adapter events */
+
+/*
+ * An adapter event handler: told of an event (FILTER_EVENT_*) of an adapter, with the contexts of the driver and of
+ * the registration. Runs at DISPATCH_LEVEL under the handler list's lock: it must not block, nor register or
+ * deregister handlers or drivers, set an IP configuration or enumerate opened adapters.
+ */
+typedef VOID (*FILTER_EVENT_PROC)(FilterDriver* hFilterDriver, PVOID pDriverContext, ULONG nEvent,
+                                  PVOID pEventContext, FilterAdapter* hAdapter);
+
+/*
+ * Registers the one event handler of a driver, for all adapters; it is called behind those registered before. It hears
+ * of adapters that are open already from Filter_EnumOpenedAdapter. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT:
+ * NULL driver, procedure or output. FILTER_ERROR_INVALID_DRIVER_HANDLE. FILTER_ERROR_EVENT_HANDLER_ALREADY_REGISTERED:
+ * the driver has one. No memory: success, *phEventHandler unwritten.
+ */
+FILTER_STATUS Filter_RegisterEventHandler(FilterDriver* hFilterDriver, FILTER_EVENT_PROC pfEventProc,
+                                          PVOID pEventContext, EventHandler** phEventHandler);
+
+/* TRUE when the handle carries the handler tag; says so in the debug output otherwise. IRQL <= DISPATCH. */
+BOOLEAN Filter_IsValidEventHandler(EventHandler* hEventHandler);
+
+/*
+ * Removes a handler; it is not running any more when this returns. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: a
+ * NULL pointer. FILTER_ERROR_INVALID_DRIVER_HANDLE, FILTER_ERROR_INVALID_EVENT_HANDLER,
+ * FILTER_ERROR_EVENT_HANDLER_NOT_FOUND. FILTER_ERROR_INVALID_EVENT_HANDLER_OWNER: it belongs to another driver.
+ */
+FILTER_STATUS Filter_DeregisterEventHandler(FilterDriver* hFilterDriver, EventHandler* hEventHandler);
 
 /* --------------------------------------------------------------------------------------------- filter drivers */
 
@@ -488,8 +659,115 @@ VOID Filter_ClearPacketReleaseCallback(FilterPacket* pPacket);
  */
 FILTER_STATUS Filter_InitPacketHeader(FilterPacket* pPacket, UCHAR* pFrame);
 
+/*
+ * Recomputes a checksum of an IPv4 datagram in place: selector 0 the header's (RFC 791), 1 ICMP (RFC 792), 6 TCP
+ * (RFC 9293), 17 UDP (RFC 768). The selector decides, not the protocol in the header. Lengths are the header's own: as
+ * many bytes as its total length says must be readable, so compare it with the frame first. A UDP checksum of zero
+ * stays zero. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: NULL. FILTER_ERROR_UNSUPPORTED_PROTOCOL: another
+ * selector; nothing is written.
+ */
+FILTER_STATUS Filter_CalculatePacketCheckSum(PVOID pIpHeader, ULONG nProtocol);
+
+/*
+ * TRUE when the packet's IPv4 header checksum was right, or it has no IPv4 header; pPacket is not NULL. Either way the
+ * right checksum stands in the header afterwards. IRQL <= DISPATCH.
+ */
+BOOLEAN Filter_VerifyPacketCheckSum(FilterPacket* pPacket);
+
+/*
+ * A new packet of the same adapter with a copy of the whole frame, its parsed headers and application data. It has no
+ * NDIS packet, no release callback, and is not marked as modified. The clone belongs to the caller, the source stays
+ * whose it was. A source whose headers were parsed from a buffer outside of it gives a clone with an m_pEthernet that
+ * must not be followed, and no headers. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: NULL.
+ * FILTER_ERROR_OUT_OF_MEMORY: the hook driver gives no packet. FILTER_ERROR_EXCEPTION: a pointer faulted; *ppClone,
+ * which must be NULL beforehand, then holds the packet when there is one, which the caller releases.
+ */
+FILTER_STATUS Filter_ClonePacket(FilterPacket* pPacket, FilterPacket** ppClone);
+
 /* Prints a packet to the debug output when its adapter's dump flag is on. IRQL <= DISPATCH. */
 VOID Filter_DumpPacket(PCSTR pszTitle, FilterPacket* pPacket);
+
+/* --------------------------------------------------------------------------------------------- control requests */
+
+/*
+ * A handler of control requests of the user program that neither the framework nor the hook driver knows. Input and
+ * output are one buffer, NULL when both lengths (in bytes) are 0. The handler stores the number of output bytes
+ * through pBytesReturned, which is 0 before, and answers the status of the request. To decline, so that the next
+ * handler is asked, it answers what Filter_DefaultIoCtrlHandler does: 0xC00000BB, which ntstatus.h calls
+ * STATUS_NOT_SUPPORTED (STATUS_INVALID_DEVICE_REQUEST is another number, and an answer like any other).
+ *
+ * Runs in the program's thread, yet at DISPATCH_LEVEL, as the handler list is locked for reading: it must not block,
+ * nor register or deregister handlers or drivers. It may mark the request pending, answer STATUS_PENDING and complete
+ * it later, except a diagnostic one (IOCTL_NDIS_FILTER_DIAG), which the framework always completes. An exception is
+ * contained and ends the walk: the request is not supported then.
+ */
+typedef NTSTATUS (*FILTER_IOCTRL_PROC)(PVOID pIoCtrlContext, PIRP pIrp, ULONG nControlCode, PVOID pInputBuffer,
+                                       ULONG nInputLength, PVOID pOutputBuffer, ULONG nOutputLength,
+                                       ULONG_PTR* pBytesReturned);
+
+/*
+ * Registers the one handler of control requests of a driver; handlers are asked in the order of their registration.
+ * IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: NULL driver, procedure or output.
+ * FILTER_ERROR_INVALID_DRIVER_HANDLE. FILTER_ERROR_IOCTL_HANDLER_ALREADY_REGISTERED: the driver has one. No memory:
+ * success, *phIoCtrlHandler unwritten.
+ */
+FILTER_STATUS Filter_RegisterIoControl(FilterDriver* hFilterDriver, FILTER_IOCTRL_PROC pfIoCtrlProc,
+                                       PVOID pIoCtrlContext, IoCtrlHandler** phIoCtrlHandler);
+
+/* TRUE when the handle carries the handler tag; says so in the debug output otherwise. IRQL <= DISPATCH. */
+BOOLEAN Filter_IsValidIoCtrlHandler(IoCtrlHandler* hIoCtrlHandler);
+
+/*
+ * Removes a handler; it is not running any more when this returns. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: a
+ * NULL pointer. FILTER_ERROR_INVALID_DRIVER_HANDLE, FILTER_ERROR_INVALID_IOCTL_HANDLER,
+ * FILTER_ERROR_IOCTL_HANDLER_NOT_FOUND. FILTER_ERROR_INVALID_IOCTL_HANDLER_OWNER: it belongs to another driver.
+ */
+FILTER_STATUS Filter_DeregisterIoControl(FilterDriver* hFilterDriver, IoCtrlHandler* hIoCtrlHandler);
+
+/* Declines every request: the answer of a handler to codes that it does not own. Looks at nothing. Any IRQL. */
+NTSTATUS Filter_DefaultIoCtrlHandler(PVOID pIoCtrlContext, PIRP pIrp, ULONG nControlCode, PVOID pInputBuffer,
+                                     ULONG nInputLength, PVOID pOutputBuffer, ULONG nOutputLength,
+                                     ULONG_PTR* pBytesReturned);
+
+/* ------------------------------------------------------------------------------------------------- diagnostics */
+
+/*
+ * A diagnostic command and the reply to it, at the start of the output buffer of IOCTL_NDIS_FILTER_DIAG. The framework
+ * fills it before it asks the handlers; texts and vector are the framework's, constant until the request completes.
+ */
+typedef struct Diag {
+    PCHAR m_pszDriverName;  /*  0  first word of the command: the driver that is to answer, or "driver" for all */
+    LONG m_nArgumentCount;  /*  8  words behind it: 0 to 16 */
+    PCHAR* m_ppszArguments; /* 16  those words */
+    ULONG m_BufferSize;     /* 24  length of the output buffer, 40 or more */
+    ULONG m_BufferUsed;     /* 28  bytes of text printed so far */
+    BOOLEAN m_bInitialized; /* 32  1 */
+    CHAR m_Text[7];         /* 33  the text, up to the end of the output buffer; not zero-terminated */
+} Diag;
+
+/*
+ * Gives a handler the diagnostic command that it is asked to answer. The arguments are those of the handler, in a
+ * request with the code IOCTL_NDIS_FILTER_DIAG and no other. A handler looks at the driver's name (without regard to
+ * case): at its own it prints its reply and answers STATUS_SUCCESS; at "driver" without arguments it prints one line
+ * that names itself, and declines, so that the next one is asked; at any other it declines. The Diag lies in the
+ * output buffer and is valid until the handler returns. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: a NULL
+ * pointer or a length of 0. FILTER_ERROR_BUFFER_TOO_SMALL: an input of 1,024 bytes or more, or an output under 40.
+ */
+FILTER_STATUS Filter_BeginDiag(const VOID* pInputBuffer, ULONG nInputLength, PVOID pOutputBuffer,
+                               ULONG nOutputLength, Diag** ppDiag);
+
+/*
+ * Appends a formatted text. One that goes beyond the output buffer is cut there. One that is longer than m_BufferSize
+ * less m_BufferUsed takes 1 from m_BufferUsed, and the next text is written over it; up to that a cut one counts in
+ * full. IRQL <= DISPATCH (wide texts: PASSIVE_LEVEL). FILTER_ERROR_INVALID_ARGUMENT: NULL Diag or format.
+ */
+FILTER_STATUS Filter_DiagPrint(Diag* pDiag, PCSTR pszFormat, ...);
+
+/*
+ * Appends the packet filters of one chain with their counters. IRQL <= DISPATCH, not from inside a filter procedure.
+ * FILTER_ERROR_INVALID_FILTER_TYPE: no such chain.
+ */
+FILTER_STATUS Filter_DiagFilter(Diag* pDiag, FILTER_TYPE nType);
 
 #ifdef __cplusplus
 }

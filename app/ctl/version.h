@@ -1,0 +1,8 @@
+#pragma once
+
+namespace ctl
+{
+
+inline constexpr char kVersion[] = "0.1.0";
+
+} // namespace ctl

@@ -1,0 +1,320 @@
+// What client drivers read from an adapter and set in it, and its IP configuration.
+#include "support/framework.h"
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+using namespace support;
+using testing::Each;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace
+{
+
+constexpr uint32_t kTraceAdapter = 0x1;
+constexpr MacAddress kPermanentMac = {0x02, 0, 0, 0, 0, 0x99};
+constexpr MacAddress kPppMac = {0xAA, 0x0B, 0xCC, 0xDD, 0xEE, 0x0F};
+
+class PropertiesTest : public FrameworkTest
+{
+  protected:
+    PropertiesTest() : FrameworkTest(WithTrace(kTraceAdapter)) {}
+
+    void SetUp() override
+    {
+        FrameworkTest::SetUp();
+        hook::AdapterOptions options;
+        options.name = "{1} one";
+        options.address = kOwnMac;
+        options.permanentAddress = kPermanentMac;
+        options.mtu = 1492;
+        options.medium = 3;
+        options.ndisWan = true;
+        options.connected = false;
+        adapter_ = hook::AddAdapter(options);
+        hook::OpenAdapter(adapter_);
+        Debug().Take();
+    }
+
+    FilterAdapter* adapter_ = nullptr;
+    FilterAdapter noAdapter_ = {};
+};
+
+using IpConfigTest = PropertiesTest;
+
+TEST_F(PropertiesTest, AreReadAsTheHookDriverKeepsThem)
+{
+    MacAddress mac = {};
+    EXPECT_EQ(Filter_GetAdapterCurrentAddress(adapter_, mac.data()), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(mac, kOwnMac);
+    EXPECT_EQ(Filter_GetAdapterPermentAddress(adapter_, mac.data()), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(mac, kPermanentMac);
+    ULONG word = 99;
+    EXPECT_EQ(Filter_GetAdapterMediumType(adapter_, &word), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(word, 3u);
+    Debug().Take();
+    EXPECT_EQ(Filter_GetAdapterMediaState(adapter_, &word), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(word, hook::MediaState(adapter_));
+    EXPECT_EQ(Debug().Take(), "Enter Filter_GetAdapterState\n"
+                              "Leave Filter_GetAdapterMediaState, 0-FILTER_STATUS_SUCCESS\n");
+    BOOLEAN wan = FALSE;
+    EXPECT_EQ(Filter_IsNdisWanAdapter(adapter_, &wan), FILTER_STATUS_SUCCESS);
+    EXPECT_TRUE(wan);
+    EXPECT_EQ(Filter_SetAdapterCongestionControl(adapter_, 7), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(adapter_->m_bCongestionControl, 7);
+    EXPECT_EQ(Filter_SetAdapterCongestionControl(&noAdapter_, 1), FILTER_ERROR_INVALID_ADAPTER_HANDLE);
+
+    EXPECT_EQ(Filter_GetAdapterMediumType(nullptr, &word), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_GetAdapterMediumType(&noAdapter_, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    Debug().Take();
+    EXPECT_EQ(Filter_GetAdapterCurrentAddress(&noAdapter_, mac.data()), FILTER_ERROR_INVALID_ADAPTER_HANDLE);
+    EXPECT_THAT(
+        Debug().Take(),
+        testing::EndsWith("  Error: -7 - FILTER_ERROR_INVALID_ADAPTER_HANDLE\nLeave "
+                          "Filter_GetAdapterCurrentAddress, -7-FILTER_ERROR_INVALID_ADAPTER_HANDLE\n"));
+}
+
+TEST_F(PropertiesTest, TheMtuIsReadWithChecksAndLinesOfItsOwn)
+{
+    USHORT mtu = 0;
+    EXPECT_EQ(Filter_GetAdapterMtu(adapter_, &mtu), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(mtu, 1492);
+    EXPECT_EQ(Debug().Take(), "Enter Filter_GetAdapterMtu\nLeave Filter_GetAdapterMtu, 1492\n");
+    EXPECT_EQ(Filter_GetAdapterMtu(nullptr, nullptr), FILTER_ERROR_INVALID_ADAPTER_HANDLE);
+    EXPECT_THAT(Debug().Take(), testing::EndsWith("Leave Filter_GetAdapterMtu, Invalid adapter\n"));
+    EXPECT_EQ(Filter_GetAdapterMtu(adapter_, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_THAT(Debug().Take(), testing::EndsWith("Leave Filter_GetAdapterMtu, Invalid argument\n"));
+}
+
+TEST_F(PropertiesTest, TheNameIsACopyThatTheCallerFrees)
+{
+    UNICODE_STRING* name = nullptr;
+    ASSERT_EQ(Filter_GetAdapterName(adapter_, &name), FILTER_STATUS_SUCCESS);
+    ASSERT_NE(name, nullptr);
+    constexpr char16_t expected[] = u"{1} one";
+    EXPECT_EQ(name->Length, sizeof(expected) - 2);
+    EXPECT_EQ(name->MaximumLength, sizeof(expected));
+    EXPECT_EQ(reinterpret_cast<uint8_t*>(name->Buffer), reinterpret_cast<uint8_t*>(name) + 16);
+    EXPECT_EQ(memcmp(name->Buffer, expected, sizeof(expected)), 0);
+    EXPECT_EQ(Filter_FreeMemory(name), FILTER_STATUS_SUCCESS);
+
+    UNICODE_STRING untouched;
+    name = &untouched;
+    machine::FailCall(machine::Fault::Pool, 1);
+    EXPECT_EQ(Filter_GetAdapterName(adapter_, &name), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(name, &untouched);
+}
+
+TEST_F(PropertiesTest, PppAddressesAreZeroUntilSet)
+{
+    Bytes mac(6, 0xEE);
+    EXPECT_EQ(Filter_GetAdapterPPPSrcMacAddress(adapter_, mac.data()), FILTER_ERROR_ADAPTER_NOT_OPEN);
+    EXPECT_THAT(mac, Each(0));
+    Debug().Take();
+    EXPECT_EQ(Filter_SetAdapterPPPSrcMacAddress(adapter_, kPppMac.data()), FILTER_STATUS_SUCCESS);
+    EXPECT_THAT(Debug().Take(), HasSubstr("Set PPPSrcMacAddress = aa-0b-cc-dd-ee-0f\n"));
+    EXPECT_EQ(Filter_GetAdapterPPPSrcMacAddress(adapter_, mac.data()), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(mac, Bytes(kPppMac.begin(), kPppMac.end()));
+    EXPECT_EQ(Filter_GetAdapterPPPDstMacAddress(adapter_, mac.data()), FILTER_ERROR_ADAPTER_NOT_OPEN);
+    EXPECT_EQ(Filter_SetAdapterPPPDstMacAddress(adapter_, kPeerMac.data()), FILTER_STATUS_SUCCESS);
+    EXPECT_THAT(Debug().Take(), HasSubstr("Set PPPDstMacAddress = 02-00-00-00-00-02\n"));
+    EXPECT_EQ(Filter_GetAdapterPPPDstMacAddress(adapter_, mac.data()), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(mac, Bytes(kPeerMac.begin(), kPeerMac.end()));
+}
+
+TEST_F(PropertiesTest, PacketDumpIsSwitchedByTheCurrentAddress)
+{
+    BOOLEAN enabled = TRUE;
+    EXPECT_EQ(Filter_GetAdapterPacketDump(kOwnMac.data(), &enabled), FILTER_STATUS_SUCCESS);
+    EXPECT_FALSE(enabled);
+    EXPECT_EQ(Filter_SetAdapterPacketDump(kOwnMac.data(), TRUE), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(Filter_GetAdapterPacketDump(kOwnMac.data(), &enabled), FILTER_STATUS_SUCCESS);
+    EXPECT_TRUE(enabled);
+    EXPECT_TRUE(adapter_->m_bPacketDump);
+    EXPECT_EQ(Filter_SetAdapterPacketDump(kPermanentMac.data(), FALSE), FILTER_ERROR_ADAPTER_NOT_FOUND);
+    EXPECT_EQ(Filter_GetAdapterPacketDump(kPermanentMac.data(), &enabled), FILTER_ERROR_ADAPTER_NOT_FOUND);
+    EXPECT_TRUE(adapter_->m_bPacketDump);
+}
+
+TEST_F(PropertiesTest, TheHookDriverAnswersForTheListAndTheMediaState)
+{
+    const auto list = std::make_unique<AdapterList>();
+    UCHAR state = 99;
+    EXPECT_EQ(Filter_GetTcpIpBoundAdapters(list.get()), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(list->m_nAdapterCount, 1u);
+    FilterAdapter* const listed = list->m_Adapters[0].m_hAdapter; // by value: entries are not aligned
+    EXPECT_EQ(listed, adapter_);
+
+    EXPECT_EQ(Filter_GetAdapterMediaStateByMac(kOwnMac.data(), &state), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(state, hook::MediaState(adapter_));
+    EXPECT_EQ(Filter_SetAdapterMediaStateByMac(kOwnMac.data(), 5), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(hook::MediaState(adapter_), 5u);
+    EXPECT_EQ(Filter_GetAdapterMediaStateByMac(kPeerMac.data(), &state), FILTER_ERROR_ADAPTER_NOT_FOUND);
+    EXPECT_EQ(Filter_SetAdapterMediaStateByMac(kPeerMac.data(), 0), FILTER_ERROR_ADAPTER_NOT_FOUND);
+
+    ASSERT_EQ(hook::Unbind(), STATUS_SUCCESS);
+    EXPECT_EQ(Filter_GetTcpIpBoundAdapters(list.get()), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
+    EXPECT_EQ(Filter_GetAdapterMediaStateByMac(kOwnMac.data(), &state), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
+    EXPECT_EQ(Filter_SetAdapterMediaStateByMac(kOwnMac.data(), 0), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
+}
+
+struct AnsweringHookTest : FrameworkTest {
+    AnsweringHookTest() : FrameworkTest(FrameworkOnly()) {}
+    static inline NTSTATUS answer;
+};
+
+TEST_F(AnsweringHookTest, TwoStatusesOfTheHookDriverAreFailures)
+{
+    const auto device = OpenDevice();
+    NdisHookAPI record = HookRecord();
+    record.Hook_SetAdapterStatus = [](const UCHAR*, ULONG) { return answer; };
+    record.Hook_GetAdapterStatus = [](const UCHAR*, PVOID) -> NTSTATUS {
+        FaultOnRead();
+        return STATUS_SUCCESS;
+    };
+    ASSERT_EQ(Exchange(*device, IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK, record).status, STATUS_SUCCESS);
+    for (const auto& [status, expected] :
+         std::vector<std::pair<uint32_t, FILTER_STATUS>>{{0, FILTER_STATUS_SUCCESS},
+                                                         {0xC0010006, FILTER_ERROR_ADAPTER_NOT_FOUND},
+                                                         {0xC000009A, FILTER_ERROR_OUT_OF_MEMORY},
+                                                         {0xC0000001, FILTER_STATUS_SUCCESS}}) {
+        answer = static_cast<NTSTATUS>(status);
+        EXPECT_EQ(Filter_SetAdapterMediaStateByMac(kOwnMac.data(), 1), expected) << std::hex << status;
+    }
+    Debug().Take();
+    UCHAR state = 0;
+    EXPECT_EQ(Filter_GetAdapterMediaStateByMac(kOwnMac.data(), &state), FILTER_ERROR_EXCEPTION);
+    EXPECT_EQ(Debug().Take(), "Hook_GetAdapterStatus: exception, code = -1073741819\n");
+    EXPECT_EQ(Exchange(*device, IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK, record).status, STATUS_SUCCESS);
+}
+
+// ------------------------------------------------------------------------------------------ IP configuration
+
+constexpr ULONG Ip(ULONG a, ULONG b, ULONG c, ULONG d)
+{
+    return a | b << 8 | c << 16 | d << 24;
+}
+
+IPConfig TwoAddresses(FilterAdapter* adapter)
+{
+    IPConfig config = {};
+    config.hAdapter = adapter;
+    config.m_nReserved = 42;
+    config.m_nIP = 2;
+    config.m_Address[0] = {Ip(192, 168, 1, 7), Ip(255, 255, 255, 0), 0};
+    config.m_Address[1] = {Ip(10, 1, 2, 3), Ip(255, 0, 0, 0), 0};
+    config.m_Address[2] = {Ip(9, 9, 9, 9), Ip(255, 0, 0, 0), 77};
+    config.m_nGW = 1;
+    config.RouterAddr[0] = Ip(192, 168, 1, 1);
+    config.m_nDHCP = 1;
+    config.DhcpServer[0] = Ip(192, 168, 1, 2);
+    config.m_nDNS = 1;
+    config.DnsServer[0] = Ip(8, 8, 4, 4);
+    config.WinsServer1 = Ip(1, 1, 1, 1);
+    config.WinsServer2 = Ip(2, 2, 2, 2);
+    return config;
+}
+
+VOID CountChanges(FilterDriver*, PVOID, ULONG event, PVOID context, FilterAdapter* adapter)
+{
+    if (event == FILTER_EVENT_IPCONFIG_CHANGED) {
+        static_cast<std::vector<FilterAdapter*>*>(context)->push_back(adapter);
+    }
+}
+
+TEST_F(IpConfigTest, AChangeIsReportedOnceAndBroadcastsAreComputed)
+{
+    const TestDriver driver;
+    EventHandler* handler = nullptr;
+    std::vector<FilterAdapter*> changes;
+    ASSERT_EQ(Filter_RegisterEventHandler(driver.Handle(), CountChanges, &changes, &handler),
+              FILTER_STATUS_SUCCESS);
+    IPConfig config = TwoAddresses(adapter_);
+    EXPECT_EQ(Filter_SetIPConfig(&config), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(config.m_Address[0].Broadcast, Ip(192, 168, 1, 255));
+    EXPECT_EQ(config.m_Address[1].Broadcast, Ip(10, 255, 255, 255));
+    EXPECT_EQ(config.m_Address[2].Broadcast, 77u);
+    EXPECT_EQ(changes, std::vector{adapter_});
+
+    Debug().Take();
+    config.m_Address[0].Broadcast = 12345; // is replaced before the comparison
+    EXPECT_EQ(Filter_SetIPConfig(&config), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(Debug().Take(), "Enter Filter_SetIPConfig\nNo IP Address change, ignore\n"
+                              "Leave Filter_SetIPConfig, 0-FILTER_STATUS_SUCCESS\n");
+    EXPECT_EQ(changes.size(), 1u);
+    config.m_nReserved++; // carried and compared
+    EXPECT_EQ(Filter_SetIPConfig(&config), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(changes.size(), 2u);
+
+    IPConfig read = {};
+    IPConfig* const own = Filter_GetIPConfig(adapter_, &read);
+    EXPECT_EQ(own, &adapter_->m_IPConfig);
+    EXPECT_EQ(memcmp(&read, &config, sizeof(read)), 0);
+    EXPECT_EQ(Filter_GetIPConfig(adapter_, nullptr), own);
+    EXPECT_EQ(Filter_SetIPConfig(own), FILTER_STATUS_SUCCESS); // in place: nothing changes
+    EXPECT_EQ(changes.size(), 2u);
+
+    config.hAdapter = &noAdapter_;
+    EXPECT_EQ(Filter_SetIPConfig(&config), FILTER_ERROR_INVALID_ADAPTER_HANDLE);
+    Debug().Take();
+    EXPECT_EQ(Filter_GetIPConfig(&noAdapter_, &read), nullptr);
+    EXPECT_THAT(Debug().Take(), testing::EndsWith("Leave Filter_GetIPConfig, Invalid adapter\n"));
+}
+
+TEST_F(IpConfigTest, IsPrintedLineByLine)
+{
+    IPConfig config = TwoAddresses(adapter_);
+    config.m_nIP = 1;
+    EXPECT_EQ(Filter_SetIPConfig(&config), FILTER_STATUS_SUCCESS);
+    Debug().Take();
+    IPConfig* const own = Filter_GetIPConfig(adapter_, nullptr);
+    EXPECT_EQ(Debug().Take(), "Enter Filter_GetIPConfig\n"
+                              "- hAdapter = " +
+                                  PointerText(adapter_) +
+                                  "\n"
+                                  "- m_nIP    = 1\n"
+                                  "- IpAddress[0] = 192.168.1.7\n"
+                                  "- Netmask[0]   = 255.255.255.0\n"
+                                  "- Broadcast[0] = 192.168.1.255\n"
+                                  "- m_nGW    = 1\n"
+                                  "- RouterAddr[0] = 192.168.1.1\n"
+                                  "- m_nDHCP  = 1\n"
+                                  "- DhcpServer[0] = 192.168.1.2\n"
+                                  "- m_nDNS   = 1\n"
+                                  "- DnsServer[0]  = 8.8.4.4\n"
+                                  "- WinsServer1 = 1.1.1.1\n"
+                                  "- WinsServer2 = 1.1.1.1\n"
+                                  "Leave Filter_GetIPConfig, " +
+                                  PointerText(own) + "\n");
+}
+
+// Counts above eight reach into the fields behind, and end with the record.
+TEST_F(IpConfigTest, HugeCountsStayInsideTheRecord)
+{
+    const auto config = std::make_unique<IPConfig>(TwoAddresses(adapter_));
+    for (const ULONG count : {9u, 17u, 18u, 1000u, 0xFFFFFFFFu}) {
+        *config = TwoAddresses(adapter_);
+        config->m_nIP = config->m_nGW = config->m_nDHCP = config->m_nDNS = count;
+        const Bytes behind(adapter_->m_HookReserved2, adapter_->m_HookReserved2 + 12);
+        Debug().Take();
+        EXPECT_EQ(Filter_SetIPConfig(config.get()), FILTER_STATUS_SUCCESS) << count;
+        EXPECT_EQ(config->m_nIP, count);
+        // The ninth triple lies at the count and the first routers: its broadcast is the second router.
+        EXPECT_EQ(config->RouterAddr[1], SubnetBroadcastAddress(count, Ip(192, 168, 1, 1))) << count;
+        EXPECT_EQ(memcmp(&adapter_->m_IPConfig, config.get(), sizeof(*config)), 0) << count;
+        EXPECT_EQ(Bytes(adapter_->m_HookReserved2, adapter_->m_HookReserved2 + 12), behind) << count;
+        const std::string text = Debug().Take();
+        const bool all = count >= 18;
+        EXPECT_EQ(text.find("- Netmask[17]   = 2.2.2.2\n") != std::string::npos, all) << count;
+        EXPECT_THAT(text, Not(HasSubstr("- Broadcast[17]")));
+        EXPECT_EQ(text.find("- RouterAddr[27] = 2.2.2.2\n") != std::string::npos, count > 27) << count;
+        EXPECT_THAT(text, Not(HasSubstr("- RouterAddr[28]")));
+        EXPECT_THAT(text, Not(HasSubstr("- DhcpServer[19]")));
+        EXPECT_THAT(text, Not(HasSubstr("- DnsServer[10]")));
+    }
+}
+
+} // namespace

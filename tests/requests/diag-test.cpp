@@ -1,0 +1,326 @@
+// Diagnostic commands: what the framework answers, how other drivers join, and what lengths do to the reply.
+#include "requests.h"
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <thread>
+
+using namespace requests;
+using namespace support;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+namespace
+{
+
+constexpr uint32_t kTextOffset = offsetof(UserDiag, m_Text);
+constexpr char kHelp[] = "help - print this messages\n"
+                         "show info - print driver info\nshow hookapi - print NDIS Hook API\n"
+                         "show shmem - print share memory info\nshow adaptert - print adapter list\n"
+                         "show driver - print filter driver list\nshow filter - print packet filter\n"
+                         "show timer - print timer info\nshow ioctl - print IOCTL handler\n";
+
+Bytes Command(const std::string& text)
+{
+    return Bytes(text.begin(), text.end());
+}
+
+struct DiagTest : RequestsTest {
+    DiagTest() : RequestsTest(WithTrace(0)) {}
+
+    // The reply's text; its header in `diag`.
+    std::string Ask(const std::string& command, size_t size = 65536)
+    {
+        Bytes output(size, 0xEE);
+        result = Control(IOCTL_NDIS_FILTER_DIAG, Command(command), output);
+        EXPECT_EQ(result.status, STATUS_SUCCESS) << command;
+        diag = {};
+        std::copy_n(output.begin(), std::min(result.information, sizeof(diag)),
+                    reinterpret_cast<uint8_t*>(&diag));
+        const size_t end = std::min<size_t>(result.information, kTextOffset + diag.m_BufferUsed);
+        return end > kTextOffset ? std::string(output.begin() + kTextOffset, output.begin() + end) : "";
+    }
+
+    Result result;
+    UserDiag diag;
+};
+
+// A client driver that answers under its name.
+class Answerer
+{
+  public:
+    using Answer = std::function<NTSTATUS(Diag* diag)>;
+
+    Answerer(const std::string& name, Answer answer) : driver_(name), answer_(std::move(answer))
+    {
+        IoCtrlHandler* handler = nullptr;
+        EXPECT_EQ(Filter_RegisterIoControl(driver_.Handle(), Handle, this, &handler), FILTER_STATUS_SUCCESS);
+    }
+
+  private:
+    static NTSTATUS Handle(PVOID context, PIRP, ULONG, PVOID input, ULONG inputLength, PVOID output,
+                           ULONG outputLength, ULONG_PTR* returned)
+    {
+        *returned = 7; // of no consequence: the reply's length is the framework's business
+        Diag* diag = nullptr;
+        const FILTER_STATUS status = Filter_BeginDiag(input, inputLength, output, outputLength, &diag);
+        EXPECT_EQ(status, FILTER_STATUS_SUCCESS);
+        EXPECT_EQ(diag, output);
+        return static_cast<Answerer*>(context)->answer_(diag);
+    }
+
+    TestDriver driver_;
+    Answer answer_;
+};
+
+TEST_F(DiagTest, TheHelpAndItsRefusals)
+{
+    EXPECT_EQ(Ask("filter help"), kHelp);
+    EXPECT_EQ(result.information, 40 + sizeof(kHelp) - 1);
+    EXPECT_EQ(+diag.m_BufferSize, 65536u);
+    EXPECT_EQ(+diag.m_BufferUsed, sizeof(kHelp) - 1);
+    EXPECT_EQ(+diag.m_nArgumentCount, 1);
+    EXPECT_EQ(+diag.m_bInitialized, 1);
+    EXPECT_EQ(Ask("FILTER HELP me"), kHelp);
+    EXPECT_EQ(Ask("filter nonsense"), kHelp);
+    EXPECT_EQ(Ask("filter show nonsense"), "unsupport command show\n");
+    EXPECT_EQ(Ask("filter shows info"), "unsupport command shows\n");
+    // Not the framework's: nobody answers, and the request succeeds all the same.
+    for (const char* command :
+         {"filter", "filter ", "driver other", "driver filter more", "other show info", " x"}) {
+        EXPECT_EQ(Ask(command), "") << command;
+        EXPECT_EQ(result.information, 40u);
+    }
+    EXPECT_EQ(Ask("Driver Filter"), "Select filter - NDIS Packet Filter Driver\n");
+    EXPECT_THAT(Ask("driver"),
+                MatchesRegex("filter - NDIS Packet Filter Driver, Build at [A-Z][a-z][a-z] [ 0-9][0-9] "
+                             "[0-9]+ [0-9][0-9]:[0-9][0-9]:[0-9][0-9]\n"));
+}
+
+TEST_F(DiagTest, WordsAreSplitAtBlanksOnly)
+{
+    std::vector<std::string> words;
+    Answerer answerer("split", [&](Diag* asked) -> NTSTATUS {
+        words.assign(asked->m_ppszArguments, asked->m_ppszArguments + asked->m_nArgumentCount);
+        words.insert(words.begin(), asked->m_pszDriverName);
+        return STATUS_SUCCESS;
+    });
+    using Words = std::vector<std::string>;
+    Debug().Take();
+    Ask("me  a\tb   c ");
+    EXPECT_EQ(words, (Words{"me", "a\tb", "c"}));
+    const std::string printed = Debug().Take();
+    EXPECT_THAT(printed, StartsWith(" - InputBufferLength = 12\n - pInputBuffer = me  a\tb   c \n"
+                                    " - OutputBufferLength = 65536\n - pOutputBuffer = 0x"));
+    const std::string command = "\n - driver = me\n - argc = 2\n - argv[0] = a\tb\n - argv[1] = c\n";
+    EXPECT_THAT(printed, HasSubstr(command + "Enter NdisFilter_DiagHandler" + command +
+                                   "pDiag->m_BufferSize = 65536\npDiag->m_BufferUsed = 0\n"
+                                   "pDiag->m_bInitialized = TRUE\n"));
+    Ask(" a");
+    EXPECT_EQ(words, (Words{"", "a"}));
+    Ask("me a\x80 b \x80rest c"); // a byte above 127 begins no word
+    EXPECT_EQ(words, (Words{"me", "a\x80", "b"}));
+    Ask(std::string("me a\0 b", 7));
+    EXPECT_EQ(words, (Words{"me", "a"}));
+    Ask("me 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17");
+    ASSERT_EQ(words.size(), 17u);
+    EXPECT_EQ(words.back(), "16");
+    Ask("me " + std::string(1020, 'x'));
+    EXPECT_EQ(words, (Words{"me", std::string(1020, 'x')}));
+
+    words.clear();
+    Debug().Take();
+    EXPECT_EQ(Ask("me " + std::string(1021, 'x')), "");
+    EXPECT_EQ(result.information, 0u);
+    EXPECT_EQ(Debug().Take(), "Buffer too small, copy buffer size is less than input buffer\n");
+    Ask("");
+    EXPECT_EQ(result.information, 0u);
+    EXPECT_EQ(Debug().Take(), "Invalid arguments: length is 0 or argv buffer size is 0\n");
+    EXPECT_EQ(Control(IOCTL_NDIS_FILTER_DIAG, {}, {}).information, 0u);
+    EXPECT_EQ(Debug().Take(), "Invalid arguments: buffer are NULL\n");
+    EXPECT_TRUE(words.empty());
+}
+
+TEST_F(DiagTest, OtherDriversJoinInTheReply)
+{
+    bool pends = false;
+    const auto answerAs = [&](const char* name) {
+        return [&pends, name](Diag* asked) -> NTSTATUS {
+            if (std::string(asked->m_pszDriverName) == "driver" && asked->m_nArgumentCount == 0) {
+                EXPECT_EQ(Filter_DiagPrint(asked, "%s - %d\n", name, 5), FILTER_STATUS_SUCCESS);
+            } else if (std::string(asked->m_pszDriverName) == name) {
+                EXPECT_EQ(Filter_DiagPrint(asked, "here is %s\n", name), FILTER_STATUS_SUCCESS);
+                return pends ? STATUS_PENDING : STATUS_SUCCESS;
+            }
+            return Filter_DefaultIoCtrlHandler(nullptr, nullptr, 0, nullptr, 0, nullptr, 0, nullptr);
+        };
+    };
+    Answerer one("one", answerAs("one"));
+    Answerer two("two", answerAs("two"));
+    EXPECT_THAT(Ask("driver"), MatchesRegex("filter - .*\none - 5\ntwo - 5\n"));
+    EXPECT_EQ(Ask("two words"), "here is two\n");
+    EXPECT_EQ(result.information, 40u + 12);
+    EXPECT_EQ(Ask("three"), "");
+    pends = true; // the framework completes it nevertheless
+    EXPECT_EQ(Ask("one"), "here is one\n");
+    // The hook driver is asked before them, with the same buffer.
+    hook::SetIoControlHandler([](uint32_t code, const void*, uint32_t, void* output, uint32_t, uint32_t*) {
+        EXPECT_EQ(code, IOCTL_NDIS_FILTER_DIAG);
+        Filter_DiagPrint(static_cast<Diag*>(output), "hook\n");
+        return STATUS_SUCCESS;
+    });
+    EXPECT_EQ(Ask("one"), "hook\n");
+    EXPECT_EQ(Ask("filter nonsense"), kHelp);
+}
+
+TEST_F(DiagTest, OneRunsAtATime)
+{
+    std::unique_ptr<machine::File> second = OpenDevice();
+    Answerer answerer("nested", [&](Diag*) -> NTSTATUS {
+        std::thread([&] {
+            Bytes output(100, 0xEE);
+            const Result other = second->Control(IOCTL_NDIS_FILTER_DIAG, Command("filter help"), output);
+            EXPECT_EQ(other.status, STATUS_SUCCESS);
+            EXPECT_EQ(other.information, 0u);
+        }).join();
+        FaultOnRead(); // and it ends when a handler faults
+        return STATUS_SUCCESS;
+    });
+    Ask("nested");
+    EXPECT_EQ(result.information, 40u);
+    EXPECT_TRUE(Debug().Contains("driver diagnostic are in progress\n"));
+    EXPECT_TRUE(Debug().Contains("NdisFilterIoControl: exception in filter, code = -1073741819\n"));
+    EXPECT_EQ(Ask("filter help"), kHelp);
+}
+
+TEST_F(DiagTest, TheStateIsShownListByList)
+{
+    FilterAdapter* adapter = AddAdapter("{A} shown", kOwnMac);
+    TestDriver driver("shown-client", adapter);
+    TestFilter filter(driver, {.name = "shown-filter", .type = FILTER_TYPE_OUTGOING_PACKET, .order = 7},
+                      [](FilterPacket*) { return FILTER_RESULT_BYPASS; });
+    ASSERT_EQ(hook::DeliverSent(adapter, UdpFrame()), hook::Accepted::Yes);
+
+    EXPECT_THAT(
+        Ask("filter show info"),
+        MatchesRegex("- m_pDeviceObject = 0x[0-9A-F]{16}\n- m_DeviceSymbolicLink = .DosDevices.NdisFilter\n"
+                     "- m_bSymbolicLinkCreated = TRUE\n"));
+    std::string text = Ask("FILTER SHOW HOOKAPI extra");
+    EXPECT_THAT(text,
+                StartsWith(" - m_MajorVersion = 0x0000000000000001\n - m_MinorVersion = 0x0000000000000000\n"
+                           " - Filter_AdapterOpened = 0x"));
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 21);
+    EXPECT_THAT(
+        Ask("filter show shmem"),
+        MatchesRegex("- m_pMappedMemory = 0x.{16}\n- m_bStopShare = FALSE\n- m_pPendingReadIrp = 0x0{16}\n"
+                     "- m_SharedMemory.KernelModeInput\n(  - .*\n){8}- m_pSharedMemory.KernelModeOutput\n"
+                     "(  - .*\n){7}  - m_nCount = 512\n- m_nNdisHelperWorkThread = 3\n"
+                     "- m_hShareMemoryThread.0. = 0x.{16}\n"));
+    EXPECT_THAT(Ask("filter show adapter"),
+                MatchesRegex("- m_nAdapterCount = 1\n- m_AdapterList.0. = 0x.{16}\n  - m_hAdapter = " +
+                             PointerText(adapter) +
+                             "\n  - m_nAdapterMedium = 0\n  - m_usMTU = 1500\n  - m_dwAdapterState = [0-9]+\n"
+                             "  - m_PermanentAddress = 02-00-00-00-00-01\n"
+                             "  - m_CurrentAddress = 02-00-00-00-00-01\n  - m_szAdapterName = .A. shown\n"));
+    EXPECT_EQ(Ask("filter show driver"), "- pFilterDriver = " + PointerText(driver.Handle()) +
+                                             "\n- m_pDriverContext = " + PointerText(adapter) +
+                                             "\n- m_DriverName = shown-client\n");
+    text = Ask("filter show filter");
+    EXPECT_THAT(text, StartsWith("Packet Filter(Type = 0 - "));
+    EXPECT_THAT(text,
+                HasSubstr("- Filter[0]\n  - m_FilterName      = shown-filter\n  - m_hFilterDriver   = " +
+                          PointerText(driver.Handle()) + "\n"));
+    EXPECT_THAT(text, HasSubstr("  - m_FilterOrder     = 7 - FILTER_ORDER_FIXED\n  - m_PacketProcess   = 1\n"
+                                "  - m_PacketBypass    = 1\n  - m_PacketDiscard   = 0\n"));
+    EXPECT_EQ(Ask("filter show timer"), "");
+    Answerer answerer("shown-answerer", [](Diag*) -> NTSTATUS { return STATUS_SUCCESS; });
+    EXPECT_THAT(
+        Ask("filter show ioctl"),
+        MatchesRegex("- pIoCtrlHandler = 0x.{16}\n- m_hFilterDriver = 0x.{16}\n- m_pfIoCtrlProc = 0x.{16}\n"
+                     "- m_pIoCtrlContext = " +
+                     PointerText(&answerer) + "\n"));
+}
+
+// The room of a text is reckoned without the header: up to 33 bytes more than there are count as printed.
+TEST_F(DiagTest, EveryLengthOfOutputHoldsItsReply)
+{
+    constexpr uint32_t kFirst = 27; // "help - print this messages\n"
+    for (uint32_t size = 0; size <= 700; size++) {
+        const std::string text = Ask("filter help", size);
+        if (size < 40) {
+            EXPECT_EQ(result.information, 0u) << size;
+            continue;
+        }
+        const uint32_t second = sizeof(kHelp) - 1 - kFirst;
+        const uint32_t used = second <= size - kFirst ? kFirst + second : kFirst - 1;
+        EXPECT_EQ(+diag.m_BufferUsed, used) << size;
+        EXPECT_EQ(result.information, std::min(40 + used, size));
+        EXPECT_EQ(text, std::string(kHelp).substr(0, std::min(used, size - kTextOffset))) << size;
+    }
+    Debug().Take();
+    Ask("filter help", 39);
+    EXPECT_EQ(Debug().Take(), "Buffer too small, copy buffer size is less than input buffer\n");
+    // A first text that does not fit takes the count below zero; no text is lost outside after that.
+    Ask("driver", 65);
+    EXPECT_EQ(+diag.m_BufferUsed, 0xFFFFFFFFu);
+    EXPECT_EQ(result.information, 39u);
+    Answerer answerer("late", [](Diag* asked) -> NTSTATUS {
+        const ULONG before = asked->m_BufferUsed;
+        EXPECT_EQ(Filter_DiagPrint(asked, "late"), FILTER_STATUS_SUCCESS);
+        EXPECT_EQ(asked->m_BufferUsed, before + 4);
+        return STATUS_SUCCESS;
+    });
+    EXPECT_EQ(Ask("driver", 65), "fil");
+    // Without memory a text that ends outside counts as one that does not fit.
+    machine::FailAllFrom(machine::Fault::Pool, 1);
+    Ask("filter help", 50);
+    machine::ClearFaults();
+    EXPECT_EQ(+diag.m_BufferUsed, 0xFFFFFFFEu);
+}
+
+TEST_F(DiagTest, TheReplyHoldsNothingThatTheProgramHasNotSent)
+{
+    // The command of a longer input stays behind the text area, whose last bytes are not cleared.
+    Bytes output(48, 0xEE);
+    const std::string command = "me 3456789012345678901234567890123456789012345678";
+    Answerer answerer("full", [](Diag* asked) -> NTSTATUS {
+        asked->m_BufferUsed = 4000;
+        return STATUS_SUCCESS;
+    });
+    EXPECT_EQ(Control(IOCTL_NDIS_FILTER_DIAG, Command(command), output).information, 48u);
+    EXPECT_EQ(std::string(output.begin() + 33, output.end()), std::string(8, '\0') + command.substr(41, 7));
+    EXPECT_EQ(Control(IOCTL_NDIS_FILTER_DIAG, Command("me"), output).information, 48u);
+    EXPECT_EQ(std::string(output.begin() + 33, output.end()), std::string(15, '\0'));
+}
+
+TEST_F(DiagTest, TheExportsRefuseWhatTheyAreNotGiven)
+{
+    Diag made = {};
+    Diag* out = nullptr;
+    char text[] = "x";
+    made.m_BufferSize = sizeof(made);
+    EXPECT_EQ(Filter_BeginDiag(nullptr, 1, &made, 40, &out), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_BeginDiag(text, 1, &made, 40, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_BeginDiag(text, 1, &made, 0, &out), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_BeginDiag(text, 1, &made, 39, &out), FILTER_ERROR_BUFFER_TOO_SMALL);
+    EXPECT_EQ(Filter_BeginDiag(text, 1024, &made, 40, &out), FILTER_ERROR_BUFFER_TOO_SMALL);
+    EXPECT_EQ(Filter_BeginDiag(text, 1, &made, 40, Unwritable<Diag*>()), FILTER_ERROR_EXCEPTION);
+    EXPECT_EQ(out, nullptr);
+    // A buffer that holds no command, but what a program has written: its addresses are not followed.
+    made.m_pszDriverName = Unreadable<char>();
+    made.m_ppszArguments = Unreadable<PCHAR>();
+    made.m_nArgumentCount = 1 << 30;
+    EXPECT_EQ(Filter_BeginDiag(text, 1, &made, 40, &out), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(out, &made);
+    EXPECT_EQ(Filter_DiagPrint(nullptr, "x"), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_DiagPrint(&made, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_DiagPrint(&made, "%s", Unreadable<char>()), FILTER_ERROR_EXCEPTION);
+    EXPECT_EQ(made.m_BufferUsed, 0u);
+    EXPECT_EQ(Filter_DiagFilter(&made, FILTER_TYPE_COUNT), FILTER_ERROR_INVALID_FILTER_TYPE);
+    EXPECT_EQ(Filter_DiagFilter(&made, FILTER_TYPE_INVALID), FILTER_ERROR_INVALID_FILTER_TYPE);
+    ExpectNoLockHeld("diagnostics that were refused");
+}
+
+} // namespace

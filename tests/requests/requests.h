@@ -1,0 +1,87 @@
+// A user program with the control device open, and what its requests answer.
+#pragma once
+
+#include "support/framework.h"
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace requests
+{
+
+using Result = machine::Request::Result;
+using support::Bytes;
+
+// Tests write +field for a copy of a field that need not be aligned.
+inline constexpr uint32_t kTraceCore = 0x100;
+inline constexpr auto kBufferTooSmall = static_cast<machine::Status>(0xC0000023);
+inline constexpr auto kInternalError = static_cast<machine::Status>(0xC00000E5);
+inline constexpr auto kNoResources = static_cast<machine::Status>(0xC000009A);
+inline constexpr auto kInvalidParameter = static_cast<machine::Status>(0xC000000D);
+inline constexpr auto kNotSupported = static_cast<machine::Status>(0xC00000BB);
+inline constexpr auto kAdapterNotFound = static_cast<machine::Status>(0xC0010006);
+
+template <class Record>
+std::span<const uint8_t> In(const Record& record)
+{
+    return {reinterpret_cast<const uint8_t*>(&record), sizeof(record)};
+}
+
+template <class Record>
+std::span<uint8_t> Out(Record& record)
+{
+    return {reinterpret_cast<uint8_t*>(&record), sizeof(record)};
+}
+
+inline uint32_t IdOf(FilterAdapter* adapter)
+{
+    ULONG id = 0;
+    EXPECT_EQ(Filter_AdapterToId(adapter, &id), FILTER_STATUS_SUCCESS);
+    return id;
+}
+
+// Gives all identifiers away.
+inline void UseUpIds()
+{
+    ULONG id;
+    for (uintptr_t handle = 1; Filter_AdapterToId(reinterpret_cast<FilterAdapter*>(handle), &id) == 0;
+         handle++) {
+    }
+}
+
+class RequestsTest : public support::FrameworkTest
+{
+  protected:
+    explicit RequestsTest(support::LoadPlan plan = support::WithTrace(kTraceCore))
+        : FrameworkTest(std::move(plan))
+    {}
+
+    void SetUp() override
+    {
+        FrameworkTest::SetUp();
+        ASSERT_TRUE(machine::WaitIdle()); // all worker threads have come up
+        device_ = OpenDevice();
+        ASSERT_NE(device_, nullptr);
+        Debug().Take();
+    }
+    void TearDown() override
+    {
+        machine::ClearFaults();
+        device_.reset();
+        FrameworkTest::TearDown();
+    }
+
+    Result Control(uint32_t code, std::span<const uint8_t> input, std::span<uint8_t> output)
+    {
+        return device_->Control(code, input, output);
+    }
+    machine::Status StatusOf(uint32_t code, std::span<const uint8_t> input, std::span<uint8_t> output = {})
+    {
+        return Control(code, input, output).status;
+    }
+
+    std::unique_ptr<machine::File> device_;
+};
+
+} // namespace requests

@@ -1,0 +1,295 @@
+// What programs may send that the client library never does.
+#include "lab-server.h"
+#include "program.h"
+
+#include <lab-protocol.h>
+
+#include <functional>
+#include <random>
+
+#include <gmock/gmock.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace
+{
+
+using labprotocol::MessageType;
+
+// A connection by hand.
+class RawProgram
+{
+  public:
+    explicit RawProgram(const LabServer& lab, bool greet = true) : socket_(socket(AF_UNIX, SOCK_SEQPACKET, 0))
+    {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        lab.Socket().copy(address.sun_path, sizeof(address.sun_path) - 1);
+        EXPECT_EQ(connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        if (greet) {
+            Send(labprotocol::Hello());
+            EXPECT_EQ(Receive<labprotocol::Welcome>().status, kSuccess);
+        }
+    }
+    ~RawProgram() { close(socket_); }
+    RawProgram(const RawProgram&) = delete;
+    RawProgram& operator=(const RawProgram&) = delete;
+
+    void SendBytes(const std::vector<uint8_t>& bytes)
+    {
+        EXPECT_EQ(send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+    template <class Message>
+    void Send(const Message& message, size_t tail = 0)
+    {
+        std::vector<uint8_t> bytes(sizeof(message) + tail);
+        std::memcpy(bytes.data(), &message, sizeof(message));
+        SendBytes(bytes);
+    }
+    void SendControl(uint64_t id, uint32_t code, const std::vector<uint8_t>& input, uint32_t outputLength)
+    {
+        labprotocol::Control control;
+        control.id = id;
+        control.code = code;
+        control.inputLength = static_cast<uint32_t>(input.size());
+        control.outputLength = outputLength;
+        std::vector<uint8_t> bytes(sizeof(control));
+        std::memcpy(bytes.data(), &control, sizeof(control));
+        bytes.insert(bytes.end(), input.begin(), input.end());
+        SendBytes(bytes);
+    }
+    void SendStart(uint64_t id) { SendControl(id, IOCTL_NDIS_FILTER_START_SHARE, {1, 0, 0, 0}, 8); }
+
+    // The next message, empty at the end of the connection.
+    std::vector<uint8_t> ReceiveBytes(int* file = nullptr)
+    {
+        pollfd ready = {.fd = socket_, .events = POLLIN, .revents = 0};
+        EXPECT_EQ(poll(&ready, 1, static_cast<int>(kWaitMs)), 1) << "no answer";
+        std::vector<uint8_t> bytes(labprotocol::kLongestMessage);
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+        iovec vector = {bytes.data(), bytes.size()};
+        msghdr message = {};
+        message.msg_iov = &vector;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+        const ssize_t length = recvmsg(socket_, &message, 0);
+        bytes.resize(length > 0 ? static_cast<size_t>(length) : 0);
+        if (file != nullptr && message.msg_controllen != 0) {
+            std::memcpy(file, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof(*file));
+        }
+        return bytes;
+    }
+    template <class Message>
+    Message Receive(int* file = nullptr)
+    {
+        Message message;
+        const MessageType wanted = message.type;
+        const auto bytes = ReceiveBytes(file);
+        EXPECT_GE(bytes.size(), sizeof(message));
+        if (bytes.size() >= sizeof(message)) {
+            std::memcpy(&message, bytes.data(), sizeof(message));
+        }
+        EXPECT_EQ(message.type, wanted);
+        return message;
+    }
+    bool IsDisconnected() { return ReceiveBytes().empty(); }
+    int Descriptor() const { return socket_; }
+
+  private:
+    int socket_;
+};
+
+class Protocol : public testing::Test
+{
+  protected:
+    ~Protocol() override
+    {
+        // Whatever a program has done, the others are served and the share can be had.
+        const auto device = lab_.Open();
+        EXPECT_NE(device, nullptr);
+        EXPECT_TRUE(Eventually([&] { return StartShare(*device) != nullptr; }));
+    }
+
+    LabServer lab_{{"--adapter", "lan0=02:00:00:00:00:0a"}};
+};
+
+TEST_F(Protocol, WhatIsNoMessageEndsTheConnection)
+{
+    labprotocol::Control badLength;
+    badLength.inputLength = 5;
+    labprotocol::Control badOutput;
+    badOutput.outputLength = labprotocol::kLongestTransfer + 1;
+    labprotocol::Control hugeInput;
+    hugeInput.inputLength = 0xFFFFFFFF;
+    const std::function<void(RawProgram&)> wrongs[] = {
+        [](RawProgram& program) { program.SendBytes({1}); },
+        [](RawProgram& program) {
+            program.SendBytes({3, 0, 0, 0});
+        },
+        [](RawProgram& program) { program.SendBytes(std::vector<uint8_t>(40, 0xFF)); },
+        [](RawProgram& program) {
+            program.SendBytes(std::vector<uint8_t>(labprotocol::kLongestMessage + 1, 3));
+        },
+        [&](RawProgram& program) { program.Send(badLength, 4); },
+        [&](RawProgram& program) { program.Send(badOutput); },
+        [&](RawProgram& program) { program.Send(hugeInput); },
+        [](RawProgram& program) { program.Send(labprotocol::Cancel(), 1); },
+        [](RawProgram& program) { program.Send(labprotocol::Mapped(), 1); },
+        [](RawProgram& program) { program.Send(labprotocol::Close(), 1); },
+        [](RawProgram& program) { program.Send(labprotocol::Welcome()); },
+    };
+    for (const auto& doWrong : wrongs) {
+        RawProgram program(lab_);
+        doWrong(program);
+        EXPECT_TRUE(program.IsDisconnected());
+    }
+    EXPECT_THAT(lab_.Errors(),
+                testing::HasSubstr("process " + std::to_string(getpid()) + " was disconnected"));
+}
+
+TEST_F(Protocol, WhoDoesNotGreetIsNotServed)
+{
+    RawProgram rude(lab_, false);
+    rude.SendControl(1, IOCTL_NDIS_FILTER_GET_VERSION, {}, 0);
+    EXPECT_TRUE(rude.IsDisconnected());
+
+    RawProgram newer(lab_, false);
+    labprotocol::Hello hello;
+    hello.version = labprotocol::kVersion + 1;
+    newer.Send(hello);
+    EXPECT_EQ(newer.Receive<labprotocol::Welcome>().version, labprotocol::kVersion);
+    EXPECT_TRUE(newer.IsDisconnected());
+}
+
+TEST_F(Protocol, RandomMessagesHurtNobody)
+{
+    std::mt19937 random(4711);
+    const auto device = lab_.Open();
+    for (int round = 0; round < 300; ++round) {
+        RawProgram program(lab_);
+        for (int message = 0; message < 4; ++message) {
+            std::vector<uint8_t> bytes(random() % 64 + 4);
+            for (uint8_t& byte : bytes) {
+                byte = static_cast<uint8_t>(random());
+            }
+            const uint32_t type = random() % 10;
+            std::memcpy(bytes.data(), &type, sizeof(type));
+            send(program.Descriptor(), bytes.data(), bytes.size(),
+                 MSG_NOSIGNAL); // it may be disconnected by now
+        }
+        EXPECT_EQ(AskVersion(*device), kSuccess);
+    }
+}
+
+TEST_F(Protocol, RequestsOfAnyLengthComeToAnEnd)
+{
+    std::mt19937 random(4712);
+    RawProgram program(lab_);
+    uint64_t id = 0;
+    for (uint32_t function = 0x800; function <= 0x910; ++function) {
+        if (NDIS_FILTER_CTL_CODE(function) == IOCTL_NDIS_FILTER_START_SHARE) {
+            continue; // asks for a mapping first
+        }
+        for (int round = 0; round < 4; ++round) {
+            std::vector<uint8_t> input(random() % (round < 2 ? 64 : 10'000));
+            for (uint8_t& byte : input) {
+                byte = static_cast<uint8_t>(random());
+            }
+            const uint32_t outputLength = random() % (round % 2 == 0 ? 64 : 10'000);
+            program.SendControl(++id, NDIS_FILTER_CTL_CODE(function), input, outputLength);
+            const auto bytes = program.ReceiveBytes();
+            ASSERT_GE(bytes.size(), sizeof(labprotocol::Reply)) << std::hex << function;
+            EXPECT_LE(bytes.size() - sizeof(labprotocol::Reply), outputLength) << std::hex << function;
+        }
+    }
+}
+
+TEST_F(Protocol, TheAddressThatAProgramReportsComesBackAndIsNotUsed)
+{
+    RawProgram program(lab_);
+    program.SendStart(1);
+    int file = -1;
+    labprotocol::Mapped mapped;
+    const auto map = program.Receive<labprotocol::Map>(&file);
+    ASSERT_GE(file, 0);
+    EXPECT_LT(ftruncate(file, 0), 0); // sealed
+    EXPECT_LT(ftruncate(file, static_cast<off_t>(map.length + 4096)), 0);
+    mapped.id = map.id + 1; // nobody has asked for that
+    mapped.address = 0x1000;
+    program.Send(mapped);
+    mapped.id = map.id;
+    mapped.address = 0xDEADBEEF;
+    program.Send(mapped);
+    const auto reply = program.ReceiveBytes();
+    ASSERT_EQ(reply.size(), sizeof(labprotocol::Reply) + 8);
+    uint64_t address = 0;
+    std::memcpy(&address, reply.data() + sizeof(labprotocol::Reply), sizeof(address));
+    EXPECT_EQ(address, 0xDEADBEEF + 20u);
+
+    // Every byte of the pages is the program's to spoil, those behind the record as well.
+    void* pages =
+        mmap(nullptr, map.length, PROT_READ | PROT_WRITE, MAP_SHARED, file, static_cast<off_t>(map.offset));
+    ASSERT_NE(pages, MAP_FAILED);
+    std::memset(pages, 0xA5, map.length);
+    program.SendControl(2, IOCTL_NDIS_FILTER_WRITE_SHARE, {}, 0);
+    EXPECT_EQ(program.Receive<labprotocol::Reply>().status, kSuccess);
+    munmap(pages, map.length);
+    close(file);
+}
+
+TEST_F(Protocol, AMappingThatFailsOrNeverComesLeavesTheShareFree)
+{
+    RawProgram failing(lab_);
+    failing.SendStart(1);
+    labprotocol::Mapped mapped;
+    mapped.id = failing.Receive<labprotocol::Map>().id;
+    failing.Send(mapped); // address 0
+    const auto reply = failing.ReceiveBytes();
+    ASSERT_EQ(reply.size(), sizeof(labprotocol::Reply) + 8);
+    EXPECT_EQ(reply[sizeof(labprotocol::Reply)], NDIS_FILTER_SHARE_FAILED);
+    {
+        RawProgram dying(lab_);
+        dying.SendStart(1);
+        dying.Receive<labprotocol::Map>();
+    }
+    RawProgram silent(lab_);
+    silent.SendStart(1);
+    silent.Receive<labprotocol::Map>();
+    // The lab gives the silent one up after a while; the fixture's program gets the share while it is still
+    // there.
+    const auto device = lab_.Open();
+    EXPECT_TRUE(Eventually([&] { return StartShare(*device) != nullptr; }));
+    EXPECT_EQ(silent.ReceiveBytes().size(), sizeof(labprotocol::Reply) + 8);
+}
+
+TEST_F(Protocol, NumbersOfRequestsAreTheProgramsOwn)
+{
+    RawProgram program(lab_);
+    program.SendStart(7);
+    labprotocol::Mapped mapped;
+    mapped.id = program.Receive<labprotocol::Map>().id;
+    mapped.address = 0x1000;
+    program.Send(mapped);
+    program.ReceiveBytes();
+    program.SendControl(7, IOCTL_NDIS_FILTER_READ_SHARE, {}, 0); // parked
+    labprotocol::Cancel cancel;
+    cancel.id = 8;
+    program.Send(cancel); // no such request
+    cancel.id = 7;
+    program.Send(cancel);
+    const auto reply = program.Receive<labprotocol::Reply>();
+    EXPECT_EQ(reply.id, 7u);
+    EXPECT_EQ(reply.status, kCancelled);
+
+    program.SendControl(7, IOCTL_NDIS_FILTER_READ_SHARE, {}, 0);
+    program.SendControl(7, IOCTL_NDIS_FILTER_READ_SHARE, {}, 0); // the same number again
+    program.ReceiveBytes(); // the first one, completed by the end of the handle
+    EXPECT_TRUE(program.IsDisconnected());
+}
+
+} // namespace

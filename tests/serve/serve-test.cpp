@@ -1,0 +1,307 @@
+// Programs of other processes at the lab's control device: requests, the share, their death.
+#include "lab-server.h"
+#include "program.h"
+
+#include <support/captures.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "../../samples/indicator/indicator.h"
+
+namespace
+{
+
+using ndisfilter::ControlResult;
+using ndisfilter::Device;
+using testing::HasSubstr;
+
+const std::string kCapture = NDISFILTER_TEST_DATA "/session.pcapng";
+const std::vector<std::string> kOneAdapter = {"--adapter", "lan0=02:00:00:00:00:0a"};
+
+std::span<uint8_t> BytesOf(auto& record)
+{
+    return {reinterpret_cast<uint8_t*>(&record), sizeof(record)};
+}
+
+TEST(Serve, AProgramAsksAndIsAnswered)
+{
+    LabServer lab(kOneAdapter);
+    struct stat status = {};
+    ASSERT_EQ(stat(lab.Socket().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+
+    const auto device = lab.Open();
+    ASSERT_NE(device, nullptr);
+    EXPECT_EQ(AskVersion(*device), kSuccess);
+    UserAdapterList list = {};
+    EXPECT_EQ(device->Control(IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, {}, BytesOf(list)).returned,
+              sizeof(list));
+    ASSERT_EQ(list.m_nAdapterCount, 1u);
+    EXPECT_STREQ(list.m_Adapters[0].m_szAdapterName, "lan0");
+    // A failed request returns nothing, a code that nobody knows fails.
+    uint8_t output[64] = {};
+    const ControlResult unknown = device->Control(NDIS_FILTER_CTL_CODE(0xABC), output, output);
+    EXPECT_LT(unknown.status, 0);
+    EXPECT_EQ(unknown.returned, 0u);
+    const nlohmann::json report = lab.Stop(SIGTERM);
+    EXPECT_EQ(report["adapters"][0]["mac"], "02:00:00:00:00:0a");
+    EXPECT_EQ(AskVersion(*device), kNotConnected);
+}
+
+TEST(Serve, TheShareIsTheSameMemoryOnBothSides)
+{
+    const LabServer lab(kOneAdapter);
+    const auto device = lab.Open();
+    const uint32_t adapter = FirstAdapter(*device);
+    for (int round = 0; round < 3; ++round) {
+        SharedMemory* memory = StartShare(*device);
+        ASSERT_NE(memory, nullptr);
+        EXPECT_EQ(memory->KernelModeOutput.m_iBlockCount, NDIS_FILTER_BLOCK_COUNT);
+        for (uint8_t content = 1; content <= 200; ++content) {
+            SendLoopBack(*device, *memory, adapter, content);
+            ASSERT_TRUE(Eventually([&] { return !IsOutputEmpty(*memory); }));
+            const int32_t read = Load(memory->KernelModeOutput.m_iRead);
+            EXPECT_EQ(memory->m_OutputBlocks[read].m_nAdapterId, adapter);
+            EXPECT_EQ(memory->m_OutputBlocks[read].m_Data[59], content);
+            Store(memory->KernelModeOutput.m_iRead, Next(read));
+        }
+        int32_t status = -1;
+        EXPECT_EQ(device->StartShare(1, &status), nullptr); // it has it already, and keeps it
+        EXPECT_EQ(status, kSuccess);
+        EXPECT_TRUE(IsOutputEmpty(*memory));
+        EXPECT_EQ(device->StopShare().status, kSuccess);
+    }
+}
+
+TEST(Serve, AParkedReadIsWokenAndCancelled)
+{
+    const LabServer lab(kOneAdapter);
+    const auto device = lab.Open();
+    const uint32_t adapter = FirstAdapter(*device);
+    EXPECT_EQ(device->Control(IOCTL_NDIS_FILTER_READ_SHARE, {}, {}).status, kUnsuccessful); // not the owner
+    SharedMemory* memory = StartShare(*device);
+    ASSERT_NE(memory, nullptr);
+
+    auto read = device->Send(IOCTL_NDIS_FILTER_READ_SHARE);
+    EXPECT_FALSE(read->Wait(0).has_value());
+    EXPECT_EQ(device->Control(IOCTL_NDIS_FILTER_READ_SHARE, {}, {}).status, kUnsuccessful); // one is parked
+    SendLoopBack(*device, *memory, adapter, 1);
+    auto result = read->Wait(kWaitMs);
+    ASSERT_TRUE(result.has_value());
+    EXPECT_EQ(result->status, kSuccess);
+    read->Cancel(); // too late, and harmless
+    Store(memory->KernelModeOutput.m_iRead, Load(memory->KernelModeOutput.m_iWrite));
+
+    for (int round = 0; round < 200; ++round) { // also while the lab is still at parking it
+        read = device->Send(IOCTL_NDIS_FILTER_READ_SHARE);
+        read->Cancel();
+        result = read->Wait(kWaitMs);
+        ASSERT_TRUE(result.has_value());
+        ASSERT_EQ(result->status, kCancelled);
+    }
+    read = device->Send(IOCTL_NDIS_FILTER_READ_SHARE);
+    std::thread stopper([&] { EXPECT_EQ(device->StopShare().status, kSuccess); });
+    result = read->Wait(kWaitMs);
+    stopper.join();
+    ASSERT_TRUE(result.has_value()); // parked before the stop, or refused behind it
+    EXPECT_TRUE(result->status == kSuccess || result->status == kUnsuccessful);
+}
+
+TEST(Serve, ClosingTheDeviceCompletesItsRead)
+{
+    const LabServer lab(kOneAdapter);
+    auto device = lab.Open();
+    ASSERT_NE(StartShare(*device), nullptr);
+    const auto read = device->Send(IOCTL_NDIS_FILTER_READ_SHARE);
+    EXPECT_FALSE(read->Wait(0).has_value());
+    device.reset();
+    EXPECT_TRUE(read->Wait(kWaitMs).has_value());
+    // When the handle is closed the share is free at once.
+    device = lab.Open();
+    EXPECT_NE(StartShare(*device), nullptr);
+}
+
+// What a program does that is killed in the middle of it all.
+[[noreturn]] void HoldShareUntilKilled(const LabServer& lab, int ready)
+{
+    const auto device = lab.Open();
+    SharedMemory* memory = StartShare(*device);
+    const auto read = device->Send(IOCTL_NDIS_FILTER_READ_SHARE);
+    const char answer = memory != nullptr ? '1' : '0';
+    if (write(ready, &answer, 1) == 1) {
+        while (true) {
+            device->Control(IOCTL_NDIS_FILTER_WRITE_SHARE, {}, {});
+            memory->m_InputBlocks[0].m_Data[0] = 1;
+        }
+    }
+    _exit(1);
+}
+
+TEST(Serve, AKilledProgramLeavesTheShareFree)
+{
+    const LabServer lab({kCapture, "--loop", "--rate", "2000", "--filter", "indicator"});
+    for (int round = 0; round < 3; ++round) {
+        int ready[2];
+        ASSERT_EQ(pipe(ready), 0);
+        const pid_t child = fork(); // while this process has one thread
+        if (child == 0) {
+            HoldShareUntilKilled(lab, ready[1]);
+        }
+        close(ready[1]);
+        char answer = 0;
+        EXPECT_EQ(read(ready[0], &answer, 1), 1);
+        EXPECT_EQ(answer, '1');
+        close(ready[0]);
+        {
+            const auto device = lab.Open();
+            EXPECT_EQ(StartShare(*device), nullptr); // the other one has it
+        }
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        const auto device = lab.Open();
+        EXPECT_TRUE(Eventually([&] { return StartShare(*device) != nullptr; }));
+    }
+}
+
+TEST(Serve, OneOfTwoProgramsThatFightHasTheShare)
+{
+    LabServer lab({kCapture, "--loop", "--rate", "2000", "--filter", "indicator"});
+    std::atomic<int> owners = 0;
+    std::atomic<int> won = 0;
+    const auto fight = [&] {
+        const auto device = lab.Open();
+        for (int round = 0; round < 300; ++round) {
+            SharedMemory* memory = StartShare(*device);
+            if (memory == nullptr) {
+                continue;
+            }
+            EXPECT_EQ(++owners, 1);
+            ++won;
+            EXPECT_EQ(memory->KernelModeInput.m_iBlockCount, NDIS_FILTER_BLOCK_COUNT);
+            --owners;
+            EXPECT_EQ(device->StopShare().status, kSuccess);
+        }
+    };
+    {
+        const std::jthread first(fight);
+        const std::jthread second(fight);
+    }
+    EXPECT_GT(won, 0);
+    const nlohmann::json report = lab.Stop();
+    EXPECT_GT(report["balance"]["received"], 0);
+}
+
+TEST(Serve, TheIndicatorShowsFramesOfAPortAndAnswersForItself)
+{
+    const LabServer lab({kCapture, "--loop", "--rate", "5000", "--filter", "indicator", "--set-dword",
+                         "indicator.IndicatePort=53", "--set-dword", "indicator.SignalEvery=3"});
+    const auto device = lab.Open();
+    SharedMemory* memory = StartShare(*device);
+    ASSERT_NE(memory, nullptr);
+    int frames = 0;
+    int signals = 0;
+    while ((frames < 20 || signals < 5) && !HasFailure()) {
+        const auto read = device->Send(IOCTL_NDIS_FILTER_READ_SHARE);
+        ASSERT_TRUE(read->Wait(kWaitMs).has_value());
+        while (!IsOutputEmpty(*memory)) {
+            const int32_t index = Load(memory->KernelModeOutput.m_iRead);
+            const SharedBlock& block = memory->m_OutputBlocks[index];
+            if (block.m_nPacketSize != 0) {
+                constexpr size_t kSourcePort = 34; // behind an IPv4 header without options
+                ++frames;
+                EXPECT_TRUE(block.m_Data[kSourcePort + 1] == 53 || block.m_Data[kSourcePort + 3] == 53);
+                EXPECT_EQ(block.m_nIndicateCode, block.m_nDirection == NDIS_FILTER_DIRECTION_TO_PROTOCOL
+                                                     ? INDICATOR_CODE_RECEIVED
+                                                     : INDICATOR_CODE_SENT);
+            } else {
+                IndicatorSignal signal;
+                std::memcpy(&signal, &block, sizeof(signal));
+                ++signals;
+                EXPECT_EQ(signal.m_nSignature, INDICATOR_SIGNATURE);
+                EXPECT_EQ(signal.m_nIndicated % 3, 0u);
+                EXPECT_EQ(signal.m_Text, std::to_string(signal.m_nIndicated) + " frames indicated");
+            }
+            Store(memory->KernelModeOutput.m_iRead, Next(index));
+        }
+    }
+
+    uint32_t port = 80;
+    EXPECT_EQ(device->Control(IOCTL_INDICATOR_SET_PORT, BytesOf(port), {}).status, kSuccess);
+    IndicatorCounters counters = {};
+    EXPECT_EQ(device->Control(IOCTL_INDICATOR_GET_COUNTERS, {}, BytesOf(counters)).returned,
+              sizeof(counters));
+    EXPECT_EQ(counters.m_nPort, 80u);
+    EXPECT_GE(counters.m_nIndicated, 20u);
+    port = 65536;
+    EXPECT_LT(device->Control(IOCTL_INDICATOR_SET_PORT, BytesOf(port), {}).status, 0);
+
+    const auto diagnose = [&](std::string command) {
+        std::vector<uint8_t> output(2048);
+        const ControlResult result =
+            device->Control(IOCTL_NDIS_FILTER_DIAG,
+                            {reinterpret_cast<const uint8_t*>(command.data()), command.size()}, output);
+        EXPECT_EQ(result.status, kSuccess) << command;
+        return result.returned > sizeof(UserDiag)
+                   ? std::string(output.begin() + offsetof(UserDiag, m_Text), output.end())
+                   : "";
+    };
+    EXPECT_THAT(diagnose("Indicator PORT 0"), HasSubstr("port 0\n"));
+    EXPECT_THAT(diagnose("indicator"), HasSubstr("port 0, "));
+    EXPECT_THAT(diagnose("indicator port 65536"), HasSubstr("counters - "));
+    EXPECT_THAT(diagnose("driver"), HasSubstr("indicator - shows frames"));
+}
+
+TEST(Serve, CapturesAreReplayedOnceOrInALoopWithinTheRate)
+{
+    LabServer once({kCapture, "--adapter", "lan0=02:00:00:00:00:0c"});
+    EXPECT_TRUE(
+        Eventually([&] { return once.Errors().find("the captures are through") != std::string::npos; }));
+    nlohmann::json report = once.Stop();
+    const uint64_t frames = support::ReadCapture(kCapture).size();
+    EXPECT_EQ(report["balance"]["received"].get<uint64_t>() + report["balance"]["sent"].get<uint64_t>(),
+              frames);
+    EXPECT_EQ(report["adapters"][1]["received"]["framesIn"], 0);
+
+    constexpr double kRate = 20'000;
+    LabServer loop(
+        {kCapture, "--loop", "--rate", std::to_string(static_cast<int>(kRate)), "--filter", "indicator"});
+    const auto device = loop.Open();
+    IndicatorCounters counters = {};
+    EXPECT_TRUE(Eventually([&] {
+        device->Control(IOCTL_INDICATOR_GET_COUNTERS, {}, BytesOf(counters));
+        return counters.m_nIndicated > 2 * frames;
+    }));
+    report = loop.Stop();
+    const double passed =
+        report["balance"]["received"].get<double>() + report["balance"]["sent"].get<double>();
+    EXPECT_LE(passed, kRate * report["seconds"].get<double>() + 1);
+}
+
+TEST(Serve, ASocketThatCannotBeHadIsRefused)
+{
+    const LabServer lab(kOneAdapter);
+    const auto run = [&](const std::string& socket) {
+        const std::string command =
+            std::string(NDISFILTER_LAB) + " serve --quiet --socket " + socket + " >/dev/null 2>&1";
+        const int status = std::system(command.c_str());
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    };
+    EXPECT_EQ(run(lab.Socket()), 7); // another lab is there
+    EXPECT_EQ(run(lab.Directory()), 7);
+    EXPECT_EQ(run(lab.Directory() + "/no/such/directory"), 7);
+    EXPECT_NE(lab.Open(), nullptr); // still
+
+    std::string error;
+    EXPECT_EQ(ndisfilter::OpenDevice(lab.Directory() + "/nothing", &error), nullptr);
+    EXPECT_THAT(error, HasSubstr("no lab is running there"));
+}
+
+} // namespace
