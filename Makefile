@@ -3,10 +3,11 @@
 # What `make run` runs.
 LAB = replay tests/data/session.pcapng --filter blocker
 
-.PHONY: help run test windows bench clean
+.PHONY: help run live test windows bench clean
 
 help:
 	@echo 'make run     build the lab and replay a recorded capture through the sample filter'
+	@echo 'make live    run real programs across the lab, between network namespaces (root)'
 	@echo 'make test    build and test everything: gcc, clang, sanitizers, the Windows drivers under Wine'
 	@echo 'make windows build the Windows drivers into dist/'
 	@echo 'make bench   build and run the benchmarks'
@@ -16,6 +17,11 @@ help:
 
 run:
 	@scripts/run $(LAB)
+
+live:
+	@scripts/setup live
+	@scripts/build gcc-release ndisfilter-lab samples
+	@scripts/live
 
 test:
 	@scripts/test

@@ -51,6 +51,13 @@ ifreq NamedRequest(const std::string& name)
 
 } // namespace
 
+std::string DescribeSystemError()
+{
+    const char* const hint =
+        errno == EPERM ? "; live traffic needs CAP_NET_RAW and CAP_NET_ADMIN, which root has" : "";
+    return std::string(std::strerror(errno)) + hint;
+}
+
 Interface::Interface(std::string name) : name_(std::move(name)), control_(socket(AF_INET, SOCK_DGRAM, 0))
 {
     if (name_.empty() || name_.size() >= IFNAMSIZ) {
@@ -81,7 +88,7 @@ Interface::~Interface()
 void Interface::Ask(unsigned long request, ifreq& answer, const char* what) const
 {
     if (ioctl(control_.Get(), request, &answer) < 0) {
-        Throw(fmt::format("{}: cannot {}: {}", name_, what, std::strerror(errno)));
+        Throw(fmt::format("{}: cannot {}: {}", name_, what, DescribeSystemError()));
     }
 }
 
@@ -123,7 +130,7 @@ std::vector<std::string> Interface::SwitchOffloadsOff()
             continue;
         }
         if (!WriteOffload(offload.set, false)) {
-            Throw(fmt::format("{}: cannot switch {} off: {}", name_, offload.name, std::strerror(errno)));
+            Throw(fmt::format("{}: cannot switch {} off: {}", name_, offload.name, DescribeSystemError()));
         }
         if (ReadOffload(offload.get)) {
             Throw(fmt::format("{}: {} stays on; the interface cannot be used", name_, offload.name));

@@ -13,6 +13,9 @@ struct ifreq;
 namespace lab
 {
 
+// "Operation not permitted; ...": the text of errno, and what to do where rights are missing.
+std::string DescribeSystemError();
+
 class Interface
 {
   public:

@@ -3,7 +3,6 @@
 #include "checksum.h"
 #include "lab-error.h"
 
-#include <cerrno>
 #include <cstring>
 
 #include <arpa/inet.h>
@@ -33,9 +32,8 @@ static_assert(kSendOffset + hook::kLongestFrame <= kSlotBytes);
 
 [[noreturn]] void Throw(const Interface& interface, const char* what)
 {
-    const char* hint = errno == EPERM ? "; live traffic needs the right CAP_NET_RAW, for instance root's" : "";
     throw LabError(ExitCode::Interface,
-                   fmt::format("{}: cannot {}: {}{}", interface.Name(), what, std::strerror(errno), hint));
+                   fmt::format("{}: cannot {}: {}", interface.Name(), what, DescribeSystemError()));
 }
 
 } // namespace
