@@ -3,12 +3,14 @@
 # What `make run` runs.
 LAB = replay tests/data/session.pcapng --filter blocker
 
-.PHONY: help run test windows bench clean
+.PHONY: help run live test windows docs bench clean
 
 help:
 	@echo 'make run     build the lab and replay a recorded capture through the sample filter'
+	@echo 'make live    run real programs across the lab, between network namespaces (root)'
 	@echo 'make test    build and test everything: gcc, clang, sanitizers, the Windows drivers under Wine'
 	@echo 'make windows build the Windows drivers into dist/'
+	@echo 'make docs    make the reference of the public headers: build/docs/index.html'
 	@echo 'make bench   build and run the benchmarks'
 	@echo 'make clean   remove everything that was built'
 	@echo
@@ -17,11 +19,19 @@ help:
 run:
 	@scripts/run $(LAB)
 
+live:
+	@scripts/setup live
+	@scripts/build gcc-release ndisfilter-lab samples
+	@scripts/live
+
 test:
 	@scripts/test
 
 windows:
 	@scripts/windows
+
+docs:
+	@scripts/docs
 
 bench:
 	@scripts/bench

@@ -16,6 +16,7 @@ enum class ExitCode {
     BrokenRule = 5,   // a driver has broken a rule of the kernel, or lost packets
     Stalled = 6,      // no packet was free, and none came back
     Socket = 7,       // the control socket cannot be made
+    Interface = 8,    // a network interface cannot be used
     Interrupted = 130 // Ctrl-C
 };
 

@@ -73,15 +73,27 @@ void Lane::CloseWriters()
     }
 }
 
-void Lane::WriteTo(hook::Side side)
+void Lane::ConnectSink(hook::Side side)
 {
-    CaptureWriter* writer = writers_[static_cast<size_t>(side)].get();
-    if (writer == nullptr) {
+    CaptureWriter* const writer = writers_[static_cast<size_t>(side)].get();
+    const Outlet& outlet = outlets_[static_cast<size_t>(side)];
+    if (writer == nullptr && !outlet) {
         return;
     }
-    hook::SetSink(adapter_, side, [this, writer](std::span<const uint8_t> frame, const hook::Delivery&) {
-        writer->Write(frame, TimeOfDelivery());
+    hook::SetSink(adapter_, side, [this, writer, outlet](std::span<const uint8_t> frame, const hook::Delivery&) {
+        if (writer != nullptr) {
+            writer->Write(frame, TimeOfDelivery());
+        }
+        if (outlet) {
+            outlet(frame);
+        }
     });
+}
+
+void Lane::SetOutlet(hook::Side side, Outlet outlet)
+{
+    outlets_[static_cast<size_t>(side)] = std::move(outlet);
+    ConnectSink(side);
 }
 
 // A frame that a filter or a queue held back comes out at the time that the replay has reached; where nothing
@@ -108,8 +120,8 @@ void Lane::OpenAdapter()
         throw LabError(ExitCode::BrokenRule,
                        fmt::format("{}: the hook driver has made no adapter", options_.name));
     }
-    WriteTo(hook::Side::Adapter);
-    WriteTo(hook::Side::Protocols);
+    ConnectSink(hook::Side::Adapter);
+    ConnectSink(hook::Side::Protocols);
     hook::OpenAdapter(adapter_);
 }
 
@@ -174,6 +186,14 @@ hook::Accepted Lane::Deliver(const FrameBatch::Frame& frame, const hook::FrameOp
                                         : hook::DeliverReceived(adapter_, frame.bytes, options);
     frameUnderWay = {};
     return accepted;
+}
+
+size_t Lane::DeliverBatch(hook::Side side, hook::Frames frames)
+{
+    const hook::FrameOptions options = {.waitMs = 0};
+    return (side == hook::Side::Adapter ? hook::DeliverReceivedBatch(adapter_, frames, options)
+                                        : hook::DeliverSentBatch(adapter_, frames, options))
+        .accepted;
 }
 
 AdapterReport Lane::Describe() const

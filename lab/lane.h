@@ -4,9 +4,11 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -55,6 +57,14 @@ class Lane
     // Hands a frame to the framework, from any worker.
     hook::Accepted Deliver(const FrameBatch::Frame& frame, const hook::FrameOptions& options);
 
+    // Where frames go that come out of a side, besides the capture written; runs at DISPATCH_LEVEL, on several
+    // threads at once. The adapter is open.
+    using Outlet = std::function<void(std::span<const uint8_t> frame)>;
+    void SetOutlet(hook::Side side, Outlet outlet);
+    // Hands frames to the framework that came in at a side, from any worker; none waits for a packet. Answers how
+    // many the framework has got.
+    size_t DeliverBatch(hook::Side side, hook::Frames frames);
+
     // For the progress line, from any thread.
     uint64_t FileSize() const { return reader_.has_value() ? reader_->FileSize() : 0; }
     uint64_t Position() const
@@ -74,7 +84,7 @@ class Lane
   private:
     bool StartNextRound();
     bool IsSent(std::span<const uint8_t> frame) const;
-    void WriteTo(hook::Side side);
+    void ConnectSink(hook::Side side);
     uint64_t TimeOfDelivery() const; // nanoseconds since 1 January 1970, for the captures written
 
     LaneOptions options_;
@@ -82,6 +92,7 @@ class Lane
     std::string addressOrigin_;
     FilterAdapter* adapter_ = nullptr;
     std::unique_ptr<CaptureWriter> writers_[2]; // by hook::Side
+    Outlet outlets_[2];                         // by hook::Side
     std::atomic<uint64_t> time_ = 0;            // of the frame replayed last
     std::atomic<uint64_t> position_ = 0;
     std::atomic<uint64_t> framesTaken_ = 0;

@@ -2,6 +2,7 @@
 #include "arguments.h"
 #include "debug-output.h"
 #include "lab-error.h"
+#include "live.h"
 #include "replay.h"
 #include "report.h"
 #include "serve.h"
@@ -27,7 +28,7 @@ using namespace lab;
 constexpr char kVersion[] = "ndisfilter-lab 0.1.0";
 
 constexpr char kExitCodes[] = R"(Exit codes:
-  0    everything was replayed, or serving was ended; the packet balance holds
+  0    everything was replayed, or serving or live traffic was ended; the packet balance holds
   1    a capture cannot be opened, read to its end or written
   2    a bad option
   3    the packet balance does not hold
@@ -35,12 +36,22 @@ constexpr char kExitCodes[] = R"(Exit codes:
   5    a driver has broken a rule of the kernel, or lost packets
   6    gave up: no packet was free, and none came back
   7    the control socket cannot be made
+  8    a network interface cannot be used
   130  a replay ended early by Ctrl-C)";
 
 constexpr char kServeExamples[] = R"(Examples:
   ndisfilter-lab serve session.pcapng --loop --rate 1000 --filter indicator
   ndisfilter-lab serve --adapter wan0=02:00:00:00:00:0a --drive-c /tmp/c
   ndisfilterctl adapters
+
+)";
+
+constexpr char kLiveExamples[] = R"(Examples:
+  ndisfilter-lab live eth1 eth2 --filter firewall
+  ndisfilter-lab live veth-wire veth-host --filter blocker --set blocker.BlockPorts=23 --seconds 60
+  ndisfilterctl watch
+
+Both interfaces should have no address of their own. scripts/live shows a whole set-up in network namespaces.
 
 )";
 
@@ -67,6 +78,7 @@ struct Arguments {
     std::vector<std::string> filterPaths;
     std::string writeDirectory;
     std::string driveC;
+    LiveOptions live;
     std::string socketPath = labprotocol::DefaultSocketPath();
     bool loop = false;
     uint32_t debugMask = 0;
@@ -74,8 +86,8 @@ struct Arguments {
     bool json = false;
 };
 
-// What replay and serve have in common.
-void AddSessionOptions(CLI::App& command, Arguments& arguments)
+// What commands that replay captures have in common.
+void AddCaptureOptions(CLI::App& command, Arguments& arguments)
 {
     LabOptions& options = arguments.options;
     command
@@ -93,6 +105,25 @@ void AddSessionOptions(CLI::App& command, Arguments& arguments)
                                                                      {"sent", Direction::Sent}})
                 .description("{auto,received,sent}"))
         ->option_text("auto|received|sent");
+    command
+        .add_option("--threads", options.threads, "Workers; with one, frames keep the order of their capture")
+        ->check(CLI::Range(1, 32))
+        ->option_text("N");
+    command
+        .add_option("--rate", options.rate,
+                    "Frames a second, all captures together (default: as fast as they go)")
+        ->check(CLI::Range(uint64_t{1}, uint64_t{1'000'000'000}))
+        ->option_text("N");
+    command
+        .add_option("--present", options.present, "Give filters only the first N bytes of a frame at first")
+        ->check(CLI::Range(0u, kLongestFrame))
+        ->option_text("N");
+}
+
+// What all commands have in common.
+void AddSessionOptions(CLI::App& command, Arguments& arguments)
+{
+    LabOptions& options = arguments.options;
     command
         .add_option(
             "--filter", options.filters,
@@ -114,19 +145,6 @@ void AddSessionOptions(CLI::App& command, Arguments& arguments)
                     "Number in the registry key of a driver, decimal or 0x...")
         ->allow_extra_args(false)
         ->option_text("DRIVER.VALUE=NUMBER");
-    command
-        .add_option("--threads", options.threads, "Workers; with one, frames keep the order of their capture")
-        ->check(CLI::Range(1, 32))
-        ->option_text("N");
-    command
-        .add_option("--rate", options.rate,
-                    "Frames a second, all captures together (default: as fast as they go)")
-        ->check(CLI::Range(uint64_t{1}, uint64_t{1'000'000'000}))
-        ->option_text("N");
-    command
-        .add_option("--present", options.present, "Give filters only the first N bytes of a frame at first")
-        ->check(CLI::Range(0u, kLongestFrame))
-        ->option_text("N");
     command.add_option("--packets", options.packets, "Packets that exist at a time, at most (default 4096)")
         ->check(CLI::Range(1u, 1'000'000u))
         ->option_text("N");
@@ -151,6 +169,14 @@ void AddSessionOptions(CLI::App& command, Arguments& arguments)
     command.add_flag("--json", arguments.json, "Print one JSON object instead of the table");
 }
 
+void AddSocketOption(CLI::App& command, Arguments& arguments)
+{
+    command
+        .add_option("--socket", arguments.socketPath,
+                    "Where programs connect (default: " + arguments.socketPath + ")")
+        ->option_text("PATH");
+}
+
 void AddReplayOptions(CLI::App& replay, Arguments& arguments)
 {
     LabOptions& options = arguments.options;
@@ -158,6 +184,7 @@ void AddReplayOptions(CLI::App& replay, Arguments& arguments)
         .add_option("CAPTURE", options.captures,
                     "Capture files, pcap or pcapng; each gets an adapter of its own")
         ->required();
+    AddCaptureOptions(replay, arguments);
     AddSessionOptions(replay, arguments);
     replay.add_option("--repeat", options.repeat, "Replay each capture so often")
         ->check(CLI::Range(uint64_t{1}, uint64_t{1'000'000'000}))
@@ -169,16 +196,28 @@ void AddServeOptions(CLI::App& serve, Arguments& arguments)
 {
     serve.add_option("CAPTURE", arguments.options.captures,
                      "Capture files, pcap or pcapng; each gets an adapter of its own");
+    AddCaptureOptions(serve, arguments);
     AddSessionOptions(serve, arguments);
     serve.add_option("--adapter", arguments.adapters, "An adapter without a capture. Repeatable")
         ->allow_extra_args(false)
         ->option_text("NAME=MAC");
     serve.add_flag("--loop", arguments.loop, "Replay the captures again and again (default: once)");
-    serve
-        .add_option("--socket", arguments.socketPath,
-                    "Where programs connect (default: " + arguments.socketPath + ")")
-        ->option_text("PATH");
+    AddSocketOption(serve, arguments);
     serve.footer(std::string(kServeExamples) + kExitCodes);
+}
+
+void AddLiveOptions(CLI::App& live, Arguments& arguments)
+{
+    live.add_option("WIRE", arguments.live.wire, "The interface that stands for the adapter's cable")->required();
+    live.add_option("PROTOCOLS", arguments.live.protocols,
+                    "The interface whose stations are the protocols above the adapter")
+        ->required();
+    AddSessionOptions(live, arguments);
+    live.add_option("--seconds", arguments.live.seconds, "End after so long (default: with Ctrl-C)")
+        ->check(CLI::Range(1u, 1'000'000'000u))
+        ->option_text("N");
+    AddSocketOption(live, arguments);
+    live.footer(std::string(kLiveExamples) + kExitCodes);
 }
 
 void CompleteOptions(Arguments& arguments)
@@ -222,7 +261,9 @@ void StopOn(int signal)
     sigaction(signal, &action, nullptr);
 }
 
-int Run(Arguments& arguments, bool serve)
+enum class Command { Replay, Serve, Live };
+
+int Run(Arguments& arguments, Command command)
 {
     CompleteOptions(arguments);
     LabOptions& options = arguments.options;
@@ -231,12 +272,20 @@ int Run(Arguments& arguments, bool serve)
                                       : arguments.debugOutput);
     StopOn(SIGINT);
     Report report;
-    if (serve) {
-        StopOn(SIGTERM);
-        report = Serve(options, arguments.socketPath, stopRequested);
-    } else {
+    switch (command) {
+    case Command::Replay:
         options.progress = !options.quiet && isatty(STDERR_FILENO) != 0;
         report = Replay(options, stopRequested);
+        break;
+    case Command::Serve:
+        StopOn(SIGTERM);
+        report = Serve(options, arguments.socketPath, stopRequested);
+        break;
+    case Command::Live:
+        StopOn(SIGTERM);
+        arguments.live.socketPath = arguments.socketPath;
+        report = Live(options, arguments.live, stopRequested);
+        break;
     }
     if (arguments.json || report.started) {
         fmt::print("{}", arguments.json ? FormatJson(report) : FormatTable(report));
@@ -262,9 +311,11 @@ int main(int argc, char** argv)
     CLI::App* serve =
         app.add_subcommand("serve", "Keep the framework running for programs such as ndisfilterctl");
     AddServeOptions(*serve, arguments);
+    CLI::App* live = app.add_subcommand("live", "Put the framework between two network interfaces");
+    AddLiveOptions(*live, arguments);
     try {
         app.parse(argc, argv);
-        return Run(arguments, serve->parsed());
+        return Run(arguments, replay->parsed() ? Command::Replay : serve->parsed() ? Command::Serve : Command::Live);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
             return app.exit(error); // --help and --version

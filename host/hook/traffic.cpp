@@ -13,6 +13,7 @@ namespace
 // Parsers and filters may look at the headers of a frame that is too short to have them: what they find is
 // zero.
 constexpr size_t kReadableBytes = 128;
+static_assert(kLongestFrame == FILTER_PACKET_DATA_SIZE);
 constexpr UCHAR kAbsentByte = 0xDB; // where the rest of a frame belongs that is not present
 
 // Runs code that is not ours; answers 0 or the exception that it raised.
@@ -75,7 +76,7 @@ Accepted DeliverFrame(HookState& state, const ProcessorScope& scope, VirtualAdap
     if (!adapter.open.load(std::memory_order_relaxed)) {
         return Accepted::AdapterClosed;
     }
-    if (frame.size() > FILTER_PACKET_DATA_SIZE) {
+    if (frame.size() > kLongestFrame) {
         return Accepted::TooLong;
     }
     FilterPacket* packet = state.pool.Take(scope, kOrigin, nullptr, 0);

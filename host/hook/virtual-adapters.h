@@ -139,13 +139,15 @@ struct FrameOptions {
     uint32_t waitMs = 10000;
 };
 
+inline constexpr uint32_t kLongestFrame = 1648; // bytes, what a packet's buffer holds
+
 enum class Accepted { Yes, NotBound, AdapterClosed, TooLong, NoPacket, NoMemory };
 
 struct BatchResult {
     size_t accepted = 0;
     size_t notBound = 0;
     size_t adapterClosed = 0;
-    size_t tooLong = 0;  // over 1,648 bytes
+    size_t tooLong = 0;  // over kLongestFrame
     size_t noPacket = 0; // all packets were out, and none came back in time
     size_t noMemory = 0;
 };

@@ -260,7 +260,7 @@ typedef struct FilterEventHead {
 
 /* ------------------------------------------------------------------------------------------ addresses and text */
 
-/* Byte order. Any IRQL, like all functions of this section; none of them takes a lock. */
+/* Byte order. Any IRQL; no function of this section takes a lock. */
 USHORT htons(USHORT nValue) HOST_LINK_NAME("htons");
 USHORT ntohs(USHORT nValue) HOST_LINK_NAME("htons");
 ULONG htonl(ULONG nValue) HOST_LINK_NAME("htonl");
@@ -268,22 +268,22 @@ ULONG ntohl(ULONG nValue) HOST_LINK_NAME("htonl");
 
 /*
  * The dotted text of an IPv4 address in network order. Writes at most 16 bytes into the caller's buffer and returns
- * it; a NULL buffer or a size below 16 gives a constant empty text.
+ * it; a NULL buffer or a size below 16 gives a constant empty text. Any IRQL.
  */
 PCSTR inet_ntoa(ULONG nAddress, PCHAR pBuffer, ULONG nSize) HOST_LINK_NAME("inet_ntoa");
 
-/* The text 00-1A-2B-3C-4D-5E of a MAC address. Writes 18 bytes; the size is not looked at. */
+/* The text 00-1A-2B-3C-4D-5E of a MAC address. Writes 18 bytes; the size is not looked at. Any IRQL. */
 PCHAR inet_mtoa(const UCHAR* pMacAddress, PCHAR pBuffer, ULONG nSize) HOST_LINK_NAME("inet_mtoa");
 
-/* (address AND mask) OR NOT mask. */
+/* (address AND mask) OR NOT mask. Any IRQL. */
 ULONG SubnetBroadcastAddress(ULONG nAddress, ULONG nMask);
 
-/* TRUE when the last octet of an address in network order is 255; knows no mask. */
+/* TRUE when the last octet of an address in network order is 255; knows no mask. Any IRQL. */
 BOOLEAN IsBroadcastAddress(ULONG nAddress);
 
 /*
  * 0 when two counted strings are equal byte for byte. -1: an argument is NULL or a is shorter. 1: a is longer, or
- * lengths are equal and bytes differ (this is no ordering).
+ * lengths are equal and bytes differ (this is no ordering). Any IRQL.
  */
 LONG Filter_CompareString(const STRING* pA, const STRING* pB);
 
@@ -646,7 +646,10 @@ FILTER_STATUS Filter_ReleasePacketp(FilterPacket* pPacket, PCSTR pszFile, ULONG 
  */
 FILTER_STATUS Filter_TransferPacketData(FilterPacket* pPacket);
 
-/* Call before changing m_Data: marks the buffer as the authoritative frame and, the first time, completes it. */
+/*
+ * Call before changing m_Data: marks the buffer as the authoritative frame and, the first time, completes it.
+ * IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: NULL.
+ */
 FILTER_STATUS Filter_ModifyPacket(FilterPacket* pPacket);
 
 /* The callback that the hook driver makes when it frees the packet; a second one replaces the first. Any IRQL. */
