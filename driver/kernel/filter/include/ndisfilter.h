@@ -698,15 +698,17 @@ VOID Filter_DumpPacket(PCSTR pszTitle, FilterPacket* pPacket);
 /*
  * A handler of control requests of the user program that neither the framework nor the hook driver knows. Input and
  * output are one buffer, NULL when both lengths (in bytes) are 0. The handler stores the number of output bytes
- * through pBytesReturned, which is 0 before, and answers the status of the request. To decline, so that the next
- * handler is asked, it answers what Filter_DefaultIoCtrlHandler does: 0xC00000BB, which ntstatus.h calls
- * STATUS_NOT_SUPPORTED (STATUS_INVALID_DEVICE_REQUEST is another number, and an answer like any other).
+ * through pBytesReturned, where one that was asked before may have left another, and answers the status of the
+ * request. To decline, so that the next handler is asked, it answers what Filter_DefaultIoCtrlHandler does:
+ * 0xC00000BB, which ntstatus.h calls STATUS_NOT_SUPPORTED (STATUS_INVALID_DEVICE_REQUEST is another number, and an
+ * answer like any other).
  *
  * Runs in the program's thread, yet at DISPATCH_LEVEL, as the handler list is locked for reading: it must not block,
  * nor register or deregister handlers or drivers. It may mark the request pending, answer STATUS_PENDING and complete
  * it later, except a diagnostic one (IOCTL_NDIS_FILTER_DIAG), which the framework always completes. A pending request
  * needs a cancel routine, or its program cannot end; and it must be completed before the handler's driver goes, as
- * deregistration does not wait for it. An exception is contained and ends the walk: the request is not supported then.
+ * deregistration does not wait for it. An exception is contained and ends the walk: the request is not supported
+ * then.
  */
 typedef NTSTATUS (*FILTER_IOCTRL_PROC)(PVOID pIoCtrlContext, PIRP pIrp, ULONG nControlCode, PVOID pInputBuffer,
                                        ULONG nInputLength, PVOID pOutputBuffer, ULONG nOutputLength,
