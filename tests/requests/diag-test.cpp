@@ -234,7 +234,16 @@ TEST_F(DiagTest, TheStateIsShownListByList)
                           PointerText(driver.Handle()) + "\n"));
     EXPECT_THAT(text, HasSubstr("  - m_FilterOrder     = 7 - FILTER_ORDER_FIXED\n  - m_PacketProcess   = 1\n"
                                 "  - m_PacketBypass    = 1\n  - m_PacketDiscard   = 0\n"));
-    EXPECT_EQ(Ask("filter show timer"), "");
+    FilterTimer* timer = nullptr;
+    const FILTER_TIMER_PROC onTimer = [](FilterDriver*, PVOID, FilterTimer*, PVOID) {};
+    ASSERT_EQ(Filter_InitializeTimer(driver.Handle(), onTimer, &text, TRUE, &timer), FILTER_STATUS_SUCCESS);
+    Filter_StartTimer(timer, 1'000'000);
+    EXPECT_EQ(Ask("filter show timer"),
+              "- pFilterTimer = " + PointerText(timer) + "\n- m_hFilterDriver = " +
+                  PointerText(driver.Handle()) + "\n- m_pDriverContext = " + PointerText(adapter) +
+                  "\n- m_pfTimerProc = " + PointerText(reinterpret_cast<const void*>(onTimer)) +
+                  "\n- m_pTimerContext = " + PointerText(&text) +
+                  "\n- m_bRepeatTimer = TRUE\n- m_MsToDelay = 1000000\n");
     Answerer answerer("shown-answerer", [](Diag*) -> NTSTATUS { return STATUS_SUCCESS; });
     EXPECT_THAT(
         Ask("filter show ioctl"),

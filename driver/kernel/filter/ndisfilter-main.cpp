@@ -120,15 +120,6 @@ VOID FreeEventRecords()
     global.m_CurrentLogSize = 0;
 }
 
-VOID FreeTimers()
-{
-    while (FilterTimer* timer = Global().m_FilterTimerList.TakeFirst()) {
-        BOOLEAN cancelled;
-        NdisCancelTimer(&timer->m_Timer, &cancelled);
-        Filter_FreeMemory(timer);
-    }
-}
-
 VOID InstallDispatchRoutines(PDRIVER_OBJECT driver)
 {
     driver->MajorFunction[IRP_MJ_CREATE] = NdisFilterOpen;
@@ -319,6 +310,7 @@ VOID NdisFilterInitialize()
 
     NdisInitializeReadWriteLock(&global.m_InterfaceLock);
     global.m_InterfaceList.Initialize();
+    global.m_DepartingInterfaceList.Initialize();
     Trace(TRACE_CORE, "  Interface list Initialized\n");
 
     NdisInitializeReadWriteLock(&global.m_IfEventHandlerLock);
@@ -357,7 +349,8 @@ VOID NdisFilterDeInitialize()
     NdisFilter_TerminateShare();
     StopWorkerThreads();
     CloseAllEthrLogs();
-    WaitForQueuedWork();
+    StopTimers();
+    WaitForQueuedWork(); // also for the callbacks of timers
     NdisFilter_FreeMappedMemory(global.m_pMappedMemory);
     FreeRecords(global.m_EventHandlerList);
     FreeRecords(global.m_FilterDriverList);
@@ -368,7 +361,7 @@ VOID NdisFilterDeInitialize()
     FreeInterfaces();
     FreeRecords(global.m_IfEventHandlerList);
     FreeEventRecords();
-    FreeTimers();
+    FreeRecords(global.m_FilterTimerList);
     FreeRecords(global.m_IoCtrlHandlerList);
     if (g_RegistryPath.Buffer != nullptr) {
         ExFreePool(g_RegistryPath.Buffer);

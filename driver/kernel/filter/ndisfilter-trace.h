@@ -33,6 +33,13 @@ template <class... Arguments> VOID Trace(ULONG area, PCSTR format, Arguments... 
     }
 }
 
+// For the addresses of functions, which no conversion of the formatter is made for.
+template <class Function>
+PVOID AddressOf(Function* function)
+{
+    return reinterpret_cast<PVOID>(function);
+}
+
 inline VOID PrintException(PCSTR name, NTSTATUS code)
 {
     DbgPrint("%s: exception, code = %d\n", name, code);
