@@ -28,7 +28,10 @@ add_windows_driver(ndisfilter
 target_include_directories(ndisfilter PRIVATE ${filter} ${filter}/include)
 target_link_options(ndisfilter PRIVATE /version:1.0)
 
-file(GLOB samples ${PROJECT_SOURCE_DIR}/samples/*)
+# Folders with sources; support/ is what they share.
+file(GLOB samples CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/samples/*/*.cpp)
+list(TRANSFORM samples REPLACE "/[^/]*$" "")
+list(REMOVE_DUPLICATES samples)
 foreach(sample IN LISTS samples)
     cmake_path(GET sample FILENAME name)
     file(GLOB sources CONFIGURE_DEPENDS ${sample}/*.cpp)
