@@ -4,11 +4,6 @@
 
 #include "ndisfilter-internal.h"
 
-inline PCSTR BooleanText(BOOLEAN value)
-{
-    return value ? "TRUE" : "FALSE";
-}
-
 // Calls show(record) for each record of a list, under its lock. Lock is the guard's type.
 template <class Lock, class LockStorage, class Record, class Show>
 VOID ForEachLocked(LockStorage& storage, const RecordList<Record>& list, const Show& show)
