@@ -28,7 +28,7 @@ TEST_F(HandlersTest, AreAskedInOrderUntilOneDoesNotDecline)
     PIRP pended = nullptr;
     HandlingDriver first("1", [&](const auto& request) {
         asked += "1";
-        *request.returned = 5; // has said nothing, as it declines
+        *request.returned = 5; // the next one finds it: there is one count
         return Decline(request);
     });
     HandlingDriver second("2", [&](const auto& request) {
@@ -39,7 +39,7 @@ TEST_F(HandlersTest, AreAskedInOrderUntilOneDoesNotDecline)
                   Counting(3));
         EXPECT_EQ(request.output, request.input);
         EXPECT_EQ(request.outputLength, 8u);
-        EXPECT_EQ(*request.returned, 0u);
+        EXPECT_EQ(*request.returned, 5u);
         std::memset(request.output, 0x77, 8);
         *request.returned = 2;
         if (answer == STATUS_PENDING) {

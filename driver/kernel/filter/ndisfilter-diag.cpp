@@ -114,7 +114,8 @@ NTSTATUS Append(Diag& diag, PCSTR format, va_list arguments, LONG& result)
 
 FILTER_STATUS Filter_PrepareDiag(const VOID* pInput, ULONG nInputLength, PVOID pOutput, ULONG nOutputLength)
 {
-    return TracedCall({"Filter_PrepareDiag", TRACE_SERVICE}, [&]() -> FILTER_STATUS {
+    BOOLEAN isTaken = FALSE;
+    const FILTER_STATUS result = TracedCall({"Filter_PrepareDiag", TRACE_SERVICE}, [&]() -> FILTER_STATUS {
         const BOOLEAN areGiven = pInput != nullptr && pOutput != nullptr;
         const FILTER_STATUS status = CheckBuffers(areGiven, nInputLength, nOutputLength);
         if (status != FILTER_STATUS_SUCCESS) {
@@ -124,6 +125,7 @@ FILTER_STATUS Filter_PrepareDiag(const VOID* pInput, ULONG nInputLength, PVOID p
             DbgPrint("driver diagnostic are in progress\n");
             return FILTER_ERROR_DRIVER_DIAG_IN_PROGRESS;
         }
+        isTaken = TRUE;
         DbgPrint(" - InputBufferLength = %d\n", nInputLength);
         DbgPrint(" - pInputBuffer = %*.*s\n", nInputLength, nInputLength, static_cast<PCSTR>(pInput));
         DbgPrint(" - OutputBufferLength = %d\n", nOutputLength);
@@ -150,6 +152,11 @@ FILTER_STATUS Filter_PrepareDiag(const VOID* pInput, ULONG nInputLength, PVOID p
         PrintCommand(diag);
         return FILTER_STATUS_SUCCESS;
     });
+    // Some kernels raise when they are to print a line as long as a command may be.
+    if (isTaken && result != FILTER_STATUS_SUCCESS) {
+        Filter_EndDiag();
+    }
+    return result;
 }
 
 VOID Filter_EndDiag()
