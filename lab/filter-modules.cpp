@@ -87,20 +87,18 @@ void LoadedFilters::Unload()
     }
 }
 
-void LoadedFilters::CheckEachHasFilter(const std::vector<FilterCounters>& filters) const
+std::vector<std::string> LoadedFilters::WithoutFilter(const std::vector<FilterCounters>& filters) const
 {
+    std::vector<std::string> services;
     for (const FilterModule& module : loaded_) {
         const auto isOfModule = [&](const FilterCounters& filter) {
             return ServiceOf(filter) == module.service;
         };
         if (std::ranges::none_of(filters, isOfModule)) {
-            throw LabError(
-                ExitCode::Filter,
-                fmt::format("filter {}: was loaded but has registered no packet filter; --debug-output "
-                            "FILE keeps what drivers print",
-                            module.service));
+            services.push_back(module.service);
         }
     }
+    return services;
 }
 
 std::string LoadedFilters::ServiceOf(const FilterCounters& filter) const

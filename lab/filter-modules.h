@@ -30,8 +30,8 @@ class LoadedFilters
     LoadedFilters& operator=(const LoadedFilters&) = delete;
     void Load(const FilterModule& module); // throws LabError
     void Unload();
-    // Throws LabError naming a loaded module of which no filter is in a chain.
-    void CheckEachHasFilter(const std::vector<FilterCounters>& filters) const;
+    // The services of the loaded modules of which no filter is in a chain.
+    std::vector<std::string> WithoutFilter(const std::vector<FilterCounters>& filters) const;
     // The service of the loaded module that a filter's procedure lies in; empty when it lies in none.
     std::string ServiceOf(const FilterCounters& filter) const;
 

@@ -12,7 +12,7 @@ enum class ExitCode {
     Capture = 1,      // a capture cannot be opened, read to its end or written
     Usage = 2,        // a bad option
     Balance = 3,      // the packet balance does not add up
-    Filter = 4,       // a filter cannot be loaded, or has no filter in any chain
+    Filter = 4,       // a filter cannot be loaded
     BrokenRule = 5,   // a driver has broken a rule of the kernel, or lost packets
     Stalled = 6,      // no packet was free, and none came back
     Socket = 7,       // the control socket cannot be made

@@ -137,7 +137,9 @@ void RunWithFilters(const std::vector<FilterModule>& modules, Lanes& lanes, cons
     for (const auto& lane : lanes) {
         lane->OpenAdapter();
     }
-    filters.CheckEachHasFilter(ReadFilterCounters());
+    for (const std::string& service : filters.WithoutFilter(ReadFilterCounters())) {
+        report.notes.push_back(fmt::format("{} has no packet filter in any chain", service));
+    }
 
     work(lanes, report);
     Drain(report, "after the last frame");

@@ -30,7 +30,10 @@ target_include_directories(ndisfilter PRIVATE ${filter} ${filter}/include)
 target_link_options(ndisfilter PRIVATE /version:1.0)
 
 set(driver_names ndisfilter loophook)
-file(GLOB samples ${PROJECT_SOURCE_DIR}/samples/*)
+# Folders with sources; support/ is what they share.
+file(GLOB samples CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/samples/*/*.cpp)
+list(TRANSFORM samples REPLACE "/[^/]*$" "")
+list(REMOVE_DUPLICATES samples)
 foreach(sample IN LISTS samples)
     cmake_path(GET sample FILENAME name)
     file(GLOB sources CONFIGURE_DEPENDS ${sample}/*.cpp)

@@ -79,6 +79,7 @@ struct Worker {
     KSPIN_LOCK lock = 0; // of the rest
     LIST_ENTRY requests; // all that are allocated
     LIST_ENTRY pending;  // those to be answered
+    std::atomic<Answering> answering{Answering::Later};
 };
 
 struct HookState {

@@ -98,11 +98,14 @@ NDIS_STATUS Set(VirtualAdapter& adapter, NdisRequest& request)
     return NDIS_STATUS_SUCCESS;
 }
 
-NDIS_STATUS Carry(Request& record)
+NDIS_STATUS Carry(Request& record, Answering how)
 {
     NdisRequest& request = record.request;
     request.bytesDone = 0;
     request.bytesNeeded = 0;
+    if (how == Answering::Failing) {
+        return NDIS_STATUS_FAILURE;
+    }
     VirtualAdapter* adapter = FindOurs(record.adapter);
     if (adapter == nullptr || !adapter->open.load()) {
         return NDIS_STATUS_ADAPTER_NOT_FOUND;
@@ -114,7 +117,7 @@ Request* TakePending(Worker& worker)
 {
     Request* record = nullptr;
     const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&worker.lock);
-    if (!IsListEmpty(&worker.pending)) {
+    if (!IsListEmpty(&worker.pending) && worker.answering.load() != Answering::Never) {
         record = CONTAINING_RECORD(RemoveHeadList(&worker.pending), Request, pending);
         record->phase = Phase::Answering;
     }
@@ -124,7 +127,7 @@ Request* TakePending(Worker& worker)
 
 void AnswerRequest(Worker& worker, Request* record)
 {
-    const NDIS_STATUS status = Carry(*record);
+    const NDIS_STATUS status = Carry(*record, worker.answering.load());
     const auto completed = record->request.completed;
     PVOID context = record->context;
 
@@ -198,6 +201,15 @@ void FreeLeftRequests(HookState& state)
     }
 }
 
+void SetAnswering(Answering how)
+{
+    ProcessorScope scope;
+    if (HookState* state = scope.State(); state != nullptr) {
+        state->worker.answering.store(how);
+        KeSetEvent(&state->worker.wake, IO_NO_INCREMENT, FALSE);
+    }
+}
+
 PVOID HookAllocateRequest()
 {
     ProcessorScope scope;
@@ -224,13 +236,16 @@ NTSTATUS HookMakeNdisRequest(FilterAdapter* adapter, PVOID request, PVOID contex
     }
     Worker& worker = state->worker;
     auto* record = static_cast<Request*>(request);
+    const bool atOnce = worker.answering.load() == Answering::AtOnce;
     KeAcquireSpinLockAtDpcLevel(&worker.lock);
     const bool idle = record->phase == Phase::Idle;
     if (idle) {
-        record->phase = Phase::Pending;
+        record->phase = atOnce ? Phase::Answering : Phase::Pending;
         record->adapter = adapter;
         record->context = context;
         __atomic_store_n(&record->request.status, NDIS_STATUS_PENDING, __ATOMIC_RELAXED);
+    }
+    if (idle && !atOnce) {
         InsertTailList(&worker.pending, &record->pending);
     }
     KeReleaseSpinLockFromDpcLevel(&worker.lock);
@@ -238,6 +253,10 @@ NTSTATUS HookMakeNdisRequest(FilterAdapter* adapter, PVOID request, PVOID contex
         ReportMisuse("NDIS request %p is made again while it is pending",
                      static_cast<void*>(&record->request));
         return NDIS_STATUS_FAILURE;
+    }
+    if (atOnce) {
+        AnswerRequest(worker, record);
+        return NDIS_STATUS_SUCCESS;
     }
     KeSetEvent(&worker.wake, IO_NO_INCREMENT, FALSE);
     return NDIS_STATUS_PENDING;

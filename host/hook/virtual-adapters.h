@@ -266,4 +266,12 @@ struct NdisRequest {
     void* reserved;                                         // 40
 };
 
+enum class Answering {
+    Later,   // by the driver's own thread: the default
+    AtOnce,  // before the request has been made, at DISPATCH_LEVEL
+    Failing, // later, with NDIS_STATUS_FAILURE
+    Never,   // until another way is set: then requests that wait are answered later
+};
+void SetAnswering(Answering how); // (D) for requests made or answered from now on
+
 } // namespace hook

@@ -313,13 +313,14 @@ struct _KDPC {
 typedef struct _KTIMER {
     DISPATCHER_HEADER Header;
     ULARGE_INTEGER DueTime;
-    LIST_ENTRY TimerListEntry;
+    LIST_ENTRY TimerListEntry; // the kernel's own note of its place among the set timers
     PKDPC Dpc;
     LONG Period; // milliseconds; 0: fires once
 } KTIMER, *PKTIMER, *PRKTIMER;
 
 VOID KeInitializeDpc(PRKDPC Dpc, PKDEFERRED_ROUTINE DeferredRoutine, PVOID DeferredContext);
 BOOLEAN KeInsertQueueDpc(PRKDPC Dpc, PVOID SystemArgument1, PVOID SystemArgument2);
+VOID KeFlushQueuedDpcs(VOID); // returns when the deferred calls queued before have ended; PASSIVE_LEVEL
 VOID KeInitializeTimer(PKTIMER Timer);
 VOID KeInitializeTimerEx(PKTIMER Timer, TIMER_TYPE Type);
 BOOLEAN KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc);

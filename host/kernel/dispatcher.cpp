@@ -79,7 +79,6 @@ void Sleep(Dispatcher& dispatcher, WaitBlock* block, std::unique_lock<std::mutex
 Dispatcher::Dispatcher()
 {
     InitializeListHead(&timedWaits);
-    InitializeListHead(&timers);
     InitializeListHead(&dpcs);
     InitializeListHead(&workItems);
 }

@@ -3,7 +3,7 @@
 // leaf among the kernel's locks: nothing is called out while it is held.
 #pragma once
 
-#include <ntddk.h>
+#include "timer-queue.h"
 
 #include <atomic>
 #include <chrono>
@@ -40,9 +40,13 @@ struct Dispatcher {
     uint64_t threadReleases = 0; // times that the last ThreadHold has ended
     std::condition_variable threadRelease;
 
-    LIST_ENTRY timers; // set timers, in no order
-    LIST_ENTRY dpcs;   // queued deferred calls
+    TimerQueue systemTimers;   // set timers with an absolute due time
+    TimerQueue intervalTimers; // those with a time since start
+    LIST_ENTRY dpcs;           // queued deferred calls
     bool dpcRunning = false;
+    uint64_t dpcsQueued = 0; // ever
+    uint64_t dpcsEnded = 0;
+    size_t dpcFlushes = 0; // threads that wait for deferred calls to end
     bool timerThreadStarted = false;
     std::condition_variable timerWork;
 

@@ -25,6 +25,12 @@ Deadline DueTimeOf(const KTIMER* timer)
     return {static_cast<int64_t>(timer->DueTime.QuadPart), timer->Header.Absolute != 0};
 }
 
+TimerQueue& QueueOf(const KTIMER* timer)
+{
+    Dispatcher& dispatcher = TheDispatcher();
+    return timer->Header.Absolute != 0 ? dispatcher.systemTimers : dispatcher.intervalTimers;
+}
+
 bool QueueDpc(Dispatcher& dispatcher, KDPC* dpc, void* argument1, void* argument2)
 {
     if (dpc->DpcData != nullptr)
@@ -33,12 +39,22 @@ bool QueueDpc(Dispatcher& dispatcher, KDPC* dpc, void* argument1, void* argument
     dpc->SystemArgument2 = argument2;
     dpc->DpcData = &dispatcher.dpcs;
     InsertTailList(&dispatcher.dpcs, &dpc->DpcListEntry);
+    dispatcher.dpcsQueued++;
     return true;
+}
+
+void Set(KTIMER* timer, const Deadline& deadline)
+{
+    timer->Header.Inserted = 1;
+    timer->Header.Absolute = deadline.absolute;
+    timer->DueTime.QuadPart = static_cast<ULONGLONG>(deadline.time);
+    QueueOf(timer).Insert(timer);
+    Live().timers++;
 }
 
 void Unset(KTIMER* timer)
 {
-    RemoveEntryList(&timer->TimerListEntry);
+    QueueOf(timer).Remove(timer);
     timer->Header.Inserted = 0;
     Live().timers--;
 }
@@ -46,13 +62,10 @@ void Unset(KTIMER* timer)
 void Expire(Dispatcher& dispatcher, KTIMER* timer)
 {
     KDPC* dpc = timer->Dpc;
-    if (timer->Period != 0) {
-        timer->DueTime.QuadPart = static_cast<ULONGLONG>(InterruptTime() + RemainingTime(DueTimeOf(timer)) +
-                                                         static_cast<int64_t>(timer->Period) * 10'000);
-        timer->Header.Absolute = 0;
-    } else {
-        Unset(timer);
-    }
+    const int64_t late = RemainingTime(DueTimeOf(timer));
+    Unset(timer);
+    if (timer->Period != 0)
+        Set(timer, {InterruptTime() + late + static_cast<int64_t>(timer->Period) * 10'000, false});
     Signal(&timer->Header);
     if (dpc != nullptr)
         QueueDpc(dispatcher, dpc, nullptr, nullptr);
@@ -60,17 +73,12 @@ void Expire(Dispatcher& dispatcher, KTIMER* timer)
 
 KTIMER* FindDue(Dispatcher& dispatcher)
 {
-    KTIMER* earliest = nullptr;
-    int64_t least = 0;
-    for (LIST_ENTRY* entry = dispatcher.timers.Flink; entry != &dispatcher.timers; entry = entry->Flink) {
-        auto* timer = CONTAINING_RECORD(entry, KTIMER, TimerListEntry);
-        int64_t remaining = RemainingTime(DueTimeOf(timer));
-        if (remaining <= least) {
-            least = remaining;
-            earliest = timer;
-        }
+    for (TimerQueue* queue : {&dispatcher.intervalTimers, &dispatcher.systemTimers}) {
+        KTIMER* first = queue->First();
+        if (first != nullptr && RemainingTime(DueTimeOf(first)) <= 0)
+            return first;
     }
-    return earliest;
+    return nullptr;
 }
 
 void RunDpc(Dispatcher& dispatcher, std::unique_lock<std::mutex>& lock)
@@ -93,6 +101,9 @@ void RunDpc(Dispatcher& dispatcher, std::unique_lock<std::mutex>& lock)
 
     lock.lock();
     dispatcher.dpcRunning = false;
+    dispatcher.dpcsEnded++;
+    if (dispatcher.dpcFlushes != 0)
+        dispatcher.idle.notify_all();
 }
 
 void Sleep(Dispatcher& dispatcher, std::unique_lock<std::mutex>& lock)
@@ -135,13 +146,15 @@ void WakeTimerThread(Dispatcher& dispatcher)
 bool EarliestTimer(int64_t* due)
 {
     Dispatcher& dispatcher = TheDispatcher();
-    if (IsListEmpty(&dispatcher.timers))
-        return false;
-    int64_t least = INT64_MAX;
-    for (LIST_ENTRY* entry = dispatcher.timers.Flink; entry != &dispatcher.timers; entry = entry->Flink)
-        least = std::min(least, RemainingTime(DueTimeOf(CONTAINING_RECORD(entry, KTIMER, TimerListEntry))));
-    *due = DueIn(least);
-    return true;
+    bool found = false;
+    for (TimerQueue* queue : {&dispatcher.intervalTimers, &dispatcher.systemTimers}) {
+        if (queue->IsEmpty())
+            continue;
+        int64_t first = DueIn(RemainingTime(DueTimeOf(queue->First())));
+        *due = found ? std::min(*due, first) : first;
+        found = true;
+    }
+    return found;
 }
 
 bool TimersAtRest()
@@ -152,20 +165,19 @@ bool TimersAtRest()
 
 const void* CancelTimersIn(const void* begin, const void* end)
 {
-    if (Live().timers.load(std::memory_order_relaxed) == 0)
+    const size_t size = static_cast<size_t>(static_cast<const char*>(end) - static_cast<const char*>(begin));
+    if (Live().timers.load(std::memory_order_relaxed) == 0 || size < sizeof(KTIMER))
         return nullptr;
     Dispatcher& dispatcher = TheDispatcher();
     std::lock_guard lock(dispatcher.mutex);
-    const void* found = nullptr;
-    for (LIST_ENTRY* entry = dispatcher.timers.Flink; entry != &dispatcher.timers;) {
-        auto* timer = CONTAINING_RECORD(entry, KTIMER, TimerListEntry);
-        entry = entry->Flink;
-        if (timer >= begin && timer < end) {
-            Unset(timer);
-            found = timer;
-        }
-    }
-    return found;
+    std::vector<KTIMER*> found;
+    for (TimerQueue* queue : {&dispatcher.intervalTimers, &dispatcher.systemTimers})
+        for (KTIMER* timer : queue->All())
+            if (timer >= begin && timer < end)
+                found.push_back(timer);
+    for (KTIMER* timer : found)
+        Unset(timer);
+    return found.empty() ? nullptr : found.front();
 }
 
 } // namespace kernel
@@ -189,6 +201,17 @@ BOOLEAN KeInsertQueueDpc(PRKDPC Dpc, PVOID SystemArgument1, PVOID SystemArgument
     return queued;
 }
 
+VOID KeFlushQueuedDpcs(VOID)
+{
+    RequireIrqlAtMost(PASSIVE_LEVEL, "KeFlushQueuedDpcs");
+    Dispatcher& dispatcher = TheDispatcher();
+    std::unique_lock lock(dispatcher.mutex);
+    const uint64_t queued = dispatcher.dpcsQueued;
+    dispatcher.dpcFlushes++;
+    dispatcher.idle.wait(lock, [&] { return dispatcher.dpcsEnded >= queued; });
+    dispatcher.dpcFlushes--;
+}
+
 VOID KeInitializeTimerEx(PKTIMER Timer, TIMER_TYPE Type)
 {
     *Timer = {};
@@ -205,20 +228,21 @@ BOOLEAN KeSetTimerEx(PKTIMER Timer, LARGE_INTEGER DueTime, LONG Period, PKDPC Dp
 {
     RequireIrqlAtMost(DISPATCH_LEVEL, "KeSetTimer");
     Deadline deadline = DeadlineOf(DueTime);
+    // Timers expire when the clock ticks: one without time left does at the next tick. So a timer that a deferred call
+    // sets anew with no time does not keep the processor.
+    if (RemainingTime(deadline) <= 0)
+        deadline = DeadlineIn(1);
     Dispatcher& dispatcher = TheDispatcher();
     std::lock_guard lock(dispatcher.mutex);
     bool wasSet = Timer->Header.Inserted != 0;
     if (wasSet)
         Unset(Timer);
     __atomic_store_n(&Timer->Header.SignalState, 0, __ATOMIC_RELEASE);
-    Timer->Header.Inserted = 1;
-    Timer->Header.Absolute = deadline.absolute;
-    Timer->DueTime.QuadPart = static_cast<ULONGLONG>(deadline.time);
     Timer->Dpc = Dpc;
     Timer->Period = Period;
-    InsertTailList(&dispatcher.timers, &Timer->TimerListEntry);
-    Live().timers++;
-    WakeTimerThread(dispatcher);
+    Set(Timer, deadline);
+    if (QueueOf(Timer).First() == Timer)
+        WakeTimerThread(dispatcher);
     return wasSet;
 }
 

@@ -195,6 +195,11 @@ TEST_F(DiagTest, TheStateIsShownListByList)
 
     Answerer answerer("shown-answerer", [](Diag*) -> NTSTATUS { return STATUS_NOT_SUPPORTED; });
     const std::string owner = PointerText(driver.Handle());
+    FilterTimer* timer = nullptr;
+    ASSERT_EQ(Filter_InitializeTimer(
+                  driver.Handle(), [](FilterDriver*, PVOID, FilterTimer*, PVOID) {}, &timer, TRUE, &timer),
+              FILTER_STATUS_SUCCESS);
+    Filter_StartTimer(timer, 1'000'000);
     const std::pair<const char*, std::string> replies[] = {
         {"filter show info", R"(- m_pDeviceObject = 0x[0-9A-F]{16}
 - m_DeviceSymbolicLink = .DosDevices.NdisFilter
@@ -239,7 +244,10 @@ TEST_F(DiagTest, TheStateIsShownListByList)
   - m_PacketDiscard   = 0
 (.*
 )+)"},
-        {"filter show timer", ""},
+        {"filter show timer", "- pFilterTimer = " + PointerText(timer) + "\n- m_hFilterDriver = " + owner +
+                                  "\n- m_pDriverContext = " + PointerText(adapter) +
+                                  "\n- m_pfTimerProc = 0x.{16}\n- m_pTimerContext = " + PointerText(&timer) +
+                                  "\n- m_bRepeatTimer = TRUE\n- m_MsToDelay = 1000000\n"},
         {"filter show ioctl", R"(- pIoCtrlHandler = 0x.{16}
 - m_hFilterDriver = 0x.{16}
 - m_pfIoCtrlProc = 0x.{16}

@@ -4,13 +4,6 @@
 
 #include "ndisfilter-internal.h"
 
-// For the addresses of functions, which no conversion of the formatter is made for.
-template <class Function>
-PVOID AddressOf(Function* function)
-{
-    return reinterpret_cast<PVOID>(function);
-}
-
 // Calls show(record) for each record of a list, under its lock. Lock is the guard's type.
 template <class Lock, class LockStorage, class Record, class Show>
 VOID ForEachLocked(LockStorage& storage, const RecordList<Record>& list, const Show& show)

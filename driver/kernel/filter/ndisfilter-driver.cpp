@@ -31,9 +31,7 @@ VOID DropTimers(const FilterDriver* owner)
     WriteLock lock(Global().m_FilterTimerLock);
     ForEachOwned(Global().m_FilterTimerList, owner, [](FilterTimer& timer) {
         RecordList<FilterTimer>::Unlink(timer);
-        BOOLEAN cancelled;
-        NdisCancelTimer(&timer.m_Timer, &cancelled);
-        Filter_FreeMemory(&timer);
+        RetireTimer(timer);
     });
 }
 

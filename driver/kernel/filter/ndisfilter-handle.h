@@ -69,6 +69,7 @@ struct NamedRegistration {
     FILTER_STATUS KnownStatus; // when the list holds the name already
     ULONG PoolTag;
     SIZE_T ExtraSize = 0;
+    const VOID* ExtraData = nullptr; // the caller's, what the extra bytes are to hold; nullptr for zeros
 };
 
 // `fill` sets the fields of the new record but its name, and places it in the list. Runs under the list's lock, and
@@ -104,6 +105,10 @@ FILTER_STATUS RegisterNamed(const NamedRegistration<Record>& registration, const
             fill(*record);
             code = Guarded([&] {
                 CopyText(room.Buffer, name.Buffer, name.Length);
+                if (registration.ExtraData != nullptr) {
+                    RtlCopyMemory(room.Buffer - registration.ExtraSize, registration.ExtraData,
+                                  registration.ExtraSize);
+                }
                 *registration.Handle = record;
             });
             if (code != 0) {

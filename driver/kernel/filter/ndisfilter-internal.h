@@ -69,6 +69,12 @@ ULONG ReadAdapterCount();                 // read once, at most 32
 AdapterInfo ReadAdapterInfo(ULONG index); // a copy, taken without the lock
 BOOLEAN IsAdapterListed(const FilterAdapter* hAdapter);
 
+// ---- ndisfilter-timer
+// Stops a timer for good and frees its record once nothing uses it. The caller has unlinked it. IRQL <= DISPATCH.
+VOID RetireTimer(FilterTimer& timer);
+// Stops all timers for good, for the unload; they stay listed. PASSIVE_LEVEL.
+VOID StopTimers();
+
 // ---- ndisfilter-packetfilter
 PacketFilterCounters SumFilterCounters(const PacketFilter& filter);
 

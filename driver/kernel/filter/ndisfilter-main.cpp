@@ -120,14 +120,6 @@ VOID FreeEventRecords()
     global.m_CurrentLogSize = 0;
 }
 
-VOID CancelTimers()
-{
-    for (FilterTimer& timer : Global().m_FilterTimerList) {
-        BOOLEAN cancelled;
-        NdisCancelTimer(&timer.m_Timer, &cancelled);
-    }
-}
-
 VOID InstallDispatchRoutines(PDRIVER_OBJECT driver)
 {
     driver->MajorFunction[IRP_MJ_CREATE] = NdisFilterOpen;
@@ -318,6 +310,7 @@ VOID NdisFilterInitialize()
 
     NdisInitializeReadWriteLock(&global.m_InterfaceLock);
     global.m_InterfaceList.Initialize();
+    global.m_DepartingInterfaceList.Initialize();
     Trace(TRACE_CORE, "  Interface list Initialized\n");
 
     NdisInitializeReadWriteLock(&global.m_IfEventHandlerLock);
@@ -356,8 +349,8 @@ VOID NdisFilterDeInitialize()
     NdisFilter_TerminateShare();
     StopWorkerThreads();
     CloseAllEthrLogs();
-    CancelTimers(); // they queue work, too, and what is queued still needs their records
-    WaitForQueuedWork();
+    StopTimers();
+    WaitForQueuedWork(); // also for the callbacks of timers
     NdisFilter_FreeMappedMemory(global.m_pMappedMemory);
     FreeRecords(global.m_EventHandlerList);
     FreeRecords(global.m_FilterDriverList);

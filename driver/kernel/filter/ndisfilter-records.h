@@ -19,6 +19,9 @@ constexpr ULONG POOL_TAG_DRIVER = 0x4144664E;    // "NfDA"
 constexpr ULONG POOL_TAG_FILTER = 0x4146664E;    // "NfFA"
 constexpr ULONG POOL_TAG_ADAPTER = 0x6441664E;   // "NfAd"
 constexpr ULONG POOL_TAG_IOCTRL = 0x4349664E;    // "NfIC"
+constexpr ULONG POOL_TAG_TIMER = 0x4153664E;     // "NfSA"
+constexpr ULONG POOL_TAG_INTERFACE = 0x4946664E; // "NfFI"
+constexpr ULONG POOL_TAG_HASH = 0x6148664E;      // "NfHa"
 constexpr ULONG POOL_TAG_ETHRLOG = 0x6C45664E;  // "NfEl"
 constexpr ULONG POOL_TAG_EVENT = 0x54414736;     // "6GAT"
 constexpr ULONG POOL_TAG_MAPPED = 0x4D70614D;    // "MapM"
@@ -69,10 +72,8 @@ struct PacketFilter {
     PacketFilterCounters* m_pCounters;
 };
 
-using FILTER_TIMER_PROC = VOID (*)(FilterDriver* hFilterDriver, PVOID pDriverContext, struct FilterTimer* hTimer,
-                                   PVOID pTimerContext);
-
-// A client driver's timer.
+// A client driver's timer. The record outlives its place in the list until no deferred call and no callback can touch
+// it any more.
 struct FilterTimer {
     LIST_ENTRY m_ListEntry; // in m_FilterTimerList
     ULONG m_Tag;            // FILTER_TIMER_TAG
@@ -85,9 +86,14 @@ struct FilterTimer {
     ULONG m_MsToDelay;       // period given by the last start, 0 until then
     LONG m_nPendingCallback; // callbacks queued to a worker and not finished
     KEVENT m_CallbackEvent;  // set when the pending count falls to 0
+    KSPIN_LOCK m_Lock;       // guards the period, the pending count with its event, and the next two
+    BOOLEAN m_bRunning;      // started and not stopped since: a repeating timer is set again when it expires
+    BOOLEAN m_bStopped;      // for good: it is neither set nor queues a callback any more
+    LONG m_nReferences;      // one until the timer is freed, and one a pending callback
+    WORK_QUEUE_ITEM m_FreeItem;
 };
 
-// A named block of data that one client driver offers to others. Name and block lie behind the record.
+// A named block of data that one client driver offers to others. Block and name lie behind the record.
 struct FilterInterface {
     LIST_ENTRY m_ListEntry; // in m_InterfaceList
     ULONG m_Tag;            // FILTER_INTERFACE_TAG
@@ -95,9 +101,10 @@ struct FilterInterface {
     FilterDriver* m_hFilterDriver;
     BOOLEAN m_bActive;        // may be queried
     BOOLEAN m_bDeregistering; // its deregistration is in progress
-    PVOID m_pInterface;
+    PVOID m_pInterface;       // the copy of the block
     NDIS_RW_LOCK m_ReferenceLock;
     RecordList<struct InterfaceReference> m_ReferenceList;
+    USHORT m_nInterfaceLength; // bytes of the block
 };
 
 // One reference that a query handed out; the copy of the block lies behind it.
@@ -108,9 +115,7 @@ struct InterfaceReference {
     FilterInterface* m_pFilterInterface;
     BOOLEAN m_bValid;
 };
-
-using FILTER_IF_EVENT_PROC = VOID (*)(FilterDriver* hFilterDriver, PVOID pDriverContext, ULONG nEvent, PVOID pContext,
-                                      const STRING* pInterfaceName);
+static_assert(sizeof(InterfaceReference) % sizeof(PVOID) == 0); // the copy is aligned as the block's pointers are
 
 // A client driver's interest in interfaces coming and going.
 struct IfEventHandler {
@@ -130,6 +135,26 @@ struct IoCtrlHandler {
     FILTER_IOCTRL_PROC m_pfIoCtrlProc;
     PVOID m_pIoCtrlContext;
 };
+
+// A hash table of client drivers. The buckets lie behind it, and one to spare.
+struct HashTable {
+    ULONG HashTableSize; // buckets; even
+    ULONG m_HashMask;    // HashTableSize - 1, a power of two or not
+    ULONG m_RefCount;    // the creator's, one an item, one a walk that is under way
+    PCSTR pItemName;     // the creator's; for messages only
+    FILTER_FREE_HASH_ITEM pfnFreeItem;
+    FILTER_COMPARE_HASH_ITEM pfnCompItem;
+    LONG m_bEnumerating;      // set behind the two identifiers: whoever sees it sees them
+    HANDLE m_hEnumProcess;    // of the enumerating thread
+    HANDLE m_hEnumThread;     //
+    HashItem* m_pCurrentItem; // whose callback is running; nullptr once the item is deleted or freed
+    ULONG m_nItemCount;
+    NDIS_RW_LOCK m_Lock;
+    LIST_ENTRY m_ItemList;   // all items, in the order of insertion
+    LIST_ENTRY* m_pNextLink; // where the enumeration goes on; moved on when that item is deleted
+    LIST_ENTRY m_Buckets[1];
+};
+static_assert(offsetof(HashTable, pItemName) == 16 && offsetof(HashTable, m_Lock) == 80);
 
 // A queued event: comes from m_LogLookasideList. What user mode gets starts at m_Event.
 struct FilterEventRecord {

@@ -53,6 +53,7 @@ struct NdisFilterDeviceExtension {
 
     NDIS_RW_LOCK m_InterfaceLock;
     RecordList<FilterInterface> m_InterfaceList;
+    RecordList<FilterInterface> m_DepartingInterfaceList; // whose deregistration is being announced
     NDIS_RW_LOCK m_IfEventHandlerLock;
     RecordList<IfEventHandler> m_IfEventHandlerList;
 

@@ -33,6 +33,13 @@ template <class... Arguments> VOID Trace(ULONG area, PCSTR format, Arguments... 
     }
 }
 
+// For the addresses of functions, which no conversion of the formatter is made for.
+template <class Function>
+PVOID AddressOf(Function* function)
+{
+    return reinterpret_cast<PVOID>(function);
+}
+
 inline PCSTR BooleanText(BOOLEAN value)
 {
     return value ? "TRUE" : "FALSE";

@@ -14,6 +14,7 @@
 extern "C" {
 PVOID __stdcall GetModuleHandleA(const char* name);
 PVOID __stdcall GetProcAddress(PVOID module, const char* name);
+void __stdcall GetSystemTimeAsFileTime(PLARGE_INTEGER time);
 int __stdcall VirtualProtect(PVOID address, SIZE_T size, ULONG protection, ULONG* before);
 NTSTATUS NTAPI ZwYieldExecution();
 NTSTATUS NTAPI ObReferenceObjectByName(PUNICODE_STRING name, ULONG attributes, PVOID state,
@@ -125,6 +126,100 @@ NTSTATUS NTAPI GetDeviceObjectPointer(PUNICODE_STRING name, ACCESS_MASK, PFILE_O
     return STATUS_SUCCESS;
 }
 
+// ---------------------------------------------------------------------------------------------------- timers
+
+// Wine's KeSetTimer waits for the timer's deferred call, also inside of it, and its KeCancelTimer does; a real kernel's
+// never wait. So timers are ours: one thread, there while any timer is set, runs the calls one after the other.
+struct Timers {
+    volatile LONG taken; // a lock around the rest
+    LIST_ENTRY set;
+    bool threadRuns;
+    volatile LONG callRuns;
+} timers;
+
+void LockTimers()
+{
+    while (InterlockedExchange(&timers.taken, 1) != 0) {
+        ZwYieldExecution();
+    }
+}
+
+void UnlockTimers()
+{
+    InterlockedExchange(&timers.taken, 0);
+}
+
+// KeQuerySystemTime is a read of a page that Wine has not; it mends only some instructions.
+LONGLONG Now()
+{
+    LARGE_INTEGER now;
+    GetSystemTimeAsFileTime(&now);
+    return now.QuadPart;
+}
+
+void Sleep(UINT milliseconds)
+{
+    LARGE_INTEGER interval;
+    interval.QuadPart = MillisecondsFromNow(milliseconds);
+    KeDelayExecutionThread(KernelMode, FALSE, &interval);
+}
+
+// Under the lock.
+bool Unset(PNDIS_TIMER timer)
+{
+    const bool wasSet = timer->Timer.Header.Inserted != 0;
+    if (wasSet) {
+        RemoveEntryList(&timer->Timer.TimerListEntry);
+        timer->Timer.Header.Inserted = 0;
+    }
+    return wasSet;
+}
+
+PNDIS_TIMER FindDue()
+{
+    for (PLIST_ENTRY link = timers.set.Flink; link != &timers.set; link = link->Flink) {
+        const auto timer = CONTAINING_RECORD(link, NDIS_TIMER, Timer.TimerListEntry);
+        if (static_cast<LONGLONG>(timer->Timer.DueTime.QuadPart) <= Now()) {
+            return timer;
+        }
+    }
+    return nullptr;
+}
+
+VOID NTAPI RunTimers(PVOID)
+{
+    LockTimers();
+    while (!IsListEmpty(&timers.set)) {
+        const PNDIS_TIMER due = FindDue();
+        if (due == nullptr) {
+            UnlockTimers();
+            Sleep(1);
+        } else {
+            Unset(due);
+            const KDPC call = due->Dpc; // the timer may be gone once it has been called
+            timers.callRuns = 1;
+            UnlockTimers();
+            call.DeferredRoutine(&due->Dpc, call.DeferredContext, nullptr, nullptr);
+            timers.callRuns = 0;
+        }
+        LockTimers();
+    }
+    timers.threadRuns = false;
+    UnlockTimers();
+    PsTerminateSystemThread(STATUS_SUCCESS);
+}
+
+VOID NTAPI FlushQueuedDpcs()
+{
+    LockTimers(); // a call that has been taken from the list runs, for whoever sees it
+    UnlockTimers();
+    while (timers.callRuns != 0) {
+        Sleep(1);
+    }
+}
+
+// ------------------------------------------------------------------------------------------------ mending Wine
+
 struct Replacement {
     const char* name;
     PVOID routine;
@@ -160,6 +255,7 @@ void MendKernel()
         {"MmMapLockedPagesSpecifyCache", Address(MapLockedPagesSpecifyCache)},
         {"MmUnmapLockedPages", Address(UnmapLockedPages)},
         {"IoGetDeviceObjectPointer", Address(GetDeviceObjectPointer)},
+        {"KeFlushQueuedDpcs", Address(FlushQueuedDpcs)},
     };
     const PVOID kernel = GetModuleHandleA("ntoskrnl.exe");
     for (const Replacement& replacement : replacements) {
@@ -236,14 +332,25 @@ VOID NTAPI NdisInitializeTimer(PNDIS_TIMER timer, PNDIS_TIMER_FUNCTION function,
 
 VOID NTAPI NdisSetTimer(PNDIS_TIMER timer, UINT milliseconds)
 {
-    LARGE_INTEGER dueTime;
-    dueTime.QuadPart = MillisecondsFromNow(milliseconds);
-    KeSetTimer(&timer->Timer, dueTime, &timer->Dpc);
+    HANDLE thread;
+    LockTimers();
+    Unset(timer);
+    timer->Timer.DueTime.QuadPart = static_cast<ULONGLONG>(Now() - MillisecondsFromNow(milliseconds));
+    timer->Timer.Header.Inserted = 1;
+    InsertTailList(&timers.set, &timer->Timer.TimerListEntry);
+    if (!timers.threadRuns && NT_SUCCESS(PsCreateSystemThread(&thread, THREAD_ALL_ACCESS, nullptr, nullptr,
+                                                              nullptr, RunTimers, nullptr))) {
+        timers.threadRuns = true;
+        ZwClose(thread);
+    }
+    UnlockTimers();
 }
 
 VOID NTAPI NdisCancelTimer(PNDIS_TIMER timer, PBOOLEAN cancelled)
 {
-    *cancelled = KeCancelTimer(&timer->Timer);
+    LockTimers();
+    *cancelled = Unset(timer);
+    UnlockTimers();
 }
 
 NDIS_STATUS NTAPI NdisAllocateMemoryWithTag(PVOID* address, UINT length, ULONG tag)
@@ -267,6 +374,7 @@ NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT, PUNICODE_STRING registryPath)
         return STATUS_SUCCESS;
     }
     if (reason == PROCESS_ATTACH) {
+        InitializeListHead(&timers.set);
         MendKernel();
     }
     return TRUE;

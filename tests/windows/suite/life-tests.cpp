@@ -40,6 +40,29 @@ TEST(life, LoadsAndUnloadsWithDefaultsAndWithOtherValues)
     run(0, true);
 }
 
+// With their timers, tables and interfaces, and twice: what the first life left would be in the way of the second.
+TEST(life, SampleDriversLoadAndUnload)
+{
+    Service filter(L"ndisfilter");
+    filter.Start();
+    for (int life = 0; life < 2; ++life) {
+        Service indicator(L"indicator"), firewall(L"firewall"), flowmeter(L"flowmeter"), reader(L"meterreader"),
+            rewriter(L"rewriter"), wan(L"wan");
+        flowmeter.SetNumber(L"StatisticsMs", 10);
+        rewriter.SetText(L"Translate", L"10.0.0.80:80=10.0.0.2:8080");
+        for (Service* sample : {&indicator, &firewall, &reader, &flowmeter, &rewriter, &wan}) {
+            sample->Start();
+        }
+        const DebugOutput output;
+        for (Service* sample : {&wan, &rewriter, &flowmeter, &reader, &firewall, &indicator}) {
+            sample->Stop();
+        }
+        CHECK(output.Shows("rewriter: 10.0.0.80:80 is 10.0.0.2:8080"));
+        CHECK_EQUAL(output.Count("exception"), size_t{0});
+    }
+    filter.Stop();
+}
+
 // Its import loads the framework's image without running the entry.
 TEST(life, AClientThatStartsTooEarlyIsRefused)
 {

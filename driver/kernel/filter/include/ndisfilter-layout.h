@@ -298,6 +298,15 @@ NDISFILTER_AT(Diag, m_bInitialized, 32);
 NDISFILTER_AT(Diag, m_Text, 33);
 NDISFILTER_SIZE(Diag, 40);
 
+NDISFILTER_AT(HashItem, m_ListEntry, 0);
+NDISFILTER_AT(HashItem, m_BucketEntry, 16);
+NDISFILTER_AT(HashItem, m_HashValue, 32);
+NDISFILTER_AT(HashItem, m_RefCount, 36);
+NDISFILTER_AT(HashItem, m_nTime, 40);
+NDISFILTER_AT(HashItem, m_pHashTable, 48);
+NDISFILTER_AT(HashItem, m_bDeleted, 56);
+NDISFILTER_SIZE(HashItem, 64);
+
 #undef NDISFILTER_SIZE
 #undef NDISFILTER_AT
 #undef NDISFILTER_HOLDS

@@ -131,10 +131,19 @@ typedef ULONG FILTER_METHOD;
 #define FILTER_EVENT_ADAPTER_CLOSED 3u      /* closed: drop the handle, which goes on to pass Filter_IsValidAdapter */
 #define FILTER_EVENT_IPCONFIG_CHANGED 4u    /* Filter_SetIPConfig or the user program has changed its addresses */
 
+/* Interface events. */
+#define FILTER_IF_EVENT_REGISTERED 0u    /* a new interface can be queried */
+#define FILTER_IF_EVENT_DEREGISTERING 1u /* its owner deregisters it; references can still be released */
+#define FILTER_IF_EVENT_DEREGISTERED 2u  /* it is gone: nothing referenced it any more */
+
 typedef struct FilterDriver FilterDriver; /* handle of a registered client driver */
 typedef struct PacketFilter PacketFilter; /* handle of a registered packet filter */
 typedef struct EventHandler EventHandler; /* handle of a registered adapter event handler */
 typedef struct IoCtrlHandler IoCtrlHandler; /* handle of a registered handler of control requests */
+typedef struct FilterTimer FilterTimer; /* handle of a timer */
+typedef struct FilterInterface FilterInterface; /* handle of a registered interface */
+typedef struct IfEventHandler IfEventHandler; /* handle of a registered interface event handler */
+typedef struct HashTable HashTable; /* a hash table */
 
 /* ------------------------------------------------------------------------------------------- status and names */
 
@@ -499,7 +508,10 @@ FILTER_STATUS Filter_GetDriverContext(FilterDriver* hFilterDriver, PVOID* ppDriv
 
 /*
  * Removes a driver with its timers, adapter event handlers, packet filters, interfaces and IOCTL handlers. Adapter
- * contexts, interface event handlers and hash tables stay: release them before. The handle is dead afterwards.
+ * contexts, interface event handlers, references to others' interfaces, hash tables and NDIS requests stay: release
+ * them before. Callbacks of timers that are queued or running are not waited for: free the timers before. An interface
+ * that is still referenced stays listed under its name, inactive, until the framework unloads: its references are
+ * invalid from now on and can no longer be released. No interface event is delivered. The handle is dead afterwards.
  * IRQL <= DISPATCH, with no lock of the framework held (not from inside a filter procedure or handler).
  * FILTER_ERROR_INVALID_ARGUMENT, FILTER_ERROR_INVALID_DRIVER_HANDLE, FILTER_ERROR_DRIVER_NOT_FOUND.
  */
@@ -692,6 +704,259 @@ FILTER_STATUS Filter_ClonePacket(FilterPacket* pPacket, FilterPacket** ppClone);
 
 /* Prints a packet to the debug output when its adapter's dump flag is on. IRQL <= DISPATCH. */
 VOID Filter_DumpPacket(PCSTR pszTitle, FilterPacket* pPacket);
+
+/* ---------------------------------------------------------------------------------------------- NDIS requests */
+
+/*
+ * NDIS requests query and set object identifiers (OIDs) of an adapter. The hook driver allocates, issues and completes
+ * them; the framework passes them on. A handle is the address of the part of the hook driver's record that the client
+ * fills and reads: its layout, how a completion is told, what pContext means, and whether a call waits, are the hook
+ * driver's. Handles are not owned by a driver: free each one before leaving.
+ */
+
+/*
+ * Gets a request from the hook driver. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: NULL.
+ * FILTER_ERROR_INTERFACE_NOT_ACTIVE: no hook driver is bound, or it has no such function. FILTER_ERROR_OUT_OF_MEMORY:
+ * it gives none.
+ */
+FILTER_STATUS Filter_AllocateNdisRequest(PVOID* phRequest);
+
+/* TRUE when the handle carries the request tag; says so in the debug output otherwise. IRQL <= DISPATCH. */
+BOOLEAN Filter_IsValidNdisRequest(PVOID hRequest);
+
+/*
+ * Has the hook driver issue a request on an adapter. From here to its completion the request is the hook driver's.
+ * Success says nothing about the outcome, which the hook driver tells through the request. IRQL <= DISPATCH, unless the
+ * hook driver asks for less. FILTER_ERROR_INVALID_ARGUMENT: NULL adapter or request.
+ * FILTER_ERROR_INVALID_ADAPTER_HANDLE, FILTER_ERROR_INVALID_NDIS_REQUEST. FILTER_ERROR_INTERFACE_NOT_ACTIVE: as above.
+ */
+FILTER_STATUS Filter_MakeNdisRequest(FilterAdapter* hAdapter, PVOID hRequest, PVOID pContext);
+
+/*
+ * Gives a request back to the hook driver; it must not be under way. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT:
+ * NULL. FILTER_ERROR_INVALID_NDIS_REQUEST. FILTER_ERROR_INTERFACE_NOT_ACTIVE: as above; nothing is freed.
+ */
+FILTER_STATUS Filter_FreeNdisRequest(PVOID hRequest);
+
+/* ----------------------------------------------------------------------------------------------------- timers */
+
+/*
+ * A timer's callback. Runs at PASSIVE_LEVEL in a system worker thread, so it may wait and use paged memory. A repeating
+ * timer queues a callback at each expiry, whether or not the one before has ended: several may run at once. It must not
+ * free its own timer. An exception is contained and reported in the debug output.
+ */
+typedef VOID (*FILTER_TIMER_PROC)(FilterDriver* hFilterDriver, PVOID pDriverContext, FilterTimer* hTimer,
+                                  PVOID pTimerContext);
+
+/*
+ * Creates a timer of a driver, which does not run yet; bRepeatTimer is nonzero for one that starts itself anew at each
+ * expiry. Free it with Filter_FreeTimer. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: NULL driver, procedure or
+ * output. FILTER_ERROR_INVALID_DRIVER_HANDLE. No memory: success, *phTimer unwritten.
+ */
+FILTER_STATUS Filter_InitializeTimer(FilterDriver* hFilterDriver, FILTER_TIMER_PROC pfTimerProc, PVOID pTimerContext,
+                                     BOOLEAN bRepeatTimer, FilterTimer** phTimer);
+
+/* TRUE when the handle carries the timer tag; says so in the debug output otherwise. IRQL <= DISPATCH. */
+BOOLEAN Filter_IsValidTimer(FilterTimer* hTimer);
+
+/*
+ * Starts a timer: its callback is queued after so many milliseconds, and every so many from then on when it repeats (0:
+ * as soon as the clock ticks). One that runs already gets the new time. The period follows the system's clock tick; an
+ * expiry without memory for the callback is lost. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: NULL.
+ * FILTER_ERROR_INVALID_TIMER_HANDLE: none, or freed.
+ */
+FILTER_STATUS Filter_StartTimer(FilterTimer* hTimer, ULONG nMilliseconds);
+
+/* Stops a timer until it is started again. Callbacks that are queued or running are not stopped, nor waited for.
+   IRQL and statuses as for Filter_StartTimer. */
+FILTER_STATUS Filter_StopTimer(FilterTimer* hTimer);
+
+/*
+ * Stops a timer, waits until its queued and running callbacks have ended, and frees it. PASSIVE_LEVEL.
+ * FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer. FILTER_ERROR_INVALID_DRIVER_HANDLE, FILTER_ERROR_INVALID_TIMER_HANDLE,
+ * FILTER_ERROR_TIMER_HANDLER_NOT_FOUND. FILTER_ERROR_INVALID_TIMER_HANDLER_OWNER: it belongs to another driver and runs
+ * on.
+ */
+FILTER_STATUS Filter_FreeTimer(FilterDriver* hFilterDriver, FilterTimer* hTimer);
+
+/* ------------------------------------------------------------------------------------------------- hash tables */
+
+/*
+ * Tables of records that clients own: each begins with a HashItem and comes with a hash value that the client computes.
+ * Tables and items are counted; what a call hands out stays valid until it is released, also when others delete it
+ * meanwhile. Pointers are not checked but for NULL, which does nothing. IRQL <= DISPATCH throughout.
+ *
+ * A table has one lock: finds share it; inserting, deleting, enumerating and cleaning take it alone. The functions
+ * without Ex take it themselves, except inside an enumeration routine of the same table, which runs under it. The Ex
+ * ones take none: call them between Filter_LockHashTable and Filter_UnLockHashTable, or in an enumeration routine.
+ * Anything else that takes the lock must not be called where it is held: no other function of the table in its compare
+ * routine, nor in a free routine that a clean calls.
+ */
+
+/* The first field of a client's record: 64 bytes, all zero in the beginning. Only the hash value is the client's. */
+typedef struct HashItem {
+    LIST_ENTRY m_ListEntry;       /*  0  in the list of all items */
+    LIST_ENTRY m_BucketEntry;     /* 16  in its bucket */
+    ULONG m_HashValue;            /* 32  set by the client before it inserts the item, and not changed while it is in */
+    ULONG m_RefCount;             /* 36  interlocked */
+    ULONG m_nTime;                /* 40  low 32 bits of Filter_GetSystemTime at the insertion or the last find */
+    struct HashTable* m_pHashTable; /* 48  NULL until inserted */
+    BOOLEAN m_bDeleted;           /* 56 */
+} HashItem;
+
+/*
+ * Frees an item that nothing refers to any more, at up to DISPATCH_LEVEL; when a table is cleaned or destroyed, or an
+ * enumeration routine deletes the item, under the table's lock. An exception is contained.
+ */
+typedef VOID (*FILTER_FREE_HASH_ITEM)(HashItem* pHashItem);
+
+/* TRUE (any nonzero value) when an item has the key. Called for items with the right hash value only, at DISPATCH_LEVEL
+   under the table's lock. An exception is contained: nothing is found then. */
+typedef BOOLEAN (*FILTER_COMPARE_HASH_ITEM)(HashItem* pHashItem, const VOID* pKey);
+
+/* Called for an item at DISPATCH_LEVEL under the table's lock. It may insert, find and delete items, also the given
+   one. An exception is contained and ends the enumeration. */
+typedef VOID (*FILTER_ENUM_HASH_ITEM)(PVOID pContext, HashItem* pHashItem);
+
+/*
+ * Creates a table with one reference, the caller's; NULL without memory. The name of what it holds is for messages and
+ * must stay ("unknown" for NULL). Without a free routine items are freed with Filter_FreeMemory; without a compare
+ * routine the hash value alone decides. An odd size is raised by one; make it a power of two: the bucket is the value
+ * AND size - 1, so other sizes leave buckets unused.
+ */
+HashTable* Filter_CreateHashTable(PCSTR pszItemName, ULONG nSize, FILTER_FREE_HASH_ITEM pfnFreeItem,
+                                  FILTER_COMPARE_HASH_ITEM pfnCompItem);
+
+/*
+ * Remove all items; destroying also gives back the creator's reference, so that the table goes with the last item that
+ * is held elsewhere. Whoever holds a removed item only releases it, and does not delete it. Filter_GetHashItemCount
+ * still counts removed items.
+ */
+VOID Filter_DestroyHashTable(HashTable* pHashTable);
+VOID Filter_CleanHashTable(HashTable* pHashTable);
+
+/* Items inserted and not deleted; 0 for NULL. */
+ULONG Filter_GetHashItemCount(HashTable* pHashTable);
+
+/* Call a routine for each item, in the order of insertion, or for those of the bucket of a hash value, newest first;
+   items with other values share the bucket. Not from inside an enumeration of the table. */
+VOID Filter_EnumHashTable(HashTable* pHashTable, FILTER_ENUM_HASH_ITEM pfnEnumItem, PVOID pEnumContext);
+VOID Filter_EnumHashTableEx(HashTable* pHashTable, ULONG nHashValue, FILTER_ENUM_HASH_ITEM pfnEnumItem,
+                            PVOID pEnumContext);
+
+/* Take and release the table's lock for writing, with the caller's storage for the level before. */
+VOID Filter_LockHashTable(HashTable* pHashTable, PLOCK_STATE pLockState);
+VOID Filter_UnLockHashTable(HashTable* pHashTable, PLOCK_STATE pLockState);
+
+/*
+ * Insert an item and return it, with a reference for the caller, who releases it (or deletes the item). Equal items may
+ * be in at once. With a NULL table nothing is inserted, but an item that is in a table gets the reference.
+ */
+HashItem* Filter_InsertHashItem(HashTable* pHashTable, HashItem* pHashItem);
+HashItem* Filter_InsertHashItemEx(HashTable* pHashTable, HashItem* pHashItem);
+
+/* The newest item with the hash value and key, with a reference for the caller; NULL when there is none. */
+HashItem* Filter_FindHashItem(HashTable* pHashTable, ULONG nHashValue, const VOID* pKey);
+HashItem* Filter_FindHashItemEx(HashTable* pHashTable, ULONG nHashValue, const VOID* pKey);
+
+/*
+ * Take an item out of its table and release the caller's reference, the one from inserting, finding or enumerating it.
+ * An item that somebody else has deleted meanwhile is only released. FALSE: NULL, or never inserted.
+ */
+BOOLEAN Filter_DeleteHashItem(HashItem* pHashItem);
+BOOLEAN Filter_DeleteHashItemEx(HashItem* pHashItem);
+
+/* References to keep a table or an item that is in a table. The last release frees: items through the table's free
+   routine, and with the last item of a destroyed table the table. */
+VOID Filter_ReferenceHashTable(HashTable* pHashTable);
+VOID Filter_ReleaseHashTable(HashTable* pHashTable);
+VOID Filter_ReferenceHashItem(HashItem* pHashItem);
+VOID Filter_ReleaseHashItem(HashItem* pHashItem);
+
+/* -------------------------------------------------------------------------------------------------- interfaces */
+
+/*
+ * An interface is a block of data that a driver publishes under a name for others, typically a table of routines. Its
+ * first 16-bit word is its whole length in bytes, that word included; the rest is agreed between the drivers. An owner
+ * whose routines others call must stay until they have released their references: watch the status of
+ * Filter_DeregisterInterface.
+ */
+
+/*
+ * Publishes a copy of the block under a name, which is copied and must be unique byte for byte, and delivers
+ * FILTER_IF_EVENT_REGISTERED. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer.
+ * FILTER_ERROR_INVALID_DRIVER_HANDLE, FILTER_ERROR_INTERFACE_ALREADY_REGISTERED. FILTER_ERROR_EXCEPTION: also when a
+ * handler of the event faults; *phInterface is then written, and the interface published. No memory: success,
+ * *phInterface unwritten.
+ */
+FILTER_STATUS Filter_RegisterInterface(FilterDriver* hFilterDriver, const STRING* pInterfaceName,
+                                       const VOID* pInterface, FilterInterface** phInterface);
+
+/*
+ * Looks an interface up and hands out a reference: the address of a copy of the block, which the caller may read and
+ * change until it gives it back with Filter_ReleaseInterface. Each query makes another. The copy is aligned to 8 bytes.
+ * IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer. FILTER_ERROR_INVALID_DRIVER_HANDLE,
+ * FILTER_ERROR_INTERFACE_NOT_FOUND. FILTER_ERROR_INTERFACE_ARE_INVALID: its owner has deregistered it or is gone, and
+ * others still hold references. FILTER_ERROR_OUT_OF_MEMORY.
+ */
+FILTER_STATUS Filter_QueryInterface(FilterDriver* hFilterDriver, const STRING* pInterfaceName, PVOID* ppInterface);
+
+/*
+ * TRUE when a copy carries the reference tag and its owner is there, or when a handle carries the interface tag; say so
+ * in the debug output otherwise. A reference stays valid when the interface is deregistered, but not when its owner
+ * deregisters itself. IRQL <= DISPATCH.
+ */
+BOOLEAN Filter_IsValidInterface(PVOID pInterface);
+BOOLEAN Filter_IsValidInterfaceObject(FilterInterface* hInterface);
+
+/*
+ * Gives a copy back. The last reference to an interface that its owner has deregistered frees the interface, without an
+ * event. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer. FILTER_ERROR_INVALID_DRIVER_HANDLE.
+ * FILTER_ERROR_INVALID_FILTER_INTERFACE: no valid copy, or its owner has deregistered itself; such a copy cannot be
+ * released any more. FILTER_ERROR_INTERFACE_REFERENCE_NOT_FOUND: released before.
+ * FILTER_ERROR_INVALID_INTERFACE_REFERENCE_OWNER: another driver has queried it.
+ */
+FILTER_STATUS Filter_ReleaseInterface(FilterDriver* hFilterDriver, PVOID pInterface);
+
+/*
+ * Withdraws an interface: delivers FILTER_IF_EVENT_DEREGISTERING, for others to release their references, and when none
+ * is left FILTER_IF_EVENT_DEREGISTERED. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer.
+ * FILTER_ERROR_INVALID_DRIVER_HANDLE, FILTER_ERROR_INVALID_FILTER_INTERFACE, FILTER_ERROR_INTERFACE_NOT_FOUND.
+ * FILTER_ERROR_INVALID_INTERFACE_OWNER: it belongs to another driver. FILTER_ERROR_INTERFACE_ARE_REFERENCED: it is
+ * withdrawn, keeps its name, and is freed by the last release; calling again tries again. FILTER_ERROR_EXCEPTION: also
+ * when a handler faulted; the interface is withdrawn all the same.
+ */
+FILTER_STATUS Filter_DeregisterInterface(FilterDriver* hFilterDriver, FilterInterface* hInterface);
+
+/* -------------------------------------------------------------------------------------------- interface events */
+
+/*
+ * An interface event handler: told of an event (FILTER_IF_EVENT_*) of an interface, by name, with the contexts of the
+ * driver and of the registration. Runs at DISPATCH_LEVEL under the handler list's lock: it must not block, nor register
+ * or deregister interface event handlers or interfaces. It may query and release interfaces. An exception is contained;
+ * handlers behind it are not told.
+ */
+typedef VOID (*FILTER_IF_EVENT_PROC)(FilterDriver* hFilterDriver, PVOID pDriverContext, ULONG nEvent,
+                                     PVOID pIfEventContext, const STRING* pInterfaceName);
+
+/*
+ * Registers the one interface event handler of a driver. Deregister it before the driver: the framework does not.
+ * IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: NULL driver, procedure or output.
+ * FILTER_ERROR_INVALID_DRIVER_HANDLE. FILTER_ERROR_EVENT_HANDLER_ALREADY_REGISTERED: the driver has one. No memory:
+ * success, *phIfEventHandler unwritten.
+ */
+FILTER_STATUS Filter_RegisterIfEventHandler(FilterDriver* hFilterDriver, FILTER_IF_EVENT_PROC pfIfEventProc,
+                                            PVOID pIfEventContext, IfEventHandler** phIfEventHandler);
+
+/* TRUE when the handle carries the handler tag; says so in the debug output otherwise. IRQL <= DISPATCH. */
+BOOLEAN Filter_IsValidIfEventHandler(IfEventHandler* hIfEventHandler);
+
+/*
+ * Removes a handler; it is not running any more when this returns. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: a
+ * NULL pointer. FILTER_ERROR_INVALID_DRIVER_HANDLE, FILTER_ERROR_INVALID_EVENT_HANDLER,
+ * FILTER_ERROR_EVENT_HANDLER_NOT_FOUND. FILTER_ERROR_INVALID_EVENT_HANDLER_OWNER: it belongs to another driver.
+ */
+FILTER_STATUS Filter_DeregisterIfEventHandler(FilterDriver* hFilterDriver, IfEventHandler* hIfEventHandler);
 
 /* --------------------------------------------------------------------------------------------- control requests */
 

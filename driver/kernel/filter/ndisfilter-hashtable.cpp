@@ -1,0 +1,495 @@
+// Hash tables for client drivers. Items are the clients' own records; the table links and counts them.
+//
+// Who holds references: the creator one to the table, every item one to its table until it is freed; the table one to
+// each of its items, and whoever inserted or found an item one more.
+#include "ndisfilter-handle.h"
+
+namespace
+{
+
+LONG Increment(ULONG& count)
+{
+    return InterlockedIncrement(reinterpret_cast<volatile LONG*>(&count));
+}
+
+LONG Decrement(ULONG& count)
+{
+    return InterlockedDecrement(reinterpret_cast<volatile LONG*>(&count));
+}
+
+ULONG Now()
+{
+    return static_cast<ULONG>(Filter_GetSystemTime());
+}
+
+// The enumeration holds the table's lock, so its callbacks must not take it again.
+BOOLEAN IsEnumeratingThread(const HashTable& table)
+{
+    return __builtin_expect(LoadAcquire(table.m_bEnumerating) != 0, 0) &&
+           LoadRelaxed(table.m_hEnumProcess) == PsGetCurrentProcessId() &&
+           LoadRelaxed(table.m_hEnumThread) == PsGetCurrentThreadId();
+}
+
+enum class Locking {
+    Plain, // takes the table's lock, except in a callback of the enumeration
+    Ex,    // the caller holds it
+};
+
+template <BOOLEAN Write> class TableLock
+{
+  public:
+    TableLock(HashTable& table, Locking locking)
+        : lock_(locking == Locking::Plain && !IsEnumeratingThread(table) ? &table.m_Lock : nullptr)
+    {
+        if (lock_ != nullptr) {
+            NdisAcquireReadWriteLock(lock_, Write, &state_);
+        }
+    }
+    ~TableLock()
+    {
+        if (lock_ != nullptr) {
+            NdisReleaseReadWriteLock(lock_, &state_);
+        }
+    }
+    TableLock(const TableLock&) = delete;
+    TableLock& operator=(const TableLock&) = delete;
+
+  private:
+    PNDIS_RW_LOCK lock_;
+    LOCK_STATE state_;
+};
+
+VOID ReferenceTable(HashTable* table)
+{
+    const LONG count = Increment(table->m_RefCount);
+    Trace(TRACE_HASH, "  pHashTable[0x%p/%s]->m_RefCount ++ = %d\n", table, table->pItemName, count);
+}
+
+VOID ReleaseTable(HashTable* table)
+{
+    const PCSTR name = table->pItemName; // of a table that others may free as soon as it is released
+    const LONG count = Decrement(table->m_RefCount);
+    if (count == 0) {
+        Trace(TRACE_HASH, "  pHashTable[0x%p/%s]->m_RefCount -- = %d, Free it\n", table, name, count);
+        Filter_FreeMemory(table);
+    } else {
+        Trace(TRACE_HASH, "  pHashTable[0x%p/%s]->m_RefCount -- = %d\n", table, name, count);
+    }
+}
+
+VOID ReferenceItem(HashItem* item)
+{
+    const LONG count = Increment(item->m_RefCount);
+    Trace(TRACE_HASH, "  pHashItem[0x%p/%s]->m_RefCount ++ = %d\n", item, item->m_pHashTable->pItemName, count);
+}
+
+VOID FreeItem(HashTable& table, HashItem* item)
+{
+    if (table.pfnFreeItem == nullptr) {
+        Filter_FreeMemory(item);
+        return;
+    }
+    const NTSTATUS code = Guarded([&] { table.pfnFreeItem(item); });
+    if (code != 0) {
+        PrintException("Filter_ReleaseHashItem", code);
+    }
+}
+
+VOID ForgetCurrentItem(HashTable& table, HashItem* item)
+{
+    InterlockedCompareExchangePointer(reinterpret_cast<PVOID*>(&table.m_pCurrentItem), nullptr, item);
+}
+
+VOID ReleaseItem(HashItem* item)
+{
+    HashTable& table = *item->m_pHashTable; // stays at least as long as the item
+    const PCSTR name = table.pItemName;
+    const LONG count = Decrement(item->m_RefCount);
+    if (count != 0) {
+        Trace(TRACE_HASH, "  pHashItem[0x%p/%s]->m_RefCount -- = %d\n", item, name, count);
+        return;
+    }
+    Trace(TRACE_HASH, "  pHashItem[0x%p/%s]->m_RefCount -- = %d, Free it\n", item, name, count);
+    ForgetCurrentItem(table, item); // before its memory can be another item's
+    FreeItem(table, item);
+    ReleaseTable(&table);
+}
+
+BOOLEAN BelongsToTable(const HashItem* item)
+{
+    return item != nullptr && item->m_pHashTable != nullptr;
+}
+
+LIST_ENTRY* BucketOf(HashTable& table, ULONG hashValue)
+{
+    return &table.m_Buckets[hashValue & table.m_HashMask];
+}
+
+// Under the table's lock.
+VOID LinkItem(HashTable* table, HashItem* item)
+{
+    item->m_pHashTable = table;
+    ReferenceTable(table);
+    InsertTailList(&table->m_ItemList, &item->m_ListEntry);
+    InsertHeadList(BucketOf(*table, item->m_HashValue), &item->m_BucketEntry);
+    Increment(table->m_nItemCount);
+    ReferenceItem(item); // the table's
+    ReferenceItem(item); // the caller's, before anybody else can find and delete the item
+}
+
+VOID Unlink(LIST_ENTRY& link)
+{
+    RemoveEntryList(&link);
+    InitializeListHead(&link); // so that it shows: see IsLinked
+}
+
+VOID UnlinkItem(HashTable& table, HashItem* item)
+{
+    LIST_ENTRY* const links[] = {&item->m_ListEntry, &item->m_BucketEntry};
+    for (LIST_ENTRY* link : links) {
+        if (table.m_pNextLink == link) {
+            table.m_pNextLink = link->Flink;
+        }
+        Unlink(*link);
+    }
+}
+
+// Not so behind a clean, which leaves the deleted flag alone.
+BOOLEAN IsLinked(const HashItem* item)
+{
+    return item->m_ListEntry.Flink != &item->m_ListEntry;
+}
+
+// Takes an item out of its table. FALSE: it was out already.
+BOOLEAN RemoveItem(HashItem* item, Locking locking)
+{
+    HashTable& table = *item->m_pHashTable;
+    const TableLock<TRUE> lock(table, locking);
+    if (item->m_bDeleted || !IsLinked(item)) {
+        return FALSE;
+    }
+    item->m_bDeleted = TRUE;
+    UnlinkItem(table, item);
+    Decrement(table.m_nItemCount);
+    // The deletion uses up the reference of the enumeration whose callback makes it.
+    ForgetCurrentItem(table, item);
+    return TRUE;
+}
+
+HashItem* Search(HashTable& table, ULONG hashValue, const VOID* key)
+{
+    LIST_ENTRY* const bucket = BucketOf(table, hashValue);
+    const FILTER_COMPARE_HASH_ITEM compare = table.pfnCompItem;
+    for (LIST_ENTRY* link = bucket->Flink; link != bucket; link = link->Flink) {
+        HashItem* const item = CONTAINING_RECORD(link, HashItem, m_BucketEntry);
+        __builtin_prefetch(item + 1); // the key, most likely
+        if (item->m_HashValue == hashValue && (compare == nullptr || compare(item, key))) {
+            return item;
+        }
+    }
+    return nullptr;
+}
+
+HashItem* Find(PCSTR name, HashTable* table, ULONG hashValue, const VOID* key, Locking locking)
+{
+    Trace(TRACE_HASH, "Enter %s\n", name);
+    HashItem* item = nullptr;
+    NTSTATUS code = 0;
+    if (table != nullptr) {
+        const TableLock<FALSE> lock(*table, locking);
+        code = Guarded([&] { item = Search(*table, hashValue, key); });
+        if (item != nullptr) {
+            const ULONG now = Now();
+            if (LoadRelaxed(item->m_nTime) != now) { // written by any number of finders at once
+                StoreRelaxed(item->m_nTime, now);
+            }
+            ReferenceItem(item);
+        }
+    }
+    if (__builtin_expect(code != 0, 0)) {
+        PrintException(name, code);
+    }
+    if (item != nullptr) {
+        Trace(TRACE_HASH, "Leave %s, pHashItem = 0x%p\n", name, item);
+    } else {
+        Trace(TRACE_HASH, "Leave %s, NULL\n", name);
+    }
+    return item;
+}
+
+HashItem* Insert(PCSTR name, HashTable* table, HashItem* item, Locking locking)
+{
+    Trace(TRACE_HASH, "Enter %s\n", name);
+    if (item != nullptr && table != nullptr) {
+        item->m_RefCount = 0;
+        item->m_bDeleted = FALSE;
+        item->m_nTime = Now();
+        const TableLock<TRUE> lock(*table, locking);
+        LinkItem(table, item);
+    } else if (BelongsToTable(item)) {
+        ReferenceItem(item);
+    }
+    Trace(TRACE_HASH, "Leave %s, pHashItem = 0x%p\n", name, item);
+    return item;
+}
+
+BOOLEAN Delete(PCSTR name, HashItem* item, Locking locking)
+{
+    Trace(TRACE_HASH, "Enter %s\n", name);
+    const BOOLEAN belongs = BelongsToTable(item);
+    if (belongs) {
+        if (RemoveItem(item, locking)) {
+            ReleaseItem(item); // the table's
+        } else {
+            Trace(TRACE_HASH, "DeleteHashItem: double delete hash item, try release hash item\n");
+        }
+        ReleaseItem(item); // the caller's
+    }
+    Trace(TRACE_HASH, "Leave %s\n", name);
+    return belongs;
+}
+
+// Calls the routine for one item of the enumeration, with a reference to it; answers the code of its exception, or 0.
+NTSTATUS CallEnumRoutine(HashTable& table, HashItem* item, FILTER_ENUM_HASH_ITEM routine, PVOID context)
+{
+    ReferenceItem(item);
+    InterlockedExchangePointer(reinterpret_cast<PVOID*>(&table.m_pCurrentItem), item);
+    const NTSTATUS code = Guarded([&] { routine(context, item); });
+    if (InterlockedExchangePointer(reinterpret_cast<PVOID*>(&table.m_pCurrentItem), nullptr) == item) {
+        ReleaseItem(item);
+    }
+    return code;
+}
+
+// Walks a list of items whose links lie at an offset in them. The routine may delete items. Answers the code of the
+// exception that ended the walk, or 0.
+NTSTATUS Enumerate(HashTable* table, LIST_ENTRY* head, SIZE_T linkOffset, FILTER_ENUM_HASH_ITEM routine,
+                   PVOID context)
+{
+    NTSTATUS code = 0;
+    ReferenceTable(table);
+    {
+        const WriteLock lock(table->m_Lock);
+        StoreRelaxed(table->m_hEnumProcess, PsGetCurrentProcessId());
+        StoreRelaxed(table->m_hEnumThread, PsGetCurrentThreadId());
+        InterlockedExchange(&table->m_bEnumerating, 1);
+        table->m_pNextLink = head->Flink;
+        while (table->m_pNextLink != head && code == 0) {
+            const PUCHAR link = reinterpret_cast<PUCHAR>(table->m_pNextLink);
+            table->m_pNextLink = table->m_pNextLink->Flink;
+            code = CallEnumRoutine(*table, reinterpret_cast<HashItem*>(link - linkOffset), routine, context);
+        }
+        table->m_pNextLink = nullptr;
+        InterlockedExchange(&table->m_bEnumerating, 0);
+    }
+    ReleaseTable(table);
+    return code;
+}
+
+VOID RemoveAllItems(HashTable& table)
+{
+    const WriteLock lock(table.m_Lock);
+    while (!IsListEmpty(&table.m_ItemList)) {
+        HashItem* const item = CONTAINING_RECORD(table.m_ItemList.Flink, HashItem, m_ListEntry);
+        Trace(TRACE_HASH, "  Remove %s Hash Item 0x%p\n", table.pItemName, item);
+        UnlinkItem(table, item);
+        ReleaseItem(item);
+    }
+}
+
+// Runs the body between the trace lines of a function without a result.
+template <class Body>
+VOID TracedVoid(PCSTR name, const Body& body)
+{
+    Trace(TRACE_HASH, "Enter %s\n", name);
+    body();
+    Trace(TRACE_HASH, "Leave %s\n", name);
+}
+
+} // namespace
+
+HashTable* Filter_CreateHashTable(PCSTR pszItemName, ULONG nSize, FILTER_FREE_HASH_ITEM pfnFreeItem,
+                                  FILTER_COMPARE_HASH_ITEM pfnCompItem)
+{
+    const PCSTR itemName = pszItemName != nullptr ? pszItemName : "unknown";
+    Trace(TRACE_HASH, "Enter Filter_CreateHashTable\n");
+    Trace(TRACE_HASH, " - HashTableSize = %d\n", nSize);
+    Trace(TRACE_HASH, " - pItemName     = %s\n", itemName);
+    Trace(TRACE_HASH, " - pfnFreeItem   = 0x%p\n", AddressOf(pfnFreeItem));
+    Trace(TRACE_HASH, " - pfnCompItem   = 0x%p\n", AddressOf(pfnCompItem));
+    ULONG size = nSize;
+    if (size % 2 != 0) {
+        size = (size | 1) + 1;
+        Trace(TRACE_HASH, "  Adjust HashTableSize to %d\n", size);
+    }
+    const SIZE_T buckets = SIZE_T{size} + 1;
+    HashTable* const table = static_cast<HashTable*>(
+        AllocateZeroed(offsetof(HashTable, m_Buckets) + buckets * sizeof(LIST_ENTRY), POOL_TAG_HASH));
+    if (table != nullptr) {
+        table->HashTableSize = size;
+        table->m_HashMask = size != 0 ? size - 1 : 0; // of size 0 the spare bucket serves every value
+        table->pItemName = itemName;
+        table->pfnFreeItem = pfnFreeItem;
+        table->pfnCompItem = pfnCompItem;
+        NdisInitializeReadWriteLock(&table->m_Lock);
+        InitializeListHead(&table->m_ItemList);
+        for (SIZE_T i = 0; i < buckets; i++) {
+            InitializeListHead(&table->m_Buckets[i]);
+        }
+        ReferenceTable(table);
+    }
+    Trace(TRACE_HASH, "Leave Filter_CreateHashTable, pHashTable = 0x%p\n", table);
+    return table;
+}
+
+VOID Filter_DestroyHashTable(HashTable* pHashTable)
+{
+    TracedVoid("Filter_DestroyHashTable", [&] {
+        if (pHashTable != nullptr) {
+            RemoveAllItems(*pHashTable);
+            ReleaseTable(pHashTable);
+        }
+    });
+}
+
+VOID Filter_CleanHashTable(HashTable* pHashTable)
+{
+    TracedVoid("Filter_CleanHashTable", [&] {
+        if (pHashTable != nullptr) {
+            ReferenceTable(pHashTable);
+            RemoveAllItems(*pHashTable);
+            ReleaseTable(pHashTable);
+        }
+    });
+}
+
+ULONG Filter_GetHashItemCount(HashTable* pHashTable)
+{
+    ULONG count = 0;
+    TracedVoid("Filter_GetHashItemCount", [&] {
+        if (pHashTable != nullptr) {
+            count = LoadRelaxed(pHashTable->m_nItemCount);
+        }
+    });
+    return count;
+}
+
+VOID Filter_EnumHashTable(HashTable* pHashTable, FILTER_ENUM_HASH_ITEM pfnEnumItem, PVOID pEnumContext)
+{
+    constexpr PCSTR name = "Filter_EnumHashTable";
+    TracedVoid(name, [&] {
+        if (pHashTable == nullptr || pfnEnumItem == nullptr) {
+            return;
+        }
+        Trace(TRACE_HASH, " - pfnEnumItem  = 0x%p\n", AddressOf(pfnEnumItem));
+        Trace(TRACE_HASH, " - pEnumContext = 0x%p\n", pEnumContext);
+        const NTSTATUS code = Enumerate(pHashTable, &pHashTable->m_ItemList, offsetof(HashItem, m_ListEntry),
+                                        pfnEnumItem, pEnumContext);
+        if (code != 0) {
+            PrintException(name, code);
+        }
+    });
+}
+
+VOID Filter_EnumHashTableEx(HashTable* pHashTable, ULONG nHashValue, FILTER_ENUM_HASH_ITEM pfnEnumItem,
+                            PVOID pEnumContext)
+{
+    constexpr PCSTR name = "Filter_EnumHashTableEx";
+    TracedVoid(name, [&] {
+        if (pHashTable == nullptr || pfnEnumItem == nullptr) {
+            return;
+        }
+        Trace(TRACE_HASH, " - HashValue    = %d\n", nHashValue);
+        Trace(TRACE_HASH, " - pfnEnumItem  = 0x%p\n", AddressOf(pfnEnumItem));
+        Trace(TRACE_HASH, " - pEnumContext = 0x%p\n", pEnumContext);
+        const NTSTATUS code = Enumerate(pHashTable, BucketOf(*pHashTable, nHashValue),
+                                        offsetof(HashItem, m_BucketEntry), pfnEnumItem, pEnumContext);
+        if (code != 0) {
+            PrintException(name, code);
+        }
+    });
+}
+
+VOID Filter_LockHashTable(HashTable* pHashTable, PLOCK_STATE pLockState)
+{
+    TracedVoid("Filter_LockHashTable", [&] {
+        if (pHashTable != nullptr && pLockState != nullptr) {
+            NdisAcquireReadWriteLock(&pHashTable->m_Lock, TRUE, pLockState);
+        }
+    });
+}
+
+VOID Filter_UnLockHashTable(HashTable* pHashTable, PLOCK_STATE pLockState)
+{
+    TracedVoid("Filter_UnLockHashTable", [&] {
+        if (pHashTable != nullptr && pLockState != nullptr) {
+            NdisReleaseReadWriteLock(&pHashTable->m_Lock, pLockState);
+        }
+    });
+}
+
+HashItem* Filter_InsertHashItem(HashTable* pHashTable, HashItem* pHashItem)
+{
+    return Insert("Filter_InsertHashItem", pHashTable, pHashItem, Locking::Plain);
+}
+
+HashItem* Filter_InsertHashItemEx(HashTable* pHashTable, HashItem* pHashItem)
+{
+    return Insert("Filter_InsertHashItemEx", pHashTable, pHashItem, Locking::Ex);
+}
+
+HashItem* Filter_FindHashItem(HashTable* pHashTable, ULONG nHashValue, const VOID* pKey)
+{
+    return Find("Filter_FindHashItem", pHashTable, nHashValue, pKey, Locking::Plain);
+}
+
+HashItem* Filter_FindHashItemEx(HashTable* pHashTable, ULONG nHashValue, const VOID* pKey)
+{
+    return Find("Filter_FindHashItemEx", pHashTable, nHashValue, pKey, Locking::Ex);
+}
+
+BOOLEAN Filter_DeleteHashItem(HashItem* pHashItem)
+{
+    return Delete("Filter_DeleteHashItem", pHashItem, Locking::Plain);
+}
+
+BOOLEAN Filter_DeleteHashItemEx(HashItem* pHashItem)
+{
+    return Delete("Filter_DeleteHashItemEx", pHashItem, Locking::Ex);
+}
+
+VOID Filter_ReferenceHashTable(HashTable* pHashTable)
+{
+    TracedVoid("Filter_ReferenceHashTable", [&] {
+        if (pHashTable != nullptr) {
+            ReferenceTable(pHashTable);
+        }
+    });
+}
+
+VOID Filter_ReleaseHashTable(HashTable* pHashTable)
+{
+    TracedVoid("Filter_ReleaseHashTable", [&] {
+        if (pHashTable != nullptr) {
+            ReleaseTable(pHashTable);
+        }
+    });
+}
+
+VOID Filter_ReferenceHashItem(HashItem* pHashItem)
+{
+    TracedVoid("Filter_ReferenceHashItem", [&] {
+        if (BelongsToTable(pHashItem)) {
+            ReferenceItem(pHashItem);
+        }
+    });
+}
+
+VOID Filter_ReleaseHashItem(HashItem* pHashItem)
+{
+    TracedVoid("Filter_ReleaseHashItem", [&] {
+        if (BelongsToTable(pHashItem)) {
+            ReleaseItem(pHashItem);
+        }
+    });
+}

@@ -1,0 +1,272 @@
+// Named interfaces between client drivers, and the events that tell of them.
+#include "support/framework.h"
+
+#include <cstring>
+
+using namespace support;
+
+namespace
+{
+
+// A block with more bytes than its record needs, so that an odd length shows.
+struct Block {
+    USHORT length = sizeof(Block);
+    USHORT version = 1;
+    ULONG (*add)(ULONG, ULONG) = [](ULONG a, ULONG b) { return a + b; };
+    UCHAR rest[21] = {1, 2, 3};
+};
+
+struct Heard {
+    std::vector<std::string> events;
+    std::function<void(ULONG)> action;
+};
+
+VOID Listen(FilterDriver*, PVOID, ULONG event, PVOID context, const STRING* name)
+{
+    EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+    auto* heard = static_cast<Heard*>(context);
+    heard->events.push_back(std::to_string(event) + " " + std::string(name->Buffer, name->Length));
+    if (heard->action) {
+        heard->action(event);
+    }
+}
+
+class InterfacesTest : public FrameworkTest
+{
+  protected:
+    InterfacesTest() : FrameworkTest(FrameworkOnly(0x40)) {}
+
+    void SetUp() override
+    {
+        FrameworkTest::SetUp();
+        owner.emplace("owner");
+        user.emplace("user");
+        listener.emplace("listener");
+        EXPECT_EQ(Filter_RegisterIfEventHandler(listener->Handle(), Listen, &heard, &handler),
+                  FILTER_STATUS_SUCCESS);
+    }
+    void TearDown() override
+    {
+        if (handler != nullptr) {
+            EXPECT_EQ(Filter_DeregisterIfEventHandler(listener->Handle(), handler), FILTER_STATUS_SUCCESS);
+        }
+        listener.reset();
+        user.reset();
+        owner.reset();
+        FrameworkTest::TearDown();
+    }
+
+    FilterInterface* Publish(const std::string& name = "adder")
+    {
+        FilterInterface* handle = nullptr;
+        EXPECT_EQ(Filter_RegisterInterface(owner->Handle(), &CountedString(name), &block, &handle),
+                  FILTER_STATUS_SUCCESS);
+        return handle;
+    }
+    FILTER_STATUS Ask(PVOID* copy, const std::string& name = "adder")
+    {
+        return Filter_QueryInterface(user->Handle(), &CountedString(name), copy);
+    }
+    Block* Reference()
+    {
+        PVOID copy = nullptr;
+        EXPECT_EQ(Ask(&copy), FILTER_STATUS_SUCCESS);
+        return static_cast<Block*>(copy);
+    }
+    FILTER_STATUS Release(PVOID copy) { return Filter_ReleaseInterface(user->Handle(), copy); }
+    FILTER_STATUS Withdraw(FilterInterface* handle)
+    {
+        return Filter_DeregisterInterface(owner->Handle(), handle);
+    }
+
+    std::optional<TestDriver> owner, user, listener;
+    IfEventHandler* handler = nullptr;
+    Heard heard;
+    Block block;
+};
+
+TEST_F(InterfacesTest, AReferenceIsAPrivateCopyOfTheBlock)
+{
+    FilterInterface* const handle = Publish();
+    EXPECT_TRUE(Filter_IsValidInterfaceObject(handle));
+    FilterInterface* second = nullptr;
+    EXPECT_EQ(Filter_RegisterInterface(user->Handle(), &CountedString("adder"), &block, &second),
+              FILTER_ERROR_INTERFACE_ALREADY_REGISTERED);
+    block.version = 2; // what was published stays
+    Block* const one = Reference();
+    Block* const two = Reference();
+    ASSERT_NE(one, two);
+    EXPECT_TRUE(Filter_IsValidInterface(one));
+    EXPECT_EQ(one->version, 1);
+    EXPECT_EQ(one->rest[2], 3);
+    EXPECT_EQ(one->add(2, 3), 5u);
+    one->version = 7;
+    EXPECT_EQ(two->version, 1);
+    EXPECT_EQ(Release(one), FILTER_STATUS_SUCCESS);
+    EXPECT_THAT(Release(one), testing::AnyOf(FILTER_ERROR_INVALID_FILTER_INTERFACE,
+                                             FILTER_ERROR_INTERFACE_REFERENCE_NOT_FOUND));
+    EXPECT_EQ(Filter_ReleaseInterface(owner->Handle(), two), FILTER_ERROR_INVALID_INTERFACE_REFERENCE_OWNER);
+    EXPECT_EQ(Release(two), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(Withdraw(handle), FILTER_STATUS_SUCCESS);
+    EXPECT_THAT(heard.events, testing::ElementsAre("0 adder", "1 adder", "2 adder"));
+    PVOID none = nullptr;
+    EXPECT_EQ(Ask(&none), FILTER_ERROR_INTERFACE_NOT_FOUND);
+    EXPECT_EQ(none, nullptr);
+
+    for (const USHORT length : {0, 1, 2, 3}) { // the length is all that counts, and can be read in any copy
+        const USHORT words[2] = {length, 0xFFFF};
+        const std::string name = "of length " + std::to_string(length);
+        FilterInterface* brief = nullptr;
+        ASSERT_EQ(Filter_RegisterInterface(owner->Handle(), &CountedString(name), words, &brief),
+                  FILTER_STATUS_SUCCESS);
+        PVOID copy = nullptr;
+        ASSERT_EQ(Ask(&copy, name), FILTER_STATUS_SUCCESS);
+        EXPECT_EQ(*static_cast<USHORT*>(copy), length);
+        EXPECT_EQ(Release(copy), FILTER_STATUS_SUCCESS);
+        EXPECT_EQ(Withdraw(brief), FILTER_STATUS_SUCCESS);
+    }
+}
+
+TEST_F(InterfacesTest, AWithdrawnInterfaceWaitsForItsLastReference)
+{
+    FilterInterface* const handle = Publish();
+    Block* const one = Reference();
+    Block* const two = Reference();
+    PVOID copy = nullptr;
+    FILTER_STATUS asked = 0;
+    heard.action = [&](ULONG event) {
+        if (event == FILTER_IF_EVENT_DEREGISTERING) {
+            asked = Ask(&copy);
+            EXPECT_EQ(Withdraw(handle), FILTER_ERROR_INTERFACE_NOT_FOUND);
+        }
+    };
+    EXPECT_EQ(Withdraw(handle), FILTER_ERROR_INTERFACE_ARE_REFERENCED);
+    EXPECT_EQ(asked, FILTER_ERROR_INTERFACE_NOT_FOUND); // while it is announced
+    EXPECT_EQ(Ask(&copy), FILTER_ERROR_INTERFACE_ARE_INVALID);
+    FilterInterface* other = nullptr;
+    EXPECT_EQ(Filter_RegisterInterface(owner->Handle(), &CountedString("adder"), &block, &other),
+              FILTER_ERROR_INTERFACE_ALREADY_REGISTERED);
+    EXPECT_TRUE(Filter_IsValidInterface(one));
+    EXPECT_EQ(Release(one), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(Ask(&copy), FILTER_ERROR_INTERFACE_ARE_INVALID);
+    EXPECT_EQ(Release(two), FILTER_STATUS_SUCCESS); // frees it, and no event says so
+    EXPECT_EQ(Ask(&copy), FILTER_ERROR_INTERFACE_NOT_FOUND);
+    EXPECT_THAT(heard.events, testing::ElementsAre("0 adder", "1 adder"));
+
+    // A user that releases when it hears of the departure lets it go at once.
+    FilterInterface* const again = Publish();
+    Block* const held = Reference();
+    heard.action = [&](ULONG event) {
+        if (event == FILTER_IF_EVENT_DEREGISTERING) {
+            EXPECT_EQ(Release(held), FILTER_STATUS_SUCCESS);
+        }
+    };
+    EXPECT_EQ(Withdraw(again), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(heard.events.back(), "2 adder");
+}
+
+TEST_F(InterfacesTest, ADepartedOwnerLeavesDeadReferencesAndTheirName)
+{
+    Publish("unreferenced");
+    Publish();
+    Block* const held = Reference();
+    heard.events.clear();
+    EXPECT_EQ(owner->Deregister(), FILTER_STATUS_SUCCESS);
+    EXPECT_TRUE(heard.events.empty());
+    PVOID copy = nullptr;
+    EXPECT_EQ(Ask(&copy, "unreferenced"), FILTER_ERROR_INTERFACE_NOT_FOUND);
+    EXPECT_EQ(Ask(&copy), FILTER_ERROR_INTERFACE_ARE_INVALID);
+    EXPECT_EQ(held->add(1, 1), 2u); // the copy itself is the user's
+    Debug().Take();
+    EXPECT_FALSE(Filter_IsValidInterface(held));
+    EXPECT_EQ(Debug().Take(), "Filter_IsValidInterface: Invalid Handle " + PointerText(held) +
+                                  ", bad tag 0x54414735\n");
+    EXPECT_EQ(Release(held), FILTER_ERROR_INVALID_FILTER_INTERFACE);
+}
+
+TEST_F(InterfacesTest, BadArgumentsAndFaultsAreRefusedAndLeaveNothing)
+{
+    FilterInterface* const handle = Publish();
+    FilterDriver* const driver = owner->Handle();
+    auto* const noDriver = reinterpret_cast<FilterDriver*>(handle);
+    auto* const noInterface = reinterpret_cast<FilterInterface*>(driver);
+    FilterInterface* out = nullptr;
+    IfEventHandler* handlerOut = nullptr;
+    PVOID copy = nullptr;
+    const CountedString name("fresh");
+    const CountedString known("adder");
+    const STRING unreadable = {5, 5, Unreadable<char>()}; // as long as the known name
+    const Block* const noBlock = Unreadable<Block>();
+    Debug().Take();
+    struct Case {
+        FILTER_STATUS expected;
+        FILTER_STATUS answer;
+    };
+    const size_t blocks = machine::TakeCensus().poolBlocks;
+    const Case cases[] = {
+        {FILTER_ERROR_INVALID_ARGUMENT, Filter_RegisterInterface(nullptr, &name, &block, &out)},
+        {FILTER_ERROR_INVALID_ARGUMENT, Filter_RegisterInterface(driver, nullptr, &block, &out)},
+        {FILTER_ERROR_INVALID_ARGUMENT, Filter_RegisterInterface(driver, &name, nullptr, &out)},
+        {FILTER_ERROR_INVALID_ARGUMENT, Filter_RegisterInterface(driver, &name, &block, nullptr)},
+        {FILTER_ERROR_INVALID_DRIVER_HANDLE, Filter_RegisterInterface(noDriver, &name, &block, &out)},
+        {FILTER_ERROR_EXCEPTION, Filter_RegisterInterface(driver, &unreadable, &block, &out)},
+        {FILTER_ERROR_EXCEPTION, Filter_RegisterInterface(driver, &name, noBlock, &out)},
+        {FILTER_ERROR_EXCEPTION,
+         Filter_RegisterInterface(driver, &name, &block, Unwritable<FilterInterface*>())},
+        {FILTER_ERROR_INVALID_ARGUMENT, Filter_QueryInterface(driver, nullptr, &copy)},
+        {FILTER_ERROR_INVALID_ARGUMENT, Filter_QueryInterface(driver, &name, nullptr)},
+        {FILTER_ERROR_INVALID_DRIVER_HANDLE, Filter_QueryInterface(noDriver, &name, &copy)},
+        {FILTER_ERROR_EXCEPTION, Filter_QueryInterface(driver, &unreadable, &copy)},
+        {FILTER_ERROR_EXCEPTION, Filter_QueryInterface(driver, &known, Unwritable<PVOID>())},
+        {FILTER_ERROR_INVALID_ARGUMENT, Filter_ReleaseInterface(driver, nullptr)},
+        {FILTER_ERROR_INVALID_FILTER_INTERFACE, Filter_ReleaseInterface(driver, Unreadable<UCHAR>() + 64)},
+        {FILTER_ERROR_INVALID_ARGUMENT, Filter_DeregisterInterface(driver, nullptr)},
+        {FILTER_ERROR_INVALID_FILTER_INTERFACE, Filter_DeregisterInterface(driver, noInterface)},
+        {FILTER_ERROR_INVALID_INTERFACE_OWNER, Filter_DeregisterInterface(user->Handle(), handle)},
+        {FILTER_ERROR_INVALID_ARGUMENT, Filter_RegisterIfEventHandler(driver, nullptr, nullptr, &handlerOut)},
+        {FILTER_ERROR_EVENT_HANDLER_ALREADY_REGISTERED,
+         Filter_RegisterIfEventHandler(listener->Handle(), Listen, nullptr, &handlerOut)},
+        {FILTER_ERROR_EXCEPTION,
+         Filter_RegisterIfEventHandler(driver, Listen, nullptr, Unwritable<IfEventHandler*>())},
+        {FILTER_ERROR_INVALID_EVENT_HANDLER,
+         Filter_DeregisterIfEventHandler(driver, reinterpret_cast<IfEventHandler*>(handle))},
+        {FILTER_ERROR_INVALID_EVENT_HANDLER_OWNER, Filter_DeregisterIfEventHandler(driver, handler)},
+    };
+    for (const Case& test : cases) {
+        EXPECT_EQ(test.answer, test.expected) << "case " << &test - cases;
+    }
+    ExpectNoLockHeld("bad arguments");
+    EXPECT_EQ(machine::TakeCensus().poolBlocks, blocks);
+
+    machine::FailCall(machine::Fault::Pool, 1);
+    EXPECT_EQ(Filter_RegisterInterface(driver, &name, &block, &out), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(out, nullptr);
+    machine::FailCall(machine::Fault::Pool, 1);
+    EXPECT_EQ(Filter_QueryInterface(driver, &known, &copy), FILTER_ERROR_OUT_OF_MEMORY);
+    EXPECT_THAT(heard.events, testing::ElementsAre("0 adder")); // nothing was announced that did not happen
+
+    // A handler that faults is an exception to the raiser, and what it raised for is done nevertheless.
+    heard.action = [](ULONG) { FaultOnRead(); };
+    EXPECT_EQ(Filter_RegisterInterface(driver, &name, &block, &out), FILTER_ERROR_EXCEPTION);
+    EXPECT_EQ(Withdraw(out), FILTER_ERROR_EXCEPTION);
+    EXPECT_EQ(Filter_QueryInterface(driver, &name, &copy), FILTER_ERROR_INTERFACE_NOT_FOUND);
+    ExpectNoLockHeld("a handler that faults");
+    heard.action = nullptr;
+}
+
+// The verifier names what a handler must not do, and nothing hangs.
+TEST_F(InterfacesTest, AHandlerMustNotRegisterHandlers)
+{
+    heard.action = [&](ULONG) {
+        IfEventHandler* second = nullptr;
+        Filter_RegisterIfEventHandler(user->Handle(), Listen, &heard, &second);
+    };
+    FilterInterface* const handle = Publish();
+    const std::vector<machine::Violation> violations = machine::TakeViolations();
+    ASSERT_FALSE(violations.empty());
+    EXPECT_EQ(violations[0].rule, "rw-lock-recursion");
+    heard.action = nullptr;
+    EXPECT_EQ(Withdraw(handle), FILTER_STATUS_SUCCESS);
+}
+
+} // namespace

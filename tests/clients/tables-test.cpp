@@ -1,0 +1,357 @@
+// Hash tables of client drivers.
+#include "support/framework.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <list>
+#include <random>
+#include <thread>
+
+using namespace support;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+namespace
+{
+
+constexpr uint32_t kTraceHash = 0x1000;
+
+struct Item {
+    HashItem head = {};
+    int key = 0;
+    std::atomic<int> freed = 0;
+
+    Item(ULONG hash, int number) : key(number) { head.m_HashValue = hash; }
+};
+static_assert(offsetof(Item, head) == 0);
+
+Item* ItemOf(HashItem* head)
+{
+    return reinterpret_cast<Item*>(head);
+}
+
+VOID CountFree(HashItem* head)
+{
+    ItemOf(head)->freed++;
+}
+
+BOOLEAN HasKey(HashItem* head, const VOID* key)
+{
+    return ItemOf(head)->key == *static_cast<const int*>(key) ? 2 : 0; // any nonzero value is a match
+}
+
+using Visit = std::function<void(Item*)>;
+VOID CallVisit(PVOID visit, HashItem* head)
+{
+    (*static_cast<Visit*>(visit))(ItemOf(head));
+}
+
+class TablesTest : public FrameworkTest
+{
+  protected:
+    TablesTest() : FrameworkTest(FrameworkOnly()) {}
+
+    void TearDown() override
+    {
+        Filter_DestroyHashTable(table);
+        FrameworkTest::TearDown();
+    }
+
+    void Make(ULONG size, FILTER_COMPARE_HASH_ITEM compare = HasKey)
+    {
+        table = Filter_CreateHashTable("thing", size, CountFree, compare);
+        ASSERT_NE(table, nullptr);
+    }
+    // Inserts an item that only the table holds.
+    Item* Add(Item& item)
+    {
+        EXPECT_EQ(Filter_InsertHashItem(table, &item.head), &item.head);
+        Filter_ReleaseHashItem(&item.head);
+        return &item;
+    }
+    Item* Find(ULONG hash, int key) { return ItemOf(Filter_FindHashItem(table, hash, &key)); }
+    std::vector<int> Keys()
+    {
+        std::vector<int> keys;
+        Enumerate([&](Item* item) { keys.push_back(item->key); });
+        return keys;
+    }
+    void Enumerate(Visit visit) { Filter_EnumHashTable(table, CallVisit, &visit); }
+
+    Item& New(int key) { return items.emplace_back(static_cast<ULONG>(key), key); }
+
+    HashTable* table = nullptr;
+    std::list<Item> items; // outlive the table
+};
+
+class TracedTablesTest : public TablesTest
+{
+  protected:
+    TracedTablesTest() { plan_ = FrameworkOnly(kTraceHash); }
+};
+
+// Against a plain list, for sizes that are powers of two and others, 0 included.
+TEST_F(TablesTest, BehavesAsAListThatIsSearched)
+{
+    for (const ULONG size : {0u, 1u, 7u, 8u, 10u, 64u}) {
+        SCOPED_TRACE(size);
+        Make(size);
+        std::mt19937 random(size);
+        items.clear();
+        std::vector<Item*> model; // in the order of insertion
+        for (int round = 0; round < 2000; round++) {
+            const int key = static_cast<int>(random() % 20);
+            const ULONG hash = static_cast<ULONG>(key) * 0x9E3779B9;
+            if (random() % 2 != 0) {
+                model.push_back(Add(items.emplace_back(hash, key)));
+            } else {
+                const auto newest = std::find_if(model.rbegin(), model.rend(), [&](Item* i) { return i->key == key; });
+                Item* const found = Find(hash, key);
+                ASSERT_EQ(found, newest != model.rend() ? *newest : nullptr);
+                if (found != nullptr) {
+                    EXPECT_TRUE(Filter_DeleteHashItem(&found->head));
+                    EXPECT_EQ(found->freed, 1);
+                    model.erase(std::next(newest).base());
+                }
+            }
+            ASSERT_EQ(Filter_GetHashItemCount(table), model.size());
+        }
+        std::vector<int> keys;
+        std::ranges::transform(model, std::back_inserter(keys), [](Item* item) { return item->key; });
+        EXPECT_EQ(Keys(), keys);
+        Filter_DestroyHashTable(table);
+        table = nullptr;
+        EXPECT_TRUE(std::ranges::all_of(items, [](const Item& item) { return item.freed == 1; }));
+    }
+}
+
+TEST_F(TracedTablesTest, SayWhatTheyDo)
+{
+    Debug().Take();
+    Make(7, nullptr);
+    const std::string its = "[" + PointerText(table) + "/thing]->m_RefCount ";
+    EXPECT_THAT(Debug().Take(), AllOf(StartsWith("Enter Filter_CreateHashTable\n - HashTableSize = 7\n"
+                                                 " - pItemName     = thing\n - pfnFreeItem   = 0x"),
+                                      HasSubstr("\n - pfnCompItem   = 0x0000000000000000\n"
+                                                "  Adjust HashTableSize to 8\n"),
+                                      HasSubstr("Leave Filter_CreateHashTable, pHashTable = " +
+                                                PointerText(table) + "\n")));
+    Item &older = items.emplace_back(3u, 1), &newer = items.emplace_back(3u, 2);
+    Add(older);
+    Debug().Take();
+    Filter_InsertHashItem(table, &newer.head);
+    const std::string item = "  pHashItem[" + PointerText(&newer) + "/thing]->m_RefCount ";
+    EXPECT_EQ(Debug().Take(), "Enter Filter_InsertHashItem\n  pHashTable" + its + "++ = 3\n" + item +
+                                  "++ = 1\n" + item + "++ = 2\nLeave Filter_InsertHashItem, pHashItem = " +
+                                  PointerText(&newer) + "\n");
+    EXPECT_EQ(Find(3, 0), &newer); // without a compare routine the hash value decides
+    EXPECT_EQ(Debug().Take(), "Enter Filter_FindHashItem\n" + item +
+                                  "++ = 3\nLeave Filter_FindHashItem, pHashItem = " + PointerText(&newer) + "\n");
+    EXPECT_EQ(Find(11, 0), nullptr); // another value of the same bucket
+    EXPECT_EQ(Debug().Take(), "Enter Filter_FindHashItem\nLeave Filter_FindHashItem, NULL\n");
+    Filter_DeleteHashItem(&newer.head);
+    EXPECT_EQ(Debug().Take(), "Enter Filter_DeleteHashItem\n" + item + "-- = 2\n" + item +
+                                  "-- = 1\nLeave Filter_DeleteHashItem\n");
+    Filter_DeleteHashItem(&newer.head);
+    EXPECT_EQ(Debug().Take(), "Enter Filter_DeleteHashItem\n"
+                              "DeleteHashItem: double delete hash item, try release hash item\n" +
+                                  item + "-- = 0, Free it\n  pHashTable" + its +
+                                  "-- = 2\nLeave Filter_DeleteHashItem\n");
+    Filter_CleanHashTable(table);
+    EXPECT_THAT(Debug().Take(), HasSubstr("  Remove thing Hash Item " + PointerText(&older) + "\n"));
+    Filter_DestroyHashTable(table);
+    table = nullptr;
+    EXPECT_THAT(Debug().Take(), HasSubstr("  pHashTable" + its + "-- = 0, Free it\n"));
+    HashTable* const unnamed = Filter_CreateHashTable(nullptr, 8, nullptr, nullptr);
+    EXPECT_THAT(Debug().Take(), AllOf(HasSubstr("/unknown]"), Not(HasSubstr("Adjust"))));
+    auto* const plain = static_cast<HashItem*>(Filter_AllocateMemory(sizeof(HashItem), 0x54534554));
+    *plain = {};
+    machine::StopClock(10'000'000 * ((int64_t{1} << 33) + 5)); // seconds beyond 32 bits
+    Filter_InsertHashItem(unnamed, plain);
+    EXPECT_EQ(plain->m_nTime, 5u);
+    machine::AdvanceClock(2000);
+    EXPECT_EQ(Filter_FindHashItem(unnamed, 0, nullptr), plain);
+    EXPECT_EQ(plain->m_nTime, 7u);
+    machine::StartClock();
+    Filter_ReleaseHashItem(plain);
+    Filter_ReleaseHashItem(plain);
+    Filter_DestroyHashTable(unnamed); // frees the item as what it is
+}
+
+TEST_F(TablesTest, HoldersKeepWhatIsDeletedOrCleaned)
+{
+    Make(8);
+    Item &deleted = New(1), &cleaned = New(2), &destroyed = New(3);
+    for (Item* item : {&deleted, &cleaned, &destroyed}) {
+        Add(*item);
+    }
+    ASSERT_EQ(Find(1, 1), &deleted);
+    ASSERT_EQ(Find(1, 1), &deleted);
+    EXPECT_TRUE(Filter_DeleteHashItem(&deleted.head));
+    EXPECT_EQ(Find(1, 1), nullptr);
+    EXPECT_EQ(deleted.freed, 0);
+    EXPECT_TRUE(Filter_DeleteHashItem(&deleted.head)); // the second holder's delete only releases
+    EXPECT_EQ(deleted.freed, 1);
+    EXPECT_EQ(Filter_GetHashItemCount(table), 2u);
+
+    ASSERT_EQ(Find(2, 2), &cleaned);
+    Filter_CleanHashTable(table);
+    EXPECT_EQ(destroyed.freed, 1);
+    EXPECT_EQ(cleaned.freed, 0);
+    EXPECT_EQ(Filter_GetHashItemCount(table), 2u); // a clean does not count
+    EXPECT_TRUE(Keys().empty());
+    Filter_ReferenceHashItem(&cleaned.head);
+    Filter_ReleaseHashItem(&cleaned.head);
+    EXPECT_TRUE(Filter_DeleteHashItem(&cleaned.head)); // ought to be a release, and does no more
+    EXPECT_EQ(cleaned.freed, 1);
+
+    // The last item takes a destroyed table along: the census of the test tells.
+    Item& last = New(4);
+    Add(last);
+    ASSERT_EQ(Find(4, 4), &last);
+    Filter_DestroyHashTable(table);
+    table = nullptr;
+    EXPECT_EQ(last.freed, 0);
+    Filter_ReleaseHashItem(&last.head);
+    EXPECT_EQ(last.freed, 1);
+}
+
+TEST_F(TablesTest, NullDoesNothing)
+{
+    Item& item = New(1);
+    LOCK_STATE state;
+    EXPECT_EQ(Filter_InsertHashItem(nullptr, &item.head), &item.head);
+    EXPECT_EQ(item.head.m_RefCount, 0u);
+    EXPECT_EQ(Filter_FindHashItem(nullptr, 1, nullptr), nullptr);
+    EXPECT_FALSE(Filter_DeleteHashItem(nullptr));
+    EXPECT_FALSE(Filter_DeleteHashItem(&item.head));
+    EXPECT_EQ(Filter_GetHashItemCount(nullptr), 0u);
+    for (const auto call : {Filter_DestroyHashTable, Filter_CleanHashTable, Filter_ReferenceHashTable,
+                            Filter_ReleaseHashTable}) {
+        call(nullptr);
+    }
+    Filter_ReferenceHashItem(&item.head);
+    Filter_ReleaseHashItem(nullptr);
+    Filter_EnumHashTable(nullptr, CallVisit, nullptr);
+    Filter_EnumHashTableEx(nullptr, 0, CallVisit, nullptr);
+    Filter_LockHashTable(nullptr, &state);
+    Make(2, nullptr);
+    EXPECT_EQ(Filter_InsertHashItem(table, nullptr), nullptr);
+    Filter_EnumHashTable(table, nullptr, nullptr);
+    Filter_LockHashTable(table, nullptr);
+    Add(item);
+    EXPECT_EQ(Filter_InsertHashItem(nullptr, &item.head), &item.head); // a reference all the same
+    EXPECT_EQ(item.head.m_RefCount, 2u);
+    Filter_ReleaseHashItem(&item.head);
+    machine::FailCall(machine::Fault::Pool, 1);
+    EXPECT_EQ(Filter_CreateHashTable(nullptr, 2, nullptr, nullptr), nullptr);
+    EXPECT_EQ(Filter_CreateHashTable(nullptr, 0xFFFFFFFE, nullptr, nullptr), nullptr);
+}
+
+TEST_F(TablesTest, AnEnumerationMayInsertFindAndDelete)
+{
+    Make(2);
+    for (int i = 0; i < 6; i++) {
+        Add(New(i));
+    }
+    Item& inserted = New(10);
+    std::vector<int> seen;
+    Enumerate([&](Item* item) {
+        EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+        seen.push_back(item->key);
+        if (item->key == 0) {
+            Add(inserted);
+            EXPECT_TRUE(Filter_DeleteHashItem(&Find(4, 4)->head));
+            EXPECT_TRUE(Filter_DeleteHashItem(&Find(1, 1)->head)); // the next one
+        } else if (item->key == 2) {
+            EXPECT_TRUE(Filter_DeleteHashItem(&item->head));
+            EXPECT_EQ(item->freed, 1);
+        }
+    });
+    EXPECT_THAT(seen, ElementsAre(0, 2, 3, 5, 10));
+    EXPECT_THAT(Keys(), ElementsAre(0, 3, 5, 10));
+    std::vector<int> bucket;
+    Visit visit = [&](Item* item) {
+        bucket.push_back(item->key);
+        Filter_DeleteHashItemEx(&item->head);
+    };
+    Filter_EnumHashTableEx(table, 7, CallVisit, &visit);
+    EXPECT_THAT(bucket, ElementsAre(5, 3));
+
+    // Between lock and unlock the Ex functions are for the holder.
+    LOCK_STATE state;
+    Item& own = New(20);
+    Filter_LockHashTable(table, &state);
+    EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+    Filter_InsertHashItemEx(table, &own.head);
+    const int key = 20;
+    EXPECT_EQ(Filter_FindHashItemEx(table, 20, &key), &own.head);
+    EXPECT_TRUE(Filter_DeleteHashItemEx(&own.head));
+    Filter_UnLockHashTable(table, &state);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    Filter_ReleaseHashItem(&own.head);
+    EXPECT_EQ(own.freed, 1);
+}
+
+TEST_F(TablesTest, RoutinesThatFaultAreContained)
+{
+    table = Filter_CreateHashTable(
+        "thing", 2, [](HashItem*) { FaultOnRead(); },
+        [](HashItem*, const VOID*) -> BOOLEAN {
+            FaultOnRead();
+            return TRUE;
+        });
+    Item &one = New(1), &two = New(2);
+    Add(one);
+    Add(two);
+    EXPECT_EQ(Filter_FindHashItem(table, 1, nullptr), nullptr);
+    EXPECT_THAT(Debug().Take(), HasSubstr("Filter_FindHashItem: exception, code = -1073741819\n"));
+    int calls = 0;
+    Enumerate([&](Item*) {
+        calls++;
+        FaultOnRead();
+    });
+    EXPECT_EQ(calls, 1);
+    EXPECT_THAT(Debug().Take(), HasSubstr("Filter_EnumHashTable: exception, code = -1073741819\n"));
+    EXPECT_EQ(one.head.m_RefCount, 1u);
+    ExpectNoLockHeld("faulting routines");
+    Filter_CleanHashTable(table);
+    EXPECT_THAT(Debug().Take(), HasSubstr("Filter_ReleaseHashItem: exception, code = -1073741819\n"));
+    ExpectNoLockHeld("a faulting free routine");
+}
+
+TEST_F(TablesTest, FindersDeletersAndEnumeratorsRunAtOnce)
+{
+    const int kKeys = 64;
+    constexpr int kRounds = 5000;
+    table = Filter_CreateHashTable("thing", 16, [](HashItem* head) { delete ItemOf(head); }, HasKey);
+    const auto work = [&](unsigned seed) {
+        std::mt19937 random(seed);
+        for (int round = 0; round < kRounds; round++) {
+            const int key = static_cast<int>(random() % kKeys);
+            Item* const item = Find(static_cast<ULONG>(key), key);
+            if (item == nullptr) {
+                Add(*new Item(static_cast<ULONG>(key), key));
+            } else if (random() % 2 != 0) {
+                Filter_DeleteHashItem(&item->head);
+            } else {
+                EXPECT_EQ(item->key, key);
+                Filter_ReleaseHashItem(&item->head);
+            }
+            if (round % 64 == 0) {
+                Enumerate([&](Item* found) { EXPECT_LT(found->key, kKeys); });
+            }
+        }
+    };
+    std::thread other(work, 1);
+    std::thread third(work, 2);
+    work(3);
+    other.join();
+    third.join();
+    EXPECT_EQ(Filter_GetHashItemCount(table), Keys().size());
+}
+
+} // namespace
