@@ -23,9 +23,9 @@ class ShareTest : public Test
   protected:
     ndisfilter_client* Raw() { return client.Get(); }
 
-    size_t Send(size_t count, uint32_t timeoutMs, int32_t expected)
+    size_t Send(size_t wanted, uint32_t timeoutMs, int32_t expected)
     {
-        const std::vector<ndisfilter_frame> frames(count, Frame(payload));
+        const std::vector<ndisfilter_frame> frames(wanted, Frame(payload));
         size_t sent = SIZE_MAX;
         EXPECT_EQ(ndisfilter_send(Raw(), frames.data(), frames.size(), timeoutMs, &sent), expected);
         return sent;

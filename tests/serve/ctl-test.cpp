@@ -231,7 +231,11 @@ TEST(CaptureLogs, HoldAReplayWholeAndInOrderForAnyViewer)
     EXPECT_EQ(lab.Ctl({"capture", "start", "--drive-c", driveC}).exitCode, 0);
 
     // That a log is live shows when a frame is in it, which is sent from here.
-    const std::pair<std::string, const char*> logs[] = {
+    struct Log {
+        std::string file;
+        const char* direction;
+    };
+    const Log logs[] = {
         {driveC + "/Adapter(02-00-00-00-00-0A)NdisUpper.eth", "in"},
         {driveC + "/Adapter(02-00-00-00-00-0A)NdisLower.eth", "out"},
         {driveC + "/Driver-to-Application-Io.eth", "loop"}};
@@ -246,12 +250,12 @@ TEST(CaptureLogs, HoldAReplayWholeAndInOrderForAnyViewer)
         std::string error;
         return support::ParseCapture(support::ReadFile(log), &error);
     };
-    for (const auto& [log, direction] : logs) {
+    for (const Log& log : logs) {
         EXPECT_TRUE(Eventually([&] {
             const auto result = lab.Ctl(
-                {"inject", directory.File("marker.pcap"), "--adapter", "1", "--direction", direction});
+                {"inject", directory.File("marker.pcap"), "--adapter", "1", "--direction", log.direction});
             EXPECT_EQ(result.exitCode, 0) << result.errors;
-            return !framesSoFar(log).empty();
+            return !framesSoFar(log.file).empty();
         }));
     }
 
@@ -261,9 +265,9 @@ TEST(CaptureLogs, HoldAReplayWholeAndInOrderForAnyViewer)
     close(pipe);
     EXPECT_TRUE(Eventually([&] { return lab.HasSaid("the captures are through"); }));
     const std::vector<support::Bytes> passed = FramesOf(support::ReadCapture(kClassicCapture));
-    for (const auto& [log, direction] : logs) { // until the last clone has come back
+    for (const Log& log : logs) { // until the last clone has come back
         EXPECT_TRUE(Eventually([&] {
-            auto frames = FramesOf(framesSoFar(log));
+            auto frames = FramesOf(framesSoFar(log.file));
             std::erase(frames, marker);
             return frames.size() >= passed.size();
         }));
@@ -275,9 +279,9 @@ TEST(CaptureLogs, HoldAReplayWholeAndInOrderForAnyViewer)
         support::RunProgram("bash", {"-c", "command -v tcpdump && command -v capinfos && command -v tshark"},
                             directory.Path())
             .exitCode == 0;
-    for (const auto& [log, direction] : logs) {
-        SCOPED_TRACE(log);
-        std::vector<CapturedFrame> captured = support::ReadCapture(log);
+    for (const auto& [file, direction] : logs) {
+        SCOPED_TRACE(file);
+        std::vector<CapturedFrame> captured = support::ReadCapture(file);
         const std::string count = std::to_string(captured.size());
         std::erase_if(captured, [&](const CapturedFrame& frame) { return frame.bytes == marker; });
         EXPECT_EQ(FramesOf(captured), passed);
@@ -287,23 +291,22 @@ TEST(CaptureLogs, HoldAReplayWholeAndInOrderForAnyViewer)
         if (!hasViewers) {
             continue;
         }
-        ProgramResult result = support::RunProgram("tcpdump", {"-nqr", log}, directory.Path());
+        ProgramResult result = support::RunProgram("tcpdump", {"-nqr", file}, directory.Path());
         EXPECT_EQ(result.exitCode, 0);
         EXPECT_THAT(result.errors, ContainsRegex("^reading from file [^\n]*\n$"));
-        result = support::RunProgram("capinfos", {"-Mco", log}, directory.Path());
+        result = support::RunProgram("capinfos", {"-Mco", file}, directory.Path());
         EXPECT_EQ(result.exitCode, 0);
         EXPECT_EQ(result.errors, "");
         EXPECT_THAT(result.output, ContainsRegex("Number of packets: +" + count + "\n.*order: +True"));
-        result = support::RunProgram("tshark", {"-nr", log, "-T", "fields", "-e", "frame.number"},
+        result = support::RunProgram("tshark", {"-nr", file, "-T", "fields", "-e", "frame.number"},
                                      directory.Path());
         EXPECT_EQ(result.exitCode, 0);
         EXPECT_THAT(result.errors, ContainsRegex("^(Running as user[^\n]*\n)?$"));
         EXPECT_TRUE(result.output.ends_with("\n" + count + "\n")) << result.output;
     }
     if (!hasViewers) {
-        GTEST_SKIP() << "NOT CHECKED with viewers: tcpdump, capinfos or tshark is missing; scripts/setup "
-                        "test installs "
-                        "them";
+        GTEST_SKIP() << "NOT CHECKED with viewers: tcpdump, capinfos or tshark is missing; scripts/setup test "
+                        "installs them";
     }
 }
 
