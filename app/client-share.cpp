@@ -229,7 +229,8 @@ int32_t Share::Announce()
 bool Share::IsDriverTaking(uint32_t before)
 {
     // The write index was stored before this look at the driver's; the driver stores its own before it looks at ours.
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    // Writing the index once more keeps the two in order: an exchange is a full barrier.
+    std::atomic_ref(memory_->KernelModeInput.m_iWrite).exchange(static_cast<int32_t>(inputWrite_));
     const uint32_t read = LoadIndex(memory_->KernelModeInput.m_iRead);
     const bool moved = read != seenRead_;
     seenRead_ = read;
