@@ -321,4 +321,52 @@ TEST_F(SampleTest, TheWanHoldsFramesAndLosesSome)
     EXPECT_TRUE(Debug().Contains("wan: wan-outgoing: 0 frames delayed, 1 lost, 0 too many\n"));
 }
 
+TEST_F(SampleTest, QuietDropsPingsAlone)
+{
+    Load("quiet");
+    for (const uint8_t type : {8, 0}) { // echo request and reply
+        Receive(EthernetFrame(kEtherTypeIpv4, Ipv4Packet(kProtocolIcmp, {type, 0, 0, 0, 0, 0, 0, 0})));
+    }
+    ASSERT_EQ(toProtocols->Frames().size(), 1u);
+    EXPECT_EQ(toProtocols->Frames()[0][kTransport], 0);
+}
+
+TEST_F(SampleTest, FramescopeSendsAFrameAlongEachRoadAndSeesItComeBack)
+{
+    machine::SetRegistryDword("NdisFilter", "GlobalDebugFlag", 0x40000000);
+    Load("framescope");
+    EXPECT_THAT(Ask("framescope send adapter"), StartsWith("no frame is kept"));
+    Ask("framescope keep");
+    Bytes frame = Tcp(80, 1000, kAck);
+    const Bytes right = frame;
+    frame[kIp + 10] ^= 0x55; // the checksum
+    Receive(frame);
+    EXPECT_THAT(toProtocols->Frames(), ElementsAre(right));
+    uint32_t sent = 0;
+    for (const char* road : {"adapter", "protocol", "from-adapter", "from-protocol", "from-program", "chain", "nowhere"}) {
+        EXPECT_THAT(Ask(std::string("framescope send ") + road), HasSubstr("FILTER_STATUS_SUCCESS")) << road;
+        ++sent;
+    }
+    EXPECT_TRUE(machine::WaitIdle());
+    EXPECT_TRUE(Eventually([&] {
+        return Ask("framescope send nowhere-silently").find(std::to_string(sent) + " came back") != std::string::npos;
+    }));
+    EXPECT_EQ(toAdapter->Frames(), (std::vector<Bytes>{right, right}));
+    EXPECT_EQ(toProtocols->Frames(), std::vector<Bytes>(5, right));
+    EXPECT_THAT(Ask("framescope counts"), StartsWith("3 frames received, 0 of IPv6, 1 with a wrong IPv4 checksum"));
+    Bytes stranger = right;
+    stranger[11] ^= 0x40;
+    Receive(stranger);
+    EXPECT_THAT(Ask("framescope stations"), HasSubstr("the busiest: 02-00-00-00-00-02 3 frames\n2 stations"));
+    EXPECT_THAT(Ask("framescope stations prune"), StartsWith("1 stations"));
+    EXPECT_THAT(Ask("framescope stations forget"), StartsWith("0 stations"));
+    EXPECT_THAT(Ask("framescope handles"), testing::Not(HasSubstr("not valid")));
+    EXPECT_THAT(Ask("framescope system"), HasSubstr("debug mask 0x40000000"));
+
+    EXPECT_EQ(Ask("framescope adapter {ADAPTER-1} media 1"), "media: FILTER_STATUS_SUCCESS\n");
+    Pass(1);
+    EXPECT_TRUE(Eventually([&] { return hook::MediaState(adapter) == 1; }));
+    EXPECT_THAT(Ask("framescope adapters"), HasSubstr("media state 1"));
+}
+
 } // namespace

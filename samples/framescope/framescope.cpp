@@ -1,19 +1,22 @@
 // A client filter driver for authors of drivers: a look at what the framework knows, the stations that an adapter hears,
 // and one kept frame that can be sent along every road that a packet may take.
 //
-// Answers diagnostics under the name "inspector"; without words it prints what it knows to do.
-#include "../support/sample.h"
+// Answers diagnostics under the name "framescope"; without words it prints what it knows to do.
+#include "framescope.h"
 
 using namespace sample;
+
+Framescope scope;
 
 namespace
 {
 
-constexpr char kName[] = "inspector";
+constexpr char kName[] = "framescope";
 constexpr char kPurpose[] = "looks at filters, stations and the roads of a frame";
 constexpr ULONG kPoolTag = 0x70736E49; // "Insp"
 constexpr ULONG kMacBytes = 6;
 constexpr ULONG kMacText = 18;
+constexpr USHORT kTypeIpv6 = 0x86DD;
 constexpr ULONG kBuckets = 256;
 constexpr ULONG kMostStations = 10000; // a stranger may make up addresses
 
@@ -22,31 +25,6 @@ struct Station {
     UCHAR Mac[kMacBytes];
     volatile LONG Frames;
 };
-
-struct Inspector {
-    FilterDriver* Driver;
-    PacketFilter* Filters[FILTER_TYPE_COUNT];
-    IoCtrlHandler* Control;
-    EventHandler* Events;
-    IfEventHandler* InterfaceEvents;
-    FilterInterface* Interface;
-    FilterTimer* Ticker;
-    HashTable* Stations;
-
-    FilterLock Lock; // of the next
-    FilterPacket* Kept;
-    volatile LONG WantsFrame; // the next received one is kept
-    volatile LONG DumpNext;   // frames that are still to be dumped
-    volatile LONG Frames;
-    volatile LONG BadChecksums;
-    volatile LONG Opened;
-    volatile LONG Published; // interfaces
-    volatile LONG Ticks;
-    volatile LONG Sent;
-    volatile LONG CameBack;
-};
-
-Inspector inspector;
 
 // -------------------------------------------------------------------------------------------------------- stations
 
@@ -67,8 +45,8 @@ BOOLEAN IsStation(HashItem* pItem, const VOID* pMac)
 VOID CountStation(const UCHAR* mac)
 {
     const ULONG hash = HashOf(mac);
-    HashItem* pItem = Filter_FindHashItem(inspector.Stations, hash, mac);
-    if (pItem == nullptr && Filter_GetHashItemCount(inspector.Stations) < kMostStations) {
+    HashItem* pItem = Filter_FindHashItem(scope.Stations, hash, mac);
+    if (pItem == nullptr && Read(&scope.Known) < kMostStations) {
         Station* const pStation = static_cast<Station*>(Filter_AllocateMemory(sizeof(Station), kPoolTag));
         if (pStation == nullptr) {
             return;
@@ -76,7 +54,8 @@ VOID CountStation(const UCHAR* mac)
         RtlZeroMemory(pStation, sizeof(*pStation));
         RtlCopyMemory(pStation->Mac, mac, kMacBytes);
         pStation->Item.m_HashValue = hash;
-        pItem = Filter_InsertHashItem(inspector.Stations, &pStation->Item);
+        pItem = Filter_InsertHashItem(scope.Stations, &pStation->Item);
+        InterlockedIncrement(&scope.Known);
     }
     if (pItem != nullptr) {
         InterlockedIncrement(&reinterpret_cast<Station*>(pItem)->Frames);
@@ -92,37 +71,60 @@ VOID PrintStation(PVOID pDiag, HashItem* pItem)
                      Read(&pStation->Frames));
 }
 
-// Takes a station out that was heard only once. It gets a reference first: deleting gives one back.
+// Deleting an item uses up the reference that the enumeration holds.
 VOID ForgetPasserBy(PVOID, HashItem* pItem)
 {
     if (Read(&reinterpret_cast<Station*>(pItem)->Frames) == 1) {
-        Filter_ReferenceHashItem(pItem);
         Filter_DeleteHashItemEx(pItem);
+        InterlockedDecrement(&scope.Known);
+    }
+}
+
+// Keeps the busiest station so far, which needs a reference of its own: the enumeration's ends with this call.
+VOID KeepBusiest(PVOID pBusiest, HashItem* pItem)
+{
+    Station*& busiest = *static_cast<Station**>(pBusiest);
+    Station* const pStation = reinterpret_cast<Station*>(pItem);
+    if (busiest != nullptr && Read(&busiest->Frames) >= Read(&pStation->Frames)) {
+        return;
+    }
+    Filter_ReferenceHashItem(pItem);
+    if (busiest != nullptr) {
+        Filter_ReleaseHashItem(&busiest->Item);
+    }
+    busiest = pStation;
+}
+
+VOID PrintBusiest(Diag* pDiag)
+{
+    Station* busiest = nullptr;
+    Filter_EnumHashTable(scope.Stations, KeepBusiest, &busiest);
+    if (busiest != nullptr) {
+        Filter_DiagPrint(pDiag, "the busiest: ");
+        PrintStation(pDiag, &busiest->Item);
+        Filter_ReleaseHashItem(&busiest->Item);
     }
 }
 
 VOID AnswerStations(Diag* pDiag)
 {
-    HashTable* const stations = inspector.Stations;
-    if (pDiag->m_nArgumentCount == 1) {
-        Filter_EnumHashTable(stations, PrintStation, pDiag);
-        Filter_DiagPrint(pDiag, "%u stations\n", Filter_GetHashItemCount(stations));
-        return;
-    }
-    PCSTR const word = pDiag->m_ppszArguments[1];
+    HashTable* const stations = scope.Stations;
+    PCSTR const word = pDiag->m_nArgumentCount > 1 ? pDiag->m_ppszArguments[1] : "";
     ULONG bucket;
     if (IsWord(word, "forget")) {
-        Filter_CleanHashTable(stations);
+        Filter_CleanHashTable(stations); // leaves the table's own count
+        InterlockedExchange(&scope.Known, 0);
     } else if (IsWord(word, "prune")) {
         Filter_EnumHashTable(stations, ForgetPasserBy, nullptr);
     } else if (ParseNumber(word, kBuckets - 1, &bucket)) {
         Filter_EnumHashTableEx(stations, bucket, PrintStation, pDiag);
-        return;
     } else {
-        Filter_DiagPrint(pDiag, "stations: forget, prune, or a bucket, 0 to %u\n", kBuckets - 1);
-        return;
+        Filter_ReferenceHashTable(stations); // it stays until the release, whoever destroys it meanwhile
+        Filter_EnumHashTable(stations, PrintStation, pDiag);
+        PrintBusiest(pDiag);
+        Filter_ReleaseHashTable(stations);
     }
-    Filter_DiagPrint(pDiag, "%u stations left\n", Filter_GetHashItemCount(stations));
+    Filter_DiagPrint(pDiag, "%u stations, %u ever\n", Read(&scope.Known), Filter_GetHashItemCount(stations));
 }
 
 // --------------------------------------------------------------------------------------------------------- filters
@@ -134,8 +136,8 @@ VOID PrintOwner(Diag* pDiag)
     PVOID pContext = nullptr;
     STRING* pName = nullptr;
     Filter_GetAPIVersion(&major, &minor);
-    Filter_GetDriverContext(inspector.Driver, &pContext);
-    Filter_GetDriverName(inspector.Driver, &pName);
+    Filter_GetDriverContext(scope.Driver, &pContext);
+    Filter_GetDriverName(scope.Driver, &pName);
     if (pName != nullptr) {
         Filter_DiagPrint(pDiag, "driver %s, context 0x%p, interface version %u.%u\n", pName->Buffer, pContext, major,
                          minor);
@@ -166,7 +168,7 @@ VOID AnswerFilters(Diag* pDiag)
 {
     PrintOwner(pDiag);
     for (FILTER_TYPE nType = 0; nType < FILTER_TYPE_COUNT; ++nType) {
-        Filter_EnumFilter(inspector.Driver, PrintFilter, pDiag, nType);
+        Filter_EnumFilter(scope.Driver, PrintFilter, pDiag, nType);
         Filter_DiagFilter(pDiag, nType);
     }
 }
@@ -176,13 +178,18 @@ VOID AnswerHandles(Diag* pDiag)
     const auto print = [pDiag](PCSTR what, BOOLEAN isValid) {
         Filter_DiagPrint(pDiag, "%s: %s\n", what, isValid ? "valid" : "not valid");
     };
-    print("driver", Filter_IsValidDriver(inspector.Driver));
-    print("filter", Filter_IsValidFilter(inspector.Filters[FILTER_TYPE_INCOMING_PACKET]));
-    print("control requests", Filter_IsValidIoCtrlHandler(inspector.Control));
-    print("adapter events", Filter_IsValidEventHandler(inspector.Events));
-    print("interface events", Filter_IsValidIfEventHandler(inspector.InterfaceEvents));
-    print("interface", Filter_IsValidInterfaceObject(inspector.Interface));
-    print("timer", Filter_IsValidTimer(inspector.Ticker));
+    print("driver", Filter_IsValidDriver(scope.Driver));
+    print("filter", Filter_IsValidFilter(scope.Filter));
+    print("control requests", Filter_IsValidIoCtrlHandler(scope.Control));
+    print("adapter events", Filter_IsValidEventHandler(scope.Events));
+    print("interface events", Filter_IsValidIfEventHandler(scope.InterfaceEvents));
+    print("interface", Filter_IsValidInterfaceObject(scope.Interface));
+    print("timer", Filter_IsValidTimer(scope.Ticker));
+    PVOID hRequest = nullptr;
+    if (Filter_AllocateNdisRequest(&hRequest) == FILTER_STATUS_SUCCESS) {
+        print("NDIS request", Filter_IsValidNdisRequest(hRequest));
+        Filter_FreeNdisRequest(hRequest);
+    }
 }
 
 // ----------------------------------------------------------------------------------------------------------- roads
@@ -190,18 +197,18 @@ VOID AnswerHandles(Diag* pDiag)
 // A packet that this driver has sent is through, whatever became of it.
 VOID CountReturn(FilterPacket*, PVOID)
 {
-    InterlockedIncrement(&inspector.CameBack);
+    InterlockedIncrement(&scope.CameBack);
 }
 
 // A copy of the kept frame; nullptr when there is none, or no packet.
 FilterPacket* CopyKept()
 {
     FilterPacket* pCopy = nullptr;
-    Filter_AcquireLock(&inspector.Lock);
-    if (inspector.Kept != nullptr && Filter_ClonePacket(inspector.Kept, &pCopy) != FILTER_STATUS_SUCCESS) {
+    Filter_AcquireLock(&scope.Lock);
+    if (scope.Kept != nullptr && Filter_ClonePacket(scope.Kept, &pCopy) != FILTER_STATUS_SUCCESS) {
         pCopy = nullptr;
     }
-    Filter_ReleaseLock(&inspector.Lock);
+    Filter_ReleaseLock(&scope.Lock);
     return pCopy;
 }
 
@@ -250,14 +257,14 @@ VOID AnswerSend(Diag* pDiag)
         }
         FilterPacket* const pCopy = CopyKept();
         if (pCopy == nullptr) {
-            Filter_DiagPrint(pDiag, "no frame is kept; first: inspector keep\n");
+            Filter_DiagPrint(pDiag, "no frame is kept; first: framescope keep\n");
             return;
         }
-        InterlockedIncrement(&inspector.Sent);
+        InterlockedIncrement(&scope.Sent);
         Filter_SetPacketReleaseCallback(pCopy, CountReturn, nullptr);
         const FILTER_STATUS status = road.Send(pCopy);
         Filter_DiagPrint(pDiag, "%s: %s; %u sent, %u came back\n", road.Name, Filter_StatusString(status),
-                         Read(&inspector.Sent), Read(&inspector.CameBack));
+                         Read(&scope.Sent), Read(&scope.CameBack));
         return;
     }
     Filter_DiagPrint(pDiag, "send ROAD:\n");
@@ -269,14 +276,14 @@ VOID AnswerSend(Diag* pDiag)
 VOID KeepCopy(FilterPacket* pPacket)
 {
     FilterPacket* pCopy = nullptr;
-    if (InterlockedExchange(&inspector.WantsFrame, 0) == 0 ||
+    if (InterlockedExchange(&scope.WantsFrame, 0) == 0 ||
         Filter_ClonePacket(pPacket, &pCopy) != FILTER_STATUS_SUCCESS) {
         return;
     }
-    Filter_AcquireLock(&inspector.Lock);
-    FilterPacket* const pBefore = inspector.Kept;
-    inspector.Kept = pCopy;
-    Filter_ReleaseLock(&inspector.Lock);
+    Filter_AcquireLock(&scope.Lock);
+    FilterPacket* const pBefore = scope.Kept;
+    scope.Kept = pCopy;
+    Filter_ReleaseLock(&scope.Lock);
     if (pBefore != nullptr) {
         Filter_ReleasePacket(pBefore);
     }
@@ -286,10 +293,10 @@ VOID KeepCopy(FilterPacket* pPacket)
 
 VOID AnswerCounts(Diag* pDiag)
 {
-    Filter_DiagPrint(pDiag, "%u frames received, %u with a wrong IP checksum, which was mended\n",
-                     Read(&inspector.Frames), Read(&inspector.BadChecksums));
+    Filter_DiagPrint(pDiag, "%u frames received, %u of IPv6, %u with a wrong IPv4 checksum, which was mended\n",
+                     Read(&scope.Frames), Read(&scope.Ipv6), Read(&scope.BadChecksums));
     Filter_DiagPrint(pDiag, "%u adapters opened, %u interfaces published, %u seconds on the ticker\n",
-                     Read(&inspector.Opened), Read(&inspector.Published), Read(&inspector.Ticks));
+                     Read(&scope.Opened), Read(&scope.Published), Read(&scope.Ticks));
 }
 
 VOID AnswerNumber(Diag* pDiag, PCSTR what, BOOLEAN (*apply)(ULONG number))
@@ -303,7 +310,17 @@ VOID AnswerNumber(Diag* pDiag, PCSTR what, BOOLEAN (*apply)(ULONG number))
 VOID Answer(Diag* pDiag)
 {
     PCSTR const word = pDiag->m_nArgumentCount > 0 ? pDiag->m_ppszArguments[0] : "";
-    if (IsWord(word, "filters")) {
+    if (IsWord(word, "adapters")) {
+        AnswerAdapters(pDiag);
+    } else if (IsWord(word, "adapter")) {
+        AnswerAdapter(pDiag);
+    } else if (IsWord(word, "system")) {
+        AnswerSystem(pDiag);
+    } else if (IsWord(word, "note")) {
+        // Without a FilterEventHead: the program finds the adapter's identifier written over a part of the text.
+        Filter_ReportEvent(0, 0, "a note without a head, as short as it can be: %u frames", Read(&scope.Frames));
+        Filter_DiagPrint(pDiag, "an event was reported\n");
+    } else if (IsWord(word, "filters")) {
         AnswerFilters(pDiag);
     } else if (IsWord(word, "handles")) {
         AnswerHandles(pDiag);
@@ -312,13 +329,13 @@ VOID Answer(Diag* pDiag)
     } else if (IsWord(word, "counts")) {
         AnswerCounts(pDiag);
     } else if (IsWord(word, "keep")) {
-        InterlockedExchange(&inspector.WantsFrame, 1);
+        InterlockedExchange(&scope.WantsFrame, 1);
         Filter_DiagPrint(pDiag, "the next received frame is kept\n");
     } else if (IsWord(word, "send")) {
         AnswerSend(pDiag);
     } else if (IsWord(word, "dump")) {
         AnswerNumber(pDiag, "dump", [](ULONG number) -> BOOLEAN {
-            InterlockedExchange(&inspector.DumpNext, static_cast<LONG>(number));
+            InterlockedExchange(&scope.DumpNext, static_cast<LONG>(number));
             return TRUE;
         });
     } else if (IsWord(word, "limit")) {
@@ -328,11 +345,15 @@ VOID Answer(Diag* pDiag)
         });
     } else if (IsWord(word, "ticker")) {
         AnswerNumber(pDiag, "ticker", [](ULONG number) -> BOOLEAN {
-            return (number == 0 ? Filter_StopTimer(inspector.Ticker) : Filter_StartTimer(inspector.Ticker, number)) ==
+            return (number == 0 ? Filter_StopTimer(scope.Ticker) : Filter_StartTimer(scope.Ticker, number)) ==
                    FILTER_STATUS_SUCCESS;
         });
     } else {
-        Filter_DiagPrint(pDiag, "filters - all chains, and more of this driver's own filters\n"
+        Filter_DiagPrint(pDiag, "adapters [report] - all that is known of them\n"
+                                "adapter ID VERB [VALUE] - changes one\n"
+                                "system [reload] - versions and settings\n"
+                                "note - reports an event without a head\n"
+                                "filters - all chains, and more of this driver's own filters\n"
                                 "handles - whether this driver's handles are valid\n"
                                 "stations [BUCKET|prune|forget] - addresses that frames came from\n"
                                 "counts - what was seen\n"
@@ -358,17 +379,22 @@ NTSTATUS HandleControl(PVOID pContext, PIRP pIrp, ULONG nControlCode, PVOID pInp
 
 FILTER_RESULT LookAtPacket(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket* pPacket)
 {
-    InterlockedIncrement(&inspector.Frames);
+    InterlockedIncrement(&scope.Frames);
     Ipv4Frame frame;
     if (LookAt(pPacket, &frame) && !Filter_VerifyPacketCheckSum(pPacket)) {
-        InterlockedIncrement(&inspector.BadChecksums);
+        InterlockedIncrement(&scope.BadChecksums);
     }
     if (FetchHeaders(pPacket) >= kEthernetHeader) {
         CountStation(pPacket->m_pEthernet + kMacBytes);
+        USHORT type;
+        RtlCopyMemory(&type, pPacket->m_pEthernet + 2 * kMacBytes, sizeof(type));
+        if (ntohs(type) == kTypeIpv6) {
+            InterlockedIncrement(&scope.Ipv6);
+        }
     }
     KeepCopy(pPacket);
-    if (Read(&inspector.DumpNext) != 0 && InterlockedDecrement(&inspector.DumpNext) >= 0) {
-        Filter_DumpPacket("inspector", pPacket);
+    if (Read(&scope.DumpNext) != 0 && InterlockedDecrement(&scope.DumpNext) >= 0) {
+        Filter_DumpPacket("framescope", pPacket);
     }
     return FILTER_RESULT_BYPASS;
 }
@@ -376,28 +402,28 @@ FILTER_RESULT LookAtPacket(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPac
 VOID HandleEvent(FilterDriver*, PVOID, ULONG nEvent, PVOID, FilterAdapter*)
 {
     if (nEvent == FILTER_EVENT_ADAPTER_OPENED) {
-        InterlockedIncrement(&inspector.Opened);
+        InterlockedIncrement(&scope.Opened);
     }
 }
 
 VOID HandleInterfaceEvent(FilterDriver*, PVOID, ULONG nEvent, PVOID, const STRING*)
 {
     if (nEvent == FILTER_IF_EVENT_REGISTERED) {
-        InterlockedIncrement(&inspector.Published);
+        InterlockedIncrement(&scope.Published);
     }
 }
 
 VOID Tick(FilterDriver*, PVOID, FilterTimer*, PVOID)
 {
-    InterlockedIncrement(&inspector.Ticks);
+    InterlockedIncrement(&scope.Ticks);
 }
 
 // --------------------------------------------------------------------------------------------------- start and stop
 
-char driverName[] = "inspector";
-char interfaceName[] = "inspector";
+char driverName[] = "framescope";
+char interfaceName[] = "framescope";
 
-struct InspectorInterface {
+struct FramescopeInterface {
     USHORT Length; // of the whole block
     USHORT Version;
 };
@@ -405,66 +431,74 @@ struct InspectorInterface {
 BOOLEAN Register()
 {
     STRING name = CountedName(driverName);
-    FILTER_STATUS status = Filter_RegisterDriver(&name, &inspector, 1, 0, &inspector.Driver);
-    if (!IsRegistered(kName, "as a client driver", status, inspector.Driver)) {
+    FILTER_STATUS status = Filter_RegisterDriver(&name, &scope, 1, 0, &scope.Driver);
+    if (!IsRegistered(kName, "as a client driver", status, scope.Driver)) {
         return FALSE;
     }
-    status = Filter_RegisterIfEventHandler(inspector.Driver, HandleInterfaceEvent, nullptr,
-                                           &inspector.InterfaceEvents);
-    if (!IsRegistered(kName, "interface events", status, inspector.InterfaceEvents)) {
+    status = Filter_RegisterIfEventHandler(scope.Driver, HandleInterfaceEvent, nullptr,
+                                           &scope.InterfaceEvents);
+    if (!IsRegistered(kName, "interface events", status, scope.InterfaceEvents)) {
         return FALSE;
     }
     STRING published = CountedName(interfaceName);
-    const InspectorInterface block = {sizeof(block), 1};
-    status = Filter_RegisterInterface(inspector.Driver, &published, &block, &inspector.Interface);
-    if (!IsRegistered(kName, "an interface", status, inspector.Interface)) {
+    const FramescopeInterface block = {sizeof(block), 1};
+    status = Filter_RegisterInterface(scope.Driver, &published, &block, &scope.Interface);
+    if (!IsRegistered(kName, "an interface", status, scope.Interface)) {
         return FALSE;
     }
-    status = Filter_RegisterEventHandler(inspector.Driver, HandleEvent, nullptr, &inspector.Events);
-    if (!IsRegistered(kName, "adapter events", status, inspector.Events)) {
+    status = Filter_RegisterEventHandler(scope.Driver, HandleEvent, nullptr, &scope.Events);
+    if (!IsRegistered(kName, "adapter events", status, scope.Events)) {
         return FALSE;
     }
-    status = Filter_InitializeTimer(inspector.Driver, Tick, nullptr, TRUE, &inspector.Ticker);
-    if (!IsRegistered(kName, "a timer", status, inspector.Ticker)) {
+    status = Filter_InitializeTimer(scope.Driver, Tick, nullptr, TRUE, &scope.Ticker);
+    if (!IsRegistered(kName, "a timer", status, scope.Ticker)) {
         return FALSE;
     }
-    status = Filter_RegisterFilter(inspector.Driver, &name, LookAtPacket, nullptr, FILTER_TYPE_INCOMING_PACKET,
-                                   FILTER_ORDER_FIRST, &inspector.Filters[FILTER_TYPE_INCOMING_PACKET]);
-    if (!IsRegistered(kName, "a filter", status, inspector.Filters[FILTER_TYPE_INCOMING_PACKET])) {
+    status = Filter_InitializeTimer(scope.Driver, RunErrand, nullptr, FALSE, &scope.Errand);
+    if (!IsRegistered(kName, "a timer", status, scope.Errand)) {
         return FALSE;
     }
-    status = Filter_RegisterIoControl(inspector.Driver, HandleControl, nullptr, &inspector.Control);
-    return IsRegistered(kName, "control requests", status, inspector.Control);
+    status = Filter_RegisterFilter(scope.Driver, &name, LookAtPacket, nullptr, FILTER_TYPE_INCOMING_PACKET,
+                                   FILTER_ORDER_FIRST, &scope.Filter);
+    if (!IsRegistered(kName, "a filter", status, scope.Filter)) {
+        return FALSE;
+    }
+    status = Filter_RegisterIoControl(scope.Driver, HandleControl, nullptr, &scope.Control);
+    return IsRegistered(kName, "control requests", status, scope.Control);
 }
 
 // In an order in which nothing uses what is gone already.
 VOID Deregister()
 {
-    if (inspector.Control != nullptr) {
-        Filter_DeregisterIoControl(inspector.Driver, inspector.Control);
+    if (scope.Control != nullptr) {
+        Filter_DeregisterIoControl(scope.Driver, scope.Control);
     }
-    if (inspector.Filters[FILTER_TYPE_INCOMING_PACKET] != nullptr) {
-        Filter_DeregisterFilter(inspector.Driver, inspector.Filters[FILTER_TYPE_INCOMING_PACKET]);
+    if (scope.Filter != nullptr) {
+        Filter_DeregisterFilter(scope.Driver, scope.Filter);
     }
-    if (inspector.Ticker != nullptr) {
-        Filter_FreeTimer(inspector.Driver, inspector.Ticker);
+    FilterTimer* const timers[] = {scope.Ticker, scope.Errand};
+    for (FilterTimer* hTimer : timers) {
+        if (hTimer != nullptr) {
+            Filter_FreeTimer(scope.Driver, hTimer);
+        }
     }
-    if (inspector.Interface != nullptr) {
-        Filter_DeregisterInterface(inspector.Driver, inspector.Interface);
+    if (scope.Interface != nullptr) {
+        Filter_DeregisterInterface(scope.Driver, scope.Interface);
     }
-    if (inspector.InterfaceEvents != nullptr) {
-        Filter_DeregisterIfEventHandler(inspector.Driver, inspector.InterfaceEvents);
+    if (scope.InterfaceEvents != nullptr) {
+        Filter_DeregisterIfEventHandler(scope.Driver, scope.InterfaceEvents);
     }
-    if (inspector.Driver != nullptr) {
-        Filter_DeregisterDriver(inspector.Driver); // and with it its adapter event handler
+    if (scope.Driver != nullptr) {
+        Filter_DeregisterDriver(scope.Driver); // and with it its adapter event handler
     }
-    if (inspector.Kept != nullptr) {
-        Filter_ReleasePacket(inspector.Kept);
+    if (scope.Kept != nullptr) {
+        Filter_ReleasePacket(scope.Kept);
     }
-    if (inspector.Stations != nullptr) {
-        Filter_DestroyHashTable(inspector.Stations);
+    if (scope.Stations != nullptr) {
+        Filter_DestroyHashTable(scope.Stations);
     }
-    Filter_FreeLock(&inspector.Lock);
+    FreeFrameworkKey();
+    Filter_FreeLock(&scope.Lock);
 }
 
 VOID NTAPI DriverUnload(PDRIVER_OBJECT)
@@ -474,12 +508,13 @@ VOID NTAPI DriverUnload(PDRIVER_OBJECT)
 
 } // namespace
 
-extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING)
+extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath)
 {
-    inspector = {};
-    Filter_InitializeLock(&inspector.Lock);
-    inspector.Stations = Filter_CreateHashTable("station", kBuckets, nullptr, IsStation);
-    if (inspector.Stations == nullptr || !Register()) {
+    scope = {};
+    Filter_InitializeLock(&scope.Lock);
+    FindFrameworkKey(RegistryPath);
+    scope.Stations = Filter_CreateHashTable("station", kBuckets, nullptr, IsStation);
+    if (scope.Stations == nullptr || !Register()) {
         Deregister();
         return STATUS_INSUFFICIENT_RESOURCES;
     }
