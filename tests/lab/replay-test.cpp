@@ -26,11 +26,13 @@ class Replay : public testing::Test
   protected:
     std::string Path(const std::string& name) const { return directory_.File(name); }
 
-    // Runs `replay` in the temporary directory.
+    // Runs `replay`, or `live` when the arguments begin with it, in the temporary directory.
     ProgramResult Run(std::vector<std::string> arguments,
                       const std::function<bool()>& interruptWhen = nullptr) const
     {
-        arguments.insert(arguments.begin(), "replay");
+        if (arguments.empty() || arguments.front() != "live") {
+            arguments.insert(arguments.begin(), "replay");
+        }
         return RunProgram(NDISFILTER_LAB, arguments, directory_.Path(), interruptWhen);
     }
 
@@ -265,7 +267,7 @@ TEST_F(Replay, InterruptEndsInGoodOrder)
 }
 
 struct BadCall {
-    std::vector<std::string> arguments;
+    std::vector<std::string> arguments; // of replay, unless they name another command
     int exitCode;
     std::string line; // what the line must hold
 };
@@ -297,6 +299,9 @@ TEST_F(Replay, ErrorsAreOneLineWithNameAndValue)
         {{"a.pcap", "--json", "--debug-output", "-"}, 2, "--debug-output -"},
         {{"a.pcap", "--write", "a.pcap"}, 1, "a.pcap"},
         {{}, 2, "CAPTURE"},
+        {{"live", "lo", "lo"}, 2, "lo: give two interfaces"},
+        {{"live", "lo", "no-such-link"}, 8, "lo: not an Ethernet interface"},
+        {{"live", "no-such-link", "lo"}, 8, "no-such-link: cannot look up its index: No such device"},
     };
     for (const BadCall& call : calls) {
         std::vector<std::string> arguments = call.arguments;
