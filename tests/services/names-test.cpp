@@ -4,10 +4,10 @@
 #include "support/client.h"
 
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <regex>
 
 using support::CountedString;
 
@@ -23,13 +23,17 @@ struct Value {
 TEST(Names, OfEveryStatus)
 {
     std::ifstream header(NDISFILTER_TEST_DATA "/../../driver/kernel/filter/include/ndisfilter.h");
-    const std::regex define("#define (FILTER_(STATUS|ERROR)_[A-Z_]+) \\(?(-?[0-9]+)\\)?.*");
     LONG status = 0;
     for (std::string line; std::getline(header, line);) {
-        std::smatch match;
-        if (std::regex_match(line, match, define)) {
-            EXPECT_EQ(std::stol(match[3]), status);
-            EXPECT_EQ(Filter_StatusString(status--), match[1]);
+        char name[64];
+        int value;
+        if (std::sscanf(line.c_str(), "#define FILTER_%63s %*[(]%d", name, &value) == 2 ||
+            std::sscanf(line.c_str(), "#define FILTER_%63s %d", name, &value) == 2) {
+            const std::string full = std::string("FILTER_") + name;
+            if (full.starts_with("FILTER_STATUS_") || full.starts_with("FILTER_ERROR_")) {
+                EXPECT_EQ(value, status);
+                EXPECT_EQ(Filter_StatusString(status--), full);
+            }
         }
     }
     EXPECT_EQ(status, -46);

@@ -260,7 +260,7 @@ PVOID MapThroughHook(HOOK_MM_MAP_LOCKED_PAGES map, MappedMemory* mapped)
         map(s_pMdl, LoadRelaxed(g_nStartShareValue), reinterpret_cast<MappedMemory*>(&s_HookRecord));
     });
     const ULONGLONG address = code == 0 ? s_HookRecord.m_pUserModeVirtualAddress : 0;
-    mapped->m_pUserModeVirtualAddress = address;
+    StoreRelaxed(mapped->m_pUserModeVirtualAddress, address);
     Trace(TRACE_SHARE, "  Hook_MmMapLockedPages() return 0x%p\n", reinterpret_cast<PVOID>(address));
     return reinterpret_cast<PVOID>(address);
 }
@@ -272,7 +272,7 @@ PVOID MapIntoCurrentProcess(MappedMemory* mapped)
     if (Guarded([&] { address = MmMapLockedPages(s_pMdl, UserMode); }) != 0) {
         address = nullptr;
     }
-    mapped->m_pUserModeVirtualAddress = reinterpret_cast<ULONG_PTR>(address);
+    StoreRelaxed(mapped->m_pUserModeVirtualAddress, reinterpret_cast<ULONG_PTR>(address));
     Trace(TRACE_SHARE, "  MmMapLockedPages() return 0x%p\n", address);
     return address;
 }
@@ -366,7 +366,7 @@ VOID NdisFilter_UnmapMemoryToUserSpace(MappedMemory* pMappedMemory)
         Trace(TRACE_SHARE, "  MmUnmapLockedPages() complete\n");
     }
     s_pUserModeAddress = nullptr;
-    pMappedMemory->m_pUserModeVirtualAddress = 0;
+    StoreRelaxed(pMappedMemory->m_pUserModeVirtualAddress, 0);
 }
 
 namespace
