@@ -16,7 +16,16 @@ constexpr char kName[] = "flowmeter";
 constexpr ULONG kRetryMs = 10;
 
 // The fields of a reading that are counters, in its order; changed by any processor.
-enum Counter { ReceivedFrames, ReceivedBytes, SentFrames, SentBytes, AdapterReceived, AdapterSent, Answers, CounterCount };
+enum Counter {
+    ReceivedFrames,
+    ReceivedBytes,
+    SentFrames,
+    SentBytes,
+    AdapterReceived,
+    AdapterSent,
+    Answers,
+    CounterCount
+};
 
 struct Meter {
     FilterAdapter* Adapter; // of which the meter is; not touched once the adapter is closed
@@ -276,9 +285,13 @@ VOID Withdraw()
     const STRING name = CountedName(interfaceName);
     LARGE_INTEGER interval;
     interval.QuadPart = -10000LL * kRetryMs;
-    PVOID none;
-    while (Filter_QueryInterface(flowmeter.Driver, &name, &none) == FILTER_ERROR_INTERFACE_ARE_INVALID) {
+    PVOID other;
+    FILTER_STATUS status;
+    while ((status = Filter_QueryInterface(flowmeter.Driver, &name, &other)) == FILTER_ERROR_INTERFACE_ARE_INVALID) {
         KeDelayExecutionThread(KernelMode, FALSE, &interval); // the last release frees it, and its name
+    }
+    if (status == FILTER_STATUS_SUCCESS) { // another driver has taken the name
+        Filter_ReleaseInterface(flowmeter.Driver, other);
     }
 }
 

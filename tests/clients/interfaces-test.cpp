@@ -2,6 +2,7 @@
 #include "support/framework.h"
 
 #include <cstring>
+#include <thread>
 
 using namespace support;
 
@@ -184,6 +185,20 @@ TEST_F(InterfacesTest, ADepartedOwnerLeavesDeadReferencesAndTheirName)
     EXPECT_EQ(Release(held), FILTER_ERROR_INVALID_FILTER_INTERFACE);
 }
 
+TEST_F(InterfacesTest, AnOwnerThatGoesWhileItsInterfaceIsAnnouncedLeavesDeadReferences)
+{
+    FilterInterface* const handle = Publish();
+    FilterDriver* const driver = owner->Handle();
+    Block* const held = Reference();
+    heard.action = [&](ULONG) {
+        std::thread([&] { EXPECT_EQ(owner->Deregister(), FILTER_STATUS_SUCCESS); }).join();
+    };
+    EXPECT_EQ(Filter_DeregisterInterface(driver, handle), FILTER_ERROR_INTERFACE_ARE_REFERENCED);
+    EXPECT_FALSE(Filter_IsValidInterface(held));
+    PVOID copy = nullptr;
+    EXPECT_EQ(Ask(&copy), FILTER_ERROR_INTERFACE_ARE_INVALID);
+}
+
 TEST_F(InterfacesTest, BadArgumentsAndFaultsAreRefusedAndLeaveNothing)
 {
     FilterInterface* const handle = Publish();
@@ -247,6 +262,12 @@ TEST_F(InterfacesTest, BadArgumentsAndFaultsAreRefusedAndLeaveNothing)
 
     // A handler that faults is an exception to the raiser, and what it raised for is done nevertheless.
     heard.action = [](ULONG) { FaultOnRead(); };
+    EXPECT_EQ(Filter_RegisterInterface(driver, &name, &block, &out), FILTER_ERROR_EXCEPTION);
+    EXPECT_EQ(Filter_QueryInterface(driver, &name, &copy), FILTER_STATUS_SUCCESS);
+    Debug().Take();
+    EXPECT_EQ(Withdraw(out), FILTER_ERROR_INTERFACE_ARE_REFERENCED); // the owner must know that it cannot leave
+    EXPECT_TRUE(Debug().Contains("Filter_DeregisterInterface: exception, code = -1073741819\n"));
+    EXPECT_EQ(Filter_ReleaseInterface(driver, copy), FILTER_STATUS_SUCCESS);
     EXPECT_EQ(Filter_RegisterInterface(driver, &name, &block, &out), FILTER_ERROR_EXCEPTION);
     EXPECT_EQ(Withdraw(out), FILTER_ERROR_EXCEPTION);
     EXPECT_EQ(Filter_QueryInterface(driver, &name, &copy), FILTER_ERROR_INTERFACE_NOT_FOUND);

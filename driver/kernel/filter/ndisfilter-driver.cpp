@@ -26,15 +26,6 @@ VOID UnlinkAndFree(Record& record)
     Filter_FreeMemory(&record);
 }
 
-VOID DropTimers(const FilterDriver* owner)
-{
-    WriteLock lock(Global().m_FilterTimerLock);
-    ForEachOwned(Global().m_FilterTimerList, owner, [](FilterTimer& timer) {
-        RecordList<FilterTimer>::Unlink(timer);
-        RetireTimer(timer);
-    });
-}
-
 VOID DropEventHandlers(const FilterDriver* owner)
 {
     SpinLock lock(Global().m_EventHandlerLock);
@@ -49,25 +40,29 @@ VOID DropPacketFilters(const FilterDriver* owner)
     }
 }
 
-// An interface that others still reference stays listed, inactive; the last release frees it.
+// No copy that was handed out is valid any more. TRUE when there is one.
+BOOLEAN InvalidateReferences(FilterInterface& entry)
+{
+    WriteLock referenceLock(entry.m_ReferenceLock);
+    for (InterfaceReference& reference : entry.m_ReferenceList) {
+        StoreRelaxed(reference.m_bValid, FALSE);
+    }
+    return !entry.m_ReferenceList.IsEmpty();
+}
+
+// An interface that others still reference stays listed, inactive, until the unload. One that is departing is left to
+// the thread that deregisters it.
 VOID DropInterfaces(const FilterDriver* owner)
 {
     WriteLock lock(Global().m_InterfaceLock);
     ForEachOwned(Global().m_InterfaceList, owner, [](FilterInterface& entry) {
-        BOOLEAN referenced = FALSE;
-        {
-            WriteLock referenceLock(entry.m_ReferenceLock);
-            for (InterfaceReference& reference : entry.m_ReferenceList) {
-                reference.m_bValid = FALSE;
-                referenced = TRUE;
-            }
-        }
-        if (referenced) {
+        if (InvalidateReferences(entry)) {
             entry.m_bActive = FALSE;
         } else {
             UnlinkAndFree(entry);
         }
     });
+    ForEachOwned(Global().m_DepartingInterfaceList, owner, InvalidateReferences);
 }
 
 VOID DropIoCtrlHandlers(const FilterDriver* owner)
@@ -177,7 +172,7 @@ FILTER_STATUS Filter_DeregisterDriver(FilterDriver* hFilterDriver)
         if (!UnlinkDriver(hFilterDriver)) {
             return FILTER_ERROR_DRIVER_NOT_FOUND;
         }
-        DropTimers(hFilterDriver);
+        RetireTimers(hFilterDriver);
         DropEventHandlers(hFilterDriver);
         DropPacketFilters(hFilterDriver);
         DropInterfaces(hFilterDriver);

@@ -28,20 +28,22 @@ BOOLEAN CheckHandle(PCSTR checkName, const VOID* handle, SIZE_T tagOffset, ULONG
     return valid;
 }
 
-PVOID AllocateNamedBlock(SIZE_T recordSize, SIZE_T extraSize, USHORT nameLength, ULONG tag, STRING* name)
+PVOID AllocateNamedBlock(const NamedBlockLayout& layout, ULONG tag, STRING* name)
 {
     constexpr SIZE_T ExtraAlignment = 64;
-    const SIZE_T slack = extraSize != 0 ? ExtraAlignment - 1 : 0;
-    PVOID block = AllocateZeroed(recordSize + slack + extraSize + nameLength + 2, tag);
+    const SIZE_T slack = layout.ExtraSize != 0 ? ExtraAlignment - 1 : 0;
+    PVOID block = AllocateZeroed(layout.RecordSize + slack + layout.ExtraSize + layout.NameLength +
+                                     layout.TerminatorSize + layout.TailSize,
+                                 tag);
     if (block == nullptr) {
         return nullptr;
     }
-    ULONG_PTR behind = reinterpret_cast<ULONG_PTR>(block) + recordSize;
-    if (extraSize != 0) {
+    ULONG_PTR behind = reinterpret_cast<ULONG_PTR>(block) + layout.RecordSize;
+    if (layout.ExtraSize != 0) {
         behind = (behind + slack) & ~(ExtraAlignment - 1);
     }
-    name->Length = nameLength;
-    name->MaximumLength = static_cast<USHORT>(nameLength + 2);
-    name->Buffer = reinterpret_cast<PCHAR>(behind + extraSize);
+    name->Length = layout.NameLength;
+    name->MaximumLength = static_cast<USHORT>(layout.NameLength + layout.TerminatorSize);
+    name->Buffer = reinterpret_cast<PCHAR>(behind + layout.ExtraSize);
     return block;
 }

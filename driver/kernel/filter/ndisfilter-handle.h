@@ -19,10 +19,18 @@ BOOLEAN CheckRecord(PCSTR checkName, const Record* handle, ULONG tag, BOOLEAN (*
     return CheckHandle(checkName, handle, offsetof(Record, m_Tag), tag, holds);
 }
 
-// A zero-filled block of a record, `extraSize` bytes that start at a multiple of 64, and the characters of a name with
-// two zero bytes behind them. `name` is set to the room for the characters, which the caller fills; the extra bytes
-// end where the name begins. nullptr when no memory is left.
-PVOID AllocateNamedBlock(SIZE_T recordSize, SIZE_T extraSize, USHORT nameLength, ULONG tag, STRING* name);
+// What a block holds, in this order.
+struct NamedBlockLayout {
+    SIZE_T RecordSize;
+    SIZE_T ExtraSize = 0; // of bytes that start at a multiple of 64 and end where the name begins
+    USHORT NameLength;
+    USHORT TerminatorSize = 2; // of the zero bytes behind the name; its maximum length includes them
+    SIZE_T TailSize = 0;
+};
+
+// Such a block, filled with zeros. `name` is set to the room for the characters, which the caller fills. nullptr when
+// no memory is left.
+PVOID AllocateNamedBlock(const NamedBlockLayout& layout, ULONG tag, STRING* name);
 
 // The characters of a name; of an empty one the address may be null.
 inline VOID CopyText(PCHAR destination, const CHAR* source, USHORT length)
@@ -38,8 +46,8 @@ template <class String>
 FILTER_STATUS CopyNameOut(PCSTR functionName, const String& name, ULONG tag, String** ppName)
 {
     STRING room;
-    String* copy =
-        static_cast<String*>(AllocateNamedBlock(sizeof(String), 0, LoadRelaxed(name.Length), tag, &room));
+    const NamedBlockLayout layout{.RecordSize = sizeof(String), .NameLength = LoadRelaxed(name.Length)};
+    String* copy = static_cast<String*>(AllocateNamedBlock(layout, tag, &room));
     if (copy == nullptr) {
         return FILTER_STATUS_SUCCESS;
     }
@@ -68,8 +76,10 @@ struct NamedRegistration {
     STRING Record::*NameField;
     FILTER_STATUS KnownStatus; // when the list holds the name already
     ULONG PoolTag;
-    SIZE_T ExtraSize = 0;
-    const VOID* ExtraData = nullptr; // the caller's, what the extra bytes are to hold; nullptr for zeros
+    SIZE_T ExtraSize = 0; // this and the next two as in NamedBlockLayout
+    USHORT TerminatorSize = 2;
+    SIZE_T TailSize = 0;
+    const VOID* TailData = nullptr; // the caller's, what the tail is to hold
 };
 
 // `fill` sets the fields of the new record but its name, and places it in the list. Runs under the list's lock, and
@@ -96,8 +106,12 @@ FILTER_STATUS RegisterNamed(const NamedRegistration<Record>& registration, const
         }
         if (code == 0) {
             STRING room;
-            Record* record = static_cast<Record*>(AllocateNamedBlock(
-                sizeof(Record), registration.ExtraSize, name.Length, registration.PoolTag, &room));
+            const NamedBlockLayout layout{.RecordSize = sizeof(Record),
+                                          .ExtraSize = registration.ExtraSize,
+                                          .NameLength = name.Length,
+                                          .TerminatorSize = registration.TerminatorSize,
+                                          .TailSize = registration.TailSize};
+            Record* record = static_cast<Record*>(AllocateNamedBlock(layout, registration.PoolTag, &room));
             if (record == nullptr) {
                 return FILTER_STATUS_SUCCESS;
             }
@@ -105,9 +119,9 @@ FILTER_STATUS RegisterNamed(const NamedRegistration<Record>& registration, const
             fill(*record);
             code = Guarded([&] {
                 CopyText(room.Buffer, name.Buffer, name.Length);
-                if (registration.ExtraData != nullptr) {
-                    RtlCopyMemory(room.Buffer - registration.ExtraSize, registration.ExtraData,
-                                  registration.ExtraSize);
+                if (registration.TailData != nullptr) {
+                    RtlCopyMemory(room.Buffer + name.Length + registration.TerminatorSize, registration.TailData,
+                                  registration.TailSize);
                 }
                 *registration.Handle = record;
             });

@@ -120,6 +120,18 @@ BOOLEAN BelongsToTable(const HashItem* item)
     return item != nullptr && item->m_pHashTable != nullptr;
 }
 
+// A table of size 0 uses the spare bucket for every value, and has one more to spare.
+SIZE_T UsedBuckets(ULONG size)
+{
+    return size != 0 ? size : 1;
+}
+
+// Where the enumeration goes on; moved on when that item is deleted. Lies in the spare bucket.
+LIST_ENTRY*& NextLink(HashTable& table)
+{
+    return table.m_Buckets[UsedBuckets(table.HashTableSize)].Flink;
+}
+
 LIST_ENTRY* BucketOf(HashTable& table, ULONG hashValue)
 {
     return &table.m_Buckets[hashValue & table.m_HashMask];
@@ -147,8 +159,8 @@ VOID UnlinkItem(HashTable& table, HashItem* item)
 {
     LIST_ENTRY* const links[] = {&item->m_ListEntry, &item->m_BucketEntry};
     for (LIST_ENTRY* link : links) {
-        if (table.m_pNextLink == link) {
-            table.m_pNextLink = link->Flink;
+        if (NextLink(table) == link) {
+            NextLink(table) = link->Flink;
         }
         Unlink(*link);
     }
@@ -210,9 +222,9 @@ HashItem* Find(PCSTR name, HashTable* table, ULONG hashValue, const VOID* key, L
         PrintException(name, code);
     }
     if (item != nullptr) {
-        Trace(TRACE_HASH, "Leave %s, pHashItem = 0x%p\n", name, item);
+        Trace(TRACE_HASH, "Leave Filter_FindHashItem, pHashItem = 0x%p\n", item); // in both variants
     } else {
-        Trace(TRACE_HASH, "Leave %s, NULL\n", name);
+        Trace(TRACE_HASH, "Leave Filter_FindHashItem, NULL\n");
     }
     return item;
 }
@@ -229,7 +241,7 @@ HashItem* Insert(PCSTR name, HashTable* table, HashItem* item, Locking locking)
     } else if (BelongsToTable(item)) {
         ReferenceItem(item);
     }
-    Trace(TRACE_HASH, "Leave %s, pHashItem = 0x%p\n", name, item);
+    Trace(TRACE_HASH, "Leave Filter_InsertHashItem, pHashItem = 0x%p\n", item); // in both variants
     return item;
 }
 
@@ -273,13 +285,14 @@ NTSTATUS Enumerate(HashTable* table, LIST_ENTRY* head, SIZE_T linkOffset, FILTER
         StoreRelaxed(table->m_hEnumProcess, PsGetCurrentProcessId());
         StoreRelaxed(table->m_hEnumThread, PsGetCurrentThreadId());
         InterlockedExchange(&table->m_bEnumerating, 1);
-        table->m_pNextLink = head->Flink;
-        while (table->m_pNextLink != head && code == 0) {
-            const PUCHAR link = reinterpret_cast<PUCHAR>(table->m_pNextLink);
-            table->m_pNextLink = table->m_pNextLink->Flink;
+        LIST_ENTRY*& next = NextLink(*table);
+        next = head->Flink;
+        while (next != head && code == 0) {
+            const PUCHAR link = reinterpret_cast<PUCHAR>(next);
+            next = next->Flink;
             code = CallEnumRoutine(*table, reinterpret_cast<HashItem*>(link - linkOffset), routine, context);
         }
-        table->m_pNextLink = nullptr;
+        next = nullptr;
         InterlockedExchange(&table->m_bEnumerating, 0);
     }
     ReleaseTable(table);
@@ -322,12 +335,12 @@ HashTable* Filter_CreateHashTable(PCSTR pszItemName, ULONG nSize, FILTER_FREE_HA
         size = (size | 1) + 1;
         Trace(TRACE_HASH, "  Adjust HashTableSize to %d\n", size);
     }
-    const SIZE_T buckets = SIZE_T{size} + 1;
+    const SIZE_T buckets = UsedBuckets(size);
     HashTable* const table = static_cast<HashTable*>(
-        AllocateZeroed(offsetof(HashTable, m_Buckets) + buckets * sizeof(LIST_ENTRY), POOL_TAG_HASH));
+        AllocateZeroed(offsetof(HashTable, m_Buckets) + (buckets + 1) * sizeof(LIST_ENTRY), POOL_TAG_HASH));
     if (table != nullptr) {
         table->HashTableSize = size;
-        table->m_HashMask = size != 0 ? size - 1 : 0; // of size 0 the spare bucket serves every value
+        table->m_HashMask = size != 0 ? size - 1 : 0;
         table->pItemName = itemName;
         table->pfnFreeItem = pfnFreeItem;
         table->pfnCompItem = pfnCompItem;

@@ -12,10 +12,17 @@ InterfaceReference* ReferenceOf(PVOID pInterface)
                                                  sizeof(InterfaceReference));
 }
 
+// The interface of a copy whose owner is there; nullptr when it is gone. Looks without a lock, while the owner may
+// depart and another thread may give the copy back: the answer is not followed before a list is found to hold it.
+FILTER_NOT_INSTRUMENTED FilterInterface* ReadLiveInterface(const VOID* pInterface)
+{
+    const volatile InterfaceReference* const reference = ReferenceOf(const_cast<PVOID>(pInterface));
+    return reference->m_bValid == TRUE ? reference->m_pFilterInterface : nullptr;
+}
+
 BOOLEAN IsLiveReference(const VOID* pInterface)
 {
-    const InterfaceReference* const reference = ReferenceOf(const_cast<PVOID>(pInterface));
-    return reference->m_bValid == TRUE && reference->m_pFilterInterface != nullptr;
+    return ReadLiveInterface(pInterface) != nullptr;
 }
 
 // The first bytes of a block tell its length.
@@ -26,16 +33,20 @@ USHORT BlockLength(const VOID* pInterface)
     return length;
 }
 
-// Calls every handler. Answers 0, or the code of the exception that ended the walk.
-NTSTATUS DeliverInterfaceEvent(ULONG nEvent, const STRING* pInterfaceName)
+// Calls every handler, until one faults.
+FILTER_STATUS Announce(PCSTR functionName, ULONG nEvent, const STRING& interfaceName)
 {
-    ReadLock lock(Global().m_IfEventHandlerLock);
-    return Guarded([&] {
-        for (const IfEventHandler& handler : Global().m_IfEventHandlerList) {
-            handler.m_pfIfEventProc(handler.m_hFilterDriver, handler.m_pDriverContext, nEvent,
-                                    handler.m_pIfEventContext, pInterfaceName);
-        }
-    });
+    NTSTATUS code;
+    {
+        ReadLock lock(Global().m_IfEventHandlerLock);
+        code = Guarded([&] {
+            for (const IfEventHandler& handler : Global().m_IfEventHandlerList) {
+                handler.m_pfIfEventProc(handler.m_hFilterDriver, handler.m_pDriverContext, nEvent,
+                                        handler.m_pIfEventContext, &interfaceName);
+            }
+        });
+    }
+    return code == 0 ? FILTER_STATUS_SUCCESS : ExceptionStatus(functionName, code);
 }
 
 // Under the list's lock. The name's characters are the caller's: inside a guard.
@@ -62,6 +73,8 @@ InterfaceReference* MakeReference(FilterDriver* owner, FilterInterface* entry)
         reference->m_pFilterInterface = entry;
         reference->m_bValid = TRUE;
         RtlCopyMemory(reference + 1, entry->m_pInterface, length);
+        // Users go by it, and the registering driver's block may have changed while it was copied.
+        RtlCopyMemory(reference + 1, &entry->m_nInterfaceLength, sizeof(USHORT));
     }
     return reference;
 }
@@ -180,15 +193,16 @@ FILTER_STATUS Filter_RegisterInterface(FilterDriver* hFilterDriver, const STRING
             .NameField = &FilterInterface::m_InterfaceName,
             .KnownStatus = FILTER_ERROR_INTERFACE_ALREADY_REGISTERED,
             .PoolTag = POOL_TAG_INTERFACE,
-            .ExtraSize = length,
-            .ExtraData = pInterface,
+            .TerminatorSize = 1,
+            .TailSize = length,
+            .TailData = pInterface,
         };
         BOOLEAN listed = FALSE;
         const FILTER_STATUS status = RegisterNamed(registration, [&](FilterInterface& entry) {
             entry.m_Tag = FILTER_INTERFACE_TAG;
             entry.m_hFilterDriver = hFilterDriver;
             entry.m_bActive = TRUE;
-            entry.m_pInterface = entry.m_InterfaceName.Buffer - length;
+            entry.m_pInterface = entry.m_InterfaceName.Buffer + entry.m_InterfaceName.Length + 1;
             entry.m_nInterfaceLength = length;
             NdisInitializeReadWriteLock(&entry.m_ReferenceLock);
             entry.m_ReferenceList.Initialize();
@@ -198,8 +212,7 @@ FILTER_STATUS Filter_RegisterInterface(FilterDriver* hFilterDriver, const STRING
         if (status != FILTER_STATUS_SUCCESS || !listed) {
             return status;
         }
-        const NTSTATUS code = DeliverInterfaceEvent(FILTER_IF_EVENT_REGISTERED, pInterfaceName);
-        return code == 0 ? FILTER_STATUS_SUCCESS : ExceptionStatus(trace.Name, code);
+        return Announce(trace.Name, FILTER_IF_EVENT_REGISTERED, *pInterfaceName);
     });
 }
 
@@ -245,7 +258,7 @@ FILTER_STATUS Filter_ReleaseInterface(FilterDriver* hFilterDriver, PVOID pInterf
             return FILTER_ERROR_INVALID_FILTER_INTERFACE;
         }
         InterfaceReference* const reference = ReferenceOf(pInterface);
-        FilterInterface* const entry = reference->m_pFilterInterface;
+        FilterInterface* const entry = ReadLiveInterface(pInterface);
         if (!Filter_IsValidInterfaceObject(entry)) {
             return FILTER_ERROR_INVALID_FILTER_INTERFACE;
         }
@@ -279,18 +292,14 @@ FILTER_STATUS Filter_DeregisterInterface(FilterDriver* hFilterDriver, FilterInte
             return status;
         }
         // A handler that faults ends its walk, not the deregistration.
-        NTSTATUS code = DeliverInterfaceEvent(FILTER_IF_EVENT_DEREGISTERING, &hInterface->m_InterfaceName);
-        const BOOLEAN referenced = EndDeparture(hInterface);
-        if (!referenced) {
-            const NTSTATUS last =
-                DeliverInterfaceEvent(FILTER_IF_EVENT_DEREGISTERED, &hInterface->m_InterfaceName);
-            code = code != 0 ? code : last;
-            Filter_FreeMemory(hInterface);
+        const STRING& name = hInterface->m_InterfaceName;
+        const FILTER_STATUS announced = Announce(trace.Name, FILTER_IF_EVENT_DEREGISTERING, name);
+        if (EndDeparture(hInterface)) {
+            return FILTER_ERROR_INTERFACE_ARE_REFERENCED; // whatever happened: its owner must not leave
         }
-        if (code != 0) {
-            return ExceptionStatus(trace.Name, code);
-        }
-        return referenced ? FILTER_ERROR_INTERFACE_ARE_REFERENCED : FILTER_STATUS_SUCCESS;
+        const FILTER_STATUS ended = Announce(trace.Name, FILTER_IF_EVENT_DEREGISTERED, name);
+        Filter_FreeMemory(hInterface);
+        return announced != FILTER_STATUS_SUCCESS ? announced : ended;
     });
 }
 

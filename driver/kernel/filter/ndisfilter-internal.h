@@ -49,8 +49,9 @@ PVOID AllocateZeroed(SIZE_T size, ULONG tag);
 // Queues a work item that the unload waits for. Its routine calls LeaveQueuedWork last. IRQL <= DISPATCH.
 VOID QueueWork(PWORK_QUEUE_ITEM item, PWORKER_THREAD_ROUTINE routine, PVOID parameter);
 VOID LeaveQueuedWork();
-// Until all work items of the framework are done, for the unload. What is left of the last one are a few instructions
-// that return from its routine, into the system's worker: it cannot say when it has got there.
+// Until all work items of the framework are done, for the unload. Workers that have counted themselves out, the last
+// or any before it, still return from their routines into the system's worker: a few instructions each, but a worker
+// that is preempted there may come to them at any time later, and none can say when it has got there.
 VOID WaitForQueuedWork();
 
 // ---- ndisfilter-event
@@ -70,9 +71,10 @@ AdapterInfo ReadAdapterInfo(ULONG index); // a copy, taken without the lock
 BOOLEAN IsAdapterListed(const FilterAdapter* hAdapter);
 
 // ---- ndisfilter-timer
-// Stops a timer for good and frees its record once nothing uses it. The caller has unlinked it. IRQL <= DISPATCH.
-VOID RetireTimer(FilterTimer& timer);
-// Stops all timers for good, for the unload; they stay listed. PASSIVE_LEVEL.
+// Unlinks a driver's timers, stops them for good, and has their records freed once nothing uses them.
+// IRQL <= DISPATCH.
+VOID RetireTimers(const FilterDriver* owner);
+// Stops all timers for good, for the unload, and those that are created from then on; they stay listed. PASSIVE_LEVEL.
 VOID StopTimers();
 
 // ---- ndisfilter-packetfilter

@@ -104,9 +104,12 @@ VOID ReleaseQueuedPackets()
 
 VOID FreeInterfaces()
 {
-    while (FilterInterface* filterInterface = Global().m_InterfaceList.TakeFirst()) {
-        FreeRecords(filterInterface->m_ReferenceList);
-        Filter_FreeMemory(filterInterface);
+    RecordList<FilterInterface>* const lists[] = {&Global().m_InterfaceList, &Global().m_DepartingInterfaceList};
+    for (RecordList<FilterInterface>* list : lists) {
+        while (FilterInterface* filterInterface = list->TakeFirst()) {
+            FreeRecords(filterInterface->m_ReferenceList);
+            Filter_FreeMemory(filterInterface);
+        }
     }
 }
 
@@ -326,6 +329,7 @@ VOID NdisFilterInitialize()
 
     NdisInitializeReadWriteLock(&global.m_FilterTimerLock);
     global.m_FilterTimerList.Initialize();
+    global.m_bTimersStopped = FALSE;
     global.m_dwTickIncrement = KeQueryTimeIncrement();
     Trace(TRACE_CORE, "  Filter Timer list Initialized\n");
 

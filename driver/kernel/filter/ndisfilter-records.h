@@ -86,14 +86,15 @@ struct FilterTimer {
     ULONG m_MsToDelay;       // period given by the last start, 0 until then
     LONG m_nPendingCallback; // callbacks queued to a worker and not finished
     KEVENT m_CallbackEvent;  // set when the pending count falls to 0
-    KSPIN_LOCK m_Lock;       // guards the period, the pending count with its event, and the next two
+    KSPIN_LOCK m_Lock;       // guards writes of the period, the pending count with its event, and the next three
     BOOLEAN m_bRunning;      // started and not stopped since: a repeating timer is set again when it expires
-    BOOLEAN m_bStopped;      // for good: it is neither set nor queues a callback any more
-    LONG m_nReferences;      // one until the timer is freed, and one a pending callback
+    BOOLEAN m_bStopped;      // for good: it is neither set nor queues a callback any more; stays in the freed record
+    BOOLEAN m_bReleased;     // the record goes with the last pending callback
     WORK_QUEUE_ITEM m_FreeItem;
+    FilterTimer* m_pNextStopped; // of those that are freed together
 };
 
-// A named block of data that one client driver offers to others. Block and name lie behind the record.
+// A named block of data that one client driver offers to others. Name and block lie behind the record.
 struct FilterInterface {
     LIST_ENTRY m_ListEntry; // in m_InterfaceList
     ULONG m_Tag;            // FILTER_INTERFACE_TAG
@@ -136,7 +137,7 @@ struct IoCtrlHandler {
     PVOID m_pIoCtrlContext;
 };
 
-// A hash table of client drivers. The buckets lie behind it, and one to spare.
+// A hash table of client drivers. The buckets lie behind it, and one to spare for its enumeration.
 struct HashTable {
     ULONG HashTableSize; // buckets; even
     ULONG m_HashMask;    // HashTableSize - 1, a power of two or not
@@ -150,11 +151,12 @@ struct HashTable {
     HashItem* m_pCurrentItem; // whose callback is running; nullptr once the item is deleted or freed
     ULONG m_nItemCount;
     NDIS_RW_LOCK m_Lock;
-    LIST_ENTRY m_ItemList;   // all items, in the order of insertion
-    LIST_ENTRY* m_pNextLink; // where the enumeration goes on; moved on when that item is deleted
+    LIST_ENTRY m_ItemList; // all items, in the order of insertion
     LIST_ENTRY m_Buckets[1];
 };
 static_assert(offsetof(HashTable, pItemName) == 16 && offsetof(HashTable, m_Lock) == 80);
+static_assert(offsetof(HashTable, m_ItemList) == 80 + sizeof(NDIS_RW_LOCK));
+static_assert(offsetof(HashTable, m_Buckets) == offsetof(HashTable, m_ItemList) + sizeof(LIST_ENTRY));
 
 // A queued event: comes from m_LogLookasideList. What user mode gets starts at m_Event.
 struct FilterEventRecord {

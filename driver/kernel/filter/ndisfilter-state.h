@@ -53,7 +53,6 @@ struct NdisFilterDeviceExtension {
 
     NDIS_RW_LOCK m_InterfaceLock;
     RecordList<FilterInterface> m_InterfaceList;
-    RecordList<FilterInterface> m_DepartingInterfaceList; // whose deregistration is being announced
     NDIS_RW_LOCK m_IfEventHandlerLock;
     RecordList<IfEventHandler> m_IfEventHandlerList;
 
@@ -72,6 +71,9 @@ struct NdisFilterDeviceExtension {
 
     PVOID m_pAppToDriverEthrLog;
     PVOID m_pDriverToAppEthrLog;
+
+    RecordList<FilterInterface> m_DepartingInterfaceList; // whose deregistration is announced; m_InterfaceLock's, too
+    BOOLEAN m_bTimersStopped; // by the unload, also those that are still created; under m_FilterTimerLock
 };
 
 // The global state; set by the driver entry before anything else can run.

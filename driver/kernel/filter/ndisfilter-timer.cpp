@@ -10,9 +10,33 @@ struct TimerCallback {
     FilterTimer* m_pTimer;
 };
 
+// The record of a timer that is stopped for good is freed here, or by the last of its callbacks: whichever comes second
+// has the lock when the other is out of the record.
 VOID ReleaseTimer(FilterTimer* timer)
 {
-    if (InterlockedDecrement(&timer->m_nReferences) == 0) {
+    BOOLEAN last;
+    {
+        SpinLock lock(timer->m_Lock);
+        timer->m_bReleased = TRUE;
+        last = timer->m_nPendingCallback == 0;
+    }
+    if (last) {
+        Filter_FreeMemory(timer);
+    }
+}
+
+VOID EndCallback(FilterTimer* timer)
+{
+    BOOLEAN last = FALSE;
+    {
+        // Against a deferred call that queues the next callback: count and event change together.
+        SpinLock lock(timer->m_Lock);
+        if (InterlockedDecrement(&timer->m_nPendingCallback) == 0) {
+            KeSetEvent(&timer->m_CallbackEvent, IO_NO_INCREMENT, FALSE);
+            last = timer->m_bReleased;
+        }
+    }
+    if (last) {
         Filter_FreeMemory(timer);
     }
 }
@@ -28,18 +52,11 @@ VOID Filter_TimerWorkRoutine(PVOID pParameter)
         PrintException("Filter_TimerWorkRoutine", code);
     }
     ExFreePoolWithTag(callback, POOL_TAG_TIMER);
-    {
-        // Against a deferred call that queues the next callback: count and event change together.
-        SpinLock lock(timer->m_Lock);
-        if (InterlockedDecrement(&timer->m_nPendingCallback) == 0) {
-            KeSetEvent(&timer->m_CallbackEvent, IO_NO_INCREMENT, FALSE);
-        }
-    }
-    ReleaseTimer(timer);
+    EndCallback(timer);
     LeaveQueuedWork();
 }
 
-// Without memory the tick is lost.
+// Under the timer's lock. Without memory the tick is lost.
 VOID QueueCallback(FilterTimer* timer)
 {
     TimerCallback* const callback = static_cast<TimerCallback*>(
@@ -48,7 +65,6 @@ VOID QueueCallback(FilterTimer* timer)
         return;
     }
     callback->m_pTimer = timer;
-    InterlockedIncrement(&timer->m_nReferences);
     InterlockedIncrement(&timer->m_nPendingCallback);
     KeClearEvent(&timer->m_CallbackEvent);
     QueueWork(&callback->m_QueueItem, Filter_TimerWorkRoutine, callback);
@@ -76,37 +92,87 @@ VOID Filter_TimerProc(PVOID, PVOID pContext, PVOID, PVOID)
 LONG StopForGood(FilterTimer& timer)
 {
     SpinLock lock(timer.m_Lock);
-    timer.m_bStopped = TRUE;
+    StoreRelaxed(timer.m_bStopped, TRUE);
     BOOLEAN cancelled;
     NdisCancelTimer(&timer.m_Timer, &cancelled);
     return timer.m_nPendingCallback;
 }
 
-VOID FreeStoppedTimer(PVOID pParameter)
+// A chain of timers that are unlinked and stopped for good.
+VOID FreeStoppedTimers(FilterTimer* timer)
 {
-    KeFlushQueuedDpcs(); // no deferred call has the timer any more
-    ReleaseTimer(static_cast<FilterTimer*>(pParameter));
+    KeFlushQueuedDpcs(); // no deferred call has one of them any more
+    while (timer != nullptr) {
+        FilterTimer* const next = timer->m_pNextStopped;
+        ReleaseTimer(timer);
+        timer = next;
+    }
+}
+
+VOID FreeStoppedTimersRoutine(PVOID pParameter)
+{
+    FreeStoppedTimers(static_cast<FilterTimer*>(pParameter));
     LeaveQueuedWork();
 }
 
-// As deferred calls are flushed at PASSIVE_LEVEL only.
-VOID QueueFree(FilterTimer& timer)
+// For callers above PASSIVE_LEVEL, where deferred calls cannot be flushed.
+VOID QueueFree(FilterTimer& first)
 {
-    QueueWork(&timer.m_FreeItem, FreeStoppedTimer, &timer);
+    QueueWork(&first.m_FreeItem, FreeStoppedTimersRoutine, &first);
+}
+
+// Lists a new timer and hands it out. `code` is that of an exception that the caller's memory raised.
+FILTER_STATUS ListTimer(FilterTimer& timer, FilterTimer** phTimer, NTSTATUS& code)
+{
+    WriteLock lock(Global().m_FilterTimerLock);
+    // A driver that departs unlinks itself before its timers: what is listed here with its owner goes with it.
+    ReadLock driverLock(Global().m_FilterDriverLock);
+    if (!Global().m_FilterDriverList.Contains(timer.m_hFilterDriver)) {
+        return FILTER_ERROR_INVALID_DRIVER_HANDLE;
+    }
+    timer.m_pDriverContext = timer.m_hFilterDriver->m_pDriverContext;
+    timer.m_bStopped = Global().m_bTimersStopped; // made by a callback that the unload waits for: it never fires
+    code = Guarded([&] { *phTimer = &timer; });
+    if (code != 0) {
+        return FILTER_ERROR_EXCEPTION;
+    }
+    Global().m_FilterTimerList.Append(timer);
+    return FILTER_STATUS_SUCCESS;
+}
+
+// A stopped timer is not set any more, and its record not touched: that of a stale handle may be freed, with the tag
+// still in it.
+BOOLEAN IsStoppedForGood(const FilterTimer* timer)
+{
+    return LoadRelaxed(timer->m_bStopped) != FALSE;
 }
 
 } // namespace
 
-VOID RetireTimer(FilterTimer& timer)
+VOID RetireTimers(const FilterDriver* owner)
 {
-    StopForGood(timer);
-    QueueFree(timer);
+    FilterTimer* stopped = nullptr;
+    {
+        WriteLock lock(Global().m_FilterTimerLock);
+        for (FilterTimer& timer : Global().m_FilterTimerList) {
+            if (timer.m_hFilterDriver == owner) {
+                RecordList<FilterTimer>::Unlink(timer);
+                StopForGood(timer);
+                timer.m_pNextStopped = stopped;
+                stopped = &timer;
+            }
+        }
+    }
+    if (stopped != nullptr) {
+        QueueFree(*stopped);
+    }
 }
 
 VOID StopTimers()
 {
     {
         WriteLock lock(Global().m_FilterTimerLock);
+        Global().m_bTimersStopped = TRUE;
         for (FilterTimer& timer : Global().m_FilterTimerList) {
             StopForGood(timer);
         }
@@ -125,34 +191,24 @@ FILTER_STATUS Filter_InitializeTimer(FilterDriver* hFilterDriver, FILTER_TIMER_P
         if (!Filter_IsValidDriver(hFilterDriver)) {
             return FILTER_ERROR_INVALID_DRIVER_HANDLE;
         }
-        const PVOID driverContext = hFilterDriver->m_pDriverContext;
         FilterTimer* const timer = static_cast<FilterTimer*>(AllocateZeroed(sizeof(FilterTimer), POOL_TAG_TIMER));
         if (timer == nullptr) {
             return FILTER_STATUS_SUCCESS;
         }
         timer->m_Tag = FILTER_TIMER_TAG;
         timer->m_hFilterDriver = hFilterDriver;
-        timer->m_pDriverContext = driverContext;
         timer->m_pfTimerProc = pfTimerProc;
         timer->m_pTimerContext = pTimerContext;
         timer->m_bRepeatTimer = bRepeatTimer;
-        timer->m_nReferences = 1;
         KeInitializeEvent(&timer->m_CallbackEvent, NotificationEvent, FALSE);
         KeInitializeSpinLock(&timer->m_Lock);
         NdisInitializeTimer(&timer->m_Timer, Filter_TimerProc, timer);
-        NTSTATUS code;
-        {
-            WriteLock lock(Global().m_FilterTimerLock);
-            code = Guarded([&] { *phTimer = timer; });
-            if (code == 0) {
-                Global().m_FilterTimerList.Append(*timer);
-            }
-        }
-        if (code != 0) {
+        NTSTATUS code = 0;
+        const FILTER_STATUS status = ListTimer(*timer, phTimer, code);
+        if (status != FILTER_STATUS_SUCCESS) {
             Filter_FreeMemory(timer);
-            return ExceptionStatus(trace.Name, code);
         }
-        return FILTER_STATUS_SUCCESS;
+        return code == 0 ? status : ExceptionStatus(trace.Name, code);
     });
 }
 
@@ -170,13 +226,15 @@ FILTER_STATUS Filter_StartTimer(FilterTimer* hTimer, ULONG nMilliseconds)
         if (!Filter_IsValidTimer(hTimer)) {
             return FILTER_ERROR_INVALID_TIMER_HANDLE;
         }
-        SpinLock lock(hTimer->m_Lock);
-        if (hTimer->m_bStopped) { // freed already; the record is there for a callback that has not ended
-            return FILTER_ERROR_INVALID_TIMER_HANDLE;
+        if (IsStoppedForGood(hTimer)) {
+            return FILTER_STATUS_SUCCESS;
         }
+        SpinLock lock(hTimer->m_Lock);
         StoreRelaxed(hTimer->m_MsToDelay, nMilliseconds);
-        hTimer->m_bRunning = TRUE;
-        NdisSetTimer(&hTimer->m_Timer, nMilliseconds);
+        if (!hTimer->m_bStopped) {
+            hTimer->m_bRunning = TRUE;
+            NdisSetTimer(&hTimer->m_Timer, nMilliseconds);
+        }
         return FILTER_STATUS_SUCCESS;
     });
 }
@@ -189,6 +247,9 @@ FILTER_STATUS Filter_StopTimer(FilterTimer* hTimer)
         }
         if (!Filter_IsValidTimer(hTimer)) {
             return FILTER_ERROR_INVALID_TIMER_HANDLE;
+        }
+        if (IsStoppedForGood(hTimer)) {
+            return FILTER_STATUS_SUCCESS;
         }
         SpinLock lock(hTimer->m_Lock);
         hTimer->m_bRunning = FALSE;
@@ -224,7 +285,11 @@ FILTER_STATUS Filter_FreeTimer(FilterDriver* hFilterDriver, FilterTimer* hTimer)
             KeWaitForSingleObject(&hTimer->m_CallbackEvent, Executive, KernelMode, FALSE, nullptr);
             DbgPrint("Filter_FreeTimer: pending timer callback has completed\n");
         }
-        QueueFree(*hTimer);
+        if (KeGetCurrentIrql() == PASSIVE_LEVEL) {
+            FreeStoppedTimers(hTimer);
+        } else {
+            QueueFree(*hTimer);
+        }
         return FILTER_STATUS_SUCCESS;
     });
 }

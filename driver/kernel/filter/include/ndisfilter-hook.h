@@ -170,8 +170,8 @@ typedef struct FilterPacket {
 
 /*
  * Callbacks that the framework gives. All at up to DISPATCH_LEVEL; the adapter callbacks answer 0. A NULL adapter or
- * packet does nothing. Opened and closed call Hook_GetTcpIpBoundAdapters before they return: hold no lock that it takes.
- * A packet handed to the framework belongs to it until it comes back through
+ * packet does nothing. Opened and closed call Hook_GetTcpIpBoundAdapters before they return: hold no lock that it
+ * takes. A packet handed to the framework belongs to it until it comes back through
  * Hook_InjectPacketToAdapter, Hook_InjectPacketToProtocol or Hook_FreePacket.
  */
 typedef ULONG (*FILTER_ADAPTER_OPENED)(FilterAdapter* pAdapter);
@@ -200,7 +200,13 @@ typedef FilterPacket* (*HOOK_ALLOCATE_PACKET)(FilterAdapter* hAdapter, PCSTR psz
 typedef VOID (*HOOK_FREE_PACKET)(FilterPacket* pPacket, PCSTR pszFile, ULONG nLine);
 /* Sends a packet on the adapter, or indicates it to the protocols; takes it over, also when it answers nonzero. */
 typedef ULONG (*HOOK_INJECT_PACKET)(FilterAdapter* hAdapter, FilterPacket* pPacket);
-/* NDIS request records: allocate one or NULL, issue it, free it. */
+/* NDIS request records: allocate one or NULL, issue it, free it. A record has at least 24 bytes and the client's part:
+     0  16 bytes  the hook driver's own
+    16  ULONG     0x4E524551, written by the framework when the record is allocated; still there when it is freed
+    20   4 bytes  the hook driver's own
+    24  ...       the part that the client fills and reads; its address is the handle
+   The layout of the client's part is the hook driver's, and so is the alignment that it needs. The result of issuing is
+   ignored: the outcome is told through the record. Calls may come at DISPATCH_LEVEL. */
 typedef PVOID (*HOOK_ALLOCATE_REQUEST)(VOID);
 typedef NTSTATUS (*HOOK_MAKE_NDIS_REQUEST)(FilterAdapter* hAdapter, PVOID pRequest, PVOID pContext);
 typedef VOID (*HOOK_FREE_REQUEST)(PVOID pRequest);

@@ -412,8 +412,8 @@ IPConfig* Filter_GetIPConfig(FilterAdapter* hAdapter, IPConfig* pConfig);
  * Have the hook driver read, or force, the media state of the adapter with a MAC address (6 bytes). What the values
  * mean and how many bytes it writes to pState, at most 8, is the hook driver's matter. PASSIVE_LEVEL, unless it
  * promises more. FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer. FILTER_ERROR_INTERFACE_NOT_ACTIVE: no hook driver is
- * bound, or it has no such function. FILTER_ERROR_ADAPTER_NOT_FOUND, FILTER_ERROR_OUT_OF_MEMORY: the hook driver says so; any other
- * answer of it is success.
+ * bound, or it has no such function. FILTER_ERROR_ADAPTER_NOT_FOUND, FILTER_ERROR_OUT_OF_MEMORY: the hook driver says
+ * so; any other answer of it is success.
  */
 FILTER_STATUS Filter_GetAdapterMediaStateByMac(const UCHAR* pMacAddress, PVOID pState);
 FILTER_STATUS Filter_SetAdapterMediaStateByMac(const UCHAR* pMacAddress, UCHAR nState);
@@ -509,9 +509,10 @@ FILTER_STATUS Filter_GetDriverContext(FilterDriver* hFilterDriver, PVOID* ppDriv
 /*
  * Removes a driver with its timers, adapter event handlers, packet filters, interfaces and IOCTL handlers. Adapter
  * contexts, interface event handlers, references to others' interfaces, hash tables and NDIS requests stay: release
- * them before. Callbacks of timers that are queued or running are not waited for: free the timers before. An interface
- * that is still referenced stays listed under its name, inactive, until the framework unloads: its references are
- * invalid from now on and can no longer be released. No interface event is delivered. The handle is dead afterwards.
+ * them before. Callbacks of timers that are queued or running are not waited for, and must not create anything with the
+ * handle, which is dead afterwards: free the timers before. An interface that is still referenced stays listed under
+ * its name, inactive, until the framework unloads: its references are invalid from now on and can no longer be
+ * released. No interface event is delivered.
  * IRQL <= DISPATCH, with no lock of the framework held (not from inside a filter procedure or handler).
  * FILTER_ERROR_INVALID_ARGUMENT, FILTER_ERROR_INVALID_DRIVER_HANDLE, FILTER_ERROR_DRIVER_NOT_FOUND.
  */
@@ -542,7 +543,8 @@ FILTER_STATUS Filter_RegisterFilter(FilterDriver* hFilterDriver, const STRING* p
                                     PVOID pFilterContext, FILTER_TYPE nType, FILTER_ORDER nOrder,
                                     PacketFilter** phPacketFilter);
 
-/* TRUE when the handle carries the filter tag and a valid type; says otherwise in the debug output. IRQL <= DISPATCH. */
+/* TRUE when the handle carries the filter tag and a valid type; says so in the debug output otherwise.
+   IRQL <= DISPATCH. */
 BOOLEAN Filter_IsValidFilter(PacketFilter* hPacketFilter);
 
 /*
@@ -763,7 +765,8 @@ BOOLEAN Filter_IsValidTimer(FilterTimer* hTimer);
  * Starts a timer: its callback is queued after so many milliseconds, and every so many from then on when it repeats (0:
  * as soon as the clock ticks). One that runs already gets the new time. The period follows the system's clock tick; an
  * expiry without memory for the callback is lost. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: NULL.
- * FILTER_ERROR_INVALID_TIMER_HANDLE: none, or freed.
+ * FILTER_ERROR_INVALID_TIMER_HANDLE: it does not carry the timer tag. A timer that is being freed, or whose driver has
+ * gone, is not set any more: its callbacks that still run get success.
  */
 FILTER_STATUS Filter_StartTimer(FilterTimer* hTimer, ULONG nMilliseconds);
 
@@ -790,7 +793,7 @@ FILTER_STATUS Filter_FreeTimer(FilterDriver* hFilterDriver, FilterTimer* hTimer)
  * without Ex take it themselves, except inside an enumeration routine of the same table, which runs under it. The Ex
  * ones take none: call them between Filter_LockHashTable and Filter_UnLockHashTable, or in an enumeration routine.
  * Anything else that takes the lock must not be called where it is held: no other function of the table in its compare
- * routine, nor in a free routine that a clean calls.
+ * routine, nor in its free routine, unless an enumeration routine deletes the item.
  */
 
 /* The first field of a client's record: 64 bytes, all zero in the beginning. Only the hash value is the client's. */
@@ -805,8 +808,9 @@ typedef struct HashItem {
 } HashItem;
 
 /*
- * Frees an item that nothing refers to any more, at up to DISPATCH_LEVEL; when a table is cleaned or destroyed, or an
- * enumeration routine deletes the item, under the table's lock. An exception is contained.
+ * Frees an item that nothing refers to any more, at up to DISPATCH_LEVEL; under the table's lock when the table is
+ * cleaned or destroyed, when an enumeration routine deletes the item, and when the last reference is given back between
+ * Filter_LockHashTable and Filter_UnLockHashTable. An exception is contained.
  */
 typedef VOID (*FILTER_FREE_HASH_ITEM)(HashItem* pHashItem);
 
@@ -815,7 +819,8 @@ typedef VOID (*FILTER_FREE_HASH_ITEM)(HashItem* pHashItem);
 typedef BOOLEAN (*FILTER_COMPARE_HASH_ITEM)(HashItem* pHashItem, const VOID* pKey);
 
 /* Called for an item at DISPATCH_LEVEL under the table's lock. It may insert, find and delete items, also the given
-   one. An exception is contained and ends the enumeration. */
+   one: that uses up the reference of the enumeration, so the routine takes none for it beforehand. An exception is
+   contained and ends the enumeration. */
 typedef VOID (*FILTER_ENUM_HASH_ITEM)(PVOID pContext, HashItem* pHashItem);
 
 /*
@@ -844,13 +849,16 @@ VOID Filter_EnumHashTable(HashTable* pHashTable, FILTER_ENUM_HASH_ITEM pfnEnumIt
 VOID Filter_EnumHashTableEx(HashTable* pHashTable, ULONG nHashValue, FILTER_ENUM_HASH_ITEM pfnEnumItem,
                             PVOID pEnumContext);
 
-/* Take and release the table's lock for writing, with the caller's storage for the level before. */
+/* Take and release the table's lock for writing, with the caller's storage for the level before. The caller is at
+   DISPATCH_LEVEL in between, and releases in the same thread. Not a second time by the holder, nor in an enumeration
+   routine of the table. NULL does nothing. */
 VOID Filter_LockHashTable(HashTable* pHashTable, PLOCK_STATE pLockState);
 VOID Filter_UnLockHashTable(HashTable* pHashTable, PLOCK_STATE pLockState);
 
 /*
  * Insert an item and return it, with a reference for the caller, who releases it (or deletes the item). Equal items may
- * be in at once. With a NULL table nothing is inserted, but an item that is in a table gets the reference.
+ * be in at once. With a NULL table nothing is inserted, but an item that is in a table gets the reference. The item
+ * must not be in a table, nor still be referenced since it was in one: its count starts anew.
  */
 HashItem* Filter_InsertHashItem(HashTable* pHashTable, HashItem* pHashItem);
 HashItem* Filter_InsertHashItemEx(HashTable* pHashTable, HashItem* pHashItem);
@@ -896,8 +904,9 @@ FILTER_STATUS Filter_RegisterInterface(FilterDriver* hFilterDriver, const STRING
  * Looks an interface up and hands out a reference: the address of a copy of the block, which the caller may read and
  * change until it gives it back with Filter_ReleaseInterface. Each query makes another. The copy is aligned to 8 bytes.
  * IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer. FILTER_ERROR_INVALID_DRIVER_HANDLE,
- * FILTER_ERROR_INTERFACE_NOT_FOUND. FILTER_ERROR_INTERFACE_ARE_INVALID: its owner has deregistered it or is gone, and
- * others still hold references. FILTER_ERROR_OUT_OF_MEMORY.
+ * FILTER_ERROR_INTERFACE_NOT_FOUND: also while FILTER_IF_EVENT_DEREGISTERING is delivered.
+ * FILTER_ERROR_INTERFACE_ARE_INVALID: its owner has deregistered it or is gone, and others still hold references.
+ * FILTER_ERROR_OUT_OF_MEMORY.
  */
 FILTER_STATUS Filter_QueryInterface(FilterDriver* hFilterDriver, const STRING* pInterfaceName, PVOID* ppInterface);
 
@@ -913,7 +922,7 @@ BOOLEAN Filter_IsValidInterfaceObject(FilterInterface* hInterface);
  * Gives a copy back. The last reference to an interface that its owner has deregistered frees the interface, without an
  * event. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer. FILTER_ERROR_INVALID_DRIVER_HANDLE.
  * FILTER_ERROR_INVALID_FILTER_INTERFACE: no valid copy, or its owner has deregistered itself; such a copy cannot be
- * released any more. FILTER_ERROR_INTERFACE_REFERENCE_NOT_FOUND: released before.
+ * released any more. That or FILTER_ERROR_INTERFACE_REFERENCE_NOT_FOUND: released before.
  * FILTER_ERROR_INVALID_INTERFACE_REFERENCE_OWNER: another driver has queried it.
  */
 FILTER_STATUS Filter_ReleaseInterface(FilterDriver* hFilterDriver, PVOID pInterface);
@@ -921,10 +930,11 @@ FILTER_STATUS Filter_ReleaseInterface(FilterDriver* hFilterDriver, PVOID pInterf
 /*
  * Withdraws an interface: delivers FILTER_IF_EVENT_DEREGISTERING, for others to release their references, and when none
  * is left FILTER_IF_EVENT_DEREGISTERED. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer.
- * FILTER_ERROR_INVALID_DRIVER_HANDLE, FILTER_ERROR_INVALID_FILTER_INTERFACE, FILTER_ERROR_INTERFACE_NOT_FOUND.
+ * FILTER_ERROR_INVALID_DRIVER_HANDLE, FILTER_ERROR_INVALID_FILTER_INTERFACE. FILTER_ERROR_INTERFACE_NOT_FOUND: freed
+ * before, or another thread is deregistering it; until that has ended its name is free for others.
  * FILTER_ERROR_INVALID_INTERFACE_OWNER: it belongs to another driver. FILTER_ERROR_INTERFACE_ARE_REFERENCED: it is
  * withdrawn, keeps its name, and is freed by the last release; calling again tries again. FILTER_ERROR_EXCEPTION: also
- * when a handler faulted; the interface is withdrawn all the same.
+ * when a handler faulted and no reference is left; the interface is withdrawn all the same.
  */
 FILTER_STATUS Filter_DeregisterInterface(FilterDriver* hFilterDriver, FilterInterface* hInterface);
 
@@ -933,14 +943,15 @@ FILTER_STATUS Filter_DeregisterInterface(FilterDriver* hFilterDriver, FilterInte
 /*
  * An interface event handler: told of an event (FILTER_IF_EVENT_*) of an interface, by name, with the contexts of the
  * driver and of the registration. Runs at DISPATCH_LEVEL under the handler list's lock: it must not block, nor register
- * or deregister interface event handlers or interfaces. It may query and release interfaces. An exception is contained;
- * handlers behind it are not told.
+ * or deregister interface event handlers or interfaces. It may query and release interfaces. The name is valid during
+ * the call only. An exception is contained; handlers behind it are not told.
  */
 typedef VOID (*FILTER_IF_EVENT_PROC)(FilterDriver* hFilterDriver, PVOID pDriverContext, ULONG nEvent,
                                      PVOID pIfEventContext, const STRING* pInterfaceName);
 
 /*
- * Registers the one interface event handler of a driver. Deregister it before the driver: the framework does not.
+ * Registers the one interface event handler of a driver. Deregister it before the driver: the framework does not, goes
+ * on calling it with the dead handle, and may take a later driver at the same address for one that has a handler.
  * IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: NULL driver, procedure or output.
  * FILTER_ERROR_INVALID_DRIVER_HANDLE. FILTER_ERROR_EVENT_HANDLER_ALREADY_REGISTERED: the driver has one. No memory:
  * success, *phIfEventHandler unwritten.
