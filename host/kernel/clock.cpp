@@ -88,9 +88,10 @@ ULONG KeQueryTimeIncrement(VOID)
     return kTimeIncrement;
 }
 
+// As of the last tick of the host's clock: a drivers' read of the time is meant to cost nothing, not to be precise.
 VOID KeQuerySystemTime(PLARGE_INTEGER CurrentTime)
 {
-    CurrentTime->QuadPart = SystemTime();
+    CurrentTime->QuadPart = ClockStopped() ? SystemTime() : HostTime(CLOCK_REALTIME_COARSE) + kUnixEpoch;
 }
 
 VOID KeQueryTickCount(PLARGE_INTEGER TickCount)

@@ -54,6 +54,8 @@ struct Dispatcher {
     size_t workItemsRunning = 0;
     uint32_t workItemHolds = 0;
     uint32_t workers = 0;
+    uint32_t idleWorkers = 0;  // that wait for `work`
+    bool workerWakes = false;  // one has been told, and is not up yet
     std::condition_variable work;
 
     Dispatcher();

@@ -119,6 +119,11 @@ void Sleep(Dispatcher& dispatcher, std::unique_lock<std::mutex>& lock)
 void RunTimers()
 {
     pthread_setname_np(pthread_self(), "kernel-timers");
+    // Deferred calls go before all threads, also those that they start. Where the system does not let them they come
+    // when their turn comes.
+    sched_param priority{};
+    priority.sched_priority = sched_get_priority_min(SCHED_RR);
+    sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &priority);
     Dispatcher& dispatcher = TheDispatcher();
     std::unique_lock lock(dispatcher.mutex);
     for (;;) {

@@ -14,6 +14,25 @@ namespace
 
 constexpr uint32_t kMaxWorkers = 4;
 
+// One at a time is told: whoever comes up and leaves items behind tells the next. So a burst of items costs its thread
+// one wake-up, and an item that waits for another one does not stop the rest.
+void TellWorker(Dispatcher& dispatcher)
+{
+    if (dispatcher.idleWorkers != 0 && !dispatcher.workerWakes) {
+        dispatcher.workerWakes = true;
+        dispatcher.work.notify_one();
+    }
+}
+
+void WaitForWork(Dispatcher& dispatcher, std::unique_lock<std::mutex>& lock)
+{
+    dispatcher.idle.notify_all();
+    dispatcher.idleWorkers++;
+    dispatcher.work.wait(lock);
+    dispatcher.idleWorkers--;
+    dispatcher.workerWakes = false;
+}
+
 void RunWorker()
 {
     pthread_setname_np(pthread_self(), "kernel-worker");
@@ -21,8 +40,7 @@ void RunWorker()
     std::unique_lock lock(dispatcher.mutex);
     for (;;) {
         if (IsListEmpty(&dispatcher.workItems) || dispatcher.workItemHolds != 0) {
-            dispatcher.idle.notify_all();
-            dispatcher.work.wait(lock);
+            WaitForWork(dispatcher, lock);
             continue;
         }
         auto* item = CONTAINING_RECORD(RemoveHeadList(&dispatcher.workItems), WORK_QUEUE_ITEM, List);
@@ -30,6 +48,8 @@ void RunWorker()
         void* parameter = item->Parameter;
         __atomic_store_n(&item->List.Flink, nullptr, __ATOMIC_RELAXED);
         dispatcher.workItemsRunning++;
+        if (!IsListEmpty(&dispatcher.workItems))
+            TellWorker(dispatcher);
         lock.unlock();
 
         routine(parameter);
@@ -60,7 +80,7 @@ VOID ExQueueWorkItem(PWORK_QUEUE_ITEM WorkItem, WORK_QUEUE_TYPE)
         dispatcher.workers++;
         std::thread(RunWorker).detach();
     }
-    dispatcher.work.notify_one();
+    TellWorker(dispatcher);
 }
 
 namespace machine
