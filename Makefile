@@ -21,7 +21,7 @@ run:
 
 live:
 	@scripts/setup live
-	@scripts/build gcc-release ndisfilter-lab samples
+	@scripts/build gcc-release ndisfilter-lab ndisfilterctl samples
 	@scripts/live
 
 test:

@@ -70,7 +70,8 @@ Interface::Interface(std::string name) : name_(std::move(name)), control_(socket
     if (request.ifr_hwaddr.sa_family != ARPHRD_ETHER) {
         Throw(fmt::format("{}: not an Ethernet interface", name_));
     }
-    std::copy_n(reinterpret_cast<const uint8_t*>(request.ifr_hwaddr.sa_data), address_.size(), address_.begin());
+    std::copy_n(reinterpret_cast<const uint8_t*>(request.ifr_hwaddr.sa_data), address_.size(),
+                address_.begin());
     Ask(SIOCGIFFLAGS, request, "read its flags");
     if ((request.ifr_flags & IFF_UP) == 0) {
         Throw(fmt::format("{0}: the interface is down; bring it up with: ip link set {0} up", name_));
@@ -98,9 +99,10 @@ void Interface::CheckMtu() const
     Ask(SIOCGIFMTU, request, "read its MTU");
     constexpr int kLargest = int{hook::kLongestFrame} - kFrameOverhead;
     if (request.ifr_mtu > kLargest) {
-        Throw(fmt::format("{0}: an MTU of {1} gives frames longer than a packet's {2} bytes; set at most {3}, for "
-                          "instance with: ip link set {0} mtu 1500",
-                          name_, request.ifr_mtu, hook::kLongestFrame, kLargest));
+        Throw(fmt::format(
+            "{0}: an MTU of {1} gives frames longer than a packet's {2} bytes; set at most {3}, for "
+            "instance with: ip link set {0} mtu 1500",
+            name_, request.ifr_mtu, hook::kLongestFrame, kLargest));
     }
 }
 

@@ -80,14 +80,15 @@ void Lane::ConnectSink(hook::Side side)
     if (writer == nullptr && !outlet) {
         return;
     }
-    hook::SetSink(adapter_, side, [this, writer, outlet](std::span<const uint8_t> frame, const hook::Delivery&) {
-        if (writer != nullptr) {
-            writer->Write(frame, TimeOfDelivery());
-        }
-        if (outlet) {
-            outlet(frame);
-        }
-    });
+    hook::SetSink(adapter_, side,
+                  [this, writer, outlet](std::span<const uint8_t> frame, const hook::Delivery&) {
+                      if (writer != nullptr) {
+                          writer->Write(frame, TimeOfDelivery());
+                      }
+                      if (outlet) {
+                          outlet(frame);
+                      }
+                  });
 }
 
 void Lane::SetOutlet(hook::Side side, Outlet outlet)

@@ -53,11 +53,13 @@ class Road
             const PacketSocket::Counters counters = End(side).Count();
             const auto note = [&](uint64_t count, const char* what) {
                 if (count != 0) {
-                    notes.push_back(fmt::format("{}: {} frames {}", names_[static_cast<size_t>(side)], count, what));
+                    notes.push_back(
+                        fmt::format("{}: {} frames {}", names_[static_cast<size_t>(side)], count, what));
                 }
             };
             note(counters.completedChecksums, "came without their checksum, which was added");
-            note(counters.tooLong, "were too long and left out; their sender must switch segmentation offload off");
+            note(counters.tooLong,
+                 "were too long and left out; their sender must switch segmentation offload off");
             note(counters.lostReceived, "were lost before the lab took them");
             note(counters.lostSent, "were lost as the interface took no more");
         }
@@ -131,8 +133,8 @@ Report Live(const LabOptions& options, const LiveOptions& live, const std::atomi
                 fmt::print(stderr, "{}\n", line);
             }
         };
-        say(fmt::format("live: {} is the wire, {} the protocols' side; serving on {}", live.wire, live.protocols,
-                        live.socketPath));
+        say(fmt::format("live: {} is the wire, {} the protocols' side; serving on {}", live.wire,
+                        live.protocols, live.socketPath));
         {
             const std::jthread traffic([&] { road.Run(ended); });
             const std::jthread clock([&] {

@@ -208,7 +208,8 @@ void AddServeOptions(CLI::App& serve, Arguments& arguments)
 
 void AddLiveOptions(CLI::App& live, Arguments& arguments)
 {
-    live.add_option("WIRE", arguments.live.wire, "The interface that stands for the adapter's cable")->required();
+    live.add_option("WIRE", arguments.live.wire, "The interface that stands for the adapter's cable")
+        ->required();
     live.add_option("PROTOCOLS", arguments.live.protocols,
                     "The interface whose stations are the protocols above the adapter")
         ->required();
@@ -315,7 +316,9 @@ int main(int argc, char** argv)
     AddLiveOptions(*live, arguments);
     try {
         app.parse(argc, argv);
-        return Run(arguments, replay->parsed() ? Command::Replay : serve->parsed() ? Command::Serve : Command::Live);
+        return Run(arguments, replay->parsed()  ? Command::Replay
+                              : serve->parsed() ? Command::Serve
+                                                : Command::Live);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
             return app.exit(error); // --help and --version

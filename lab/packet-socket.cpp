@@ -122,7 +122,8 @@ std::span<const uint8_t> PacketSocket::Prepare(tpacket2_hdr& slot)
         tagged_.emplace_back(hook::kLongestFrame);
     }
     uint8_t* const copy = tagged_[taggedUsed_++].data();
-    const uint16_t type = (slot.tp_status & TP_STATUS_VLAN_TPID_VALID) != 0 ? slot.tp_vlan_tpid : uint16_t{ETH_P_8021Q};
+    const uint16_t type =
+        (slot.tp_status & TP_STATUS_VLAN_TPID_VALID) != 0 ? slot.tp_vlan_tpid : uint16_t{ETH_P_8021Q};
     const uint16_t tag[] = {htons(type), htons(slot.tp_vlan_tci)};
     std::memcpy(copy, frame, kAddressBytes);
     std::memcpy(copy + kAddressBytes, tag, sizeof(tag));
@@ -183,7 +184,8 @@ void PacketSocket::Send(std::span<const uint8_t> frame)
 
 void PacketSocket::Flush()
 {
-    if (unsent_.exchange(false, std::memory_order_acq_rel) && send(socket_.Get(), nullptr, 0, MSG_DONTWAIT) < 0) {
+    if (unsent_.exchange(false, std::memory_order_acq_rel) &&
+        send(socket_.Get(), nullptr, 0, MSG_DONTWAIT) < 0) {
         unsent_.store(true, std::memory_order_release); // no room for now; the next flush tries again
     }
 }

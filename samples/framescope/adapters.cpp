@@ -35,7 +35,8 @@ VOID PrintMac(Diag* pDiag, PCSTR what, FILTER_STATUS status, const UCHAR* mac)
 {
     char text[kMacText];
     Filter_DiagPrint(pDiag, "  %s %s\n", what,
-                     status == FILTER_STATUS_SUCCESS ? inet_mtoa(mac, text, sizeof(text)) : Filter_StatusString(status));
+                     status == FILTER_STATUS_SUCCESS ? inet_mtoa(mac, text, sizeof(text))
+                                                     : Filter_StatusString(status));
 }
 
 VOID PrintAddresses(Diag* pDiag, FilterAdapter* hAdapter)
@@ -70,7 +71,8 @@ BOOLEAN PrintAdapter(PVOID pContext, FilterAdapter* hAdapter)
     Filter_GetAdapterMtu(hAdapter, &mtu);
     Filter_IsNdisWanAdapter(hAdapter, &isWan);
     Filter_DiagPrint(pDiag, "adapter %u%s: MTU %u, medium %u, media state %u, PPP %s\n", id,
-                     hAdapter == Filter_GetFirstAdapter() ? " (the first)" : "", mtu, medium, media, YesNo(isWan));
+                     hAdapter == Filter_GetFirstAdapter() ? " (the first)" : "", mtu, medium, media,
+                     YesNo(isWan));
     PrintName(pDiag, hAdapter);
     PrintMac(pDiag, "permanent address", Filter_GetAdapterPermentAddress(hAdapter, mac), mac);
     PrintMac(pDiag, "PPP source", Filter_GetAdapterPPPSrcMacAddress(hAdapter, mac), mac);
@@ -98,7 +100,8 @@ FILTER_STATUS ChoosePppAddresses(FilterAdapter* hAdapter)
     constexpr UCHAR kSource[kMacBytes] = {0x02, 0, 0, 0, 0, 0x01};
     constexpr UCHAR kDestination[kMacBytes] = {0x02, 0, 0, 0, 0, 0x02};
     const FILTER_STATUS status = Filter_SetAdapterPPPSrcMacAddress(hAdapter, kSource);
-    return status == FILTER_STATUS_SUCCESS ? Filter_SetAdapterPPPDstMacAddress(hAdapter, kDestination) : status;
+    return status == FILTER_STATUS_SUCCESS ? Filter_SetAdapterPPPDstMacAddress(hAdapter, kDestination)
+                                           : status;
 }
 
 FILTER_STATUS ToggleDump(const UCHAR* mac)

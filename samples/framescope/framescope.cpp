@@ -67,8 +67,8 @@ VOID PrintStation(PVOID pDiag, HashItem* pItem)
 {
     const Station* const pStation = reinterpret_cast<const Station*>(pItem);
     char text[kMacText];
-    Filter_DiagPrint(static_cast<Diag*>(pDiag), "%s %u frames\n", inet_mtoa(pStation->Mac, text, sizeof(text)),
-                     Read(&pStation->Frames));
+    Filter_DiagPrint(static_cast<Diag*>(pDiag), "%s %u frames\n",
+                     inet_mtoa(pStation->Mac, text, sizeof(text)), Read(&pStation->Frames));
 }
 
 // Deleting an item uses up the reference that the enumeration holds.
@@ -139,8 +139,8 @@ VOID PrintOwner(Diag* pDiag)
     Filter_GetDriverContext(scope.Driver, &pContext);
     Filter_GetDriverName(scope.Driver, &pName);
     if (pName != nullptr) {
-        Filter_DiagPrint(pDiag, "driver %s, context 0x%p, interface version %u.%u\n", pName->Buffer, pContext, major,
-                         minor);
+        Filter_DiagPrint(pDiag, "driver %s, context 0x%p, interface version %u.%u\n", pName->Buffer, pContext,
+                         major, minor);
         Filter_FreeMemory(pName);
     }
 }
@@ -293,7 +293,8 @@ VOID KeepCopy(FilterPacket* pPacket)
 
 VOID AnswerCounts(Diag* pDiag)
 {
-    Filter_DiagPrint(pDiag, "%u frames received, %u of IPv6, %u with a wrong IPv4 checksum, which was mended\n",
+    Filter_DiagPrint(pDiag,
+                     "%u frames received, %u of IPv6, %u with a wrong IPv4 checksum, which was mended\n",
                      Read(&scope.Frames), Read(&scope.Ipv6), Read(&scope.BadChecksums));
     Filter_DiagPrint(pDiag, "%u adapters opened, %u interfaces published, %u seconds on the ticker\n",
                      Read(&scope.Opened), Read(&scope.Published), Read(&scope.Ticks));
@@ -318,7 +319,8 @@ VOID Answer(Diag* pDiag)
         AnswerSystem(pDiag);
     } else if (IsWord(word, "note")) {
         // Without a FilterEventHead: the program finds the adapter's identifier written over a part of the text.
-        Filter_ReportEvent(0, 0, "a note without a head, as short as it can be: %u frames", Read(&scope.Frames));
+        Filter_ReportEvent(0, 0, "a note without a head, as short as it can be: %u frames",
+                           Read(&scope.Frames));
         Filter_DiagPrint(pDiag, "an event was reported\n");
     } else if (IsWord(word, "filters")) {
         AnswerFilters(pDiag);
@@ -365,14 +367,14 @@ VOID Answer(Diag* pDiag)
     }
 }
 
-NTSTATUS HandleControl(PVOID pContext, PIRP pIrp, ULONG nControlCode, PVOID pInput, ULONG nInputLength, PVOID pOutput,
-                       ULONG nOutputLength, ULONG_PTR* pBytesReturned)
+NTSTATUS HandleControl(PVOID pContext, PIRP pIrp, ULONG nControlCode, PVOID pInput, ULONG nInputLength,
+                       PVOID pOutput, ULONG nOutputLength, ULONG_PTR* pBytesReturned)
 {
     if (nControlCode == IOCTL_NDIS_FILTER_DIAG) {
         return HandleDiag(kName, kPurpose, pInput, nInputLength, pOutput, nOutputLength, Answer);
     }
-    return Filter_DefaultIoCtrlHandler(pContext, pIrp, nControlCode, pInput, nInputLength, pOutput, nOutputLength,
-                                       pBytesReturned);
+    return Filter_DefaultIoCtrlHandler(pContext, pIrp, nControlCode, pInput, nInputLength, pOutput,
+                                       nOutputLength, pBytesReturned);
 }
 
 // ------------------------------------------------------------------------------------------------ what it is told
@@ -435,8 +437,8 @@ BOOLEAN Register()
     if (!IsRegistered(kName, "as a client driver", status, scope.Driver)) {
         return FALSE;
     }
-    status = Filter_RegisterIfEventHandler(scope.Driver, HandleInterfaceEvent, nullptr,
-                                           &scope.InterfaceEvents);
+    status =
+        Filter_RegisterIfEventHandler(scope.Driver, HandleInterfaceEvent, nullptr, &scope.InterfaceEvents);
     if (!IsRegistered(kName, "interface events", status, scope.InterfaceEvents)) {
         return FALSE;
     }

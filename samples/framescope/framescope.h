@@ -23,7 +23,7 @@ struct Framescope {
     volatile LONG WantedMedia; // the errand: a media state to force
     volatile LONG WantsFrame;  // the next received one is kept
     volatile LONG DumpNext;    // frames that are still to be dumped
-    volatile LONG Known; // stations
+    volatile LONG Known;       // stations
     volatile LONG Frames;
     volatile LONG Ipv6;
     volatile LONG BadChecksums;

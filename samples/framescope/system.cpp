@@ -64,6 +64,7 @@ VOID AnswerSystem(Diag* pDiag)
     Filter_DiagPrint(pDiag, "\n");
     if (pDiag->m_nArgumentCount == 2 && IsWord(pDiag->m_ppszArguments[1], "reload") &&
         scope.FrameworkKey.Buffer != nullptr) {
-        Filter_SafeGetGlobalDebugFlag(&scope.FrameworkKey, 0, &scope.FrameworkFlag); // in a worker, a little later
+        Filter_SafeGetGlobalDebugFlag(&scope.FrameworkKey, 0,
+                                      &scope.FrameworkFlag); // in a worker, a little later
     }
 }

@@ -21,7 +21,8 @@ FILTER_RESULT DropEchoRequest(FilterDriver*, PVOID, PacketFilter*, PVOID, Filter
 
 VOID NTAPI Unload(PDRIVER_OBJECT)
 {
-    Filter_DeregisterDriver(driverHandle); // takes the filter along; DropEchoRequest does not run any more behind this
+    Filter_DeregisterDriver(
+        driverHandle); // takes the filter along; DropEchoRequest does not run any more behind this
 }
 
 } // namespace

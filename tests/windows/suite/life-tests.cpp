@@ -47,14 +47,14 @@ TEST(life, SampleDriversLoadAndUnload)
     filter.Start();
     for (int life = 0; life < 2; ++life) {
         Service indicator(L"indicator"), firewall(L"firewall"), flowmeter(L"flowmeter"), reader(L"meterreader"),
-            rewriter(L"rewriter"), wan(L"wan");
+            rewriter(L"rewriter"), wan(L"wan"), quiet(L"quiet"), framescope(L"framescope");
         flowmeter.SetNumber(L"StatisticsMs", 10);
         rewriter.SetText(L"Translate", L"10.0.0.80:80=10.0.0.2:8080");
-        for (Service* sample : {&indicator, &firewall, &reader, &flowmeter, &rewriter, &wan}) {
+        for (Service* sample : {&indicator, &firewall, &reader, &flowmeter, &rewriter, &wan, &quiet, &framescope}) {
             sample->Start();
         }
         const DebugOutput output;
-        for (Service* sample : {&wan, &rewriter, &flowmeter, &reader, &firewall, &indicator}) {
+        for (Service* sample : {&framescope, &quiet, &wan, &rewriter, &flowmeter, &reader, &firewall, &indicator}) {
             sample->Stop();
         }
         CHECK(output.Shows("rewriter: 10.0.0.80:80 is 10.0.0.2:8080"));
