@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include "client.h"
+#include "eventually.h"
 #include "faults.h"
 #include "frames.h"
 
@@ -124,8 +125,5 @@ class Collector
 
 // As the debug output prints "0x%p".
 std::string PointerText(const void* pointer);
-
-// Waits until a condition holds; false when it does not within ten seconds.
-bool Eventually(const std::function<bool()>& condition);
 
 } // namespace support

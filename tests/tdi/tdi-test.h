@@ -4,9 +4,13 @@
 
 #include "echo-client.h"
 
-#include "support/framework.h"
+#include "support/eventually.h"
 
-#include <tdi-client.h>
+#include <gmock/gmock.h>
+#include <machine.h>
+
+#include <poll.h>
+#include <sys/socket.h>
 
 class TdiTest : public testing::Test
 {
@@ -25,15 +29,82 @@ class TdiTest : public testing::Test
         machine::CheckReturnToUser("the end of the test");
         EXPECT_TRUE(machine::WaitIdle());
         EXPECT_EQ(machine::UnloadTransport(), STATUS_SUCCESS);
-        for (const machine::Violation& violation : machine::TakeViolations()) {
-            ADD_FAILURE() << violation.rule << " in " << violation.function << ": " << violation.detail;
-        }
+        EXPECT_THAT(BrokenRules(), testing::IsEmpty());
         const machine::Census after = machine::TakeCensus();
         EXPECT_TRUE(after == before_) << "left behind: " << machine::DescribeCensus(after)
                                       << "\nbefore: " << machine::DescribeCensus(before_);
         machine::PrintViolations(true);
     }
+    static std::vector<std::string> BrokenRules()
+    {
+        std::vector<std::string> rules;
+        for (const machine::Violation& violation : machine::TakeViolations()) {
+            rules.push_back(violation.rule);
+        }
+        return rules;
+    }
 
   private:
     machine::Census before_;
+};
+
+// A socket of an ordinary program; all its calls wait ten seconds at most.
+class HostSocket
+{
+  public:
+    explicit HostSocket(int type) : descriptor_(socket(AF_INET, type | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+        if (type == SOCK_STREAM) {
+            listen(descriptor_, 5);
+        }
+    }
+    explicit HostSocket(const HostSocket& listener, bool readable = true)
+        : descriptor_(readable && listener.IsReadable() ? accept(listener.descriptor_, nullptr, nullptr) : -1)
+    {
+    }
+    ~HostSocket() { close(descriptor_); }
+
+    uint16_t Port() const
+    {
+        sockaddr_in address = {};
+        socklen_t length = sizeof(address);
+        getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address), &length);
+        return ntohs(address.sin_port);
+    }
+    bool IsReadable() const
+    {
+        pollfd one = {descriptor_, POLLIN, 0};
+        return poll(&one, 1, 10000) == 1;
+    }
+    void Send(const std::string& text) const { send(descriptor_, text.data(), text.size(), MSG_NOSIGNAL); }
+    // "<end>" at the end of the stream, "<reset>" when it was reset.
+    std::string Receive() const
+    {
+        char buffer[4096];
+        const ssize_t count = IsReadable() ? recv(descriptor_, buffer, sizeof(buffer), 0) : -1;
+        return count > 0 ? std::string(buffer, static_cast<size_t>(count)) : count == 0 ? "<end>" : "<reset>";
+    }
+    void EndSending() const { shutdown(descriptor_, SHUT_WR); }
+    void ResetOnClose() const
+    {
+        const linger reset = {1, 0};
+        setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+    }
+
+  private:
+    const int descriptor_;
+};
+
+inline std::string TextOf(echo::Block& block, const IO_STATUS_BLOCK& result)
+{
+    return std::string(reinterpret_cast<char*>(block.Bytes()), result.Information);
+}
+
+// A block that holds the text.
+struct TextBlock : echo::Block {
+    explicit TextBlock(const std::string& text) : Block(text.size()) { std::memcpy(Bytes(), text.data(), text.size()); }
 };
