@@ -62,8 +62,9 @@ class HostSocket
             listen(descriptor_, 5);
         }
     }
-    explicit HostSocket(const HostSocket& listener, bool readable = true)
-        : descriptor_(readable && listener.IsReadable() ? accept(listener.descriptor_, nullptr, nullptr) : -1)
+    // Who calls a listening one.
+    explicit HostSocket(const HostSocket& listener)
+        : descriptor_(listener.IsReadable() ? accept(listener.descriptor_, nullptr, nullptr) : -1)
     {
     }
     ~HostSocket() { close(descriptor_); }
@@ -75,11 +76,8 @@ class HostSocket
         getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address), &length);
         return ntohs(address.sin_port);
     }
-    bool IsReadable() const
-    {
-        pollfd one = {descriptor_, POLLIN, 0};
-        return poll(&one, 1, 10000) == 1;
-    }
+    bool IsReadable() const { return Poll(10000); }
+    bool HasMore() const { return Poll(0); } // now
     void Send(const std::string& text) const { send(descriptor_, text.data(), text.size(), MSG_NOSIGNAL); }
     // "<end>" at the end of the stream, "<reset>" when it was reset.
     std::string Receive() const
@@ -96,6 +94,12 @@ class HostSocket
     }
 
   private:
+    bool Poll(int milliseconds) const
+    {
+        pollfd one = {descriptor_, POLLIN, 0};
+        return poll(&one, 1, milliseconds) == 1;
+    }
+
     const int descriptor_;
 };
 
