@@ -4,7 +4,7 @@
 //
 // Ends with the ratios. Exits with 1 when a byte was wrong or a request failed.
 #include "machine.h"
-#include "tdi/echo-client.h"
+#include "support/echo-client.h"
 
 #include <benchmark/benchmark.h>
 

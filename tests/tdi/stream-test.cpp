@@ -122,7 +122,6 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
         IO_STATUS_BLOCK waited;
         ASSERT_EQ(disconnect(TDI_DISCONNECT_RELEASE), STATUS_SUCCESS);
         EXPECT_EQ(KS_Disconnect(&endpoint, &ended, nullptr, nullptr, &waited, TDI_DISCONNECT_WAIT), STATUS_PENDING);
-        EXPECT_EQ(waited.Status, STATUS_UNSUCCESSFUL);
         {
             const HostSocket peer(*listener);
             EXPECT_EQ(peer.Receive(), "<end>");

@@ -2,7 +2,7 @@
 // it did not ask for, or leaves anything behind.
 #pragma once
 
-#include "echo-client.h"
+#include <echo-client.h>
 
 #include "support/eventually.h"
 

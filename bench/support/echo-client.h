@@ -10,6 +10,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
@@ -211,14 +212,12 @@ class CallbackExchange
         for (Slot& slot : receives_) {
             StartReceive(&slot);
         }
-        for (Slot& slot : sends_) {
-            StartSend(&slot);
-        }
+        StartSend(&sends_[0]); // its completion starts the others: only completions know the order of blocks
         Finish();
         KeWaitForSingleObject(&done_, Executive, KernelMode, FALSE, nullptr);
         // The last callback may still be on its way back to the library.
-        while (connection_.endpoint.Count != 1) {
-            YieldProcessor();
+        while (__atomic_load_n(&connection_.endpoint.Count, __ATOMIC_ACQUIRE) != 1) {
+            std::this_thread::yield();
         }
         return result_;
     }
@@ -253,15 +252,20 @@ class CallbackExchange
         KS_ReceiveOnEndpoint(&connection_.endpoint, nullptr, OnReceived, slot, nullptr, slot->block->Mdl(),
                              TDI_RECEIVE_NORMAL);
     }
+    // The sends of a connection complete in order, one at a time.
     static VOID OnSent(PVOID context, PIO_STATUS_BLOCK status, ULONG)
     {
         auto* slot = static_cast<Slot*>(context);
         CallbackExchange* self = slot->owner;
+        const bool first = self->result_.sent == 0;
         self->result_.sent += status->Information;
         if (!NT_SUCCESS(status->Status)) {
             self->Fail(status->Status);
         } else {
             self->StartSend(slot);
+            for (size_t i = 1; first && i < kSlots; ++i) {
+                self->StartSend(&self->sends_[i]);
+            }
         }
         self->Finish();
     }
@@ -304,11 +308,11 @@ class CallbackExchange
     const size_t blockSize_;
     Slot sends_[kSlots];
     Slot receives_[kSlots];
-    std::atomic<uint64_t> sendPosition_{0};
+    uint64_t sendPosition_ = 0;
     std::atomic<int> underWay_{0}; // requests, and Run itself
     std::atomic<bool> failed_{false};
     KEVENT done_;
-    Transfer result_; // `sent` and `received` by one lane each, which runs on one thread at a time
+    Transfer result_;
 };
 
 } // namespace echo
