@@ -20,13 +20,13 @@
 namespace
 {
 
-constexpr uint64_t kBytes = 1ull << 30; // each way
+constexpr uint64_t kBytes = 128ull << 20; // each way, in one of the repetitions
 constexpr size_t kBlock = 64 * 1024;
 constexpr size_t kConnections = 1000;
 
 const echo::Pattern* g_pattern;
 const echo::Server* g_server;
-std::map<std::string, double> g_seconds;
+std::map<std::string, std::vector<double>> g_seconds;
 
 [[noreturn]] void Fail(const char* what, long value)
 {
@@ -129,19 +129,24 @@ void KernelExchange(bool callbacks)
 
 void Exchange(benchmark::State& state, const char* name, void (*run)())
 {
-    double best = 1e9;
     for (auto _ : state) {
-        const LARGE_INTEGER begin = KeQueryPerformanceCounter(nullptr);
         LARGE_INTEGER frequency;
+        const LARGE_INTEGER begin = KeQueryPerformanceCounter(&frequency);
         run();
-        const LARGE_INTEGER end = KeQueryPerformanceCounter(&frequency);
+        const LARGE_INTEGER end = KeQueryPerformanceCounter(nullptr);
         const double seconds =
             static_cast<double>(end.QuadPart - begin.QuadPart) / static_cast<double>(frequency.QuadPart);
         state.SetIterationTime(seconds);
-        best = std::min(best, seconds);
+        g_seconds[name].push_back(seconds);
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kBytes));
-    g_seconds[name] = best;
+}
+
+double Median(std::vector<double> values)
+{
+    const auto middle = values.begin() + static_cast<ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
 }
 
 void PlainConnections(benchmark::State& state)
@@ -187,8 +192,17 @@ void KernelConnections(benchmark::State& state)
 
 int main(int argc, char** argv)
 {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+    // Repetitions in random order, so that a disturbed second falls on all; the command line may say otherwise.
+    std::vector<char*> arguments(argv, argv + argc);
+    std::string defaults[] = {"--benchmark_repetitions=9", "--benchmark_enable_random_interleaving=true",
+                              "--benchmark_report_aggregates_only=true", "--benchmark_min_time=0.05"};
+    int position = 1;
+    for (std::string& argument : defaults) {
+        arguments.insert(arguments.begin() + position++, argument.data());
+    }
+    int count = static_cast<int>(arguments.size());
+    benchmark::Initialize(&count, arguments.data());
+    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
         return 2;
     }
     rlimit files;
@@ -214,7 +228,7 @@ int main(int argc, char** argv)
                                 {"kernel, callbacks", [] { KernelExchange(true); }}};
     for (const Subject& subject : subjects) {
         benchmark::RegisterBenchmark(subject.name, Exchange, subject.name, subject.run)
-            ->Iterations(3)
+            ->Iterations(1)
             ->UseManualTime()
             ->Unit(benchmark::kMillisecond);
     }
@@ -225,8 +239,11 @@ int main(int argc, char** argv)
     for (const auto& [kernel, plain] : {std::pair{"kernel, waiting", "plain, blocking"},
                                         std::pair{"kernel, callbacks", "plain, poll"}}) {
         if (g_seconds.contains(kernel) && g_seconds.contains(plain)) {
-            std::printf("%s: %.2f times the throughput of %s (best of 3)\n", kernel,
-                        g_seconds[plain] / g_seconds[kernel], plain);
+            const double megabytes = static_cast<double>(kBytes) / 1e6;
+            const double kernelTime = Median(g_seconds[kernel]);
+            const double plainTime = Median(g_seconds[plain]);
+            std::printf("%s: %.0f MB/s each way, %.2f times the throughput of %s, %.0f MB/s (medians)\n", kernel,
+                        megabytes / kernelTime, plainTime / kernelTime, plain, megabytes / plainTime);
         }
     }
     Check("UnloadTransport", machine::UnloadTransport());
