@@ -1,6 +1,7 @@
-// Kernel sockets beside plain ones: the same bytes to and from the same echo server, in blocks of 64 KiB, by a kernel client
-// that waits for each request, by one that works with completions, and by ordinary programs that do the same with blocking
-// calls and with poll. All check every byte. Also: connections opened and closed, and the memory that one costs.
+// Kernel sockets beside plain ones: the same bytes to and from the same echo server, in blocks of 64 KiB, by
+// a kernel client that waits for each request, by one that works with completions, and by ordinary programs
+// that do the same with blocking calls and with poll. All check every byte. Also: connections opened and
+// closed, and the memory that one costs.
 //
 // Ends with the ratios. Exits with 1 when a byte was wrong or a request failed.
 #include "machine.h"
@@ -104,8 +105,8 @@ void PlainPolling()
         }
         if ((one.revents & POLLOUT) != 0) {
             std::memcpy(out.data(), g_pattern->At(sent), kBlock);
-            const ssize_t count =
-                send(descriptor, out.data(), std::min<uint64_t>(kBlock, kBytes - sent), MSG_DONTWAIT | MSG_NOSIGNAL);
+            const ssize_t count = send(descriptor, out.data(), std::min<uint64_t>(kBlock, kBytes - sent),
+                                       MSG_DONTWAIT | MSG_NOSIGNAL);
             sent += count > 0 ? static_cast<uint64_t>(count) : 0;
         }
     }
@@ -117,9 +118,9 @@ void KernelExchange(bool callbacks)
     echo::Connection connection;
     Check("opening", connection.Open());
     Check("connecting", connection.Connect(g_server->tcpPort));
-    const echo::Transfer transfer =
-        callbacks ? echo::CallbackExchange(connection, *g_pattern, kBytes, kBlock).Run()
-                  : echo::ExchangeWaiting(connection, *g_pattern, kBytes, kBlock);
+    const echo::Transfer transfer = callbacks
+                                        ? echo::CallbackExchange(connection, *g_pattern, kBytes, kBlock).Run()
+                                        : echo::ExchangeWaiting(connection, *g_pattern, kBytes, kBlock);
     connection.Close();
     Check("exchanging", transfer.status);
     if (!transfer.equal || transfer.received != kBytes) {
@@ -192,7 +193,8 @@ void KernelConnections(benchmark::State& state)
 
 int main(int argc, char** argv)
 {
-    // Repetitions in random order, so that a disturbed second falls on all; the command line may say otherwise.
+    // Repetitions in random order, so that a disturbed second falls on all; the command line may say
+    // otherwise.
     std::vector<char*> arguments(argv, argv + argc);
     std::string defaults[] = {"--benchmark_repetitions=9", "--benchmark_enable_random_interleaving=true",
                               "--benchmark_report_aggregates_only=true", "--benchmark_min_time=0.05"};
@@ -233,17 +235,18 @@ int main(int argc, char** argv)
             ->Unit(benchmark::kMillisecond);
     }
     benchmark::RegisterBenchmark("plain, 1000 connections", PlainConnections)->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("kernel, 1000 connections", KernelConnections)->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("kernel, 1000 connections", KernelConnections)
+        ->Unit(benchmark::kMillisecond);
     benchmark::RunSpecifiedBenchmarks();
 
-    for (const auto& [kernel, plain] : {std::pair{"kernel, waiting", "plain, blocking"},
-                                        std::pair{"kernel, callbacks", "plain, poll"}}) {
+    for (const auto& [kernel, plain] :
+         {std::pair{"kernel, waiting", "plain, blocking"}, std::pair{"kernel, callbacks", "plain, poll"}}) {
         if (g_seconds.contains(kernel) && g_seconds.contains(plain)) {
             const double megabytes = static_cast<double>(kBytes) / 1e6;
             const double kernelTime = Median(g_seconds[kernel]);
             const double plainTime = Median(g_seconds[plain]);
-            std::printf("%s: %.0f MB/s each way, %.2f times the throughput of %s, %.0f MB/s (medians)\n", kernel,
-                        megabytes / kernelTime, plainTime / kernelTime, plain, megabytes / plainTime);
+            std::printf("%s: %.0f MB/s each way, %.2f times the throughput of %s, %.0f MB/s (medians)\n",
+                        kernel, megabytes / kernelTime, plainTime / kernelTime, plain, megabytes / plainTime);
         }
     }
     Check("UnloadTransport", machine::UnloadTransport());

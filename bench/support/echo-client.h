@@ -139,7 +139,8 @@ struct Connection {
     NTSTATUS Open(uint16_t port = 0, PVOID context = nullptr)
     {
         TA_IP_ADDRESS local = Loopback(port);
-        NTSTATUS status = KS_OpenTransportAddress(L"\\Device\\Tcp", reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address);
+        NTSTATUS status =
+            KS_OpenTransportAddress(L"\\Device\\Tcp", reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address);
         if (NT_SUCCESS(status)) {
             status = KS_OpenConnectionEndpoint(L"\\Device\\Tcp", &address, &endpoint, context);
         }
@@ -165,26 +166,29 @@ struct Transfer {
 };
 
 // Sends a block, waits for it to come back, sends the next one.
-inline Transfer ExchangeWaiting(Connection& connection, const Pattern& pattern, uint64_t bytes, size_t blockSize)
+inline Transfer ExchangeWaiting(Connection& connection, const Pattern& pattern, uint64_t bytes,
+                                size_t blockSize)
 {
     Block out(blockSize);
     Block in(blockSize);
     Transfer transfer;
     while (transfer.received < bytes && transfer.equal) {
         std::memcpy(out.Bytes(), pattern.At(transfer.sent), blockSize);
-        transfer.status = KS_SendOnEndpoint(&connection.endpoint, nullptr, nullptr, nullptr, nullptr, out.Mdl(), 0);
+        transfer.status =
+            KS_SendOnEndpoint(&connection.endpoint, nullptr, nullptr, nullptr, nullptr, out.Mdl(), 0);
         if (!NT_SUCCESS(transfer.status)) {
             return transfer;
         }
         transfer.sent += blockSize;
         while (transfer.received < transfer.sent) {
             IO_STATUS_BLOCK result;
-            transfer.status = KS_ReceiveOnEndpoint(&connection.endpoint, nullptr, nullptr, nullptr, &result, in.Mdl(),
-                                                   TDI_RECEIVE_NORMAL);
+            transfer.status = KS_ReceiveOnEndpoint(&connection.endpoint, nullptr, nullptr, nullptr, &result,
+                                                   in.Mdl(), TDI_RECEIVE_NORMAL);
             if (!NT_SUCCESS(transfer.status)) {
                 return transfer;
             }
-            transfer.equal = transfer.equal && std::memcmp(in.Bytes(), pattern.At(transfer.received), result.Information) == 0;
+            transfer.equal = transfer.equal &&
+                             std::memcmp(in.Bytes(), pattern.At(transfer.received), result.Information) == 0;
             transfer.received += result.Information;
         }
     }
@@ -199,8 +203,8 @@ class CallbackExchange
         : connection_(connection), pattern_(pattern), bytes_(bytes), blockSize_(blockSize)
     {
         KeInitializeEvent(&done_, NotificationEvent, FALSE);
-        for (Slot* slot : {&sends_[0], &sends_[1], &sends_[2], &sends_[3], &receives_[0], &receives_[1], &receives_[2],
-                           &receives_[3]}) {
+        for (Slot* slot : {&sends_[0], &sends_[1], &sends_[2], &sends_[3], &receives_[0], &receives_[1],
+                           &receives_[2], &receives_[3]}) {
             slot->owner = this;
             slot->block = std::make_unique<Block>(blockSize);
         }
@@ -280,8 +284,9 @@ class CallbackExchange
                 self->Fail(status->Status);
             }
         } else {
-            result.equal = result.equal && std::memcmp(slot->block->Bytes(), self->pattern_.At(result.received),
-                                                       status->Information) == 0;
+            result.equal =
+                result.equal && std::memcmp(slot->block->Bytes(), self->pattern_.At(result.received),
+                                            status->Information) == 0;
             result.received += status->Information;
             if (result.received < self->bytes_) {
                 self->StartReceive(slot);
@@ -290,8 +295,10 @@ class CallbackExchange
                 ++self->underWay_;
                 KS_Disconnect(
                     &self->connection_.endpoint, nullptr,
-                    [](PVOID owner, PIO_STATUS_BLOCK, ULONG) { static_cast<CallbackExchange*>(owner)->Finish(); }, self,
-                    nullptr, TDI_DISCONNECT_RELEASE);
+                    [](PVOID owner, PIO_STATUS_BLOCK, ULONG) {
+                        static_cast<CallbackExchange*>(owner)->Finish();
+                    },
+                    self, nullptr, TDI_DISCONNECT_RELEASE);
             }
         }
         self->Finish();

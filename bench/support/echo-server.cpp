@@ -1,5 +1,5 @@
-// An ordinary echo server for TCP and UDP on 127.0.0.1, which knows nothing of drivers. Prints its two ports and runs until
-// its standard input ends.
+// An ordinary echo server for TCP and UDP on 127.0.0.1, which knows nothing of drivers. Prints its two ports
+// and runs until its standard input ends.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -42,7 +42,8 @@ int NewSocket(int type)
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    Check(descriptor >= 0 && bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0, "bind");
+    Check(descriptor >= 0 && bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0,
+          "bind");
     return descriptor;
 }
 
@@ -64,7 +65,8 @@ void Poll(int operation, int descriptor, uint32_t events)
 
 void Accept(int listener)
 {
-    for (int descriptor; (descriptor = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0;) {
+    for (int descriptor;
+         (descriptor = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0;) {
         const int on = 1;
         setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
         connections[descriptor] = {};
@@ -82,14 +84,16 @@ bool Echo(int descriptor, Connection& connection)
             return errno == EAGAIN;
         }
         connection.ended = count == 0;
-        const ssize_t sent = count > 0 ? send(descriptor, block, static_cast<size_t>(count), MSG_NOSIGNAL) : 0;
+        const ssize_t sent =
+            count > 0 ? send(descriptor, block, static_cast<size_t>(count), MSG_NOSIGNAL) : 0;
         if (sent < 0 && errno != EAGAIN) {
             return false;
         }
         connection.unsent.assign(block + (sent > 0 ? sent : 0), block + count);
     }
     if (!connection.unsent.empty()) {
-        const ssize_t sent = send(descriptor, connection.unsent.data(), connection.unsent.size(), MSG_NOSIGNAL);
+        const ssize_t sent =
+            send(descriptor, connection.unsent.data(), connection.unsent.size(), MSG_NOSIGNAL);
         if (sent < 0 && errno != EAGAIN) {
             return false;
         }

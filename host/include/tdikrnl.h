@@ -1,6 +1,7 @@
-// The transport driver interface as kernel clients use it: addresses, the parameters of requests, the handlers of
-// events, the records of queries. Layouts for 64 bits. Requests are IRP_MJ_INTERNAL_DEVICE_CONTROL with one of the
-// minor functions below and its TDI_REQUEST_KERNEL_... record in the place of the stack location's parameters.
+// The transport driver interface as kernel clients use it: addresses, the parameters of requests, the
+// handlers of events, the records of queries. Layouts for 64 bits. Requests are
+// IRP_MJ_INTERNAL_DEVICE_CONTROL with one of the minor functions below and its TDI_REQUEST_KERNEL_... record
+// in the place of the stack location's parameters.
 #pragma once
 
 #include <ntddk.h>
@@ -157,16 +158,17 @@ typedef NTSTATUS (*PTDI_IND_DISCONNECT)(PVOID TdiEventContext, CONNECTION_CONTEX
                                         LONG DisconnectInformationLength, PVOID DisconnectInformation,
                                         ULONG DisconnectFlags);
 typedef NTSTATUS (*PTDI_IND_ERROR)(PVOID TdiEventContext, NTSTATUS Status);
-// STATUS_SUCCESS: BytesTaken were used. STATUS_DATA_NOT_ACCEPTED: none were, a receive request will fetch them.
-// STATUS_MORE_PROCESSING_REQUIRED: BytesTaken were used, the request given back receives the rest.
-typedef NTSTATUS (*PTDI_IND_RECEIVE)(PVOID TdiEventContext, CONNECTION_CONTEXT ConnectionContext, ULONG ReceiveFlags,
-                                     ULONG BytesIndicated, ULONG BytesAvailable, ULONG* BytesTaken, PVOID Tsdu,
-                                     PIRP* IoRequestPacket);
+// STATUS_SUCCESS: BytesTaken were used. STATUS_DATA_NOT_ACCEPTED: none were, a receive request will fetch
+// them. STATUS_MORE_PROCESSING_REQUIRED: BytesTaken were used, the request given back receives the rest.
+typedef NTSTATUS (*PTDI_IND_RECEIVE)(PVOID TdiEventContext, CONNECTION_CONTEXT ConnectionContext,
+                                     ULONG ReceiveFlags, ULONG BytesIndicated, ULONG BytesAvailable,
+                                     ULONG* BytesTaken, PVOID Tsdu, PIRP* IoRequestPacket);
 typedef PTDI_IND_RECEIVE PTDI_IND_RECEIVE_EXPEDITED;
-typedef NTSTATUS (*PTDI_IND_RECEIVE_DATAGRAM)(PVOID TdiEventContext, LONG SourceAddressLength, PVOID SourceAddress,
-                                              LONG OptionsLength, PVOID Options, ULONG ReceiveDatagramFlags,
-                                              ULONG BytesIndicated, ULONG BytesAvailable, ULONG* BytesTaken,
-                                              PVOID Tsdu, PIRP* IoRequestPacket);
+typedef NTSTATUS (*PTDI_IND_RECEIVE_DATAGRAM)(PVOID TdiEventContext, LONG SourceAddressLength,
+                                              PVOID SourceAddress, LONG OptionsLength, PVOID Options,
+                                              ULONG ReceiveDatagramFlags, ULONG BytesIndicated,
+                                              ULONG BytesAvailable, ULONG* BytesTaken, PVOID Tsdu,
+                                              PIRP* IoRequestPacket);
 
 // --------------------------------------------------------------------------------------------------- queries
 

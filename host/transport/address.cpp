@@ -170,7 +170,8 @@ std::optional<Result> Address::SendDatagram(IRP* irp)
         return Result{STATUS_INSUFFICIENT_RESOURCES, 0};
     }
     if (memory.Size() != parameters.SendLength) {
-        return Result{STATUS_INVALID_PARAMETER, 0}; // longer than its memory, or in too many pieces for a datagram
+        return Result{STATUS_INVALID_PARAMETER,
+                      0}; // longer than its memory, or in too many pieces for a datagram
     }
     msghdr message = {};
     message.msg_name = &*remote;
@@ -179,7 +180,8 @@ std::optional<Result> Address::SendDatagram(IRP* irp)
     message.msg_iovlen = memory.Count();
     ssize_t sent = sendmsg(socket_->Descriptor(), &message, MSG_NOSIGNAL);
     if (sent < 0 && errno == ECONNREFUSED) {
-        sent = sendmsg(socket_->Descriptor(), &message, MSG_NOSIGNAL); // that was the error of a former datagram
+        sent =
+            sendmsg(socket_->Descriptor(), &message, MSG_NOSIGNAL); // that was the error of a former datagram
     }
     if (sent < 0) {
         return errno == EAGAIN ? std::nullopt : std::optional(Result{StatusOfError(errno), 0});
@@ -216,7 +218,8 @@ std::optional<Result> Address::ReceiveDatagram(IRP* irp)
     TDI_CONNECTION_INFORMATION* from = parameters.ReturnDatagramInformation;
     if (from != nullptr) {
         const TA_IP_ADDRESS address = ToTransportAddress(source);
-        if (from->RemoteAddress != nullptr && from->RemoteAddressLength >= static_cast<LONG>(sizeof(address))) {
+        if (from->RemoteAddress != nullptr &&
+            from->RemoteAddressLength >= static_cast<LONG>(sizeof(address))) {
             std::memcpy(from->RemoteAddress, &address, sizeof(address));
             from->RemoteAddressLength = sizeof(address);
         }
@@ -235,12 +238,14 @@ Result Address::SetHandler(IRP* irp)
     }
     {
         std::unique_lock lock(handlersMutex_);
-        handlers_[static_cast<size_t>(parameters.EventType)] = {parameters.EventHandler, parameters.EventContext};
+        handlers_[static_cast<size_t>(parameters.EventType)] = {parameters.EventHandler,
+                                                                parameters.EventContext};
         if (!TheEngine()->IsThisThread()) {
             callsEnded_.wait(lock, [this] { return calls_ == 0; });
         }
     }
-    if (TheKind() == Kind::Tcp && parameters.EventType == TDI_EVENT_CONNECT && parameters.EventHandler != nullptr) {
+    if (TheKind() == Kind::Tcp && parameters.EventType == TDI_EVENT_CONNECT &&
+        parameters.EventHandler != nullptr) {
         const std::lock_guard lock(mutex_);
         if (socket_ == nullptr) {
             sockaddr_in local = local_;
@@ -314,10 +319,9 @@ bool Address::IndicateDatagram()
     }
     sockaddr_in source = {};
     socklen_t length = sizeof(source);
-    const ssize_t received =
-        socket != nullptr
-            ? recvfrom(socket->Descriptor(), buffer, sizeof(buffer), 0, reinterpret_cast<sockaddr*>(&source), &length)
-            : -1;
+    const ssize_t received = socket != nullptr ? recvfrom(socket->Descriptor(), buffer, sizeof(buffer), 0,
+                                                          reinterpret_cast<sockaddr*>(&source), &length)
+                                               : -1;
     if (received < 0) {
         return socket != nullptr && errno == ECONNREFUSED;
     }
@@ -330,8 +334,8 @@ bool Address::IndicateDatagram()
         ULONG taken = 0;
         IRP* request = nullptr;
         const NTSTATUS status =
-            handler(context, sizeof(from), &from, 0, nullptr, TDI_RECEIVE_NORMAL | TDI_RECEIVE_COPY_LOOKAHEAD, bytes,
-                    bytes, &taken, buffer, &request);
+            handler(context, sizeof(from), &from, 0, nullptr, TDI_RECEIVE_NORMAL | TDI_RECEIVE_COPY_LOOKAHEAD,
+                    bytes, bytes, &taken, buffer, &request);
         if (status == STATUS_MORE_PROCESSING_REQUIRED && request != nullptr) {
             const size_t rest = taken < bytes ? bytes - taken : 0;
             Memory memory(request, 0, ParametersOf<TDI_REQUEST_KERNEL_RECEIVEDG>(request).ReceiveLength);
@@ -376,7 +380,8 @@ void Address::ReadErrors()
     }
 }
 
-// Every caller is shown to the client, which accepts with a request for one of its connections; others are reset.
+// Every caller is shown to the client, which accepts with a request for one of its connections; others are
+// reset.
 void Address::Accept()
 {
     for (;;) {
@@ -387,9 +392,10 @@ void Address::Accept()
         }
         sockaddr_in remote = {};
         socklen_t length = sizeof(remote);
-        const int descriptor = listener != nullptr ? accept4(listener->Descriptor(), reinterpret_cast<sockaddr*>(&remote),
-                                                             &length, SOCK_NONBLOCK | SOCK_CLOEXEC)
-                                                   : -1;
+        const int descriptor = listener != nullptr
+                                   ? accept4(listener->Descriptor(), reinterpret_cast<sockaddr*>(&remote),
+                                             &length, SOCK_NONBLOCK | SOCK_CLOEXEC)
+                                   : -1;
         if (descriptor < 0) {
             return;
         }
@@ -398,7 +404,8 @@ void Address::Accept()
         IRP* request = nullptr;
         CallHandler<PTDI_IND_CONNECT>(TDI_EVENT_CONNECT, [&](auto handler, void* context) {
             CONNECTION_CONTEXT connection = nullptr;
-            const NTSTATUS status = handler(context, sizeof(from), &from, 0, nullptr, 0, nullptr, &connection, &request);
+            const NTSTATUS status =
+                handler(context, sizeof(from), &from, 0, nullptr, 0, nullptr, &connection, &request);
             request = status == STATUS_MORE_PROCESSING_REQUIRED ? request : nullptr;
         });
         if (request == nullptr) {

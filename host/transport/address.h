@@ -12,7 +12,8 @@ namespace transport
 class Address : public Channel
 {
   public:
-    // Opens the address that a TRANSPORT_ADDRESS of a create request names; `protocol` is that of a raw address.
+    // Opens the address that a TRANSPORT_ADDRESS of a create request names; `protocol` is that of a raw
+    // address.
     static NTSTATUS Open(Kind kind, int protocol, const void* address, size_t length,
                          std::shared_ptr<Address>* result);
     explicit Address(Kind kind) : Channel(kind) {}
@@ -25,8 +26,8 @@ class Address : public Channel
     std::shared_ptr<Socket> TakeSocket();
     sockaddr_in LocalAddress() const { return local_; }
 
-    // Calls the handler of an event, if there is one, at DISPATCH_LEVEL on the engine's thread. A handler that is being
-    // replaced is not called any more once the request that replaces it has completed.
+    // Calls the handler of an event, if there is one, at DISPATCH_LEVEL on the engine's thread. A handler
+    // that is being replaced is not called any more once the request that replaces it has completed.
     template <class Handler, class Call>
     bool CallHandler(LONG event, const Call& call)
     {

@@ -33,7 +33,8 @@ Channel::Channel(Kind kind) : File(kind)
     }
 }
 
-// The first request whose cancel routine could be taken back; one that is being cancelled belongs to that routine.
+// The first request whose cancel routine could be taken back; one that is being cancelled belongs to that
+// routine.
 IRP* Channel::Take(Queue& queue)
 {
     for (LIST_ENTRY* entry = queue.requests.Flink; entry != &queue.requests; entry = entry->Flink) {

@@ -1,5 +1,5 @@
-// What addresses and connections have in common: requests wait in lanes, one behind the other, until the socket lets
-// them through.
+// What addresses and connections have in common: requests wait in lanes, one behind the other, until the
+// socket lets them through.
 #pragma once
 
 #include "engine.h"
@@ -37,8 +37,9 @@ class File
     const Kind kind_;
 };
 
-// Requests are taken one at a time, by the sender's own thread where the lane is free and that thread runs below
-// DISPATCH_LEVEL, by the engine's otherwise: so a completion routine that sends the next request never nests.
+// Requests are taken one at a time, by the sender's own thread where the lane is free and that thread runs
+// below DISPATCH_LEVEL, by the engine's otherwise: so a completion routine that sends the next request never
+// nests.
 class Channel : public File, public Watcher, public std::enable_shared_from_this<Channel>
 {
   public:
@@ -50,8 +51,8 @@ class Channel : public File, public Watcher, public std::enable_shared_from_this
   protected:
     enum Lane { kConnect, kSend, kReceive, kFarewell, kLanes };
 
-    // Does what the socket allows at the moment. Nothing: the request has to wait. Never called for two requests of a
-    // lane at once.
+    // Does what the socket allows at the moment. Nothing: the request has to wait. Never called for two
+    // requests of a lane at once.
     virtual std::optional<Result> Attempt(Lane lane, IRP* irp) = 0;
     // No request waits in the lane. On the engine's thread.
     virtual void OnIdle(Lane) {}

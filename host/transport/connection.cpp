@@ -131,7 +131,8 @@ Result Connection::Disassociate()
 
 std::optional<Result> Connection::BeginConnect(IRP* irp)
 {
-    const TDI_CONNECTION_INFORMATION* to = ParametersOf<TDI_REQUEST_KERNEL_CONNECT>(irp).RequestConnectionInformation;
+    const TDI_CONNECTION_INFORMATION* to =
+        ParametersOf<TDI_REQUEST_KERNEL_CONNECT>(irp).RequestConnectionInformation;
     std::optional<sockaddr_in> remote;
     if (to != nullptr && to->RemoteAddressLength > 0) {
         remote = ToSocketAddress(to->RemoteAddress, static_cast<size_t>(to->RemoteAddressLength));
@@ -516,7 +517,8 @@ bool Connection::Indicate(const std::shared_ptr<Socket>& socket)
         address = address_;
     }
     const bool wanted = address != nullptr && address->HasHandler(TDI_EVENT_RECEIVE);
-    const ssize_t count = recv(socket->Descriptor(), buffer, wanted ? sizeof(buffer) : 1, wanted ? 0 : MSG_PEEK);
+    const ssize_t count =
+        recv(socket->Descriptor(), buffer, wanted ? sizeof(buffer) : 1, wanted ? 0 : MSG_PEEK);
     if (count < 0) {
         if (errno != EAGAIN) {
             Fail(StatusOfError(errno));
@@ -537,8 +539,8 @@ bool Connection::Indicate(const std::shared_ptr<Socket>& socket)
     IRP* request = nullptr;
     NTSTATUS status = STATUS_DATA_NOT_ACCEPTED;
     address->CallHandler<PTDI_IND_RECEIVE>(TDI_EVENT_RECEIVE, [&](auto handler, void* context) {
-        status = handler(context, context_, TDI_RECEIVE_NORMAL | TDI_RECEIVE_COPY_LOOKAHEAD, bytes, bytes, &taken,
-                         buffer, &request);
+        status = handler(context, context_, TDI_RECEIVE_NORMAL | TDI_RECEIVE_COPY_LOOKAHEAD, bytes, bytes,
+                         &taken, buffer, &request);
     });
     const bool used = status == STATUS_SUCCESS || status == STATUS_MORE_PROCESSING_REQUIRED;
     size_t begin = used ? std::min(taken, bytes) : 0;
@@ -615,7 +617,8 @@ Result Connection::Set(IRP* irp)
     TDI_CONNECTION_INFO info;
     std::memcpy(&info, memory.Parts()->iov_base, sizeof(info));
     if (info.SendBufferSize != 0) {
-        setsockopt(socket->Descriptor(), SOL_SOCKET, SO_SNDBUF, &info.SendBufferSize, sizeof(info.SendBufferSize));
+        setsockopt(socket->Descriptor(), SOL_SOCKET, SO_SNDBUF, &info.SendBufferSize,
+                   sizeof(info.SendBufferSize));
     }
     if (info.ReceiveBufferSize != 0) {
         setsockopt(socket->Descriptor(), SOL_SOCKET, SO_RCVBUF, &info.ReceiveBufferSize,

@@ -37,7 +37,8 @@ class ControlChannel : public File
     NTSTATUS Dispatch(IRP* irp) override
     {
         const bool query = MinorOf(irp) == TDI_QUERY_INFORMATION;
-        return Complete(irp, query ? QueryProvider(TheKind(), irp) : Result{STATUS_INVALID_DEVICE_REQUEST, 0});
+        return Complete(irp,
+                        query ? QueryProvider(TheKind(), irp) : Result{STATUS_INVALID_DEVICE_REQUEST, 0});
     }
 };
 

@@ -1,5 +1,6 @@
-// The transport's own thread. It watches the sockets and does everything that the transport does by itself: requests
-// that could not be completed at once, calls of event handlers. Both at DISPATCH_LEVEL, as a network stack would.
+// The transport's own thread. It watches the sockets and does everything that the transport does by itself:
+// requests that could not be completed at once, calls of event handlers. Both at DISPATCH_LEVEL, as a network
+// stack would.
 #pragma once
 
 #include <ntddk.h>
@@ -31,7 +32,8 @@ class Engine
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
 
-    // Reports each change of a socket, and once how it is now. The number is for Forget, before the socket is closed.
+    // Reports each change of a socket, and once how it is now. The number is for Forget, before the socket is
+    // closed.
     uint64_t Watch(int socket, std::weak_ptr<Watcher> watcher);
     void Forget(uint64_t number);
 

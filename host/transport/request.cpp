@@ -105,7 +105,8 @@ NTSTATUS CheckLoopback(sockaddr_in* address)
     if (address->sin_addr.s_addr == htonl(INADDR_ANY)) {
         address->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     }
-    return ntohl(address->sin_addr.s_addr) >> 24 == kLoopbackNet ? STATUS_SUCCESS : STATUS_NETWORK_UNREACHABLE;
+    return ntohl(address->sin_addr.s_addr) >> 24 == kLoopbackNet ? STATUS_SUCCESS
+                                                                 : STATUS_NETWORK_UNREACHABLE;
 }
 
 NTSTATUS StatusOfError(int error)

@@ -54,7 +54,8 @@ class Memory
     bool mapped_ = true;
 };
 
-// IPv4 addresses in both shapes. Only this computer's: any address of it means 127.0.0.1, others are unreachable.
+// IPv4 addresses in both shapes. Only this computer's: any address of it means 127.0.0.1, others are
+// unreachable.
 std::optional<sockaddr_in> ToSocketAddress(const void* transportAddress, size_t length);
 TA_IP_ADDRESS ToTransportAddress(const sockaddr_in& address);
 NTSTATUS CheckLoopback(sockaddr_in* address);

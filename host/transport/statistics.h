@@ -18,8 +18,8 @@ struct Statistics {
 
 Statistics& StatisticsOf(Kind kind); // since the transport was loaded
 
-// TDI_QUERY_INFORMATION of the device itself, which every file answers: provider information and statistics. Others
-// are not supported.
+// TDI_QUERY_INFORMATION of the device itself, which every file answers: provider information and statistics.
+// Others are not supported.
 Result QueryProvider(Kind kind, IRP* irp);
 
 // Copies an answer into a query's memory: STATUS_BUFFER_OVERFLOW when it does not hold all of it.

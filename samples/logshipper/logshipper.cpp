@@ -1,5 +1,5 @@
-// A client driver that ships log lines from the kernel to a log server: one for each adapter event and for each TCP
-// connection that a frame begins. They go as UDP datagrams or over one TCP connection.
+// A client driver that ships log lines from the kernel to a log server: one for each adapter event and for
+// each TCP connection that a frame begins. They go as UDP datagrams or over one TCP connection.
 //
 // Configuration, read once at start from the driver's registry key:
 //   LogAddress  REG_DWORD  IPv4 address of the server, 0x7F000001 for 127.0.0.1 (default)
@@ -64,7 +64,8 @@ struct Shipper {
 
 Shipper shipper;
 
-// -------------------------------------------------------------------------------------------------- gathering
+// --------------------------------------------------------------------------------------------------
+// gathering
 
 // From adapters' threads, at DISPATCH_LEVEL.
 VOID Note(const Event& event)
@@ -102,7 +103,8 @@ VOID OnAdapterEvent(FilterDriver*, PVOID, ULONG nEvent, PVOID, FilterAdapter* hA
     Note(event);
 }
 
-// The first segment of a connection. The parser looks at no length: its pointers may lie behind what is there.
+// The first segment of a connection. The parser looks at no length: its pointers may lie behind what is
+// there.
 FILTER_RESULT OnPacket(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket* pPacket)
 {
     const UCHAR* pIp = pPacket->m_pIp;
@@ -124,11 +126,13 @@ FILTER_RESULT OnPacket(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket*
     return FILTER_RESULT_BYPASS;
 }
 
-// --------------------------------------------------------------------------------------------------- shipping
+// ---------------------------------------------------------------------------------------------------
+// shipping
 
 PCSTR EventName(ULONG kind)
 {
-    constexpr PCSTR Names[] = {"opened", "media connected", "media disconnected", "closed", "IP configuration changed"};
+    constexpr PCSTR Names[] = {"opened", "media connected", "media disconnected", "closed",
+                               "IP configuration changed"};
     return kind < sizeof(Names) / sizeof(Names[0]) ? Names[kind] : "event";
 }
 
@@ -140,13 +144,13 @@ ULONG FormatLine(const Event& event)
     const ULONG number = ++shipper.Number;
     int length;
     if (event.Kind == kConnection) {
-        length = _snprintf(shipper.Line, kLine - 1, "<134>logshipper: %u adapter %u connection %s:%u > %s:%u", number,
-                           event.Adapter, inet_ntoa(event.Source, source, sizeof(source)),
-                           KS_ntohs(event.SourcePort), inet_ntoa(event.Destination, destination, sizeof(destination)),
-                           KS_ntohs(event.DestinationPort));
+        length = _snprintf(
+            shipper.Line, kLine - 1, "<134>logshipper: %u adapter %u connection %s:%u > %s:%u", number,
+            event.Adapter, inet_ntoa(event.Source, source, sizeof(source)), KS_ntohs(event.SourcePort),
+            inet_ntoa(event.Destination, destination, sizeof(destination)), KS_ntohs(event.DestinationPort));
     } else {
-        length = _snprintf(shipper.Line, kLine - 1, "<134>logshipper: %u adapter %u %s", number, event.Adapter,
-                           EventName(event.Kind));
+        length = _snprintf(shipper.Line, kLine - 1, "<134>logshipper: %u adapter %u %s", number,
+                           event.Adapter, EventName(event.Kind));
     }
     const ULONG used = length < 0 ? kLine - 1 : static_cast<ULONG>(length);
     if (shipper.Stream) {
@@ -248,7 +252,8 @@ VOID NTAPI ShipEvents(PVOID)
     PsTerminateSystemThread(STATUS_SUCCESS);
 }
 
-// --------------------------------------------------------------------------------------------- start and stop
+// --------------------------------------------------------------------------------------------- start and
+// stop
 
 char driverName[] = "logshipper";
 char incomingName[] = "logshipper-incoming";
@@ -311,7 +316,8 @@ VOID NTAPI DriverUnload(PDRIVER_OBJECT)
 {
     Filter_DeregisterDriver(shipper.Driver);
     StopThread();
-    DbgPrint("logshipper: %u lines shipped, %u lost, %u dropped\n", shipper.Shipped, shipper.Lost, shipper.Dropped);
+    DbgPrint("logshipper: %u lines shipped, %u lost, %u dropped\n", shipper.Shipped, shipper.Lost,
+             shipper.Dropped);
 }
 
 } // namespace

@@ -31,16 +31,17 @@ struct Arrivals {
     std::atomic<uint32_t> count{0}, wrong{0};
     KEVENT some;
 
-    static NTSTATUS OnDatagram(PVOID context, LONG, PVOID, LONG, PVOID, ULONG, ULONG bytes, ULONG, ULONG* taken,
-                               PVOID data, PIRP*)
+    static NTSTATUS OnDatagram(PVOID context, LONG, PVOID, LONG, PVOID, ULONG, ULONG bytes, ULONG,
+                               ULONG* taken, PVOID data, PIRP*)
     {
         auto* self = static_cast<Arrivals*>(context);
         uint32_t number = 0;
         std::memcpy(&number, data, sizeof(number));
         // Sizes and contents follow from the number.
         const auto* fill = static_cast<uint8_t*>(data) + sizeof(number);
-        const bool right = number < self->seen.size() && self->seen[number]++ == 0 && bytes == 64 + number % 1000 &&
-                           fill[0] == static_cast<uint8_t>(number) && std::memcmp(fill, fill + 1, bytes - 5) == 0;
+        const bool right = number < self->seen.size() && self->seen[number]++ == 0 &&
+                           bytes == 64 + number % 1000 && fill[0] == static_cast<uint8_t>(number) &&
+                           std::memcmp(fill, fill + 1, bytes - 5) == 0;
         self->wrong += right ? 0 : 1;
         ++self->count;
         *taken = bytes;
@@ -123,8 +124,8 @@ TEST_F(TdiTest, DatagramsAreReceivedOneByOneAndErrorsTold)
     const echo::Server server;
     port.peer = echo::Loopback(server.udpPort);
     ASSERT_EQ(port.Send(first.Mdl()), STATUS_SUCCESS);
-    EXPECT_EQ(KS_ReceiveDatagramOnAddress(&port.address, nullptr, nullptr, nullptr, &result, small.Mdl(), nullptr,
-                                          &from, TDI_RECEIVE_NORMAL),
+    EXPECT_EQ(KS_ReceiveDatagramOnAddress(&port.address, nullptr, nullptr, nullptr, &result, small.Mdl(),
+                                          nullptr, &from, TDI_RECEIVE_NORMAL),
               STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(TextOf(small, result), "to t");
     EXPECT_EQ(sender.Address[0].Address[0].sin_port, KS_htons(server.udpPort));
@@ -151,8 +152,8 @@ TEST_F(TdiTest, RawDatagramsCarryTheProtocolOfTheFilesName)
     }
     ASSERT_EQ(raw.status, STATUS_SUCCESS);
     ASSERT_EQ(raw.Send(text.Mdl()), STATUS_SUCCESS);
-    EXPECT_EQ(KS_ReceiveDatagramOnAddress(&raw.address, nullptr, nullptr, nullptr, &result, block.Mdl(), nullptr,
-                                          nullptr, TDI_RECEIVE_NORMAL),
+    EXPECT_EQ(KS_ReceiveDatagramOnAddress(&raw.address, nullptr, nullptr, nullptr, &result, block.Mdl(),
+                                          nullptr, nullptr, TDI_RECEIVE_NORMAL),
               STATUS_SUCCESS);
     const std::string packet = TextOf(block, result);
     ASSERT_EQ(packet.size(), 23u); // with the IPv4 header

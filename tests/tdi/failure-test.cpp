@@ -1,5 +1,5 @@
-// Transports that fail, memory that runs out, records closed while requests are under way: what the caller sees, and that
-// nothing stays behind.
+// Transports that fail, memory that runs out, records closed while requests are under way: what the caller
+// sees, and that nothing stays behind.
 #include "tdi-test.h"
 
 #include <thread>
@@ -24,16 +24,19 @@ NTSTATUS UseEverything(uint16_t tcpPort, uint16_t udpPort, echo::Block& block)
     NTSTATUS status = connection.Open();
     if (NT_SUCCESS(status)) {
         KS_CONNECTION_ENDPOINT* endpoint = &connection.endpoint;
-        status = KS_SetEventHandlers(&connection.address, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+        status = KS_SetEventHandlers(&connection.address, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                     nullptr, nullptr);
         status = Worse(status, connection.Connect(tcpPort));
         UCHAR info[KS_CONNECTION_INFO_SIZE];
         if (NT_SUCCESS(status)) {
             status = KS_SetConnectionInfo(endpoint, info);
-            status = Worse(status, KS_SendOnEndpoint(endpoint, nullptr, nullptr, nullptr, nullptr, block.Mdl(), 0));
+            status = Worse(status,
+                           KS_SendOnEndpoint(endpoint, nullptr, nullptr, nullptr, nullptr, block.Mdl(), 0));
             if (NT_SUCCESS(status)) {
                 status = KS_ReceiveOnEndpoint(endpoint, nullptr, nullptr, nullptr, nullptr, block.Mdl(), 0);
             }
-            status = Worse(status, KS_Disconnect(endpoint, nullptr, nullptr, nullptr, nullptr, TDI_DISCONNECT_RELEASE));
+            status = Worse(
+                status, KS_Disconnect(endpoint, nullptr, nullptr, nullptr, nullptr, TDI_DISCONNECT_RELEASE));
         }
     }
     connection.Close();
@@ -47,8 +50,8 @@ NTSTATUS UseEverything(uint16_t tcpPort, uint16_t udpPort, echo::Block& block)
     TDI_CONNECTION_INFORMATION to = {};
     to.RemoteAddressLength = sizeof(peer);
     to.RemoteAddress = &peer;
-    status = Worse(
-        status, KS_OpenTransportAddress(L"\\Device\\Udp", reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address));
+    status = Worse(status, KS_OpenTransportAddress(L"\\Device\\Udp",
+                                                   reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address));
     if (NT_SUCCESS(address.Status)) {
         const NTSTATUS sent =
             KS_SendDatagramOnAddress(&address, nullptr, nullptr, nullptr, nullptr, block.Mdl(), &to);
@@ -93,7 +96,8 @@ TEST_F(FailureTest, WithoutMemoryAtEachStepNothingStaysOpen)
 TEST_F(FailureTest, TheStatusIsTheOneThatTheCompletionDelivered)
 {
     for (int kind = 0; kind < static_cast<int>(TransportRequest::Count); ++kind) {
-        for (const TransportAnswer answer : {TransportAnswer::AtOnce, TransportAnswer::Later, TransportAnswer::Twice}) {
+        for (const TransportAnswer answer :
+             {TransportAnswer::AtOnce, TransportAnswer::Later, TransportAnswer::Twice}) {
             machine::AnswerTransportRequest(static_cast<TransportRequest>(kind), 1, answer, kOdd);
             EXPECT_EQ(UseEverything(server_.tcpPort, server_.udpPort, block_), kOdd) << "request " << kind;
             const bool twice = answer == TransportAnswer::Twice;
@@ -115,7 +119,8 @@ TEST_F(FailureTest, AFailingEventHandlerLeavesThoseBehindItUnset)
 {
     KS_TRANSPORT_ADDRESS address;
     TA_IP_ADDRESS local = echo::Loopback(0);
-    ASSERT_EQ(KS_OpenTransportAddress(L"\\Device\\Tcp", reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address), 0);
+    ASSERT_EQ(
+        KS_OpenTransportAddress(L"\\Device\\Tcp", reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address), 0);
     const auto sets = [&] {
         return KS_SetEventHandlers(&address, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
     };
@@ -137,10 +142,12 @@ TEST_F(FailureTest, ASecondSynchronousRequestOnAnAddressIsRefused)
     std::atomic<NTSTATUS> connected{STATUS_PENDING};
     std::thread other([&] { connected = connection.Connect(server_.tcpPort); });
     EXPECT_TRUE(support::Eventually([] { return machine::HeldTransportRequests() == 1; }));
-    EXPECT_EQ(KS_SetEventHandlers(&connection.address, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
+    EXPECT_EQ(KS_SetEventHandlers(&connection.address, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                  nullptr),
               STATUS_DEVICE_BUSY);
     EXPECT_EQ(connection.Connect(server_.tcpPort), STATUS_DEVICE_BUSY);
-    EXPECT_EQ(KS_OpenConnectionEndpoint(L"\\Device\\Tcp", &connection.address, &second, nullptr), STATUS_DEVICE_BUSY);
+    EXPECT_EQ(KS_OpenConnectionEndpoint(L"\\Device\\Tcp", &connection.address, &second, nullptr),
+              STATUS_DEVICE_BUSY);
     EXPECT_EQ(second.Count, 0u);
     // Data requests have their own.
     EXPECT_EQ(KS_SendOnEndpoint(&connection.endpoint, nullptr, nullptr, nullptr, nullptr, block_.Mdl(), 0),
@@ -152,8 +159,8 @@ TEST_F(FailureTest, ASecondSynchronousRequestOnAnAddressIsRefused)
     connection.Close();
 }
 
-// A client driver that is unloaded while its receive waits: it stays open, and is closed by the last completion, which
-// runs at DISPATCH_LEVEL.
+// A client driver that is unloaded while its receive waits: it stays open, and is closed by the last
+// completion, which runs at DISPATCH_LEVEL.
 struct Client {
     static inline KS_TRANSPORT_ADDRESS address;
     static inline IO_STATUS_BLOCK result;
@@ -163,14 +170,16 @@ struct Client {
     static machine::Status Entry(void* object, void*)
     {
         TA_IP_ADDRESS local = echo::Loopback(0);
-        static_cast<DRIVER_OBJECT*>(object)->DriverUnload = [](PDRIVER_OBJECT) { KS_CloseTransportAddress(&address); };
+        static_cast<DRIVER_OBJECT*>(object)->DriverUnload = [](PDRIVER_OBJECT) {
+            KS_CloseTransportAddress(&address);
+        };
         completions = 0;
         const NTSTATUS status =
             KS_OpenTransportAddress(L"\\Device\\Udp", reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address);
         machine::AnswerTransportRequest(TransportRequest::ReceiveDatagram, 1, TransportAnswer::Held, kOdd);
         KS_ReceiveDatagramOnAddress(
-            &address, nullptr, [](PVOID, PIO_STATUS_BLOCK, ULONG) { ++completions; }, nullptr, &result, block->Mdl(),
-            nullptr, nullptr, 0);
+            &address, nullptr, [](PVOID, PIO_STATUS_BLOCK, ULONG) { ++completions; }, nullptr, &result,
+            block->Mdl(), nullptr, nullptr, 0);
         return status;
     }
 };

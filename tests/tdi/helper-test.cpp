@@ -26,8 +26,9 @@ TEST(HelperTest, NumbersAddressesAndChecksums)
 
     PFILE_FULL_EA_INFORMATION ea = nullptr;
     ULONG length = 0;
-    ASSERT_EQ(KS_BuildEaBuffer(TDI_TRANSPORT_ADDRESS_LENGTH, TdiTransportAddress, sizeof(one), &one, &ea, &length),
-              STATUS_SUCCESS);
+    ASSERT_EQ(
+        KS_BuildEaBuffer(TDI_TRANSPORT_ADDRESS_LENGTH, TdiTransportAddress, sizeof(one), &one, &ea, &length),
+        STATUS_SUCCESS);
     EXPECT_EQ(length, 16u + 22u + 9u);
     EXPECT_EQ(std::memcmp(ea, "\0\0\0\0\0\x10\x16\0TransportAddress\0", 25), 0);
     EXPECT_EQ(std::memcmp(reinterpret_cast<UCHAR*>(ea) + 25, &one, sizeof(one)), 0);

@@ -12,7 +12,8 @@ std::string RunLab(uint16_t port, bool stream)
     const std::string command = std::string(NDISFILTER_LAB) + " replay " + NDISFILTER_TEST_DATA +
                                 "/session.pcapng --sockets --quiet --debug-output - --filter logshipper"
                                 " --set-dword logshipper.LogPort=" +
-                                std::to_string(port) + " --set-dword logshipper.LogStream=" + (stream ? "1" : "0") + " 2>&1";
+                                std::to_string(port) +
+                                " --set-dword logshipper.LogStream=" + (stream ? "1" : "0") + " 2>&1";
     std::string output;
     FILE* pipe = popen(command.c_str(), "r");
     char buffer[4096];

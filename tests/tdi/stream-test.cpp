@@ -89,9 +89,12 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
     TextBlock hello("hello");
     IO_STATUS_BLOCK result;
     const auto receive = [&] {
-        return KS_ReceiveOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, block.Mdl(), TDI_RECEIVE_NORMAL);
+        return KS_ReceiveOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, block.Mdl(),
+                                    TDI_RECEIVE_NORMAL);
     };
-    const auto send = [&] { return KS_SendOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, hello.Mdl(), 0); };
+    const auto send = [&] {
+        return KS_SendOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, hello.Mdl(), 0);
+    };
     const auto disconnect = [&](ULONG flags) {
         return KS_Disconnect(&endpoint, nullptr, nullptr, nullptr, &result, flags);
     };
@@ -101,7 +104,8 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
         ASSERT_EQ(connection.Connect(listener->Port()), STATUS_SUCCESS);
         EXPECT_EQ(connection.Connect(listener->Port()), STATUS_CONNECTION_ACTIVE);
         const HostSocket peer(*listener);
-        EXPECT_EQ(KS_SendOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, nullptr, 0), STATUS_SUCCESS);
+        EXPECT_EQ(KS_SendOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, nullptr, 0),
+                  STATUS_SUCCESS);
         peer.Send("last words");
         peer.EndSending();
         ASSERT_EQ(receive(), STATUS_SUCCESS);
@@ -121,7 +125,8 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
         KeInitializeEvent(&ended, NotificationEvent, TRUE); // the library resets it
         IO_STATUS_BLOCK waited;
         ASSERT_EQ(disconnect(TDI_DISCONNECT_RELEASE), STATUS_SUCCESS);
-        EXPECT_EQ(KS_Disconnect(&endpoint, &ended, nullptr, nullptr, &waited, TDI_DISCONNECT_WAIT), STATUS_PENDING);
+        EXPECT_EQ(KS_Disconnect(&endpoint, &ended, nullptr, nullptr, &waited, TDI_DISCONNECT_WAIT),
+                  STATUS_PENDING);
         {
             const HostSocket peer(*listener);
             EXPECT_EQ(peer.Receive(), "<end>");
@@ -136,9 +141,9 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
         HostSocket* const peer = new HostSocket(*listener);
         KEVENT ended;
         KeInitializeEvent(&ended, NotificationEvent, FALSE);
-        EXPECT_EQ(
-            KS_ReceiveOnEndpoint(&endpoint, &ended, nullptr, nullptr, &result, block.Mdl(), TDI_RECEIVE_NORMAL),
-            STATUS_PENDING);
+        EXPECT_EQ(KS_ReceiveOnEndpoint(&endpoint, &ended, nullptr, nullptr, &result, block.Mdl(),
+                                       TDI_RECEIVE_NORMAL),
+                  STATUS_PENDING);
         peer->ResetOnClose();
         delete peer;
         KeWaitForSingleObject(&ended, Executive, KernelMode, FALSE, nullptr);
@@ -165,7 +170,8 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
     connection.Close();
 }
 
-// A kernel server: accepts with a request of its own, takes a part of what is indicated, and the rest by a receive.
+// A kernel server: accepts with a request of its own, takes a part of what is indicated, and the rest by a
+// receive.
 struct Listener {
     echo::Connection connection;
     echo::Block rest{100};
@@ -180,7 +186,8 @@ struct Listener {
         KeSetEvent(&static_cast<Listener*>(self)->accepted, 0, FALSE);
         return STATUS_MORE_PROCESSING_REQUIRED;
     }
-    static NTSTATUS OnConnect(PVOID context, LONG, PVOID, LONG, PVOID, LONG, PVOID, CONNECTION_CONTEXT*, PIRP* request)
+    static NTSTATUS OnConnect(PVOID context, LONG, PVOID, LONG, PVOID, LONG, PVOID, CONNECTION_CONTEXT*,
+                              PIRP* request)
     {
         const auto self = static_cast<Listener*>(context);
         EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
@@ -220,8 +227,8 @@ TEST_F(TdiTest, AClientOfTheKernelServesCallersWithEventHandlers)
         KeInitializeEvent(event, SynchronizationEvent, FALSE);
     }
     ASSERT_EQ(listener.connection.Open(0, &listener), STATUS_SUCCESS);
-    ASSERT_EQ(KS_SetEventHandlers(&listener.connection.address, &listener, Listener::OnConnect, Listener::OnDisconnect,
-                                  nullptr, Listener::OnReceive, nullptr, nullptr),
+    ASSERT_EQ(KS_SetEventHandlers(&listener.connection.address, &listener, Listener::OnConnect,
+                                  Listener::OnDisconnect, nullptr, Listener::OnReceive, nullptr, nullptr),
               STATUS_SUCCESS);
     // Asks the transport for the port that it chose, with a request of the client's own.
     struct {
@@ -235,7 +242,8 @@ TEST_F(TdiTest, AClientOfTheKernelServesCallersWithEventHandlers)
     next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
     next->MinorFunction = TDI_QUERY_INFORMATION;
     next->FileObject = file;
-    reinterpret_cast<TDI_REQUEST_KERNEL_QUERY_INFORMATION&>(next->Parameters).QueryType = TDI_QUERY_ADDRESS_INFO;
+    reinterpret_cast<TDI_REQUEST_KERNEL_QUERY_INFORMATION&>(next->Parameters).QueryType =
+        TDI_QUERY_ADDRESS_INFO;
     const PMDL mdl = KS_AllocateAndProbeMdl(&info, sizeof(info), FALSE, FALSE, irp);
     EXPECT_EQ(KS_MakeSimpleTdiRequest(device, irp), STATUS_SUCCESS);
     KS_UnlockAndFreeMdl(mdl);
@@ -252,8 +260,8 @@ TEST_F(TdiTest, AClientOfTheKernelServesCallersWithEventHandlers)
         ASSERT_EQ(send(descriptor, "abcdefgh", 8, 0), 8);
         KeWaitForSingleObject(&listener.indicated, Executive, KernelMode, FALSE, nullptr);
         EXPECT_EQ(listener.taken, "abcd");
-        EXPECT_EQ(KS_ReceiveOnEndpoint(&listener.connection.endpoint, nullptr, nullptr, nullptr, &listener.result,
-                                       listener.rest.Mdl(), TDI_RECEIVE_NORMAL),
+        EXPECT_EQ(KS_ReceiveOnEndpoint(&listener.connection.endpoint, nullptr, nullptr, nullptr,
+                                       &listener.result, listener.rest.Mdl(), TDI_RECEIVE_NORMAL),
                   STATUS_SUCCESS);
         EXPECT_EQ(TextOf(listener.rest, listener.result), "efgh");
         close(descriptor);

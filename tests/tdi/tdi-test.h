@@ -1,5 +1,5 @@
-// The transport of the host, loaded for a test and unloaded behind it. A test fails when it breaks a rule of the kernel that
-// it did not ask for, or leaves anything behind.
+// The transport of the host, loaded for a test and unloaded behind it. A test fails when it breaks a rule of
+// the kernel that it did not ask for, or leaves anything behind.
 #pragma once
 
 #include <echo-client.h>
@@ -65,8 +65,7 @@ class HostSocket
     // Who calls a listening one.
     explicit HostSocket(const HostSocket& listener)
         : descriptor_(listener.IsReadable() ? accept(listener.descriptor_, nullptr, nullptr) : -1)
-    {
-    }
+    {}
     ~HostSocket() { close(descriptor_); }
 
     uint16_t Port() const
@@ -110,5 +109,8 @@ inline std::string TextOf(echo::Block& block, const IO_STATUS_BLOCK& result)
 
 // A block that holds the text.
 struct TextBlock : echo::Block {
-    explicit TextBlock(const std::string& text) : Block(text.size()) { std::memcpy(Bytes(), text.data(), text.size()); }
+    explicit TextBlock(const std::string& text) : Block(text.size())
+    {
+        std::memcpy(Bytes(), text.data(), text.size());
+    }
 };

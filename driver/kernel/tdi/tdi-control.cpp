@@ -45,7 +45,8 @@ NTSTATUS QueryProvider(PCWSTR deviceName, LONG type, PVOID buffer, ULONG length)
 
 NTSTATUS KS_SetEventHandlers(PKS_TRANSPORT_ADDRESS Record, PVOID EventContext, PTDI_IND_CONNECT Connect,
                              PTDI_IND_DISCONNECT Disconnect, PTDI_IND_ERROR Error, PTDI_IND_RECEIVE Receive,
-                             PTDI_IND_RECEIVE_DATAGRAM ReceiveDatagram, PTDI_IND_RECEIVE_EXPEDITED ReceiveExpedited)
+                             PTDI_IND_RECEIVE_DATAGRAM ReceiveDatagram,
+                             PTDI_IND_RECEIVE_EXPEDITED ReceiveExpedited)
 {
     // In the order of the event types, which are numbered from 0.
     const PVOID handlers[] = {
@@ -92,7 +93,9 @@ NTSTATUS KS_SetConnectionInfo(PKS_CONNECTION_ENDPOINT Record, PVOID Buffer)
     RtlZeroMemory(Buffer, KS_CONNECTION_INFO_SIZE);
     return RequestOverBuffer<TDI_REQUEST_KERNEL_SET_INFORMATION>(
         Record->FileObject, TDI_SET_INFORMATION, Buffer, KS_CONNECTION_INFO_SIZE,
-        [](PTDI_REQUEST_KERNEL_SET_INFORMATION parameters) { parameters->SetType = TDI_QUERY_CONNECTION_INFO; });
+        [](PTDI_REQUEST_KERNEL_SET_INFORMATION parameters) {
+            parameters->SetType = TDI_QUERY_CONNECTION_INFO;
+        });
 }
 
 NTSTATUS KS_QueryProviderInfo(PCWSTR DeviceName, PVOID Buffer)

@@ -38,8 +38,9 @@ BOOLEAN SenderFrees(PKS_CONNECTION_ENDPOINT)
     return TRUE;
 }
 
-// The callback runs before the reference is dropped, so that it may close the owner. Who waits for the event instead may
-// close the owner, free the record and unload its driver as soon as the event is set: that is the last thing done.
+// The callback runs before the reference is dropped, so that it may close the owner. Who waits for the event
+// instead may close the owner, free the record and unload its driver as soon as the event is set: that is the
+// last thing done.
 template <class Owner>
 NTSTATUS NTAPI FinishRequest(PDEVICE_OBJECT, PIRP irp, PVOID context)
 {
@@ -83,7 +84,8 @@ ULONG ChainLength(PMDL mdl)
 
 // `fill` writes the request's parameters.
 template <class Parameters, class Owner, class Fill>
-NTSTATUS SendDataRequest(Owner* owner, UCHAR minor, const Notification& notification, PMDL mdl, const Fill& fill)
+NTSTATUS SendDataRequest(Owner* owner, UCHAR minor, const Notification& notification, PMDL mdl,
+                         const Fill& fill)
 {
     PVOID block = nullptr;
     if (NdisAllocateMemoryWithTag(&block, RequestSize, PoolTag) != NDIS_STATUS_SUCCESS) {
@@ -149,12 +151,12 @@ NTSTATUS KS_SendDatagramOnAddress(PKS_TRANSPORT_ADDRESS Record, PKEVENT Event, K
                                   PVOID CompletionContext, PIO_STATUS_BLOCK IoStatus, PMDL Mdl,
                                   PTDI_CONNECTION_INFORMATION SendInformation)
 {
-    return SendDataRequest<TDI_REQUEST_KERNEL_SENDDG>(Record, TDI_SEND_DATAGRAM,
-                                                      {Event, Completion, CompletionContext, IoStatus}, Mdl,
-                                                      [&](PTDI_REQUEST_KERNEL_SENDDG parameters, ULONG length) {
-                                                          parameters->SendLength = length;
-                                                          parameters->SendDatagramInformation = SendInformation;
-                                                      });
+    return SendDataRequest<TDI_REQUEST_KERNEL_SENDDG>(
+        Record, TDI_SEND_DATAGRAM, {Event, Completion, CompletionContext, IoStatus}, Mdl,
+        [&](PTDI_REQUEST_KERNEL_SENDDG parameters, ULONG length) {
+            parameters->SendLength = length;
+            parameters->SendDatagramInformation = SendInformation;
+        });
 }
 
 NTSTATUS KS_ReceiveDatagramOnAddress(PKS_TRANSPORT_ADDRESS Record, PKEVENT Event, KS_COMPLETION Completion,
@@ -162,15 +164,14 @@ NTSTATUS KS_ReceiveDatagramOnAddress(PKS_TRANSPORT_ADDRESS Record, PKEVENT Event
                                      PTDI_CONNECTION_INFORMATION ReceiveInformation,
                                      PTDI_CONNECTION_INFORMATION ReturnInformation, ULONG Flags)
 {
-    return SendDataRequest<TDI_REQUEST_KERNEL_RECEIVEDG>(Record, TDI_RECEIVE_DATAGRAM,
-                                                         {Event, Completion, CompletionContext, IoStatus}, Mdl,
-                                                         [&](PTDI_REQUEST_KERNEL_RECEIVEDG parameters, ULONG length) {
-                                                             parameters->ReceiveLength = length;
-                                                             parameters->ReceiveDatagramInformation =
-                                                                 ReceiveInformation;
-                                                             parameters->ReturnDatagramInformation = ReturnInformation;
-                                                             parameters->ReceiveFlags = Flags;
-                                                         });
+    return SendDataRequest<TDI_REQUEST_KERNEL_RECEIVEDG>(
+        Record, TDI_RECEIVE_DATAGRAM, {Event, Completion, CompletionContext, IoStatus}, Mdl,
+        [&](PTDI_REQUEST_KERNEL_RECEIVEDG parameters, ULONG length) {
+            parameters->ReceiveLength = length;
+            parameters->ReceiveDatagramInformation = ReceiveInformation;
+            parameters->ReturnDatagramInformation = ReturnInformation;
+            parameters->ReceiveFlags = Flags;
+        });
 }
 
 NTSTATUS KS_Disconnect(PKS_CONNECTION_ENDPOINT Record, PKEVENT Event, KS_COMPLETION Completion,
@@ -195,10 +196,10 @@ NTSTATUS KS_SendOnEndpoint(PKS_CONNECTION_ENDPOINT Record, PKEVENT Event, KS_COM
 NTSTATUS KS_ReceiveOnEndpoint(PKS_CONNECTION_ENDPOINT Record, PKEVENT Event, KS_COMPLETION Completion,
                               PVOID CompletionContext, PIO_STATUS_BLOCK IoStatus, PMDL Mdl, ULONG Flags)
 {
-    return SendDataRequest<TDI_REQUEST_KERNEL_RECEIVE>(Record, TDI_RECEIVE,
-                                                       {Event, Completion, CompletionContext, IoStatus}, Mdl,
-                                                       [&](PTDI_REQUEST_KERNEL_RECEIVE parameters, ULONG length) {
-                                                           parameters->ReceiveLength = length;
-                                                           parameters->ReceiveFlags = Flags;
-                                                       });
+    return SendDataRequest<TDI_REQUEST_KERNEL_RECEIVE>(
+        Record, TDI_RECEIVE, {Event, Completion, CompletionContext, IoStatus}, Mdl,
+        [&](PTDI_REQUEST_KERNEL_RECEIVE parameters, ULONG length) {
+            parameters->ReceiveLength = length;
+            parameters->ReceiveFlags = Flags;
+        });
 }

@@ -16,7 +16,8 @@ constexpr ULONG LinkBufferExtra = 26; // what a link's buffer is longer than the
 
 } // namespace
 
-PMDL KS_AllocateAndProbeMdl(PVOID Address, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota, PIRP Irp)
+PMDL KS_AllocateAndProbeMdl(PVOID Address, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota,
+                            PIRP Irp)
 {
     const PMDL mdl = IoAllocateMdl(Address, Length, SecondaryBuffer, ChargeQuota, Irp);
     if (mdl != nullptr) {
@@ -96,8 +97,8 @@ NTSTATUS KS_CreateSymbolicLink(PUNICODE_STRING DeviceName, BOOLEAN Create)
     const ULONG nameLength = DeviceName->Length - DeviceDirectoryLength;
     RtlZeroMemory(buffer, size);
     RtlCopyMemory(buffer, LinkDirectory, LinkDirectoryLength);
-    RtlCopyMemory(buffer + LinkDirectoryLength, reinterpret_cast<PUCHAR>(DeviceName->Buffer) + DeviceDirectoryLength,
-                  nameLength);
+    RtlCopyMemory(buffer + LinkDirectoryLength,
+                  reinterpret_cast<PUCHAR>(DeviceName->Buffer) + DeviceDirectoryLength, nameLength);
     UNICODE_STRING link;
     link.Length = static_cast<USHORT>(LinkDirectoryLength + nameLength);
     link.MaximumLength = static_cast<USHORT>(size);

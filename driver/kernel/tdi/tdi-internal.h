@@ -6,11 +6,15 @@
 #include "tdi-unload.h"
 
 static_assert(sizeof(KS_TRANSPORT_ADDRESS) == 48 && offsetof(KS_TRANSPORT_ADDRESS, Count) == 4 &&
-              offsetof(KS_TRANSPORT_ADDRESS, Handle) == 8 && offsetof(KS_TRANSPORT_ADDRESS, FileObject) == 16 &&
-              offsetof(KS_TRANSPORT_ADDRESS, Irp) == 24 && offsetof(KS_TRANSPORT_ADDRESS, Endpoints) == 32);
-static_assert(sizeof(KS_CONNECTION_ENDPOINT) == 56 && offsetof(KS_CONNECTION_ENDPOINT, AssociateStatus) == 16 &&
-              offsetof(KS_CONNECTION_ENDPOINT, Count) == 20 && offsetof(KS_CONNECTION_ENDPOINT, Address) == 24 &&
-              offsetof(KS_CONNECTION_ENDPOINT, Status) == 32 && offsetof(KS_CONNECTION_ENDPOINT, Handle) == 40 &&
+              offsetof(KS_TRANSPORT_ADDRESS, Handle) == 8 &&
+              offsetof(KS_TRANSPORT_ADDRESS, FileObject) == 16 && offsetof(KS_TRANSPORT_ADDRESS, Irp) == 24 &&
+              offsetof(KS_TRANSPORT_ADDRESS, Endpoints) == 32);
+static_assert(sizeof(KS_CONNECTION_ENDPOINT) == 56 &&
+              offsetof(KS_CONNECTION_ENDPOINT, AssociateStatus) == 16 &&
+              offsetof(KS_CONNECTION_ENDPOINT, Count) == 20 &&
+              offsetof(KS_CONNECTION_ENDPOINT, Address) == 24 &&
+              offsetof(KS_CONNECTION_ENDPOINT, Status) == 32 &&
+              offsetof(KS_CONNECTION_ENDPOINT, Handle) == 40 &&
               offsetof(KS_CONNECTION_ENDPOINT, FileObject) == 48);
 static_assert(sizeof(KS_CONTROL_CHANNEL) == 16);
 static_assert(sizeof(TDI_CONNECTION_INFO) == KS_CONNECTION_INFO_SIZE);
@@ -50,7 +54,8 @@ Parameters* PrepareRequest(PIRP irp, PFILE_OBJECT file, UCHAR minor)
     return parameters;
 }
 
-// ------------------------------------------------------------------------------------------------- references
+// -------------------------------------------------------------------------------------------------
+// references
 
 // The handles of records that have lost their last reference: at most those of an endpoint and its address.
 struct Closings {
@@ -61,8 +66,8 @@ struct Closings {
 VOID Reference(PKS_TRANSPORT_ADDRESS address);
 VOID Reference(PKS_CONNECTION_ENDPOINT endpoint);
 
-// Drops a reference. With the last one everything is undone but the handles, which are added to `closings`; the record is
-// not touched any more then. IRQL <= DISPATCH.
+// Drops a reference. With the last one everything is undone but the handles, which are added to `closings`;
+// the record is not touched any more then. IRQL <= DISPATCH.
 VOID Release(PKS_TRANSPORT_ADDRESS address, Closings* closings);
 VOID Release(PKS_CONNECTION_ENDPOINT endpoint, Closings* closings);
 
@@ -75,10 +80,12 @@ VOID Close(const Closings* closings);
 // The size of a block that CloseLater can use.
 constexpr UINT RequestSize = 64;
 
-// Has them closed by a work item, and the block freed. The block, of NdisAllocateMemoryWithTag, is free for use.
+// Has them closed by a work item, and the block freed. The block, of NdisAllocateMemoryWithTag, is free for
+// use.
 VOID CloseLater(const Closings* closings, PVOID block);
 
-// --------------------------------------------------------------------------------------- synchronous requests
+// --------------------------------------------------------------------------------------- synchronous
+// requests
 
 // The address's one request, taken by who uses it, with a reference on the address.
 class AddressRequest

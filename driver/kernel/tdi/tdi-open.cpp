@@ -30,8 +30,8 @@ NTSTATUS OpenFile(PCWSTR deviceName, ACCESS_MASK access, PFILE_FULL_EA_INFORMATI
     IO_STATUS_BLOCK result;
     RtlInitUnicodeString(&name, deviceName);
     InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-    NTSTATUS status = ZwCreateFile(&file->Handle, access, &attributes, &result, nullptr, FILE_ATTRIBUTE_NORMAL,
-                                   FILE_SHARE_READ, FILE_OPEN_IF, 0, ea, eaLength);
+    NTSTATUS status = ZwCreateFile(&file->Handle, access, &attributes, &result, nullptr,
+                                   FILE_ATTRIBUTE_NORMAL, FILE_SHARE_READ, FILE_OPEN_IF, 0, ea, eaLength);
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -46,8 +46,8 @@ NTSTATUS OpenFile(PCWSTR deviceName, ACCESS_MASK access, PFILE_FULL_EA_INFORMATI
 }
 
 // The attribute tells the transport what the file is to be.
-NTSTATUS OpenFileAs(PCWSTR deviceName, PCSTR attribute, ULONG attributeLength, const VOID* value, ULONG valueLength,
-                    OpenedFile* file)
+NTSTATUS OpenFileAs(PCWSTR deviceName, PCSTR attribute, ULONG attributeLength, const VOID* value,
+                    ULONG valueLength, OpenedFile* file)
 {
     PFILE_FULL_EA_INFORMATION ea = nullptr;
     ULONG eaLength = 0;
@@ -65,8 +65,8 @@ NTSTATUS Associate(PKS_TRANSPORT_ADDRESS address, PFILE_OBJECT endpoint)
     if (request.Irp() == nullptr) {
         return STATUS_DEVICE_BUSY;
     }
-    PrepareRequest<TDI_REQUEST_KERNEL_ASSOCIATE>(request.Irp(), endpoint, TDI_ASSOCIATE_ADDRESS)->AddressHandle =
-        address->Handle;
+    PrepareRequest<TDI_REQUEST_KERNEL_ASSOCIATE>(request.Irp(), endpoint, TDI_ASSOCIATE_ADDRESS)
+        ->AddressHandle = address->Handle;
     return KS_MakeSimpleTdiRequest(DeviceOf(endpoint), request.Irp());
 }
 
@@ -115,14 +115,14 @@ NTSTATUS KS_CloseTransportAddress(PKS_TRANSPORT_ADDRESS Record)
     return STATUS_SUCCESS;
 }
 
-NTSTATUS KS_OpenConnectionEndpoint(PCWSTR DeviceName, PKS_TRANSPORT_ADDRESS Address, PKS_CONNECTION_ENDPOINT Record,
-                                   PVOID ConnectionContext)
+NTSTATUS KS_OpenConnectionEndpoint(PCWSTR DeviceName, PKS_TRANSPORT_ADDRESS Address,
+                                   PKS_CONNECTION_ENDPOINT Record, PVOID ConnectionContext)
 {
     OpenedFile file;
     RtlZeroMemory(Record, sizeof(*Record));
     Record->Status = STATUS_UNSUCCESSFUL;
-    NTSTATUS status = OpenFileAs(DeviceName, TdiConnectionContext, TDI_CONNECTION_CONTEXT_LENGTH, &ConnectionContext,
-                                 sizeof(ConnectionContext), &file);
+    NTSTATUS status = OpenFileAs(DeviceName, TdiConnectionContext, TDI_CONNECTION_CONTEXT_LENGTH,
+                                 &ConnectionContext, sizeof(ConnectionContext), &file);
     if (NT_SUCCESS(status)) {
         status = Associate(Address, file.FileObject);
         if (NT_SUCCESS(status)) {

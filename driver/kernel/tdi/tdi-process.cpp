@@ -1,5 +1,5 @@
-// The name of the current process. No documented function gives it: the place where a process object keeps it is found in
-// that of the system process, whose name is known.
+// The name of the current process. No documented function gives it: the place where a process object keeps it
+// is found in that of the system process, whose name is known.
 #include "tdi-internal.h"
 
 namespace

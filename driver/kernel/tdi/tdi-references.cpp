@@ -6,7 +6,8 @@ namespace tdi
 namespace
 {
 
-// For the endpoint lists of all addresses: they change when an endpoint is opened or loses its last reference.
+// For the endpoint lists of all addresses: they change when an endpoint is opened or loses its last
+// reference.
 KSPIN_LOCK listLock;
 volatile LONG closingItems; // queued or running
 
@@ -30,8 +31,8 @@ VOID Add(Closings* closings, HANDLE handle)
     closings->Handles[closings->Count++] = handle;
 }
 
-// Drops a reference, but not the last one: TRUE when that is the caller's. Nobody else uses the record then, as nobody can
-// come by a reference who has none, and the caller sets the count to 0 when it is done with it.
+// Drops a reference, but not the last one: TRUE when that is the caller's. Nobody else uses the record then,
+// as nobody can come by a reference who has none, and the caller sets the count to 0 when it is done with it.
 BOOLEAN HoldsLast(volatile ULONG* count)
 {
     ULONG before = __atomic_load_n(count, __ATOMIC_ACQUIRE);

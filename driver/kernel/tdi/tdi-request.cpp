@@ -17,8 +17,8 @@ NTSTATUS NTAPI SignalCompletion(PDEVICE_OBJECT, PIRP, PVOID event)
 
 // The exchange acquires what the thread before did with the request; that of the destructor releases it.
 AddressRequest::AddressRequest(PKS_TRANSPORT_ADDRESS address)
-    : address_(address),
-      irp_(static_cast<PIRP>(InterlockedExchangePointer(reinterpret_cast<PVOID volatile*>(&address->Irp), nullptr)))
+    : address_(address), irp_(static_cast<PIRP>(InterlockedExchangePointer(
+                             reinterpret_cast<PVOID volatile*>(&address->Irp), nullptr)))
 {
     if (irp_ != nullptr) {
         Reference(address_);

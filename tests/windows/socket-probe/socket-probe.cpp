@@ -1,5 +1,6 @@
-// A client driver of the tests: calls the functions of the kernel sockets that need no transport, and those that do with
-// one that is absent. It starts only when each answers as it should; what did not is in the debug output.
+// A client driver of the tests: calls the functions of the kernel sockets that need no transport, and those
+// that do with one that is absent. It starts only when each answers as it should; what did not is in the
+// debug output.
 #include <ntddk.h>
 
 #include "tdi-client.h"
@@ -13,14 +14,15 @@ PDEVICE_OBJECT probeDevice;
 
 BOOLEAN Conversions()
 {
-    return KS_htonl(0x01020304) == 0x04030201 && KS_ntohl(0x04030201) == 0x01020304 && KS_htons(0x0102) == 0x0201 &&
-           KS_ntohs(0x0201) == 0x0102;
+    return KS_htonl(0x01020304) == 0x04030201 && KS_ntohl(0x04030201) == 0x01020304 &&
+           KS_htons(0x0102) == 0x0201 && KS_ntohs(0x0201) == 0x0102;
 }
 
 BOOLEAN Checksums()
 {
     const UCHAR bytes[] = {0x01, 0xFF, 0xFF};
-    return KS_in_cksum(bytes, 1) == 0xFEFF && KS_in_cksum(bytes, 0) == 0xFFFF && KS_in_cksum(bytes + 1, 2) == 0;
+    return KS_in_cksum(bytes, 1) == 0xFEFF && KS_in_cksum(bytes, 0) == 0xFFFF &&
+           KS_in_cksum(bytes + 1, 2) == 0;
 }
 
 BOOLEAN Addresses()
@@ -29,7 +31,8 @@ BOOLEAN Addresses()
     KS_InitIPAddress(&address, 0x0100007F, 0x5000);
     return KS_TransportAddressLength(nullptr) == 0 &&
            KS_TransportAddressLength(reinterpret_cast<PTRANSPORT_ADDRESS>(&address)) == sizeof(address) &&
-           address.Address[0].Address[0].in_addr == 0x0100007F && address.Address[0].Address[0].sin_port == 0x5000;
+           address.Address[0].Address[0].in_addr == 0x0100007F &&
+           address.Address[0].Address[0].sin_port == 0x5000;
 }
 
 BOOLEAN ExtendedAttributes()
@@ -52,7 +55,8 @@ BOOLEAN Links()
     UNICODE_STRING tooShort = name;
     tooShort.Length = 16;
     return KS_CreateSymbolicLink(&tooShort, TRUE) == STATUS_UNSUCCESSFUL &&
-           NT_SUCCESS(KS_CreateSymbolicLink(&name, TRUE)) && NT_SUCCESS(KS_CreateSymbolicLink(&name, FALSE)) &&
+           NT_SUCCESS(KS_CreateSymbolicLink(&name, TRUE)) &&
+           NT_SUCCESS(KS_CreateSymbolicLink(&name, FALSE)) &&
            !NT_SUCCESS(KS_CreateSymbolicLink(&name, FALSE));
 }
 
