@@ -101,8 +101,8 @@ int32_t Diagnose(Device& device, std::string_view command, std::span<char> text)
     if (result.returned == 0) {
         return NDISFILTER_DIAG_BUSY; // the lengths are fit
     }
-    if (result.returned < NDIS_FILTER_DIAG_HEADER_SIZE || result.returned > reply.size()) {
-        return NDISFILTER_BAD_ANSWER;
+    if (result.returned < offsetof(UserDiag, m_Text) || result.returned > reply.size()) {
+        return NDISFILTER_BAD_ANSWER; // a first print that did not fit makes it shorter than the header
     }
     const std::string_view answer = DiagText(reply, result.returned).substr(0, text.size() - 1);
     *std::copy(answer.begin(), answer.end(), text.begin()) = '\0';

@@ -19,6 +19,10 @@ constexpr uint32_t kBlockData = NDIS_FILTER_BLOCK_DATA_SIZE;
 constexpr auto kFirstPause = 2ms;
 constexpr auto kLastPause = 256ms;
 
+// How often a receive looks for the next block before it parks a read: for about as long as parking one and being woken
+// takes, which also costs the driver more than many a frame.
+constexpr int kLooksForMore = 200;
+
 // Acquire pairs with the driver's release store behind its access to the block.
 uint32_t LoadIndex(int32_t& index)
 {
@@ -67,9 +71,10 @@ void FillBlock(SharedBlock& block, const ndisfilter_frame& frame)
 class Patience
 {
   public:
+    bool IsEager() const { return looks_ < 64; }
     void Wait()
     {
-        if (looks_ < 64) {
+        if (IsEager()) {
             ++looks_;
             std::this_thread::yield();
         } else {
@@ -219,6 +224,19 @@ int32_t Share::Announce()
     return device_.Control(IOCTL_NDIS_FILTER_WRITE_SHARE, {}, {}).status;
 }
 
+// Whether the driver will find blocks that were put behind `before` without being told: it takes blocks until the ring
+// is empty. It has moved since the last look, and has not come to an end before them.
+bool Share::IsDriverTaking(uint32_t before)
+{
+    // The write index was stored before this look at the driver's; the driver stores its own before it looks at ours.
+    // Writing the index once more keeps the two in order: an exchange is a full barrier.
+    std::atomic_ref(memory_->KernelModeInput.m_iWrite).exchange(static_cast<int32_t>(inputWrite_));
+    const uint32_t read = LoadIndex(memory_->KernelModeInput.m_iRead);
+    const bool moved = read != seenRead_;
+    seenRead_ = read;
+    return moved && read != before;
+}
+
 bool Share::IsAllTaken() const
 {
     return LoadIndex(memory_->KernelModeInput.m_iRead) == inputWrite_;
@@ -252,8 +270,8 @@ void Share::AnnounceUntilTaken()
     }
 }
 
-// Puts frames as far as there is room.
-size_t Share::FillRoom(const ndisfilter_frame* frames, size_t count, int32_t* status)
+// Puts frames as far as there is room, and none where there is less than `least`.
+size_t Share::FillRoom(const ndisfilter_frame* frames, size_t count, size_t least, int32_t* status)
 {
     SharedRing& input = memory_->KernelModeInput;
     const uint32_t read = LoadIndex(input.m_iRead);
@@ -264,7 +282,7 @@ size_t Share::FillRoom(const ndisfilter_frame* frames, size_t count, int32_t* st
     uint32_t write = inputWrite_;
     const size_t room = kBlocks - 1 - InFlight(read, write);
     size_t put = 0;
-    for (; put < std::min(count, room); ++put) {
+    for (; room >= least && put < std::min(count, room); ++put) {
         const ndisfilter_frame& frame = frames[put];
         if (frame.data == nullptr) {
             *status = NDISFILTER_INVALID_PARAMETER;
@@ -294,10 +312,14 @@ int32_t Share::Send(const ndisfilter_frame* frames, size_t count, const Deadline
         if (stopping_) {
             return NDISFILTER_NO_SHARE;
         }
-        const size_t put = FillRoom(frames + *sent, count - *sent, &status);
+        const uint32_t before = inputWrite_;
+        // While the driver may be taking blocks it is left to take some more, so that the two do not meet at each one.
+        const bool mayWait = patience.IsEager() && !deadline.IsOver();
+        const size_t least = mayWait ? std::min<size_t>(count - *sent, kBlocks / 4) : 1;
+        const size_t put = FillRoom(frames + *sent, count - *sent, least, &status);
         *sent += put;
         if (put > 0) {
-            const int32_t announced = Announce();
+            const int32_t announced = IsDriverTaking(before) ? NDISFILTER_SUCCESS : Announce();
             status = status == NDISFILTER_SUCCESS ? announced : status;
             if (!outstanding_.exchange(true)) {
                 const std::lock_guard wake(announceMutex_);
@@ -455,10 +477,16 @@ int32_t Share::Receive(ndisfilter_block* blocks, size_t capacity, const Deadline
         int32_t status = NDISFILTER_SUCCESS;
         *count = TakeBlocks(blocks, capacity, &status);
         if (*count > 0 || status != NDISFILTER_SUCCESS) {
+            looksLeft_ = kLooksForMore;
             return status;
         }
         if (deadline.IsOver()) {
             return NDISFILTER_TIMEOUT;
+        }
+        if (looksLeft_ > 0) {
+            --looksLeft_;
+            std::this_thread::yield();
+            continue;
         }
         status = WaitForBlocks(deadline);
         if (status < 0) {

@@ -56,8 +56,9 @@ class Share
 
     int32_t Announce();
     void AnnounceUntilTaken();
+    bool IsDriverTaking(uint32_t before);
     bool IsAllTaken() const;
-    size_t FillRoom(const ndisfilter_frame* frames, size_t count, int32_t* status);
+    size_t FillRoom(const ndisfilter_frame* frames, size_t count, size_t least, int32_t* status);
 
     size_t TakeBlocks(ndisfilter_block* blocks, size_t capacity, int32_t* status);
     void CopyBlock(uint32_t index, ndisfilter_block& block) const;
@@ -72,9 +73,11 @@ class Share
 
     std::mutex sendMutex_;
     std::atomic<uint32_t> inputWrite_ = 0; // stored under sendMutex_
+    uint32_t seenRead_ = UINT32_MAX;       // the driver's index at the last send
 
     std::mutex receiveMutex_;
     uint32_t outputRead_ = 0;
+    int looksLeft_ = 0;        // behind the last block that came, before a read is parked
     uint32_t idleAnswers_ = 0; // reads that came back although nothing was there, in a row
     std::mutex readMutex_;     // guards the pointer; held only briefly, so that a cancel never waits
     std::unique_ptr<PendingControl> read_;

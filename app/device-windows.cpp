@@ -5,9 +5,9 @@
 
 #include <algorithm>
 #include <array>
-#include <iterator>
 
 #include <windows.h>
+#include <winternl.h>
 
 namespace ndisfilter
 {
@@ -15,44 +15,10 @@ namespace ndisfilter
 namespace
 {
 
-constexpr int32_t kStatusSuccess = 0;
 constexpr int32_t kStatusPending = 0x00000103;
-constexpr int32_t kStatusUnsuccessful = static_cast<int32_t>(0xC0000001);
 constexpr int32_t kStatusInfoLengthMismatch = static_cast<int32_t>(0xC0000004);
 constexpr int32_t kStatusSharingViolation = static_cast<int32_t>(0xC0000043);
 constexpr int32_t kStatusInsufficientResources = static_cast<int32_t>(0xC000009A);
-
-struct ErrorStatus {
-    DWORD error;
-    uint32_t status;
-};
-
-// The status that stands behind an error of a request. Where several become one error, the one of this driver.
-constexpr ErrorStatus kErrorStatuses[] = {
-    {ERROR_INVALID_FUNCTION, 0xC0000010},    // STATUS_INVALID_DEVICE_REQUEST
-    {ERROR_FILE_NOT_FOUND, 0xC0000034},      // STATUS_OBJECT_NAME_NOT_FOUND
-    {ERROR_ACCESS_DENIED, 0xC0000022},       // STATUS_ACCESS_DENIED
-    {ERROR_INVALID_HANDLE, 0xC0000008},      // STATUS_INVALID_HANDLE
-    {ERROR_NOT_ENOUGH_MEMORY, 0xC000009A},   // STATUS_INSUFFICIENT_RESOURCES
-    {ERROR_NOT_READY, 0xC00000A3},           // STATUS_DEVICE_NOT_READY
-    {ERROR_GEN_FAILURE, 0xC0000001},         // STATUS_UNSUCCESSFUL
-    {ERROR_NOT_SUPPORTED, 0xC00000BB},       // STATUS_NOT_SUPPORTED
-    {ERROR_INVALID_PARAMETER, 0xC000000D},   // STATUS_INVALID_PARAMETER
-    {ERROR_INSUFFICIENT_BUFFER, 0xC0000023}, // STATUS_BUFFER_TOO_SMALL
-    {ERROR_BUSY, 0x80000011},                // STATUS_DEVICE_BUSY
-    {ERROR_MORE_DATA, 0x80000005},           // STATUS_BUFFER_OVERFLOW
-    {ERROR_MR_MID_NOT_FOUND, 0xC0010006},  // NDIS_STATUS_ADAPTER_NOT_FOUND: the system knows no error for it
-    {ERROR_NOACCESS, 0xC0000005},          // STATUS_ACCESS_VIOLATION
-    {ERROR_OPERATION_ABORTED, 0xC0000120}, // STATUS_CANCELLED
-    {ERROR_INTERNAL_ERROR, 0xC00000E5},    // STATUS_INTERNAL_ERROR
-    {ERROR_NO_SYSTEM_RESOURCES, 0xC000009A}, // STATUS_INSUFFICIENT_RESOURCES
-};
-
-int32_t StatusOfError(DWORD error)
-{
-    const auto found = std::ranges::find(kErrorStatuses, error, &ErrorStatus::error);
-    return found == std::end(kErrorStatuses) ? kStatusUnsuccessful : static_cast<int32_t>(found->status);
-}
 
 std::string TextOfError(DWORD error)
 {
@@ -65,22 +31,20 @@ std::string TextOfError(DWORD error)
     return std::string(text.data(), length) + " (error " + std::to_string(error) + ")";
 }
 
-// One request of an overlapped handle. The system writes into it until the request is complete.
+// One request. The system writes into it until the request is complete. It is given by the system's own call, which
+// answers with the driver's status; the error codes that DeviceIoControl makes of them do not tell them all apart.
 class Request final : public PendingControl
 {
   public:
-    explicit Request(HANDLE device) : device_(device)
-    {
-        overlapped_.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    }
+    explicit Request(HANDLE device) : device_(device), event_(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
     ~Request() override
     {
         if (pending_) {
             Cancel();
             Finish();
         }
-        if (overlapped_.hEvent != nullptr) {
-            CloseHandle(overlapped_.hEvent);
+        if (event_ != nullptr) {
+            CloseHandle(event_);
         }
     }
     Request(const Request&) = delete;
@@ -88,17 +52,17 @@ class Request final : public PendingControl
 
     void Start(uint32_t code, std::span<const uint8_t> input, std::span<uint8_t> output)
     {
-        if (overlapped_.hEvent == nullptr) {
+        if (event_ == nullptr) {
             result_ = {kStatusInsufficientResources, 0};
             return;
         }
-        overlapped_.Internal = kStatusPending;
-        const BOOL done = DeviceIoControl(device_, code, const_cast<uint8_t*>(input.data()),
-                                          static_cast<DWORD>(input.size()), output.data(),
-                                          static_cast<DWORD>(output.size()), nullptr, &overlapped_);
-        pending_ = done || GetLastError() == ERROR_IO_PENDING;
-        if (!pending_) {
-            result_ = {FailureStatus(GetLastError()), 0};
+        const NTSTATUS status = NtDeviceIoControlFile(
+            device_, event_, nullptr, nullptr, &progress_, code, const_cast<uint8_t*>(input.data()),
+            static_cast<ULONG>(input.size()), output.data(), static_cast<ULONG>(output.size()));
+        pending_ = status == kStatusPending;
+        if (!pending_) { // of an error the record is not written
+            result_ = {static_cast<int32_t>(status),
+                       NT_ERROR(status) ? 0 : static_cast<size_t>(progress_.Information)};
         }
     }
 
@@ -107,7 +71,7 @@ class Request final : public PendingControl
         if (pending_) {
             // INFINITE is the largest number.
             const DWORD wait = timeoutMs ? std::min<DWORD>(*timeoutMs, INFINITE - 1) : INFINITE;
-            if (WaitForSingleObject(overlapped_.hEvent, wait) == WAIT_TIMEOUT) {
+            if (WaitForSingleObject(event_, wait) == WAIT_TIMEOUT) {
                 return std::nullopt;
             }
             Finish();
@@ -115,26 +79,20 @@ class Request final : public PendingControl
         return result_;
     }
 
-    void Cancel() override { CancelIoEx(device_, &overlapped_); }
+    // The record takes the place of an OVERLAPPED, whose first two fields it is.
+    void Cancel() override { CancelIoEx(device_, reinterpret_cast<OVERLAPPED*>(&progress_)); }
 
   private:
     void Finish()
     {
-        DWORD returned = 0;
-        const BOOL succeeded = GetOverlappedResult(device_, &overlapped_, &returned, TRUE);
+        WaitForSingleObject(event_, INFINITE);
         pending_ = false;
-        result_ = {succeeded ? kStatusSuccess : FailureStatus(GetLastError()), returned};
-    }
-
-    // The system leaves the request's own status in the record; it is exact where errors stand for several.
-    int32_t FailureStatus(DWORD error) const
-    {
-        const auto status = static_cast<int32_t>(overlapped_.Internal);
-        return status < 0 ? status : StatusOfError(error);
+        result_ = {static_cast<int32_t>(progress_.Status), static_cast<size_t>(progress_.Information)};
     }
 
     const HANDLE device_;
-    OVERLAPPED overlapped_ = {};
+    const HANDLE event_;
+    IO_STATUS_BLOCK progress_ = {};
     bool pending_ = false;
     ControlResult result_;
 };

@@ -11,7 +11,7 @@
 namespace ndisfilter
 {
 
-// What a request came to. `status` is an NTSTATUS; Windows errors are translated to the status they stand for.
+// What a request came to. `status` is an NTSTATUS, that of the driver where it answered.
 struct ControlResult {
     int32_t status = 0;
     size_t returned = 0; // bytes of output that were written

@@ -27,7 +27,7 @@ foreach(source IN LISTS program_sources)
 endforeach()
 set(program ${program_directory}/ndisfilterctl.exe)
 add_custom_command(OUTPUT ${program}
-    COMMAND ${NDISFILTER_PROGRAM_COMPILER} -static -s -Wl,--no-insert-timestamp ${program_objects} -o ${program}
+    COMMAND ${NDISFILTER_PROGRAM_COMPILER} -static -s -Wl,--no-insert-timestamp ${program_objects} -lntdll -o ${program}
     DEPENDS ${program_objects} VERBATIM)
 add_custom_target(control-program ALL DEPENDS ${program})
 install(PROGRAMS ${program} DESTINATION .)

@@ -4,6 +4,7 @@
 // Ends with the differences that matter: what the framework adds to the bare loop with empty chains, and what each
 // further filter that bypasses costs.
 #include "machine.h"
+#include "medians.h"
 #include "ndisfilter.h"
 
 #include <benchmark/benchmark.h>
@@ -12,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -251,67 +251,29 @@ void BareLoop(benchmark::State& state)
     });
 }
 
-// Keeps the medians for the summary, and prints the table as usual.
-class Medians : public benchmark::ConsoleReporter
+void PrintSummary(const bench::Medians& medians)
 {
-  public:
-    Medians() : ConsoleReporter(OO_Tabular)
-    {
-    }
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            const auto counter = run.counters.find("per packet");
-            if (run.aggregate_name == "median" && counter != run.counters.end()) {
-                medians_[run.run_name.function_name + "/" + run.run_name.args] = counter->second.value * 1e9;
-            }
-        }
-    }
-    double Of(const std::string& name, int filters) const
-    {
-        const auto found = medians_.find(name + "/" + std::to_string(filters));
-        return found == medians_.end() ? 0 : found->second;
-    }
-    bool IsComplete() const
-    {
-        return medians_.size() == 2 * std::size(kFilterCounts);
-    }
-
-  private:
-    std::map<std::string, double> medians_;
-};
-
-void PrintSummary(const Medians& medians)
-{
-    if (!medians.IsComplete()) {
+    const auto of = [&](const std::string& name, int filters) { // nanoseconds
+        return medians.Of(name + "/" + std::to_string(filters)) * 1e9;
+    };
+    if (medians.Count() != 2 * std::size(kFilterCounts)) {
         return; // a filter on the command line chose some only, or a run failed
     }
-    const double added = medians.Of("framework", 0) - medians.Of("bare loop", 0);
-    const double filter = (medians.Of("framework", 10) - medians.Of("framework", 0)) / 10;
+    const double added = of("framework", 0) - of("bare loop", 0);
+    const double filter = (of("framework", 10) - of("framework", 0)) / 10;
     std::printf("\nempty chains: framework %.1f ns, bare loop %.1f ns a packet: adds %.1f ns\n",
-                medians.Of("framework", 0), medians.Of("bare loop", 0), added);
+                of("framework", 0), of("bare loop", 0), added);
     std::printf("each further bypassing filter: %.1f ns\n", filter);
     std::printf("3 filters: %.1f ns, %.2f times the bare loop (%.1f ns), %.1f million frames a second\n",
-                medians.Of("framework", 3), medians.Of("framework", 3) / medians.Of("bare loop", 3),
-                medians.Of("bare loop", 3), 1e3 / medians.Of("framework", 3));
+                of("framework", 3), of("framework", 3) / of("bare loop", 3), of("bare loop", 3),
+                1e3 / of("framework", 3));
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    // Repetitions in random order, so that a disturbed second falls on both sides; the command line may say otherwise.
-    std::vector<char*> arguments(argv, argv + argc);
-    std::string defaults[] = {"--benchmark_repetitions=9", "--benchmark_enable_random_interleaving=true",
-                              "--benchmark_report_aggregates_only=true", "--benchmark_min_time=0.05"};
-    int position = 1;
-    for (std::string& argument : defaults) {
-        arguments.insert(arguments.begin() + position++, argument.data());
-    }
-    int count = static_cast<int>(arguments.size());
-    benchmark::Initialize(&count, arguments.data());
-    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
+    if (!bench::Initialize(argc, argv, 9)) {
         return 2;
     }
     const auto entry = [](void* driver, void* path) {
@@ -324,7 +286,7 @@ int main(int argc, char** argv)
         benchmark::RegisterBenchmark("bare loop", BareLoop)->Arg(filters);
         benchmark::RegisterBenchmark("framework", FrameworkRoad)->Arg(filters);
     }
-    Medians medians;
+    bench::Medians medians("per packet");
     benchmark::RunSpecifiedBenchmarks(&medians);
     PrintSummary(medians);
     Check("unloading the framework", machine::UnloadDriver("NdisFilter"));

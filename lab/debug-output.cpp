@@ -21,6 +21,7 @@ DebugOutput::DebugOutput(const std::string& path)
     if (file_ == nullptr) {
         throw LabError(ExitCode::Usage, fmt::format("--debug-output {}: {}", path, std::strerror(errno)));
     }
+    std::setvbuf(file_, nullptr, _IOLBF, BUFSIZ); // a person may be watching it grow
     // Prints come from several threads; a stream keeps each of them whole.
     machine::SetDebugSink(
         [file = file_](std::string_view text) { std::fwrite(text.data(), 1, text.size(), file); });

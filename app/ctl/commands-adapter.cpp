@@ -50,6 +50,12 @@ struct Lists {
         }
     }
 
+    bool IsEmpty() const
+    {
+        return addresses.empty() && routers.empty() && dhcpServers.empty() && dnsServers.empty() &&
+               winsServers.empty();
+    }
+
     std::vector<UserIPAddress> addresses;
     std::vector<std::string> routers, dhcpServers, dnsServers, winsServers;
 };
@@ -87,6 +93,9 @@ void PrintIPConfig(const UserIPConfig& config, const Lists& lists)
     print("dhcp", lists.dhcpServers);
     print("dns", lists.dnsServers);
     print("wins", lists.winsServers);
+    if (lists.IsEmpty()) {
+        fmt::print("  no addresses\n");
+    }
 }
 
 ExitCode GetIPConfig(Session& session, const std::string& adapter)
@@ -108,9 +117,9 @@ struct IPConfigArguments {
     std::vector<std::string> addresses, routers, dhcpServers, dnsServers, winsServers;
 };
 
-[[noreturn]] void RefuseAddress(const char* option, const std::string& text)
+[[noreturn]] void RefuseAddress(const char* option, const std::string& text, const char* wanted)
 {
-    throw CtlError(ExitCode::Usage, fmt::format("{} {}: not an IPv4 address", option, text));
+    throw CtlError(ExitCode::Usage, fmt::format("{} {}: not {}", option, text, wanted));
 }
 
 // Stores addresses at a place of the packed record.
@@ -120,7 +129,7 @@ void StoreList(UserIPConfig& config, size_t offset, const char* option, const st
     for (const std::string& text : texts) {
         const std::optional<uint32_t> address = ParseIPv4(text);
         if (!address) {
-            RefuseAddress(option, text);
+            RefuseAddress(option, text, "an IPv4 address, as 192.0.2.1");
         }
         std::memcpy(place, &*address, sizeof(*address));
         place += sizeof(*address);
@@ -133,7 +142,8 @@ UserIPConfig MakeIPConfig(const IPConfigArguments& arguments)
     for (const std::string& text : arguments.addresses) {
         const std::optional<AddressWithMask> address = ParseIPv4Prefix(text);
         if (!address) {
-            RefuseAddress("--address", text);
+            RefuseAddress("--address", text,
+                          "an IPv4 address with a prefix length of 0 to 32, as 192.0.2.10/24");
         }
         config.m_Address[config.m_nIP++] = {address->address, address->mask, 0};
     }
@@ -181,7 +191,7 @@ void AddIPConfigCommands(CLI::App& app, Session& session)
             ->expected(0, static_cast<int>(most))
             ->option_text(text);
     };
-    addList("--address", arguments->addresses, "Address with prefix length; repeatable, at most 8",
+    addList("--address", arguments->addresses, "Address with prefix length, else 32; repeatable, at most 8",
             "A.B.C.D/N");
     addList("--router", arguments->routers, "Default gateway; repeatable, at most 8", "A.B.C.D");
     addList("--dhcp", arguments->dhcpServers, "DHCP server; repeatable, at most 8", "A.B.C.D");
@@ -199,6 +209,7 @@ void AddMediaCommands(CLI::App& app, Session& session)
     CLI::App* const media =
         app.add_subcommand("media", "The media state of an adapter, as the hook driver has it");
     media->require_subcommand(1);
+    media->footer("Example:\n  ndisfilterctl media set 1 0");
     const auto adapter = std::make_shared<std::string>();
     const auto state = std::make_shared<unsigned>();
 
@@ -234,6 +245,7 @@ void AddDumpCommands(CLI::App& app, Session& session)
 {
     CLI::App* const dump = app.add_subcommand("dump", "Printing an adapter's packets to the kernel debugger");
     dump->require_subcommand(1);
+    dump->footer("Example:\n  ndisfilterctl dump on 1");
     const auto adapter = std::make_shared<std::string>();
     const auto addSwitch = [&](const char* name, const char* help, bool enabled) {
         CLI::App* const command = dump->add_subcommand(name, help);

@@ -99,7 +99,17 @@ ExitCode StartCapture(Session& session, const std::string& driveC)
 ExitCode StopCapture(Session& session, const std::string& driveC)
 {
     session.Driver().StopCapture();
-    PrintLogs(session, LookAtLogs(session, driveC), true);
+    // The driver closes the files behind the request: they are done when they have stopped growing.
+    std::vector<LogFile> logs = LookAtLogs(session, driveC);
+    const auto end = std::chrono::steady_clock::now() + 3s;
+    for (bool grows = std::ranges::any_of(logs, &LogFile::reachable);
+         grows && std::chrono::steady_clock::now() < end && !interrupted;) {
+        std::this_thread::sleep_for(30ms);
+        std::vector<LogFile> next = LookAtLogs(session, driveC);
+        grows = !std::ranges::equal(logs, next, {}, &LogFile::size, &LogFile::size);
+        logs = std::move(next);
+    }
+    PrintLogs(session, logs, true);
     return ExitCode::Success;
 }
 
@@ -114,6 +124,7 @@ void AddCaptureCommands(CLI::App& app, Session& session)
     const auto add = [&](const char* name, const char* help,
                          ExitCode (*command)(Session&, const std::string&)) {
         CLI::App* const subcommand = capture->add_subcommand(name, help);
+        subcommand->footer(fmt::format("Example:\n  ndisfilterctl capture {} --drive-c /var/tmp/c", name));
         subcommand
             ->add_option(
                 "--drive-c", *driveC,

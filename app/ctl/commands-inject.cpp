@@ -20,10 +20,14 @@ constexpr size_t kBatch = 128; // of the 511 blocks that a ring holds, so that w
 constexpr size_t kEthernetHeader = 14;
 constexpr uint32_t kSliceMs = 100; // how often a wait looks whether Ctrl-C was pressed
 
+const std::map<std::string, uint32_t> kDirections = {{"in", NDIS_FILTER_DIRECTION_TO_PROTOCOL},
+                                                     {"out", NDIS_FILTER_DIRECTION_TO_ADAPTER},
+                                                     {"loop", NDIS_FILTER_DIRECTION_TO_APPLICATION}};
+
 struct InjectArguments {
     std::string capture;
     std::string adapter;
-    uint32_t direction = 0;
+    std::string direction;
     uint64_t repeat = 1;
     uint32_t timeoutMs = 5000;
 };
@@ -33,17 +37,23 @@ class Injector
   public:
     Injector(Session& session, const InjectArguments& arguments)
         : session_(session), arguments_(arguments), adapterId_(session.AdapterId(arguments.adapter)),
-          loops_(arguments.direction == NDIS_FILTER_DIRECTION_TO_APPLICATION), room_(kBatch)
+          direction_(kDirections.at(arguments.direction)), loops_(arguments.direction == "loop"),
+          room_(kBatch)
     {
         // The driver stops taking frames at one whose adapter it does not know.
-        session.About(arguments.adapter, [this] { session_.Driver().IPConfig(adapterId_); });
+        try {
+            session.Driver().IPConfig(adapterId_);
+        } catch (const ndisfilter::RequestError& error) {
+            throw CtlError(ExitCode::Refused,
+                           ExplainFailure("send on adapter " + arguments.adapter, "", error.Status()));
+        }
     }
 
     ExitCode Run()
     {
         std::unique_ptr<CaptureReader> capture = OpenCapture(arguments_.capture);
         session_.Driver().StartShare();
-        for (uint64_t round = 0; round < arguments_.repeat && stalled_ == 0 && !interrupted; ++round) {
+        for (uint64_t round = 0; round < arguments_.repeat && !MustEnd(); ++round) {
             if (round > 0) {
                 capture = OpenCapture(arguments_.capture);
             }
@@ -54,23 +64,39 @@ class Injector
     }
 
   private:
-    // Frames of one batch, kept until they have come back.
+    bool MustEnd() const { return stalled_ > 0 || !broken_.empty() || interrupted; }
+
     void SendAll(CaptureReader& capture)
     {
-        std::vector<std::vector<uint8_t>> batch;
-        std::span<const uint8_t> bytes;
+        std::vector<std::vector<uint8_t>> batch; // kept until it has come back
         bool more = true;
-        while (more && stalled_ == 0 && !interrupted) {
+        while (more && !MustEnd()) {
             batch.clear();
-            while (batch.size() < kBatch && (more = capture.Next(bytes))) {
-                if (bytes.size() < kEthernetHeader || bytes.size() > NDIS_FILTER_BLOCK_DATA_SIZE) {
-                    ++skipped_;
-                } else {
-                    batch.emplace_back(bytes.begin(), bytes.end());
-                }
+            while (more && batch.size() < kBatch) {
+                more = ReadFrame(capture, batch);
             }
             SendBatch(batch);
         }
+    }
+
+    // False at the end of the capture, or where it is broken.
+    bool ReadFrame(CaptureReader& capture, std::vector<std::vector<uint8_t>>& batch)
+    {
+        std::span<const uint8_t> bytes;
+        try {
+            if (!capture.Next(bytes)) {
+                return false;
+            }
+        } catch (const CtlError& error) {
+            broken_ = error.what();
+            return false;
+        }
+        if (bytes.size() < kEthernetHeader || bytes.size() > NDIS_FILTER_BLOCK_DATA_SIZE) {
+            ++skipped_;
+        } else {
+            batch.emplace_back(bytes.begin(), bytes.end());
+        }
+        return true;
     }
 
     void SendBatch(const std::vector<std::vector<uint8_t>>& batch)
@@ -79,7 +105,7 @@ class Injector
         for (const std::vector<uint8_t>& bytes : batch) {
             ndisfilter_frame frame = {};
             frame.adapter_id = adapterId_;
-            frame.direction = arguments_.direction;
+            frame.direction = direction_;
             frame.data = bytes.data();
             frame.size = static_cast<uint32_t>(bytes.size());
             frames.push_back(frame);
@@ -133,6 +159,10 @@ class Injector
         if (interrupted) {
             return ExitCode::Interrupted;
         }
+        if (!broken_.empty()) {
+            PrintRemark(broken_ + "; only the frames before that were sent");
+            return ExitCode::File;
+        }
         if (stalled_ > 0) {
             PrintRemark(
                 fmt::format("the driver has not taken {} frames within {} ms, they were taken back; is the "
@@ -153,8 +183,10 @@ class Injector
     Session& session_;
     const InjectArguments& arguments_;
     const uint32_t adapterId_;
+    const uint32_t direction_;
     const bool loops_;
     std::vector<ndisfilter_block> room_;
+    std::string broken_; // what is wrong with the capture
     uint64_t sent_ = 0;
     uint64_t skipped_ = 0;
     uint64_t stalled_ = 0;
@@ -177,12 +209,8 @@ void AddInjectCommand(CLI::App& app, Session& session)
             "in: to the protocols, through the filters for that; out: to the adapter; loop: back to this "
             "program")
         ->required()
-        ->transform(CLI::CheckedTransformer(
-                        std::map<std::string, uint32_t>{{"in", NDIS_FILTER_DIRECTION_TO_PROTOCOL},
-                                                        {"out", NDIS_FILTER_DIRECTION_TO_ADAPTER},
-                                                        {"loop", NDIS_FILTER_DIRECTION_TO_APPLICATION}})
-                        .description("{in,out,loop}"))
-        ->option_text("in|out|loop");
+        ->check(CLI::IsMember({"in", "out", "loop"}))
+        ->option_text("in|out|loop REQUIRED");
     inject->add_option("--repeat", arguments->repeat, "Send the capture so often")
         ->check(CLI::Range(uint64_t{1}, uint64_t{1'000'000'000}))
         ->option_text("N");

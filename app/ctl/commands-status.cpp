@@ -95,9 +95,11 @@ ExitCode RunDiagnostic(Session& session, const std::vector<std::string>& words)
         fmt::print("{}", text);
     }
     if (text.empty()) {
-        PrintRemark(fmt::format("no driver answers to `{}`; `ndisfilterctl diag driver` shows who is there, "
-                                "`ndisfilterctl diag filter help` what the framework answers to",
-                                command));
+        PrintRemark(fmt::format(
+            "`{}` was answered with nothing: no driver knows it, or there is nothing to show; "
+            "`ndisfilterctl diag driver` shows who is there, `ndisfilterctl diag filter help` what "
+            "the framework answers to",
+            command));
         return ExitCode::Unanswered;
     }
     return ExitCode::Success;

@@ -65,6 +65,7 @@ class Watcher
             finished_ = finished_ || (!blocks.empty() && !FlushOutput());
         }
         session_.Driver().StopShare();
+        finished_ = !FlushOutput();
         Remark(fmt::format("{} frames, {} signals", frames_, signals_));
     }
 
@@ -126,10 +127,16 @@ void AddWatchCommand(CLI::App& app, Session& session)
         ->option_text("FILE|-");
     watch->add_option("--adapter", arguments->adapter,
                       "Frames of this adapter only: identifier, MAC address or name");
-    watch->add_option("--count", arguments->count, "End behind so many frames and signals")->option_text("N");
+    watch->add_option("--count", arguments->count, "End behind so many frames and signals")
+        ->check(CLI::Range(uint64_t{1}, UINT64_MAX).description(""))
+        ->option_text("N");
     watch->add_option("--seconds", arguments->seconds, "End after so long")
         ->option_text("N")
-        ->check(CLI::PositiveNumber);
+        ->check([](const std::string& text) {
+            double seconds = 0;
+            return CLI::detail::lexical_cast(text, seconds) && seconds > 0 ? ""
+                                                                           : text + " is no time above 0";
+        });
     watch->add_flag("--quiet", arguments->quiet, "No remarks on standard error");
     watch->footer(
         "One program at a time gets what filters indicate.\n\nExamples:\n  ndisfilterctl watch --count 10\n"

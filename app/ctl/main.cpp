@@ -5,7 +5,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <string>
 #include <system_error>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -28,12 +30,31 @@ Exit codes:
   2    a bad option or argument
   3    the control device cannot be opened
   4    a file cannot be read or written
-  5    nobody answered a diagnostic, frames were not taken or did not come back, or capture files were not made
+  5    a diagnostic was answered with nothing, frames were not taken or did not come back, or capture files were not made
   130  ended by Ctrl-C before the work was done)";
 
 void HandleInterrupt(int)
 {
     interrupted = true;
+}
+
+// What is wrong with the command line, and which help has the answer.
+std::string ExplainParseError(const CLI::App& app, const CLI::ParseError& error)
+{
+    const CLI::App* command = &app;
+    std::string name = app.get_name();
+    while (!command->get_subcommands().empty()) {
+        command = command->get_subcommands().front();
+        name += " " + command->get_name();
+    }
+    std::string problem = error.what();
+    if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr &&
+        command->get_require_subcommand_min() > 0) {
+        const std::vector<std::string> unknown = command->remaining();
+        problem =
+            unknown.empty() ? "a command is missing" : fmt::format("{}: no such command", unknown.front());
+    }
+    return fmt::format("{}; see `{} --help`", problem, name);
 }
 
 int Run(int argc, char** argv)
@@ -49,20 +70,20 @@ int Run(int argc, char** argv)
     app.add_flag("--json", session.json, "Print JSON; commands that go on print one object a line");
     app.require_subcommand(1);
     app.fallthrough();
-    app.footer(kFooter);
     AddStatusCommands(app, session);
     AddAdapterCommands(app, session);
     AddEventCommands(app, session);
     AddCaptureCommands(app, session);
     AddWatchCommand(app, session);
     AddInjectCommand(app, session);
+    app.footer(kFooter); // behind the commands, which would inherit it
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
             return app.exit(error); // --help and --version
         }
-        PrintRemark(fmt::format("{}; --help lists commands and options", error.what()));
+        PrintRemark(ExplainParseError(app, error));
         return static_cast<int>(ExitCode::Usage);
     }
     const ExitCode code = session.run();

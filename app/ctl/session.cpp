@@ -49,6 +49,13 @@ bool IsNumber(const std::string& text)
     return !text.empty() && std::ranges::all_of(text, [](char c) { return c >= '0' && c <= '9'; });
 }
 
+std::string NoSuchAdapter(const std::string& reference)
+{
+    return fmt::format(
+        "{}: no such adapter; give an identifier, a MAC address or a name from `ndisfilterctl adapters`",
+        reference);
+}
+
 uint32_t ParseId(const std::string& text)
 {
     uint32_t id = 0;
@@ -84,12 +91,23 @@ UserAdapterInfo Session::FindListed(const std::string& reference)
         return isNumber ? adapter.m_nAdapterId == ParseId(reference) : adapter.m_szAdapterName == reference;
     });
     if (found == adapters.end()) {
-        throw CtlError(ExitCode::Usage,
-                       fmt::format("{}: no such adapter; give an identifier, a MAC address or a name from "
-                                   "`ndisfilterctl adapters`",
-                                   reference));
+        throw CtlError(ExitCode::Usage, NoSuchAdapter(reference));
     }
     return *found;
+}
+
+std::optional<uint32_t> Session::FindByMac(const MacAddress& mac)
+{
+    try {
+        return Driver().FindAdapter(mac);
+    } catch (const ndisfilter::RequestError& error) {
+        constexpr auto kInternalError =
+            static_cast<int32_t>(0xC00000E5); // what the driver says of an unknown one
+        if (error.Status() != kInternalError) {
+            throw;
+        }
+        return std::nullopt;
+    }
 }
 
 uint32_t Session::AdapterId(const std::string& reference)
@@ -98,7 +116,8 @@ uint32_t Session::AdapterId(const std::string& reference)
         return ParseId(reference);
     }
     if (const std::optional<MacAddress> mac = ParseMac(reference)) {
-        return About(reference, [&] { return Driver().FindAdapter(*mac); });
+        const std::optional<uint32_t> id = FindByMac(*mac);
+        return id ? *id : throw CtlError(ExitCode::Usage, NoSuchAdapter(reference));
     }
     return FindListed(reference).m_nAdapterId;
 }

@@ -72,6 +72,7 @@ class Session
 
   private:
     UserAdapterInfo FindListed(const std::string& reference);
+    std::optional<uint32_t> FindByMac(const MacAddress& mac);
 
     std::optional<Client> client_;
 };

@@ -1,4 +1,5 @@
-# The drivers for Windows x86-64: the framework, the sample client drivers, and what the tests under Wine need.
+# The drivers for Windows x86-64: the framework, the loop-back hook driver, the sample client drivers, and what the
+# tests under Wine need.
 # Included by the top CMakeLists.txt under the Windows toolchain, so that objects are named by paths below the top.
 set(windows ${CMAKE_CURRENT_LIST_DIR})
 set(filter ${PROJECT_SOURCE_DIR}/driver/kernel/filter)
@@ -33,13 +34,18 @@ add_windows_driver(ndisfilter
 target_include_directories(ndisfilter PRIVATE ${filter} ${filter}/include ${tdi} ${tdi}/include)
 target_link_options(ndisfilter PRIVATE /version:1.0)
 
+set(driver_names ndisfilter loophook)
 file(GLOB samples ${PROJECT_SOURCE_DIR}/samples/*)
 foreach(sample IN LISTS samples)
     cmake_path(GET sample FILENAME name)
     file(GLOB sources CONFIGURE_DEPENDS ${sample}/*.cpp)
+    list(APPEND driver_names ${name})
     add_windows_driver(${name} SOURCES ${sources} LIBRARIES ndisfilter)
     target_include_directories(${name} PRIVATE ${filter}/include ${tdi}/include)
 endforeach()
+
+add_windows_driver(loophook SOURCES ${windows}/loophook/loophook.cpp)
+target_include_directories(loophook PRIVATE ${filter}/include)
 
 # Every public header compiles alone, as C and as C++; the one for user programs also beside those of a program.
 file(GLOB headers CONFIGURE_DEPENDS ${filter}/include/*.h ${tdi}/include/*.h)
@@ -67,13 +73,10 @@ add_subdirectory(tests/windows)
 include(${PROJECT_SOURCE_DIR}/app/windows.cmake)
 
 # What users and developers of client drivers get.
-set(images $<TARGET_FILE:ndisfilter> ${CMAKE_CURRENT_BINARY_DIR}/ndisfilter.pdb)
-foreach(sample IN LISTS samples)
-    cmake_path(GET sample FILENAME name)
-    list(APPEND images $<TARGET_FILE:${name}> ${CMAKE_CURRENT_BINARY_DIR}/${name}.pdb)
+foreach(name IN LISTS driver_names)
+    install(FILES $<TARGET_FILE:${name}> ${CMAKE_CURRENT_BINARY_DIR}/${name}.pdb DESTINATION .)
 endforeach()
-list(APPEND images $<TARGET_FILE:loophook> ${CMAKE_CURRENT_BINARY_DIR}/tests/windows/loophook.pdb)
-install(FILES ${images} ${CMAKE_CURRENT_BINARY_DIR}/ndisfilter.lib ${windows}/ndisfilter.inf DESTINATION .)
-install(FILES ${headers} DESTINATION include)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ndisfilter.lib ${windows}/ndisfilter.inf DESTINATION .)
+install(FILES ${headers} ${windows}/loophook/loophook.h DESTINATION include)
 install(FILES ${windows}/include/ntddk.h ${windows}/include/ndis.h DESTINATION kernel-include)
 install(FILES ${windows}/cmake/windows-driver.cmake ${windows}/cmake/windows-toolchain.cmake DESTINATION cmake)

@@ -103,6 +103,29 @@ FILTER_RESULT IndicatePacket(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterP
     return FILTER_RESULT_BYPASS;
 }
 
+// ------------------------------------------------------------------------------- the port and its event
+
+// The head goes in front of the text: it is what the framework rewrites when the program takes the event.
+VOID ReportPort(ULONG port)
+{
+    struct {
+        FilterEventHead Head;
+        CHAR Text[48];
+    } event;
+    RtlZeroMemory(&event, sizeof(event));
+    event.Head.m_nValue1 = port;
+    const int length = port != 0 ? _snprintf(event.Text, sizeof(event.Text) - 1, "port %u is indicated", port)
+                                 : _snprintf(event.Text, sizeof(event.Text) - 1, "every frame is indicated");
+    // A full queue refuses it: nobody takes events.
+    Filter_ReportEventEx(INDICATOR_EVENT_PORT, port, sizeof(event.Head) + static_cast<ULONG>(length), &event);
+}
+
+VOID ChangePort(ULONG port)
+{
+    InterlockedExchange(&indicator.Port, static_cast<LONG>(port));
+    ReportPort(port);
+}
+
 // ----------------------------------------------------------------------------------------- control requests
 
 NTSTATUS GetCounters(PVOID pOutput, ULONG nOutputLength, ULONG_PTR* pBytesReturned)
@@ -127,7 +150,7 @@ NTSTATUS SetPort(const VOID* pInput, ULONG nInputLength)
     if (port > kMaxPort) {
         return STATUS_INVALID_PARAMETER;
     }
-    InterlockedExchange(&indicator.Port, static_cast<LONG>(port));
+    ChangePort(port);
     return STATUS_SUCCESS;
 }
 
@@ -167,7 +190,7 @@ VOID Answer(Diag* pDiag)
                          Read(&indicator.Port), Read(&indicator.Indicated), Read(&indicator.Signals),
                          Read(&indicator.SignalsRefused));
     } else if (count == 2 && IsWord(words[0], "port") && ParsePort(words[1], &port)) {
-        InterlockedExchange(&indicator.Port, static_cast<LONG>(port));
+        ChangePort(port);
         Filter_DiagPrint(pDiag, "port %u\n", port);
     } else {
         Filter_DiagPrint(pDiag, "counters - show what was indicated\n"

@@ -1,6 +1,6 @@
 /*
  * What the sample driver "indicator" shares with user programs: the codes and values of its frames, its signals, its
- * control requests. Plain C; include ndisfilter-user.h before it.
+ * event, its control requests. Plain C; include ndisfilter-user.h before it.
  */
 #ifndef INDICATOR_H
 #define INDICATOR_H
@@ -8,6 +8,9 @@
 /* m_nIndicateCode of a frame; its m_nIndicateValue is the number of the frame, from 1. */
 #define INDICATOR_CODE_RECEIVED 1u
 #define INDICATOR_CODE_SENT 2u
+
+/* First value of the event that reports another port; the second value, and the first of the head, is the port. */
+#define INDICATOR_EVENT_PORT 1u
 
 /* Control requests, on the framework's device. Numbers below 0x900 are the framework's. */
 #define IOCTL_INDICATOR_GET_COUNTERS NDIS_FILTER_CTL_CODE(0x900) /* output: IndicatorCounters */

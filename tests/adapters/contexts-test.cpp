@@ -1,6 +1,8 @@
-// Context slots of adapters, and the event handlers of client drivers.
+// Context slots of adapters, the event handlers of client drivers, and how handlers of both kinds come and go.
 #include "support/framework.h"
 
+#include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -8,7 +10,6 @@
 
 using namespace support;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace
 {
@@ -40,16 +41,29 @@ class ContextsTest : public FrameworkTest
 class AdapterEventsTest : public ContextsTest
 {};
 
+class HandlersTest : public FrameworkTest
+{
+  protected:
+    HandlersTest() : FrameworkTest(WithTrace(0x80)) {}
+};
+
 PVOID Value(uintptr_t number)
 {
     return reinterpret_cast<PVOID>(number);
 }
 
-ULONG Acquire(const TestDriver& driver)
+// The slot's index, or the status that there is none.
+LONG Acquire(const TestDriver& driver)
 {
     ULONG index = 99;
-    EXPECT_EQ(Filter_AcquireAdapterContext(driver.Handle(), &index), FILTER_STATUS_SUCCESS);
-    return index;
+    const FILTER_STATUS status = Filter_AcquireAdapterContext(driver.Handle(), &index);
+    EXPECT_EQ(index == 99, status != FILTER_STATUS_SUCCESS);
+    return status != FILTER_STATUS_SUCCESS ? status : static_cast<LONG>(index);
+}
+
+FILTER_STATUS Release(const TestDriver& driver, ULONG index)
+{
+    return Filter_ReleaseAdapterContext(driver.Handle(), index);
 }
 
 TEST_F(ContextsTest, ADriverGetsTheLowestFreeSlotAndOnlyOne)
@@ -57,26 +71,19 @@ TEST_F(ContextsTest, ADriverGetsTheLowestFreeSlotAndOnlyOne)
     std::vector<std::unique_ptr<TestDriver>> drivers;
     for (ULONG i = 0; i <= kSlots; i++) {
         drivers.push_back(std::make_unique<TestDriver>("driver " + std::to_string(i)));
+        const LONG expected = i < kSlots ? static_cast<LONG>(i) : FILTER_ERROR_NO_FREE_ADAPTER_CONTEXT;
+        EXPECT_EQ(Acquire(*drivers[i]), expected);
+        EXPECT_EQ(Acquire(*drivers[i]), expected);
     }
-    for (ULONG i = 0; i < kSlots; i++) {
-        EXPECT_EQ(Acquire(*drivers[i]), i);
-        EXPECT_EQ(Acquire(*drivers[i]), i);
-    }
-    ULONG index = 99;
-    EXPECT_EQ(Filter_AcquireAdapterContext(drivers[kSlots]->Handle(), &index),
-              FILTER_ERROR_NO_FREE_ADAPTER_CONTEXT);
-    EXPECT_EQ(index, 99u);
-    // A driver that has gone without releasing keeps its slot.
-    drivers[5].reset();
-    EXPECT_EQ(Filter_AcquireAdapterContext(drivers[kSlots]->Handle(), &index),
-              FILTER_ERROR_NO_FREE_ADAPTER_CONTEXT);
-    EXPECT_EQ(Filter_ReleaseAdapterContext(drivers[9]->Handle(), 9), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(Filter_ReleaseAdapterContext(drivers[3]->Handle(), 3), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(Acquire(*drivers[kSlots]), 3u);
-    EXPECT_EQ(Acquire(*drivers[3]), 9u);
+    drivers[5].reset(); // one that has gone without releasing keeps its slot
+    EXPECT_EQ(Acquire(*drivers[kSlots]), FILTER_ERROR_NO_FREE_ADAPTER_CONTEXT);
+    EXPECT_EQ(Release(*drivers[9], 9), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(Release(*drivers[3], 3), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(Acquire(*drivers[kSlots]), 3);
+    EXPECT_EQ(Acquire(*drivers[3]), 9);
     // Its own slot comes before a lower one that is free.
-    EXPECT_EQ(Filter_ReleaseAdapterContext(drivers[0]->Handle(), 0), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(Acquire(*drivers[3]), 9u);
+    EXPECT_EQ(Release(*drivers[0], 0), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(Acquire(*drivers[3]), 9);
 }
 
 TEST_F(ContextsTest, ValuesStayForTheNextOwnerAndAreReadByAnybody)
@@ -84,37 +91,29 @@ TEST_F(ContextsTest, ValuesStayForTheNextOwnerAndAreReadByAnybody)
     const TestDriver first("first");
     const TestDriver second("second");
     FilterAdapter* other = AddAdapter("{2}", kPeerMac);
-    const ULONG index = Acquire(first);
-    EXPECT_EQ(ContextIn(index), nullptr);
-    EXPECT_EQ(Filter_SetAdapterContext(first.Handle(), adapter_, index, Value(11)), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(Filter_SetAdapterContext(first.Handle(), other, index, Value(12)), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(ContextIn(index), Value(11));
-    EXPECT_EQ(ContextIn(index, other), Value(12));
-
-    EXPECT_EQ(Filter_SetAdapterContext(second.Handle(), adapter_, index, Value(13)),
-              FILTER_ERROR_INVALID_CONTEXT_OWNER);
-    EXPECT_EQ(Filter_ReleaseAdapterContext(second.Handle(), index), FILTER_ERROR_INVALID_CONTEXT_OWNER);
-    EXPECT_EQ(Filter_ReleaseAdapterContext(first.Handle(), index), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(Filter_ReleaseAdapterContext(first.Handle(), index), FILTER_ERROR_INVALID_CONTEXT_OWNER);
-    EXPECT_EQ(Acquire(second), index);
-    EXPECT_EQ(ContextIn(index), Value(11));
-    EXPECT_EQ(ContextIn(index, other), Value(12));
+    const auto set = [](const TestDriver& driver, FilterAdapter* adapter, ULONG slot, uintptr_t value) {
+        return Filter_SetAdapterContext(driver.Handle(), adapter, slot, Value(value));
+    };
+    EXPECT_EQ(Acquire(first), 0);
+    EXPECT_EQ(ContextIn(0), nullptr);
+    EXPECT_EQ(set(first, adapter_, 0, 11), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(set(first, other, 0, 12), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(set(second, adapter_, 0, 13), FILTER_ERROR_INVALID_CONTEXT_OWNER);
+    EXPECT_EQ(Release(second, 0), FILTER_ERROR_INVALID_CONTEXT_OWNER);
+    EXPECT_EQ(Release(first, 0), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(Release(first, 0), FILTER_ERROR_INVALID_CONTEXT_OWNER);
+    EXPECT_EQ(Acquire(second), 0);
+    EXPECT_EQ(ContextIn(0), Value(11));
+    EXPECT_EQ(ContextIn(0, other), Value(12));
     EXPECT_EQ(ContextIn(kSlots - 1), nullptr);
-}
 
-TEST_F(ContextsTest, HandlesAreCheckedBeforeIndexesAndIndexesBeforeOwners)
-{
-    const TestDriver driver;
+    // Handles are checked before indexes, and indexes before owners.
     FilterAdapter noAdapter = {};
     PVOID value = nullptr;
-    const auto set = [&](FilterAdapter* adapter, ULONG slot) {
-        return Filter_SetAdapterContext(driver.Handle(), adapter, slot, nullptr);
-    };
-    EXPECT_EQ(set(&noAdapter, kSlots), FILTER_ERROR_INVALID_ADAPTER_HANDLE);
-    EXPECT_EQ(set(adapter_, kSlots), FILTER_ERROR_INVALID_ADAPTER_CONTEXT);
-    EXPECT_EQ(set(adapter_, 0), FILTER_ERROR_INVALID_CONTEXT_OWNER);
+    EXPECT_EQ(set(first, &noAdapter, kSlots, 13), FILTER_ERROR_INVALID_ADAPTER_HANDLE);
+    EXPECT_EQ(set(first, adapter_, kSlots, 13), FILTER_ERROR_INVALID_ADAPTER_CONTEXT);
+    EXPECT_EQ(Release(first, ~0u), FILTER_ERROR_INVALID_ADAPTER_CONTEXT);
     EXPECT_EQ(Filter_GetAdapterContext(adapter_, kSlots, &value), FILTER_ERROR_INVALID_ADAPTER_CONTEXT);
-    EXPECT_EQ(Filter_ReleaseAdapterContext(driver.Handle(), ~0u), FILTER_ERROR_INVALID_ADAPTER_CONTEXT);
 }
 
 // ---------------------------------------------------------------------------------------------------- events
@@ -137,8 +136,6 @@ VOID Record(FilterDriver* driver, PVOID driverContext, ULONG event, PVOID eventC
     g_seen.push_back({driver, driverContext, event, eventContext, adapter});
 }
 
-VOID Ignore(FilterDriver*, PVOID, ULONG, PVOID, FilterAdapter*) {}
-
 TEST_F(AdapterEventsTest, ReachAllHandlersInTheOrderOfRegistration)
 {
     const TestDriver first("first", Value(1));
@@ -155,13 +152,14 @@ TEST_F(AdapterEventsTest, ReachAllHandlersInTheOrderOfRegistration)
     hook::IndicateStatus(added, kMediaDisconnect);
     hook::IndicateStatus(added, kMediaConnect);
     hook::IndicateStatus(added, 0x40010017);
+    IPConfig config = {};
+    config.hAdapter = added;
+    config.m_nReserved = 1;
+    EXPECT_EQ(Filter_SetIPConfig(&config), FILTER_STATUS_SUCCESS);
     hook::CloseAdapter(added);
 
-    const std::pair<ULONG, FilterAdapter*> expected[] = {{FILTER_EVENT_ADAPTER_OPENED, adapter_},
-                                                         {FILTER_EVENT_ADAPTER_OPENED, added},
-                                                         {FILTER_EVENT_MEDIA_DISCONNECT, added},
-                                                         {FILTER_EVENT_MEDIA_CONNECT, added},
-                                                         {FILTER_EVENT_ADAPTER_CLOSED, added}};
+    const std::pair<ULONG, FilterAdapter*> expected[] = {{0, adapter_}, {0, added}, {2, added},
+                                                         {1, added},    {4, added}, {3, added}};
     std::vector<Seen> all;
     for (const auto& [event, adapter] : expected) {
         all.push_back({second.Handle(), Value(2), event, nullptr, adapter});
@@ -174,54 +172,6 @@ TEST_F(AdapterEventsTest, ReachAllHandlersInTheOrderOfRegistration)
     Filter_EnumOpenedAdapter();
     EXPECT_THAT(g_seen,
                 ElementsAre(Seen{first.Handle(), Value(1), FILTER_EVENT_ADAPTER_OPENED, Value(3), adapter_}));
-}
-
-TEST_F(AdapterEventsTest, OneHandlerADriverAndOnlyItsOwnerRemovesIt)
-{
-    TestDriver first("first");
-    const TestDriver second("second");
-    EventHandler* handler = nullptr;
-    EventHandler* unused = nullptr;
-    ASSERT_EQ(Filter_RegisterEventHandler(first.Handle(), Record, nullptr, &handler), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(Filter_RegisterEventHandler(first.Handle(), Ignore, nullptr, &unused),
-              FILTER_ERROR_EVENT_HANDLER_ALREADY_REGISTERED);
-    EXPECT_EQ(unused, nullptr);
-
-    uint8_t forged[64] = {};
-    memcpy(forged + 16, "2GAT", 4);
-    EXPECT_EQ(Filter_DeregisterEventHandler(first.Handle(), reinterpret_cast<EventHandler*>(forged)),
-              FILTER_ERROR_EVENT_HANDLER_NOT_FOUND);
-    EXPECT_EQ(Filter_DeregisterEventHandler(second.Handle(), handler),
-              FILTER_ERROR_INVALID_EVENT_HANDLER_OWNER);
-    g_seen.clear();
-    Filter_EnumOpenedAdapter();
-    EXPECT_EQ(g_seen.size(), 1u);
-
-    // It goes with its driver; the handle it leaves is refused.
-    EXPECT_EQ(first.Deregister(), FILTER_STATUS_SUCCESS);
-    g_seen.clear();
-    Filter_EnumOpenedAdapter();
-    EXPECT_THAT(g_seen, IsEmpty());
-    EXPECT_FALSE(Filter_IsValidEventHandler(handler));
-    Debug().Take();
-    EXPECT_FALSE(Filter_IsValidEventHandler(nullptr));
-    EXPECT_EQ(Debug().Take(),
-              "Filter_IsValidEventHandler: Invalid Handle 0x0000000000000000, bad tag 0xffffffff\n");
-}
-
-TEST_F(AdapterEventsTest, WithoutMemoryARegistrationSucceedsAndStoresNothing)
-{
-    const TestDriver driver;
-    EventHandler* handler = nullptr;
-    machine::FailCall(machine::Fault::Pool, 1);
-    EXPECT_EQ(Filter_RegisterEventHandler(driver.Handle(), Record, nullptr, &handler), FILTER_STATUS_SUCCESS);
-    EXPECT_TRUE(machine::FaultHit(machine::Fault::Pool));
-    EXPECT_EQ(handler, nullptr);
-    g_seen.clear();
-    Filter_EnumOpenedAdapter();
-    EXPECT_THAT(g_seen, IsEmpty());
-    EXPECT_EQ(Filter_RegisterEventHandler(driver.Handle(), Record, nullptr, &handler), FILTER_STATUS_SUCCESS);
-    EXPECT_NE(handler, nullptr);
 }
 
 TEST_F(AdapterEventsTest, HandlersComeAndGoWhileEventsAreDelivered)
@@ -248,6 +198,81 @@ TEST_F(AdapterEventsTest, HandlersComeAndGoWhileEventsAreDelivered)
     }
     raiser.join();
     EXPECT_EQ(events, 500);
+}
+
+// One of the two registries of handlers.
+template <class Handler, class Procedure>
+struct Registry {
+    FILTER_STATUS (*add)(FilterDriver*, Procedure, PVOID, Handler**);
+    FILTER_STATUS (*remove)(FilterDriver*, Handler*);
+    BOOLEAN (*isValid)(Handler*);
+    Procedure procedure; // counts in g_calls
+    std::function<void()> call;
+    std::string name, tag; // of its handles
+    FILTER_STATUS isKnown, notFound, notOwner;
+};
+
+int g_calls;
+
+template <class Handler, class Procedure>
+void ExpectOneADriver(const Registry<Handler, Procedure>& registry, machine::DebugCapture& debug)
+{
+    const auto calls = [&] {
+        g_calls = 0;
+        registry.call();
+        return g_calls;
+    };
+    TestDriver first("first");
+    const TestDriver second("second");
+    Handler* handle = nullptr;
+    const auto add = [&] { return registry.add(first.Handle(), registry.procedure, nullptr, &handle); };
+    machine::FailCall(machine::Fault::Pool, 1);
+    EXPECT_EQ(add(), FILTER_STATUS_SUCCESS); // without memory nothing is registered
+    EXPECT_EQ(handle, nullptr);
+    EXPECT_EQ(calls(), 0);
+    ASSERT_EQ(add(), FILTER_STATUS_SUCCESS);
+    EXPECT_TRUE(registry.isValid(handle));
+    Handler* const own = handle;
+    EXPECT_EQ(add(), registry.isKnown);
+    EXPECT_EQ(handle, own);
+
+    uint8_t forged[64] = {};
+    registry.tag.copy(reinterpret_cast<char*>(forged) + 16, 4);
+    EXPECT_EQ(registry.remove(first.Handle(), reinterpret_cast<Handler*>(forged)), registry.notFound);
+    EXPECT_EQ(registry.remove(second.Handle(), own), registry.notOwner);
+    EXPECT_EQ(calls(), 1);
+    debug.Take();
+    EXPECT_EQ(registry.remove(first.Handle(), own), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(calls(), 0);
+
+    // It goes with its driver, too; the handle it leaves is refused.
+    ASSERT_EQ(add(), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(first.Deregister(), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(calls(), 0);
+    EXPECT_FALSE(registry.isValid(handle));
+    EXPECT_FALSE(registry.isValid(nullptr));
+    EXPECT_TRUE(debug.Contains("Filter_IsValid" + registry.name +
+                               ": Invalid Handle 0x0000000000000000, bad tag 0xffffffff\n"));
+}
+
+TEST_F(HandlersTest, OneADriverAndOnlyItsOwnerRemovesIt)
+{
+    AddAdapter();
+    ExpectOneADriver<EventHandler, FILTER_EVENT_PROC>(
+        {Filter_RegisterEventHandler, Filter_DeregisterEventHandler, Filter_IsValidEventHandler,
+         [](auto...) { ++g_calls; }, Filter_EnumOpenedAdapter, "EventHandler", "2GAT",
+         FILTER_ERROR_EVENT_HANDLER_ALREADY_REGISTERED, FILTER_ERROR_EVENT_HANDLER_NOT_FOUND,
+         FILTER_ERROR_INVALID_EVENT_HANDLER_OWNER},
+        Debug());
+    ExpectOneADriver<IoCtrlHandler, FILTER_IOCTRL_PROC>(
+        {Filter_RegisterIoControl, Filter_DeregisterIoControl, Filter_IsValidIoCtrlHandler,
+         [](auto...) -> NTSTATUS { return ++g_calls; },
+         [] { machine::Process().Open(kDeviceName)->Control(0x80003000, {}, {}); }, "IoCtrlHandler", "9GAT",
+         FILTER_ERROR_IOCTL_HANDLER_ALREADY_REGISTERED, FILTER_ERROR_IOCTL_HANDLER_NOT_FOUND,
+         FILTER_ERROR_INVALID_IOCTL_HANDLER_OWNER},
+        Debug());
+    EXPECT_TRUE(Debug().Contains("Enter Filter_DeregisterIoControlr\n  Error: 0 - FILTER_STATUS_SUCCESS\n"
+                                 "Leave Filter_DeregisterIoControl, 0-FILTER_STATUS_SUCCESS\n"));
 }
 
 } // namespace

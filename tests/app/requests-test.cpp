@@ -156,6 +156,7 @@ TEST_F(RequestsTest, DiagnosticTextIsWhatTheDriverHasWritten)
     returned = 540;
     EXPECT_EQ(client.Diagnose("filter help", 100), std::string(99, 'y'));
     header.m_BufferUsed = UINT32_MAX;
+    returned = 39;
     EXPECT_EQ(client.Diagnose("filter help"), "");
     header.m_BufferUsed = INT32_MAX;
     returned = 60;
@@ -182,31 +183,25 @@ TEST(EventTest, IsTakenApartWhateverItsLengthSays)
     UserEventHead head = {1, 2, 3, 4, 5, 6, 7};
     std::memcpy(event.m_Text, &head, sizeof(head));
     std::memcpy(event.m_Text + 38, "message", 7);
-    ndisfilter_event decoded;
-
-    event.m_nLength = 45;
-    ndisfilter_decode_event(&event, &decoded);
-    EXPECT_EQ(decoded.event1, 11u);
-    EXPECT_EQ(decoded.event2, 12u);
-    EXPECT_EQ(decoded.has_head, 1);
-    EXPECT_EQ(std::memcmp(&decoded.head, &head, sizeof(head)), 0);
-    EXPECT_EQ(std::string(decoded.message, decoded.message_size), "message");
-
-    event.m_nLength = 38;
-    ndisfilter_decode_event(&event, &decoded);
-    EXPECT_EQ(decoded.has_head, 1);
-    EXPECT_EQ(decoded.message_size, 0u);
-
-    event.m_nLength = 37;
-    ndisfilter_decode_event(&event, &decoded);
-    EXPECT_EQ(decoded.has_head, 0);
-    EXPECT_EQ(decoded.message, reinterpret_cast<const char*>(event.m_Text));
-    EXPECT_EQ(decoded.message_size, 37u);
-
-    for (const int32_t length : {-1, 1025, INT32_MAX, INT32_MIN}) {
-        event.m_nLength = length;
+    struct {
+        int32_t length;
+        size_t head;
+        size_t message;
+    } const cases[] = {{45, 38, 7},     {38, 38, 0},          {37, 0, 37},         {-1, 38, 986},
+                       {1025, 38, 986}, {INT32_MAX, 38, 986}, {INT32_MIN, 38, 986}};
+    for (const auto& wanted : cases) {
+        SCOPED_TRACE(wanted.length);
+        event.m_nLength = wanted.length;
+        ndisfilter_event decoded;
         ndisfilter_decode_event(&event, &decoded);
-        EXPECT_EQ(decoded.message_size, 1024u - 38u) << length;
+        EXPECT_EQ(decoded.event1, 11u);
+        EXPECT_EQ(decoded.event2, 12u);
+        EXPECT_EQ(decoded.has_head, wanted.head != 0 ? 1 : 0);
+        EXPECT_EQ(decoded.message, reinterpret_cast<const char*>(event.m_Text) + wanted.head);
+        EXPECT_EQ(decoded.message_size, wanted.message);
+        if (wanted.head != 0) {
+            EXPECT_EQ(std::memcmp(&decoded.head, &head, sizeof(head)), 0);
+        }
     }
 }
 

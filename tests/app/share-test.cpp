@@ -1,6 +1,8 @@
 // The client's side of the rings against a driver that the test plays.
 #include "fake-device.h"
 
+#include <support/eventually.h>
+
 #include <climits>
 #include <random>
 #include <thread>
@@ -21,9 +23,9 @@ class ShareTest : public Test
   protected:
     ndisfilter_client* Raw() { return client.Get(); }
 
-    size_t Send(size_t count, uint32_t timeoutMs, int32_t expected)
+    size_t Send(size_t wanted, uint32_t timeoutMs, int32_t expected)
     {
-        const std::vector<ndisfilter_frame> frames(count, Frame(payload));
+        const std::vector<ndisfilter_frame> frames(wanted, Frame(payload));
         size_t sent = SIZE_MAX;
         EXPECT_EQ(ndisfilter_send(Raw(), frames.data(), frames.size(), timeoutMs, &sent), expected);
         return sent;
@@ -40,16 +42,6 @@ class ShareTest : public Test
     int32_t Receive(uint32_t timeoutMs)
     {
         return ndisfilter_receive(Raw(), blocks.data(), blocks.size(), timeoutMs, &count);
-    }
-    // Bounded; until another thread has done its part.
-    template <typename Condition>
-    static void WaitUntil(Condition condition)
-    {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLong);
-        while (!condition()) {
-            ASSERT_LT(std::chrono::steady_clock::now(), end);
-            std::this_thread::yield();
-        }
     }
 
     FakeDriver driver;
@@ -217,7 +209,7 @@ TEST_F(ShareTest, AWaitingReceiveEndsWithABlockTheTimeOrACancel)
     writer.join();
 
     std::thread canceller([this] {
-        WaitUntil([this] { return driver.HasParkedRead(); });
+        EXPECT_TRUE(support::Eventually([this] { return driver.HasParkedRead(); }));
         client.CancelReceive();
     });
     EXPECT_EQ(Receive(kLong), NDISFILTER_CANCELLED);
@@ -254,7 +246,7 @@ TEST_F(ShareTest, StoppingEndsWaitingCalls)
     EXPECT_EQ(Send(511, 0, NDISFILTER_SUCCESS), 511u);
     std::thread receiver([this] { EXPECT_EQ(Receive(NDISFILTER_FOREVER), NDISFILTER_NO_SHARE); });
     std::thread sender([this] { EXPECT_EQ(Send(1, NDISFILTER_FOREVER, NDISFILTER_NO_SHARE), 0u); });
-    WaitUntil([this] { return driver.HasParkedRead(); });
+    EXPECT_TRUE(support::Eventually([this] { return driver.HasParkedRead(); }));
     client.StopShare();
     receiver.join();
     sender.join();

@@ -1,10 +1,11 @@
 // The parts of ndisfilterctl that need no driver: texts, and capture files.
 #include "block-text.h"
 #include "capture-file.h"
-#include "capture-names.h"
 #include "event-text.h"
 #include "ipv4.h"
 #include "session.h"
+
+#include <support/program.h>
 
 #include <cstring>
 #include <filesystem>
@@ -12,7 +13,6 @@
 
 #include <gmock/gmock.h>
 #include <pcap/pcap.h>
-#include <unistd.h>
 
 namespace
 {
@@ -23,14 +23,6 @@ using namespace ctl;
 class CaptureFileTest : public Test
 {
   protected:
-    CaptureFileTest()
-        : directory(std::filesystem::temp_directory_path() / ("ctl-test-" + std::to_string(getpid())))
-    {
-        std::filesystem::create_directory(directory);
-        path = directory / "frames.pcap";
-    }
-    ~CaptureFileTest() override { std::filesystem::remove_all(directory); }
-
     void WriteBytes(std::string_view bytes) { std::ofstream(path, std::ios::binary) << bytes; }
     static std::string Word(uint32_t value, bool bigEndian)
     {
@@ -61,8 +53,8 @@ class CaptureFileTest : public Test
         return frames;
     }
 
-    std::filesystem::path directory;
-    std::string path;
+    const support::TemporaryDirectory directory;
+    const std::string path = directory.File("frames.pcap");
 };
 
 // What is written can be read by libpcap at any time, without closing.
@@ -92,7 +84,7 @@ TEST_F(CaptureFileTest, AStreamIsReadableWhileItGrows)
         pcap_close(pcap);
     }
     EXPECT_EQ(ReadClassic().size(), 3u);
-    EXPECT_THROW(CaptureStream(directory / "missing" / "file"), CtlError);
+    EXPECT_THROW(CaptureStream(directory.File("missing/file")), CtlError);
 }
 
 TEST_F(CaptureFileTest, TheClassicReaderTakesBothByteOrdersAndResolutions)
@@ -196,19 +188,6 @@ TEST(CtlTextTest, AddressesAreReadStrictly)
          {"", "02:00:00:00:00", "02:00:00:00:00:0g", "02:00:00:00:00:0f:", "020:0:00:00:00:0f"}) {
         EXPECT_FALSE(ParseMac(text)) << text;
     }
-}
-
-TEST(CtlTextTest, CaptureLogsAreNamedByTheAdaptersAddress)
-{
-    UserAdapterInfo adapter = {};
-    const uint8_t mac[6] = {0x00, 0x1A, 0x2B, 0x3C, 0x4D, 0x5E};
-    std::memcpy(adapter.m_CurrentAddress, mac, sizeof(mac));
-    EXPECT_THAT(CaptureLogNames({adapter}),
-                ElementsAre("Adapter(00-1A-2B-3C-4D-5E)NdisUpper.eth",
-                            "Adapter(00-1A-2B-3C-4D-5E)NdisLower.eth",
-                            "Adapter(00-1A-2B-3C-4D-5E)NdisInject.eth", "Application-to-Driver-Io.eth",
-                            "Driver-to-Application-Io.eth"));
-    EXPECT_THAT(CaptureLogNames({}), IsEmpty());
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #include <sharing/program.h>
 #include <support/captures.h>
 #include <support/packet.h>
+#include <support/program.h>
 
 #include <atomic>
 #include <filesystem>
@@ -27,48 +28,39 @@ const std::string kUpper = LogName(kOwnMacText, "Upper");
 const std::string kLower = LogName(kOwnMacText, "Lower");
 const std::string kInject = LogName(kOwnMacText, "Inject");
 
-class CaptureTest : public FrameworkTest
+class CaptureTest : public sharing::SharingTest
 {
   protected:
-    CaptureTest() : FrameworkTest(WithTrace(0x2)) {}
+    CaptureTest() { plan_ = WithTrace(0x2); }
 
     void SetUp() override
     {
-        std::string name = (std::filesystem::temp_directory_path() / "captureXXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        directory = name;
-        machine::SetDriveC(directory.string());
-        FrameworkTest::SetUp();
-        adapter = AddAdapter();
+        machine::SetDriveC(directory.Path());
+        SharingTest::SetUp();
     }
     void TearDown() override
     {
-        device.reset();
-        FrameworkTest::TearDown();
+        SharingTest::TearDown();
         machine::SetDriveC("");
-        std::filesystem::remove_all(directory);
     }
 
-    void Request(uint32_t code)
+    static void Request(uint32_t code)
     {
-        if (device == nullptr) {
-            device = OpenDevice();
-        }
-        EXPECT_EQ(device->Control(code, {}, {}).status, STATUS_SUCCESS);
+        EXPECT_EQ(sharing::SharingProgram().Control(code).status, STATUS_SUCCESS);
     }
-    void Start()
+    static void Start()
     {
         Request(IOCTL_NDIS_FILTER_START_ETHRLOG);
         EXPECT_TRUE(machine::WaitIdle());
     }
-    void Stop()
+    static void Stop()
     {
         EXPECT_TRUE(machine::WaitIdle()); // what was recorded is written
         Request(IOCTL_NDIS_FILTER_STOP_ETHRLOG);
         EXPECT_TRUE(machine::WaitIdle());
     }
 
-    std::string Path(const std::string& log) const { return (directory / log).string(); }
+    std::string Path(const std::string& log) const { return directory.File(log); }
     std::vector<Bytes> FramesIn(const std::string& log) const
     {
         std::vector<Bytes> frames;
@@ -80,7 +72,7 @@ class CaptureTest : public FrameworkTest
     std::vector<std::string> Files() const
     {
         std::vector<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        for (const auto& entry : std::filesystem::directory_iterator(directory.Path())) {
             names.push_back(entry.path().filename().string());
         }
         return names;
@@ -90,64 +82,53 @@ class CaptureTest : public FrameworkTest
     {
         EXPECT_EQ(hook::DeliverReceived(adapter, frame, options), hook::Accepted::Yes);
     }
+    void Inject(const Bytes& frame) // recorded in the lower log alone
+    {
+        EXPECT_EQ(Filter_InjectPacketToAdapterEx(adapter, MakePacket(adapter, frame)), FILTER_STATUS_SUCCESS);
+    }
 
-    std::filesystem::path directory;
-    std::unique_ptr<machine::File> device;
-    FilterAdapter* adapter = nullptr;
+    TemporaryDirectory directory;
 };
 
 TEST_F(CaptureTest, EachLogHoldsWhatPassedItsPoint)
 {
-    const Bytes received = UdpFrame(1, 1), sent = UdpFrame(2, 2), injected = UdpFrame(3, 3),
-                indicated = UdpFrame(4, 4);
-    const Bytes fromProgram = UdpFrame(5, 5), fromRing = UdpFrame(6, 6), toProgram = UdpFrame(7, 7);
-    sharing::SharingProgram program;
+    Bytes frames[8];
+    for (uint16_t i = 0; i < 8; ++i) {
+        frames[i] = UdpFrame(i, i);
+    }
     ASSERT_NE(program.Start(), NDIS_FILTER_SHARE_FAILED);
+    adapter->m_pLowerEthrLog = Unreadable<void>(); // left of an earlier life of the driver
+    Receive(frames[0]);
     Start();
     EXPECT_THAT(Files(), testing::UnorderedElementsAre(kUpper, kLower, kInject, kAppToDriver, kDriverToApp));
 
-    Receive(received);
-    EXPECT_EQ(hook::DeliverSent(adapter, sent), hook::Accepted::Yes);
-    EXPECT_EQ(Filter_InjectPacketToAdapterEx(adapter, MakePacket(adapter, injected)), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(Filter_IndicatePacketToProtocolEx(adapter, MakePacket(adapter, indicated)),
+    Receive(frames[1]);
+    EXPECT_EQ(hook::DeliverSent(adapter, frames[2]), hook::Accepted::Yes);
+    Inject(frames[3]);
+    EXPECT_EQ(Filter_IndicatePacketToProtocolEx(adapter, MakePacket(adapter, frames[4])),
               FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(Filter_InjectPacketFromApplication(adapter, MakePacket(adapter, fromProgram),
+    EXPECT_EQ(Filter_InjectPacketFromApplication(adapter, MakePacket(adapter, frames[5]),
                                                  NDIS_FILTER_DIRECTION_TO_ADAPTER),
               FILTER_STATUS_SUCCESS);
     ASSERT_TRUE(machine::WaitIdle());
-
-    SharedBlock& block = program.NextInput();
-    std::memset(&block, 0, sizeof(block));
-    ULONG id = 0;
-    EXPECT_EQ(Filter_AdapterToId(adapter, &id), FILTER_STATUS_SUCCESS);
-    block.m_nAdapterId = id;
-    block.m_nDirection = NDIS_FILTER_DIRECTION_TO_PROTOCOL;
-    block.m_nPacketSize = static_cast<uint32_t>(fromRing.size());
-    std::copy(fromRing.begin(), fromRing.end(), block.m_Data);
-    program.Announce();
-    ASSERT_TRUE(machine::WaitIdle());
-    FilterPacket* packet = MakePacket(adapter, toProgram);
-    EXPECT_EQ(Filter_IndicatePacketToApplication(packet, 0, 0), FILTER_STATUS_SUCCESS);
-    Filter_ReleasePacket(packet);
+    Fill(program.NextInput(), NDIS_FILTER_DIRECTION_TO_PROTOCOL, frames[6]);
+    program.Pass();
+    Indicate(frames[7]);
 
     Stop();
-    EXPECT_THAT(FramesIn(kLower), ElementsAre(received, sent, injected, fromProgram));
-    EXPECT_THAT(FramesIn(kUpper), ElementsAre(received, sent, indicated, fromRing));
-    EXPECT_THAT(FramesIn(kInject), ElementsAre(fromProgram));
-    EXPECT_THAT(FramesIn(kAppToDriver), ElementsAre(fromRing));
-    EXPECT_THAT(FramesIn(kDriverToApp), ElementsAre(toProgram));
-    Receive(received); // nobody records any more
+    EXPECT_THAT(FramesIn(kLower), ElementsAre(frames[1], frames[2], frames[3], frames[5]));
+    EXPECT_THAT(FramesIn(kUpper), ElementsAre(frames[1], frames[2], frames[4], frames[6]));
+    EXPECT_THAT(FramesIn(kInject), ElementsAre(frames[5]));
+    EXPECT_THAT(FramesIn(kAppToDriver), ElementsAre(frames[6]));
+    EXPECT_THAT(FramesIn(kDriverToApp), ElementsAre(frames[7]));
+    Receive(frames[1]); // nobody records any more
     EXPECT_EQ(FramesIn(kLower).size(), 4u);
-    EXPECT_EQ(hook::TakeBalance().outstanding, 0u); // every clone has come back
 }
 
 TEST_F(CaptureTest, FramesAreWholeAndAsTheyWereAtThatPoint)
 {
-    const Bytes longest = Counting(1648);
-    const Bytes brief = {1, 2, 3, 4, 5};
-    Bytes padded = brief;
-    padded.resize(14);
-    const Bytes changed = UdpFrame(9, 9);
+    const Bytes longest = Counting(1648), brief = {1, 2, 3, 4, 5}, changed = UdpFrame(9, 9);
+    const Bytes padded = {1, 2, 3, 4, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0};
     TestDriver driver;
     const TestFilter filter(driver, {}, [&](FilterPacket* packet) {
         if (packet->m_nPacketSize == changed.size()) {
@@ -167,11 +148,9 @@ TEST_F(CaptureTest, FramesAreWholeAndAsTheyWereAtThatPoint)
     Receive(UdpFrame(1, 1), {.presentBytes = 60});
     Stop();
     machine::StartClock();
-    const std::vector<CapturedFrame> lower = ReadCapture(Path(kLower));
-    EXPECT_EQ(
-        lower,
-        (std::vector<CapturedFrame>{
-            {longest, kTime}, {Bytes(60, 0xEE), kTime}, {padded, kTime}, {UdpFrame(1, 1), kTime + 250'000}}));
+    EXPECT_THAT(ReadCapture(Path(kLower)),
+                ElementsAre(CapturedFrame{longest, kTime}, CapturedFrame{Bytes(60, 0xEE), kTime},
+                            CapturedFrame{padded, kTime}, CapturedFrame{UdpFrame(1, 1), kTime + 250'000}));
     EXPECT_THAT(FramesIn(kUpper), ElementsAre(longest, Bytes(60, 0xEE), padded, changed));
 }
 
@@ -247,8 +226,7 @@ TEST_F(CaptureTest, AClosedAdaptersLogsAreClosed)
 
     // Without adapters nothing is stopped, and what is still open is closed by the unload: the fixture looks.
     hook::CloseAdapter(other);
-    Request(IOCTL_NDIS_FILTER_STOP_ETHRLOG);
-    EXPECT_TRUE(machine::WaitIdle());
+    Stop();
     EXPECT_THAT(FramesIn(LogName(kPeerMacText, "Lower")), ElementsAre(UdpFrame(2, 2)));
     EXPECT_EQ(machine::TakeCensus().files, open - 6);
 }
@@ -258,85 +236,77 @@ TEST_F(CaptureTest, AnUnloadClosesOpenLogs)
     Start();
     Receive(UdpFrame(1, 1));
     EXPECT_TRUE(machine::WaitIdle());
-    device.reset();
     StopHook();
     StopFramework();
     EXPECT_THAT(FramesIn(kLower), ElementsAre(UdpFrame(1, 1)));
-
-    // Adapters may live on, so a slot may keep what it held: the next life of the driver does not take it for a log.
-    ASSERT_EQ(LoadFramework(), STATUS_SUCCESS);
-    ASSERT_EQ(hook::Load(), STATUS_SUCCESS);
-    ASSERT_EQ(hook::Bind(), STATUS_SUCCESS);
-    adapter = AddAdapter();
-    Bytes freed(64);
-    adapter->m_pLowerEthrLog = freed.data();
-    Receive(UdpFrame(2, 2));
-    Start();
-    Receive(UdpFrame(3, 3));
-    Stop();
-    EXPECT_THAT(FramesIn(kLower), ElementsAre(UdpFrame(3, 3)));
 }
 
 TEST_F(CaptureTest, FailuresLeaveALogSilentAndTrafficAlone)
 {
-    machine::SetDriveC((directory / "missing").string());
+    machine::SetDriveC(Path("missing"));
     Start();
     Receive(UdpFrame(1, 1));
     Stop();
     EXPECT_THAT(Files(), IsEmpty());
-    machine::SetDriveC(directory.string());
+    machine::SetDriveC(directory.Path());
 
+    const Bytes frame = UdpFrame(1, 1);
     uint64_t delivered = 1;
     for (const machine::Fault kind : {machine::Fault::File, machine::Fault::Thread, machine::Fault::Pool}) {
-        for (uint64_t n = 1;; ++n) {
+        bool hit = true;
+        for (uint64_t n = 1; hit; ++n) {
+            ASSERT_LT(n, 200u);
             machine::FailCall(kind, n);
             Start();
             for (int i = 0; i < 2; ++i) {
-                Receive(UdpFrame(1, 1));
-                EXPECT_TRUE(
-                    machine::WaitIdle()); // one writer after the other: the n-th call is always the same
+                Receive(frame);
+                EXPECT_TRUE(machine::WaitIdle()); // one writer after the other: the n-th call is always the same
                 ++delivered;
             }
-            const bool hit = machine::FaultHit(kind);
+            hit = machine::FaultHit(kind);
             machine::ClearFaults();
             Stop();
             for (const std::string& log : Files()) {
                 std::string error;
-                const auto frames = ParseCapture(ReadFile(Path(log)), &error);
-                EXPECT_LE(frames.size(), 2u);
-                for (const CapturedFrame& frame : frames) {
-                    EXPECT_EQ(frame.bytes, UdpFrame(1, 1));
+                const Bytes file = ReadFile(Path(log));
+                EXPECT_LE(file.size(), 24 + 2 * (16 + frame.size()));
+                // Behind a frame of which a write failed the next one begins, and a viewer is lost.
+                if (kind != machine::Fault::File) {
+                    for (const CapturedFrame& read : ParseCapture(file, &error)) {
+                        EXPECT_EQ(read.bytes, frame);
+                    }
                 }
                 std::filesystem::remove(Path(log));
             }
-            if (!hit) {
-                break;
-            }
-            ASSERT_LT(n, 200u);
         }
     }
     EXPECT_EQ(hook::CountersOf(adapter).toProtocols.frames, delivered);
-    EXPECT_EQ(hook::TakeBalance().outstanding, 0u);
 }
 
-TEST_F(CaptureTest, AHalfWrittenFrameIsTheLast)
+TEST_F(CaptureTest, AFailedWriteEndsItsFrameAndTheNextOneFollows)
 {
-    Start();
-    Receive(UdpFrame(1, 1));
-    EXPECT_TRUE(machine::WaitIdle());
-    machine::FailCall(machine::Fault::File, 3); // the data behind both headers, of the lower log
-    EXPECT_EQ(Filter_InjectPacketToAdapterEx(adapter, MakePacket(adapter, UdpFrame(2, 2))),
-              FILTER_STATUS_SUCCESS);
-    EXPECT_TRUE(machine::WaitIdle());
-    EXPECT_TRUE(machine::FaultHit(machine::Fault::File));
-    Receive(UdpFrame(3, 3));
-    Stop();
-    std::string error;
-    const auto lower = ParseCapture(ReadFile(Path(kLower)), &error);
-    ASSERT_EQ(lower.size(), 1u);
-    EXPECT_EQ(lower[0].bytes, UdpFrame(1, 1));
-    EXPECT_NE(error, "");
-    EXPECT_THAT(FramesIn(kUpper), ElementsAre(UdpFrame(1, 1), UdpFrame(3, 3)));
+    const Bytes frame = UdpFrame(1, 1);
+    const size_t record = 16 + frame.size();
+    const size_t written[] = {0, 16, 30}; // before the first, second and third write of a frame
+    for (size_t n = 0; n < std::size(written); ++n) {
+        Start();
+        Inject(frame);
+        EXPECT_TRUE(machine::WaitIdle());
+        machine::FailCall(machine::Fault::File, n + 1);
+        Inject(UdpFrame(2, 2));
+        EXPECT_TRUE(machine::WaitIdle());
+        EXPECT_TRUE(machine::FaultHit(machine::Fault::File));
+        Inject(frame);
+        Stop();
+        Bytes file = ReadFile(Path(kLower));
+        ASSERT_EQ(file.size(), 24 + record + written[n] + record) << n;
+        file.erase(file.begin() + 24 + record, file.begin() + 24 + record + written[n]);
+        std::string error;
+        const auto read = ParseCapture(file, &error);
+        ASSERT_EQ(read.size(), 2u) << error;
+        EXPECT_EQ(read[0].bytes, frame);
+        EXPECT_EQ(read[1].bytes, frame);
+    }
 }
 
 TEST_F(CaptureTest, StartsAndStopsWhileFramesPassAndAdaptersClose)
@@ -358,10 +328,8 @@ TEST_F(CaptureTest, StartsAndStopsWhileFramesPassAndAdaptersClose)
         }
     });
     threads.emplace_back([&] {
-        machine::Process process;
-        const auto file = process.Open(kDeviceName);
         while (!stop) {
-            file->Control(IOCTL_NDIS_FILTER_START_ETHRLOG, {}, {});
+            Request(IOCTL_NDIS_FILTER_START_ETHRLOG);
         }
     });
     for (int i = 0; i < 100; ++i) {
@@ -372,7 +340,7 @@ TEST_F(CaptureTest, StartsAndStopsWhileFramesPassAndAdaptersClose)
         thread.join();
     }
     Stop();
-    EXPECT_TRUE(hook::TakeBalance().IsEven());
+    mayStayOut = hook::TakeBalance().outstanding; // clones that a closing log left
     for (const std::string& log : Files()) {
         for (const CapturedFrame& frame : ReadCapture(Path(log))) {
             ASSERT_EQ(frame.bytes, UdpFrame(1, 1)) << log;

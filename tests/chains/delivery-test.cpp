@@ -62,11 +62,9 @@ TEST_F(DeliveryTest, WithoutAHookDriverThePacketIsReleased)
                                       hook::Function::InjectPacketToProtocol}}),
               STATUS_SUCCESS);
     for (const Operation& operation : kOperations) {
-        EXPECT_EQ(OutcomeOf([&] {
-                      EXPECT_EQ(operation.run(adapter, AnyPacket()),
-                                operation.Status(FILTER_ERROR_INTERFACE_NOT_ACTIVE));
-                  }),
-                  kReleased);
+        const auto run = [&] { return operation.run(adapter, AnyPacket()); };
+        const FILTER_STATUS status = operation.Status(FILTER_ERROR_INTERFACE_NOT_ACTIVE);
+        EXPECT_EQ(OutcomeOf([&] { EXPECT_EQ(run(), status); }), kReleased);
     }
     FilterPacket* packet = AnyPacket();
     ASSERT_EQ(hook::Unbind(), STATUS_SUCCESS);

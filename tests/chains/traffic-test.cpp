@@ -2,8 +2,6 @@
 #include "chain-test.h"
 
 #include <atomic>
-#include <cstring>
-#include <set>
 #include <thread>
 
 using namespace chains;
@@ -54,31 +52,6 @@ class Traffic
 };
 
 using TrafficTest = ChainTest;
-
-// The record of a filter holds its counters: no processor may write a word of it that another one writes.
-TEST_F(TrafficTest, EachProcessorCountsInWordsOfItsOwn)
-{
-    TestDriver driver;
-    const TestFilter filter(driver, {});
-    const auto words = [&] {
-        std::array<uint32_t, 128> copy; // the record is longer
-        std::memcpy(copy.data(), filter.Handle(), sizeof(copy));
-        return copy;
-    };
-    std::set<size_t> written;
-    for (const int processor : {0, 1, 2, 3}) {
-        const auto before = words();
-        {
-            const machine::AtDispatch raised(processor);
-            Filter_InvokeFilters(FILTER_TYPE_INCOMING_PACKET, AnyPacket());
-        }
-        const auto after = words();
-        EXPECT_NE(before, after);
-        for (size_t i = 0; i < before.size(); ++i) {
-            EXPECT_TRUE(before[i] == after[i] || written.insert(i).second) << processor << " word " << i;
-        }
-    }
-}
 
 // It takes no lock of its own, which would keep the processors apart.
 FILTER_RESULT VerdictInPacket(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket* packet)
@@ -176,9 +149,9 @@ TEST_F(TrafficTest, UnbindingLosesNoPacket)
             ASSERT_EQ(hook::Bind(), STATUS_SUCCESS);
         }
         traffic.Stop();
-        // What was released while unbound is out until the hook driver unloads, and nothing else.
-        EXPECT_TRUE(mode == hook::UnbindMode::Abrupt || hook::TakeBalance().outstanding == 0);
+        // What was released while unbound is out until the hook driver unloads: one a thread and abrupt round.
         mayStayOut = hook::TakeBalance().outstanding;
+        EXPECT_LE(mayStayOut, mode == hook::UnbindMode::Drained ? 0 : 100 * kThreads);
     }
 }
 

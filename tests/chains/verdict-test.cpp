@@ -121,27 +121,6 @@ TEST_F(MethodTest, ChoosesThePartOfTheChainThatRuns)
     Filter_InvokeFilters(FILTER_TYPE_INCOMING_PACKET, nullptr);
 }
 
-TEST_F(MethodTest, VerdictsEndAPartialWalkAsAWholeOne)
-{
-    const auto runBehind = [](const TestFilter& filter, FilterPacket* packet) {
-        Filter_InvokeFiltersEx(FILTER_METHOD_START_AFTER_THIS_FILTER, filter.Handle(), packet);
-    };
-    TestDriver driver;
-    const TestFilter c(driver, {.order = 3});
-    FILTER_RESULT verdict = FILTER_RESULT_DISCARD;
-    const TestFilter b(driver, {.order = 2}, [&](FilterPacket*) { return verdict; });
-    const TestFilter a(driver, {.order = 1});
-    for (; verdict <= FILTER_RESULT_CAPTURE; ++verdict) {
-        EXPECT_EQ(OutcomeOf([&] { runBehind(a, AnyPacket()); }),
-                  verdict == FILTER_RESULT_CONSUME ? kNothing : kReleased);
-    }
-    EXPECT_EQ(a.CallCount() + c.CallCount(), 0u);
-    EXPECT_EQ(CountersOf(b), (Counters{3, 0, 1, 1, 1}));
-    // The filter passes what it consumed back behind its own place.
-    EXPECT_EQ(OutcomeOf([&] { runBehind(b, b.Calls()[1].packet); }), kToProtocols);
-    EXPECT_EQ(c.CallCount(), 1u);
-}
-
 TEST_F(MethodTest, APacketThatCannotBePlacedIsReleased)
 {
     TestDriver driver;
@@ -162,9 +141,7 @@ TEST_F(MethodTest, APacketThatCannotBePlacedIsReleased)
     EXPECT_EQ(other.CallCount(), 0u);
 }
 
-class ChainTraceTest : public ChainTest
-{
-  protected:
+struct ChainTraceTest : ChainTest {
     ChainTraceTest() : ChainTest(WithTrace(0x200)) {}
 };
 
@@ -176,25 +153,16 @@ TEST_F(ChainTraceTest, TheWalkIsTracedFilterByFilter)
     FilterPacket* packet = AnyPacket();
     const std::string end = ", pPacket=" + PointerText(packet) + "\n";
     Debug().Take();
-    Filter_InvokeFilters(FILTER_TYPE_INCOMING_PACKET, packet);
-    EXPECT_THAT(
-        Debug().Take(),
-        testing::StartsWith("Enter Filter_InvokeFilters: Filter=FILTER_TYPE_INCOMING_PACKET" + end +
-                            "  Filter_InvokeFilters: FILTER_TYPE_INCOMING_PACKET->Filter[0] - first" + end +
-                            "  Filter_InvokeFilters: FILTER_RESULT_BYPASS" + end +
-                            "  Filter_InvokeFilters: FILTER_TYPE_INCOMING_PACKET->Filter[1] - second" + end +
-                            "  Filter_InvokeFilters: FILTER_RESULT_BYPASS" + end +
-                            "Enter Filter_IndicatePacketToProtocolEx\n"));
-    packet = AnyPacket();
-    Debug().Take();
-    Filter_InvokeFiltersEx(FILTER_METHOD_START_AFTER_THIS_FILTER, first.Handle(), packet);
+    Filter_InvokeFiltersEx(FILTER_METHOD_START_FROM_THIS_FILTER, first.Handle(), packet);
     const std::string text = Debug().Take();
+    const std::string line = "  Filter_InvokeFiltersEx: ";
     EXPECT_THAT(text, testing::HasSubstr("Enter Filter_InvokeFiltersEx: Filter=FILTER_TYPE_INCOMING_PACKET, "
-                                         "Method=FILTER_METHOD_START_AFTER_THIS_FILTER\n"
-                                         "  Filter_InvokeFiltersEx: FILTER_TYPE_INCOMING_PACKET->Filter[1]"));
-    EXPECT_THAT(text,
-                testing::StartsWith("Enter Filter_InvokeFiltersEx\nEnter Filter_InvokeFiltersEx: pPacket=" +
-                                    PointerText(packet)));
+                                         "Method=FILTER_METHOD_START_FROM_THIS_FILTER\n" +
+                                         line + "FILTER_TYPE_INCOMING_PACKET->Filter[0] - first" + end +
+                                         line + "FILTER_RESULT_BYPASS" + end + line +
+                                         "FILTER_TYPE_INCOMING_PACKET->Filter[1] - second" + end + line +
+                                         "FILTER_RESULT_BYPASS" + end +
+                                         "Enter Filter_IndicatePacketToProtocolEx\n"));
     EXPECT_THAT(text, testing::EndsWith("Leave Filter_InvokeFiltersEx\n"));
 }
 

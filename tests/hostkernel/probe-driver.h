@@ -1,16 +1,32 @@
 // A driver inside the test program that does what the test says, and a fixture that loads it, unloads it and accepts
-// no broken rule that the test did not ask for.
+// no broken rule that the test did not provoke and name.
 #pragma once
 
-#include "rules.h"
+#include "machine.h"
 
+#include <gmock/gmock.h>
 #include <ntddk.h>
 
-#include <algorithm>
 #include <functional>
+#include <string>
+#include <vector>
 
 namespace probe
 {
+
+// Exactly these rules have been broken since the last look, in this order. Answers what the last one says.
+template <class... Rules>
+std::string ExpectRules(const Rules&... rules)
+{
+    std::vector<std::string> broken;
+    std::string detail;
+    for (const machine::Violation& violation : machine::TakeViolations()) {
+        broken.push_back(violation.rule);
+        detail = violation.detail;
+    }
+    EXPECT_EQ(broken, std::vector<std::string>({rules...}));
+    return detail;
+}
 
 inline UNICODE_STRING Name(const char16_t* text)
 {
@@ -27,15 +43,17 @@ inline NTSTATUS Complete(IRP* irp, NTSTATUS status, ULONG_PTR information = 0)
     return status;
 }
 
-class DriverTest : public KernelTest
+class DriverTest : public testing::Test
 {
   protected:
     static constexpr char kService[] = "Probe";
     static constexpr char kDevice[] = "\\\\.\\Probe";
+    static constexpr ULONG kCode = CTL_CODE(0x8000, 0x800, METHOD_BUFFERED, FILE_ANY_ACCESS);
 
     void SetUp() override
     {
-        KernelTest::SetUp();
+        machine::TakeViolations();
+        machine::PrintViolations(false);
         current = this;
     }
 
@@ -45,13 +63,25 @@ class DriverTest : public KernelTest
             EXPECT_EQ(machine::UnloadDriver(kService), STATUS_SUCCESS);
         }
         machine::DiscardDriver(kService);
-        KernelTest::TearDown();
+        machine::ClearFaults();
+        ExpectRules();
+        machine::PrintViolations(true);
         current = nullptr;
     }
 
     NTSTATUS Load() { return machine::LoadDriver(kService, Entry); }
 
-    // What the driver does; each may be replaced before Load.
+    // Runs an action of the driver within a request of a program.
+    void InRequest(machine::File& file, const std::function<void()>& action)
+    {
+        control = [&](IRP* irp) {
+            action();
+            return Complete(irp, STATUS_SUCCESS);
+        };
+        EXPECT_EQ(file.Control(kCode, {}, {}).status, STATUS_SUCCESS);
+    }
+
+    // What the driver does; each may be replaced.
     std::function<NTSTATUS(DRIVER_OBJECT*)> entry = [this](DRIVER_OBJECT* object) {
         UNICODE_STRING name = Name(u"\\Device\\Probe");
         UNICODE_STRING link = Name(u"\\DosDevices\\Probe");
@@ -66,10 +96,9 @@ class DriverTest : public KernelTest
         IoDeleteSymbolicLink(&link);
         IoDeleteDevice(device);
     };
-    // Device controls; create, cleanup, close and shutdown succeed. All majors are noted in `majors`.
+    // Device controls; create, cleanup and close succeed. All majors are noted in `majors`.
     std::function<NTSTATUS(IRP*)> control = [](IRP* irp) { return Complete(irp, STATUS_SUCCESS); };
 
-    DRIVER_OBJECT* driver = nullptr;
     DEVICE_OBJECT* device = nullptr;
     BOOLEAN exclusive = FALSE;
     std::vector<int> majors;
@@ -79,19 +108,17 @@ class DriverTest : public KernelTest
     {
         const UCHAR major = IoGetCurrentIrpStackLocation(irp)->MajorFunction;
         current->majors.push_back(major);
-        const bool isControl = major == IRP_MJ_DEVICE_CONTROL || major == IRP_MJ_INTERNAL_DEVICE_CONTROL;
-        return isControl ? current->control(irp) : Complete(irp, STATUS_SUCCESS);
+        return major == IRP_MJ_DEVICE_CONTROL ? current->control(irp) : Complete(irp, STATUS_SUCCESS);
     }
 
     static machine::Status Entry(void* object, void*)
     {
-        current->driver = static_cast<DRIVER_OBJECT*>(object);
-        for (const int major : {IRP_MJ_CREATE, IRP_MJ_CLOSE, IRP_MJ_CLEANUP, IRP_MJ_DEVICE_CONTROL,
-                                IRP_MJ_INTERNAL_DEVICE_CONTROL}) {
-            current->driver->MajorFunction[major] = Dispatch;
+        auto* driver = static_cast<DRIVER_OBJECT*>(object);
+        for (const int major : {IRP_MJ_CREATE, IRP_MJ_CLOSE, IRP_MJ_CLEANUP, IRP_MJ_DEVICE_CONTROL}) {
+            driver->MajorFunction[major] = Dispatch;
         }
-        current->driver->DriverUnload = [](DRIVER_OBJECT*) { current->unload(); };
-        return current->entry(current->driver);
+        driver->DriverUnload = [](DRIVER_OBJECT*) { current->unload(); };
+        return current->entry(driver);
     }
 
     static inline DriverTest* current = nullptr;

@@ -1,6 +1,7 @@
 // What a person gets from `ndisfilter-lab replay`: numbers, captures, errors.
 #include "captures.h"
-#include "lab-program.h"
+
+#include <support/program.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -15,38 +16,34 @@ namespace
 
 namespace fs = std::filesystem;
 using nlohmann::json;
+using support::ProgramResult;
+using support::RunProgram;
 using testing::HasSubstr;
 using testing::Not;
 
 class Replay : public testing::Test
 {
   protected:
-    Replay()
-    {
-        std::string name = (fs::temp_directory_path() / "lab-test-XXXXXX").string();
-        directory_ = mkdtemp(name.data());
-    }
-    ~Replay() override { fs::remove_all(directory_); }
-
-    std::string Path(const std::string& name) const { return directory_ + "/" + name; }
+    std::string Path(const std::string& name) const { return directory_.File(name); }
 
     // Runs `replay` in the temporary directory.
-    LabResult Run(std::vector<std::string> arguments) const
+    ProgramResult Run(std::vector<std::string> arguments,
+                      const std::function<bool()>& interruptWhen = nullptr) const
     {
         arguments.insert(arguments.begin(), "replay");
-        return RunLab(directory_, arguments);
+        return RunProgram(NDISFILTER_LAB, arguments, directory_.Path(), interruptWhen);
     }
 
     // The same with the JSON report, which must be a success.
     json RunJson(std::vector<std::string> arguments) const
     {
         arguments.push_back("--json");
-        const LabResult result = Run(arguments);
+        const ProgramResult result = Run(arguments);
         EXPECT_EQ(result.exitCode, 0) << result.errors;
         return result.Json();
     }
 
-    std::string directory_;
+    const support::TemporaryDirectory directory_;
 };
 
 // Five frames sent, five received; two of port 53 each way and one of port 23.
@@ -166,7 +163,7 @@ TEST_F(Replay, BlockerLetsShortFramesPass)
 TEST_F(Replay, BlockerRefusesNonsenseAndTellsItsCounts)
 {
     WriteCapture(Path("a.pcap"), SomeTraffic());
-    const LabResult result = Run(
+    const ProgramResult result = Run(
         {"a.pcap", "--filter", "blocker", "--set", "blocker.BlockPorts=53,,0,65536,080,x, 53,99999999999999",
          "--set", "blocker.BlockAddresses=10.0.0,10.0.0.256,1.2.3.4.5,10.0.0.2 ", "--debug-output", "-"});
     EXPECT_EQ(result.exitCode, 0) << result.errors;
@@ -222,7 +219,7 @@ TEST_F(Replay, TooLongFramesAreSkippedAndSaid)
 {
     WriteCapture(Path("long.pcap"),
                  {IpFrame(true, 6, 80, 1518 - 38), IpFrame(true, 6, 80, 1519 - 38), IpFrame(true, 6, 80)});
-    const LabResult result = Run({"long.pcap"});
+    const ProgramResult result = Run({"long.pcap"});
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_THAT(result.output, HasSubstr("1 frames too long"));
     EXPECT_EQ(RunJson({"long.pcap"})["adapters"][0]["tooLong"], 1);
@@ -231,7 +228,7 @@ TEST_F(Replay, TooLongFramesAreSkippedAndSaid)
 
 TEST_F(Replay, PrintsTheTableForARecordedSession)
 {
-    const LabResult result =
+    const ProgramResult result =
         Run({std::string(NDISFILTER_TEST_DATA) + "/session.pcapng", "--filter", "blocker"});
     EXPECT_EQ(result.exitCode, 0);
     for (const char* text : {"adapter", "frames/s", "blocker-incoming", "FILTER_TYPE_OUTGOING_PACKET",
@@ -246,7 +243,7 @@ TEST_F(Replay, TruncatedCaptureStillReportsWhatWasRead)
 {
     WriteCapture(Path("a.pcap"), SomeTraffic());
     fs::resize_file(Path("a.pcap"), fs::file_size(Path("a.pcap")) - 5);
-    const LabResult result = Run({"a.pcap", "--json", "--repeat", "2", "--quiet"});
+    const ProgramResult result = Run({"a.pcap", "--json", "--repeat", "2", "--quiet"});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.errors.find("ndisfilter-lab: a.pcap: broken behind 9 frames"), 0u) << result.errors;
     EXPECT_EQ(std::ranges::count(result.errors, '\n'), 1);
@@ -258,9 +255,9 @@ TEST_F(Replay, InterruptEndsInGoodOrder)
 {
     WriteCapture(Path("a.pcap"), SomeTraffic());
     const std::string written = Path("out/a-to-adapter.pcap");
-    const LabResult result = RunLab(
-        directory_, {"replay", "a.pcap", "--repeat", "1000000000", "--write", "out", "--filter", "blocker"},
-        [&] { return fs::exists(written) && fs::file_size(written) > 100'000; });
+    const ProgramResult result =
+        Run({"a.pcap", "--repeat", "1000000000", "--write", "out", "--filter", "blocker"},
+            [&] { return fs::exists(written) && fs::file_size(written) > 100'000; });
     EXPECT_EQ(result.exitCode, 130);
     EXPECT_THAT(result.errors, HasSubstr("interrupted"));
     EXPECT_THAT(result.output, HasSubstr("holds"));
@@ -304,7 +301,7 @@ TEST_F(Replay, ErrorsAreOneLineWithNameAndValue)
     for (const BadCall& call : calls) {
         std::vector<std::string> arguments = call.arguments;
         arguments.push_back("--quiet");
-        const LabResult result = Run(arguments);
+        const ProgramResult result = Run(arguments);
         EXPECT_EQ(result.exitCode, call.exitCode) << testing::PrintToString(call.arguments);
         EXPECT_THAT(result.errors, testing::StartsWith("ndisfilter-lab: "));
         EXPECT_THAT(result.errors, HasSubstr(call.line));

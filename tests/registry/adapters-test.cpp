@@ -74,37 +74,27 @@ class HandBoundAdaptersTest : public DeviceTest
     }
 };
 
-TEST_F(UnboundAdaptersTest, OpenedBeforeTheBindingAreKnownFromItOn)
+TEST_F(UnboundAdaptersTest, AreListedFromTheBindingOnUntilTheyClose)
 {
     FilterAdapter* first = AddAdapter("{1} one", Mac(1));
     FilterAdapter* second = AddAdapter("{2} two", Mac(2));
+    FilterAdapter* unlisted = hook::AddAdapter({.name = "{3}", .address = Mac(3), .boundToTcpIp = false});
     EXPECT_FALSE(Filter_IsValidAdapter(first));
     EXPECT_EQ(Filter_GetFirstAdapter(), nullptr);
     EXPECT_THAT(Enumerate(), IsEmpty());
 
     ASSERT_EQ(hook::Bind(), STATUS_SUCCESS);
-    EXPECT_TRUE(Filter_IsValidAdapter(first));
-    EXPECT_TRUE(Filter_IsValidAdapter(second));
+    hook::OpenAdapter(unlisted);
+    for (FilterAdapter* adapter : {first, second, unlisted}) {
+        EXPECT_TRUE(Filter_IsValidAdapter(adapter));
+    }
     EXPECT_EQ(Filter_GetFirstAdapter(), first);
     EXPECT_THAT(Enumerate(), ElementsAre(first, second));
     EXPECT_THAT(Enumerate(1), ElementsAre(first));
-}
-
-TEST_F(AdaptersTest, LeaveTheTableWhenClosedAndStayValidHandles)
-{
-    FilterAdapter* first = AddAdapter("{1} one", Mac(1));
-    FilterAdapter* second = AddAdapter("{2} two", Mac(2));
-    hook::AdapterOptions options;
-    options.name = "{3} not bound to TCP/IP";
-    options.address = Mac(3);
-    options.boundToTcpIp = false;
-    FilterAdapter* unlisted = hook::AddAdapter(options);
-    hook::OpenAdapter(unlisted);
-    EXPECT_TRUE(Filter_IsValidAdapter(unlisted));
-    EXPECT_THAT(Enumerate(), ElementsAre(first, second));
     ULONG id = 0;
     ASSERT_EQ(Filter_AdapterToId(first, &id), FILTER_STATUS_SUCCESS);
 
+    // A closed one keeps its identifier, and its handle passes the check.
     hook::CloseAdapter(first);
     EXPECT_THAT(Enumerate(), ElementsAre(second));
     EXPECT_EQ(Filter_GetFirstAdapter(), second);
@@ -113,7 +103,6 @@ TEST_F(AdaptersTest, LeaveTheTableWhenClosedAndStayValidHandles)
     EXPECT_EQ(Filter_IdToAdapter(id, &found), FILTER_STATUS_SUCCESS);
     EXPECT_EQ(found, first);
     EXPECT_EQ(Filter_FindAdapterByMacAddress(Mac(1).data(), &found), FILTER_ERROR_ADAPTER_NOT_FOUND);
-
     hook::CloseAdapter(second);
     EXPECT_EQ(Filter_GetFirstAdapter(), nullptr);
     EXPECT_THAT(Enumerate(), IsEmpty());
@@ -162,12 +151,11 @@ TEST_F(UnboundAdaptersTest, ACallbackNamesItsAdapterAndAnUnknownStatus)
               "Enter NdisFilter_AdapterOpened\nAdapterName={1} one\nLeave NdisFilter_AdapterOpened\n");
     const std::string enter = "Enter NdisFilter_AdapterStatusChanged\nAdapterName={1} one\n";
     const std::string leave = "Leave NdisFilter_AdapterStatusChanged\n";
-    hook::IndicateStatus(adapter, kMediaConnect);
-    EXPECT_EQ(Debug().Take(), enter + leave);
-    hook::IndicateStatus(adapter, kMediaDisconnect);
-    EXPECT_EQ(Debug().Take(), enter + leave);
-    hook::IndicateStatus(adapter, 0x40010017);
-    EXPECT_EQ(Debug().Take(), enter + "Unknown adapter status 0x40010017\n" + leave);
+    const std::string unknown = "Unknown adapter status 0x40010017\n";
+    for (const uint32_t status : {kMediaConnect, kMediaDisconnect, 0x40010017u}) {
+        hook::IndicateStatus(adapter, status);
+        EXPECT_EQ(Debug().Take(), enter + (status == 0x40010017 ? unknown : "") + leave);
+    }
 }
 
 TEST_F(AdaptersTest, IdentifiersAreIssuedFromOneInTheOrderOfAsking)
@@ -221,46 +209,35 @@ TEST_F(UnboundAdaptersTest, IdentifiersAreTheSameForAllWhoAskAtOnce)
     }
 }
 
-TEST_F(AdaptersTest, AreFoundByTheirCurrentMacAddress)
+TEST_F(AdaptersTest, AreFoundByTheirCurrentMacAddressAndTheBeginningOfTheirName)
 {
-    hook::AdapterOptions options;
-    options.name = "{1} one";
-    options.address = Mac(1);
-    options.permanentAddress = Mac(9);
-    FilterAdapter* first = hook::AddAdapter(options);
-    hook::OpenAdapter(first);
-    FilterAdapter* second = AddAdapter("{2} two", Mac(2));
-    AddAdapter("{3} the same address as the second", Mac(2));
-
-    FilterAdapter* found = nullptr;
-    EXPECT_EQ(Filter_FindAdapterByMacAddress(Mac(1).data(), &found), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(found, first);
-    EXPECT_EQ(Filter_FindAdapterByMacAddress(Mac(2).data(), &found), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(found, second);
-    found = nullptr;
-    EXPECT_EQ(Filter_FindAdapterByMacAddress(Mac(9).data(), &found), FILTER_ERROR_ADAPTER_NOT_FOUND);
-    EXPECT_EQ(found, nullptr);
-}
-
-TEST_F(AdaptersTest, AreFoundByTheBeginningOfTheirName)
-{
-    FilterAdapter* first = AddAdapter("{AB-1} one", Mac(1));
-    FilterAdapter* second = AddAdapter("{AB-2} two", Mac(2));
     const std::string whole(255, 'n');
-    FilterAdapter* longest = AddAdapter(whole, Mac(3));
-    struct Case {
-        std::string id;
-        FilterAdapter* expected;
-    };
-    for (const Case& search :
-         {Case{"{AB-2}", second}, Case{"{AB-1} one", first}, Case{"{AB-", first}, Case{"{ab-1}", nullptr},
-          Case{"AB-1", nullptr}, Case{"{AB-1} one more", nullptr}, Case{whole, longest},
-          Case{whole + "n", nullptr}, Case{whole + whole, nullptr}}) {
+    FilterAdapter* first =
+        hook::AddAdapter({.name = "{AB-1} one", .address = Mac(1), .permanentAddress = Mac(9)});
+    hook::OpenAdapter(first);
+    FilterAdapter* second = AddAdapter("{AB-2} two", Mac(2));
+    FilterAdapter* longest = AddAdapter(whole, Mac(2)); // the second's address
+    const auto expect = [](const std::string& what, FilterAdapter* expected, const auto& find) {
         FilterAdapter* found = nullptr;
-        EXPECT_EQ(Filter_FindAdapterByNetCfgInstanceId(search.id.c_str(), &found),
-                  search.expected != nullptr ? FILTER_STATUS_SUCCESS : FILTER_ERROR_ADAPTER_NOT_FOUND)
-            << search.id;
-        EXPECT_EQ(found, search.expected) << search.id;
+        EXPECT_EQ(find(&found),
+                  expected != nullptr ? FILTER_STATUS_SUCCESS : FILTER_ERROR_ADAPTER_NOT_FOUND)
+            << what;
+        EXPECT_EQ(found, expected) << what;
+    };
+    const std::pair<uint8_t, FilterAdapter*> addresses[] = {{1, first}, {2, second}, {9, nullptr}};
+    for (const auto& [last, expected] : addresses) {
+        expect("address " + std::to_string(last), expected, [mac = Mac(last)](FilterAdapter** found) {
+            return Filter_FindAdapterByMacAddress(mac.data(), found);
+        });
+    }
+    const std::pair<std::string, FilterAdapter*> names[] = {
+        {"{AB-2}", second},   {"{AB-1} one", first},         {"{AB-", first},
+        {"{ab-1}", nullptr},  {"AB-1", nullptr},             {"{AB-1} one more", nullptr},
+        {whole, longest},     {whole + "n", nullptr},        {whole + whole, nullptr}};
+    for (const auto& [name, expected] : names) {
+        expect(name, expected, [&name = name](FilterAdapter** found) {
+            return Filter_FindAdapterByNetCfgInstanceId(name.c_str(), found);
+        });
     }
     FilterAdapter* found = nullptr;
     EXPECT_EQ(Filter_FindAdapterByNetCfgInstanceId("", &found), FILTER_ERROR_INVALID_ARGUMENT);

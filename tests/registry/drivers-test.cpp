@@ -13,9 +13,7 @@ namespace
 
 constexpr uint32_t kTraceDriver = 0x4;
 
-class DriversTest : public FrameworkTest
-{
-  protected:
+struct DriversTest : FrameworkTest {
     DriversTest() : FrameworkTest(FrameworkOnly(kTraceDriver)) {}
 };
 
@@ -37,9 +35,9 @@ TEST_F(DriversTest, RegistrationChecksArgumentsThenVersionThenName)
     EXPECT_EQ(Filter_RegisterDriver(nullptr, nullptr, 2, 0, &handle), FILTER_ERROR_INVALID_ARGUMENT);
     EXPECT_EQ(Filter_RegisterDriver(&CountedString("Alpha"), nullptr, 2, 0, nullptr),
               FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Register("Alpha", 1, 1), FILTER_ERROR_UNSUPPORTED_API_VERSION);
-    EXPECT_EQ(Register("Alpha", 2, 0), FILTER_ERROR_UNSUPPORTED_API_VERSION);
-    EXPECT_EQ(Register("Alpha", 0, 0), FILTER_ERROR_UNSUPPORTED_API_VERSION);
+    for (const auto& [otherMajor, otherMinor] : {std::pair{1, 1}, {2, 0}, {0, 0}}) {
+        EXPECT_EQ(Register("Alpha", otherMajor, otherMinor), FILTER_ERROR_UNSUPPORTED_API_VERSION);
+    }
     Debug().Take();
     EXPECT_EQ(Register("Alpha"), FILTER_ERROR_DRIVER_ALREADY_REGISTERED);
     EXPECT_EQ(Debug().Take(),
@@ -67,16 +65,6 @@ TEST_F(DriversTest, NamesAndContextsAreHandedBack)
     }
 }
 
-// The tag alone makes a handle valid; to be deregistered it must be in the list.
-TEST_F(DriversTest, ARecordThatIsNotListedIsNotFound)
-{
-    const TestDriver driver("a name long enough to copy a whole record from its block");
-    alignas(16) UCHAR copy[64];
-    memcpy(copy, driver.Handle(), sizeof(copy));
-    EXPECT_EQ(Filter_DeregisterDriver(reinterpret_cast<FilterDriver*>(copy)), FILTER_ERROR_DRIVER_NOT_FOUND);
-    EXPECT_TRUE(Filter_IsValidDriver(driver.Handle()));
-}
-
 TEST_F(DriversTest, ADepartingDriverTakesItsFiltersAlongAndNobodyElses)
 {
     TestDriver leaving("leaving");
@@ -96,7 +84,13 @@ TEST_F(DriversTest, ADepartingDriverTakesItsFiltersAlongAndNobodyElses)
         EXPECT_THAT(chain, testing::Not(HasSubstr("leaving-")));
         EXPECT_THAT(chain, HasSubstr("staying-" + std::to_string(type)));
     }
-    const TestDriver again("leaving");
+    // The tag alone makes a handle valid; to be deregistered it must be in the list.
+    const TestDriver again("leaving, with a name long enough to copy a whole record from its block");
+    alignas(16) UCHAR copy[64];
+    memcpy(copy, again.Handle(), sizeof(copy));
+    EXPECT_EQ(Filter_DeregisterDriver(reinterpret_cast<FilterDriver*>(copy)), FILTER_ERROR_DRIVER_NOT_FOUND);
+    EXPECT_TRUE(Filter_IsValidDriver(again.Handle()));
+    const TestDriver nameIsFree("leaving");
 }
 
 TEST_F(DriversTest, OfDriversThatRegisterOneNameAtOnceOneIsTaken)

@@ -17,10 +17,10 @@ struct AdapterRequestsTest : RequestsTest {
         second = AddAdapter("{B} second", kPeerMac);
         Debug().Take();
     }
-    Result List(UserAdapterList& list)
+    size_t List(UserAdapterList& list, machine::Status status = STATUS_SUCCESS)
     {
         std::memset(&list, 0xEE, sizeof(list));
-        return Control(IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, {}, Out(list));
+        return Returned(IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, {}, Out(list), status);
     }
 
     FilterAdapter* first = nullptr;
@@ -31,44 +31,35 @@ TEST_F(AdapterRequestsTest, TheListNamesAdaptersByIdentifier)
 {
     EXPECT_EQ(IdOf(second), 1u);
     UserAdapterList list;
-    const Result result = List(list);
-    EXPECT_EQ(result.status, STATUS_SUCCESS);
-    EXPECT_EQ(result.information, 9028u);
+    EXPECT_EQ(List(list), 9028u);
     ASSERT_EQ(+list.m_nAdapterCount, 2u);
     EXPECT_EQ(+list.m_Adapters[0].m_nAdapterId, 2u);
-    EXPECT_EQ(+list.m_Adapters[1].m_nAdapterId, 1u);
-    EXPECT_STREQ(list.m_Adapters[1].m_szAdapterName, "{B} second");
-    EXPECT_EQ(+list.m_Adapters[1].m_usMTU, 1500u);
-    EXPECT_EQ(std::memcmp(list.m_Adapters[1].m_CurrentAddress, kPeerMac.data(), 6), 0);
+    const UserAdapterInfo& info = list.m_Adapters[1];
+    EXPECT_EQ(+info.m_nAdapterId, 1u);
+    EXPECT_STREQ(info.m_szAdapterName, "{B} second");
+    EXPECT_EQ(+info.m_usMTU, 1500u);
+    EXPECT_EQ(std::memcmp(info.m_CurrentAddress, kPeerMac.data(), 6), 0);
     EXPECT_THAT(std::span(reinterpret_cast<uint8_t*>(&list.m_Adapters[2]), 30 * sizeof(UserAdapterInfo)),
                 Each(0));
 
-    Bytes small(9027);
-    EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, {}, small), kBufferTooSmall);
+    EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, {}, Out(list).first(9027)), kBufferTooSmall);
     machine::FailCall(machine::Fault::Pool, 1);
-    EXPECT_EQ(List(list).status, kNoResources);
+    EXPECT_EQ(List(list, kNoMemory), 0u);
     EXPECT_TRUE(Debug().Contains("    call ExAllocatePool func failure.\n"));
-}
-
-TEST_F(AdapterRequestsTest, TheListFailsWithTheFirstAdapterThatGetsNoIdentifier)
-{
-    IdOf(first);
+    // It fails with the first adapter that gets no identifier.
     UseUpIds();
-    UserAdapterList list;
-    const Result result = List(list);
-    EXPECT_EQ(result.status, kInternalError);
-    EXPECT_EQ(result.information, 9028u);
+    ASSERT_NE(AddAdapter("{C} third", {2, 0, 0, 0, 0, 3}), nullptr);
+    EXPECT_EQ(List(list, kInternalError), 9028u);
     EXPECT_TRUE(Debug().Contains("    call Filter_AdapterToId func failure.\n"));
     ASSERT_EQ(hook::Unbind(), STATUS_SUCCESS);
-    EXPECT_EQ(List(list).status, kInternalError);
-    EXPECT_EQ(List(list).information, 0u);
+    EXPECT_EQ(List(list, kInternalError), 0u);
 }
 
 struct ForeignHookTest : RequestsTest {
     ForeignHookTest() : RequestsTest(FrameworkOnly()) {}
 };
 
-TEST_F(ForeignHookTest, ACountBeyondTheListIsCutAndAStateWiderThanAByteToo)
+TEST_F(ForeignHookTest, WhatAHookDriverAnswersIsTakenForNoMoreThanItIs)
 {
     static FilterAdapter adapter = {};
     NdisHookAPI record = HookRecord();
@@ -79,9 +70,17 @@ TEST_F(ForeignHookTest, ACountBeyondTheListIsCutAndAStateWiderThanAByteToo)
             info.m_hAdapter = &adapter;
         }
     };
-    record.Hook_GetAdapterStatus = [](const UCHAR*, PVOID state) -> NTSTATUS {
-        *static_cast<PULONG>(state) = 0x11223344;
-        return STATUS_SUCCESS;
+    record.Hook_GetAdapterStatus = [](const UCHAR* address, PVOID state) -> NTSTATUS {
+        if (address[0] == 0) {
+            *static_cast<PULONG>(state) = 0x11223344;
+        }
+        return STATUS_UNSUCCESSFUL; // counts as success
+    };
+    // The program writes into the memory as soon as it is mapped.
+    record.Hook_MmMapLockedPages = [](PMDL mdl, ULONG, MappedMemory* mapped) {
+        auto* address = static_cast<uint64_t*>(MmMapLockedPages(mdl, UserMode));
+        mapped->m_pUserModeVirtualAddress = reinterpret_cast<uint64_t>(address);
+        *address = 0x1234;
     };
     ASSERT_EQ(Exchange(*device_, IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK, record).status, STATUS_SUCCESS);
     Debug().Take();
@@ -93,6 +92,15 @@ TEST_F(ForeignHookTest, ACountBeyondTheListIsCutAndAStateWiderThanAByteToo)
     Bytes value(7, 0xEE);
     EXPECT_EQ(Control(IOCTL_NDIS_FILTER_GET_MEDIA_STATUS, Counting(7), value).information, 7u);
     EXPECT_EQ(value, (Bytes{0, 1, 2, 3, 4, 5, 0x44}));
+    EXPECT_EQ(Control(IOCTL_NDIS_FILTER_GET_MEDIA_STATUS, Counting(7, 1), value).information, 7u);
+    EXPECT_EQ(value, Counting(7, 1));
+
+    uint64_t share = 0;
+    EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_START_SHARE, Bytes{1, 0, 0, 0}, Out(share)), STATUS_SUCCESS);
+    const uint64_t mapping = share - NDIS_FILTER_SHARE_FAILED;
+    ASSERT_NE(mapping, 0x1234u);
+    EXPECT_EQ(*reinterpret_cast<uint64_t*>(mapping), mapping);
+    EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_STOP_SHARE, {}), STATUS_SUCCESS);
     ASSERT_EQ(Exchange(*device_, IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK, record).status, STATUS_SUCCESS);
 }
 
@@ -109,9 +117,7 @@ TEST_F(AdapterRequestsTest, AnIpConfigurationIsSetAndGotByIdentifier)
     EXPECT_EQ(second->m_IPConfig.m_nReserved, 77u);
 
     UserIPConfig got;
-    const Result result = Control(IOCTL_NDIS_FILTER_GET_IPCONFIG, In(config.m_nAdapterId), Out(got));
-    EXPECT_EQ(result.status, STATUS_SUCCESS);
-    EXPECT_EQ(result.information, 224u);
+    EXPECT_EQ(Returned(IOCTL_NDIS_FILTER_GET_IPCONFIG, In(config.m_nAdapterId), Out(got)), 224u);
     config.m_Address[0].Broadcast = 0xFF00A8C0;
     EXPECT_EQ(std::memcmp(&got, &config, sizeof(got)), 0);
     // Of an adapter that never had one, too: its record does not name the adapter.
@@ -128,14 +134,20 @@ TEST_F(AdapterRequestsTest, AnIpConfigurationIsSetAndGotByIdentifier)
     EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_SET_IPCONFIG, In(config)), kInvalidParameter);
     EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_SET_IPCONFIG, In(config).first(223)), kBufferTooSmall);
     EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_GET_IPCONFIG, In(config), Out(got).first(223)), kBufferTooSmall);
-    // An identifier may belong to what is no adapter.
-    FilterAdapter none = {};
-    config.m_nAdapterId = IdOf(&none);
-    EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_SET_IPCONFIG, In(config)), kAdapterNotFound);
-    EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_GET_IPCONFIG, In(config), Out(got)), kAdapterNotFound);
     for (const uint32_t code : {IOCTL_NDIS_FILTER_SET_IPCONFIG, IOCTL_NDIS_FILTER_GET_IPCONFIG}) {
         machine::FailCall(machine::Fault::Pool, 1);
-        EXPECT_EQ(StatusOf(code, In(config), Out(got)), kNoResources);
+        EXPECT_EQ(StatusOf(code, In(config), Out(got)), kNoMemory);
+    }
+    // An identifier may belong to what is no adapter, or to one that has closed: its record may be gone.
+    FilterAdapter none = {};
+    none.m_Tag = FILTER_ADAPTER_TAG;
+    hook::CloseAdapter(second);
+    second->m_IPConfig = {};
+    for (FilterAdapter* adapter : {&none, second}) {
+        config.m_nAdapterId = IdOf(adapter);
+        EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_SET_IPCONFIG, In(config)), kAdapterNotFound);
+        EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_GET_IPCONFIG, In(config), Out(got)), kAdapterNotFound);
+        EXPECT_EQ(adapter->m_IPConfig.m_nIP, 0u);
     }
 }
 
@@ -148,8 +160,7 @@ TEST_F(AdapterRequestsTest, MediaStateAndPacketDumpAreNamedByMacAddress)
     EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_SET_MEDIA_STATUS, In(value)), STATUS_SUCCESS);
     EXPECT_THAT(Debug().Take(), HasSubstr("  IOCTL_NDIS_FILTER_SET_IPCONFIG\n")); // by another's name
     EXPECT_EQ(hook::MediaState(second), 1u);
-    Result result = Control(IOCTL_NDIS_FILTER_GET_MEDIA_STATUS, In(value), Out(got));
-    EXPECT_EQ(result.information, 7u);
+    EXPECT_EQ(Returned(IOCTL_NDIS_FILTER_GET_MEDIA_STATUS, In(value), Out(got)), 7u);
     EXPECT_EQ(std::memcmp(&got, &value, 7), 0);
 
     value.m_nValue = 5;
@@ -157,13 +168,11 @@ TEST_F(AdapterRequestsTest, MediaStateAndPacketDumpAreNamedByMacAddress)
     EXPECT_EQ(second->m_bPacketDump, 5);
     EXPECT_EQ(first->m_bPacketDump, 0);
     value.m_nValue = 0;
-    result = Control(IOCTL_NDIS_FILTER_GET_PACKET_DUMP, In(value), Out(got));
-    EXPECT_EQ(result.information, 7u);
+    EXPECT_EQ(Returned(IOCTL_NDIS_FILTER_GET_PACKET_DUMP, In(value), Out(got)), 7u);
     EXPECT_EQ(+got.m_nValue, 5);
 
     Bytes wide(10);
-    result = Control(IOCTL_NDIS_FILTER_GET_ADAPTER, In(value).first(6), wide);
-    EXPECT_EQ(result.information, 10u);
+    EXPECT_EQ(Returned(IOCTL_NDIS_FILTER_GET_ADAPTER, In(value).first(6), wide), 10u);
     EXPECT_EQ(wide, (Bytes{2, 0, 0, 0, 0, 2, 1, 0, 0, 0}));
 
     // Too short, which side first, and nobody's address.
@@ -174,18 +183,14 @@ TEST_F(AdapterRequestsTest, MediaStateAndPacketDumpAreNamedByMacAddress)
         Debug().Take();
         EXPECT_EQ(StatusOf(code, In(value).first(6), Out(got).first(6)), kBufferTooSmall);
         EXPECT_TRUE(Debug().Contains(kShortInput));
-        result = Control(code, In(value), Out(got));
-        EXPECT_EQ(result.status, kAdapterNotFound);
-        EXPECT_EQ(result.information, 0u);
+        EXPECT_EQ(Returned(code, In(value), Out(got), kAdapterNotFound), 0u);
     }
     EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_GET_MEDIA_STATUS, In(value), Out(got).first(6)), kBufferTooSmall);
     EXPECT_TRUE(Debug().Contains("    Output Buffer Length are too small\n"));
     EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_GET_ADAPTER, {}, wide), kInternalError);
     EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_GET_ADAPTER, In(value), std::span(wide).first(9)), kBufferTooSmall);
-    IdOf(first);
     UseUpIds();
-    FilterAdapter* third = AddAdapter("{C} third", {2, 0, 0, 0, 0, 3});
-    ASSERT_NE(third, nullptr);
+    ASSERT_NE(AddAdapter("{C} third", {2, 0, 0, 0, 0, 3}), nullptr);
     EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_GET_ADAPTER, Bytes{2, 0, 0, 0, 0, 3}, wide), kInternalError);
     EXPECT_TRUE(Debug().Contains("    call Filter_AdapterToId func failure.\n"));
 }

@@ -47,32 +47,21 @@ struct DiagTest : RequestsTest {
     UserDiag diag;
 };
 
-// A client driver that answers under its name.
-class Answerer
-{
-  public:
+// A client driver that answers diagnostics.
+struct Answerer : HandlingDriver {
     using Answer = std::function<NTSTATUS(Diag* diag)>;
 
-    Answerer(const std::string& name, Answer answer) : driver_(name), answer_(std::move(answer))
-    {
-        IoCtrlHandler* handler = nullptr;
-        EXPECT_EQ(Filter_RegisterIoControl(driver_.Handle(), Handle, this, &handler), FILTER_STATUS_SUCCESS);
-    }
-
-  private:
-    static NTSTATUS Handle(PVOID context, PIRP, ULONG, PVOID input, ULONG inputLength, PVOID output,
-                           ULONG outputLength, ULONG_PTR* returned)
-    {
-        *returned = 7; // of no consequence: the reply's length is the framework's business
-        Diag* diag = nullptr;
-        const FILTER_STATUS status = Filter_BeginDiag(input, inputLength, output, outputLength, &diag);
-        EXPECT_EQ(status, FILTER_STATUS_SUCCESS);
-        EXPECT_EQ(diag, output);
-        return static_cast<Answerer*>(context)->answer_(diag);
-    }
-
-    TestDriver driver_;
-    Answer answer_;
+    Answerer(const std::string& name, Answer answer)
+        : HandlingDriver(name, [answer](const Request& request) {
+              *request.returned = 7; // of no consequence: the reply's length is the framework's business
+              Diag* diag = nullptr;
+              EXPECT_EQ(Filter_BeginDiag(request.input, request.inputLength, request.output,
+                                         request.outputLength, &diag),
+                        FILTER_STATUS_SUCCESS);
+              EXPECT_EQ(diag, request.output);
+              return answer(diag);
+          })
+    {}
 };
 
 TEST_F(DiagTest, TheHelpAndItsRefusals)
@@ -107,10 +96,8 @@ TEST_F(DiagTest, WordsAreSplitAtBlanksOnly)
         words.insert(words.begin(), asked->m_pszDriverName);
         return STATUS_SUCCESS;
     });
-    using Words = std::vector<std::string>;
     Debug().Take();
     Ask("me  a\tb   c ");
-    EXPECT_EQ(words, (Words{"me", "a\tb", "c"}));
     const std::string printed = Debug().Take();
     EXPECT_THAT(printed, StartsWith(" - InputBufferLength = 12\n - pInputBuffer = me  a\tb   c \n"
                                     " - OutputBufferLength = 65536\n - pOutputBuffer = 0x"));
@@ -118,26 +105,29 @@ TEST_F(DiagTest, WordsAreSplitAtBlanksOnly)
     EXPECT_THAT(printed, HasSubstr(command + "Enter NdisFilter_DiagHandler" + command +
                                    "pDiag->m_BufferSize = 65536\npDiag->m_BufferUsed = 0\n"
                                    "pDiag->m_bInitialized = TRUE\n"));
-    Ask(" a");
-    EXPECT_EQ(words, (Words{"", "a"}));
-    Ask("me a\x80 b \x80rest c"); // a byte above 127 begins no word
-    EXPECT_EQ(words, (Words{"me", "a\x80", "b"}));
-    Ask(std::string("me a\0 b", 7));
-    EXPECT_EQ(words, (Words{"me", "a"}));
-    Ask("me 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17");
-    ASSERT_EQ(words.size(), 17u);
-    EXPECT_EQ(words.back(), "16");
-    Ask("me " + std::string(1020, 'x'));
-    EXPECT_EQ(words, (Words{"me", std::string(1020, 'x')}));
+    const std::string longest(1020, 'x');
+    const std::pair<std::string, std::vector<std::string>> cases[] = {
+        {"me  a\tb   c ", {"me", "a\tb", "c"}},
+        {" a", {"", "a"}},
+        {"me a\x80 b \x80rest c", {"me", "a\x80", "b"}}, // a byte above 127 begins no word
+        {std::string("me a\0 b", 7), {"me", "a"}},
+        {"me 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17",
+         {"me", "1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11", "12", "13", "14", "15", "16"}},
+        {"me " + longest, {"me", longest}}};
+    for (const auto& [text, expected] : cases) {
+        Ask(text);
+        EXPECT_EQ(words, expected);
+    }
 
     words.clear();
-    Debug().Take();
-    EXPECT_EQ(Ask("me " + std::string(1021, 'x')), "");
-    EXPECT_EQ(result.information, 0u);
-    EXPECT_EQ(Debug().Take(), "Buffer too small, copy buffer size is less than input buffer\n");
-    Ask("");
-    EXPECT_EQ(result.information, 0u);
-    EXPECT_EQ(Debug().Take(), "Invalid arguments: length is 0 or argv buffer size is 0\n");
+    const auto expectRefused = [&](const std::string& text, const char* reason) {
+        Debug().Take();
+        EXPECT_EQ(Ask(text), "");
+        EXPECT_EQ(result.information, 0u);
+        EXPECT_EQ(Debug().Take(), reason);
+    };
+    expectRefused("me x" + longest, "Buffer too small, copy buffer size is less than input buffer\n");
+    expectRefused("", "Invalid arguments: length is 0 or argv buffer size is 0\n");
     EXPECT_EQ(Control(IOCTL_NDIS_FILTER_DIAG, {}, {}).information, 0u);
     EXPECT_EQ(Debug().Take(), "Invalid arguments: buffer are NULL\n");
     EXPECT_TRUE(words.empty());
@@ -203,44 +193,61 @@ TEST_F(DiagTest, TheStateIsShownListByList)
                       [](FilterPacket*) { return FILTER_RESULT_BYPASS; });
     ASSERT_EQ(hook::DeliverSent(adapter, UdpFrame()), hook::Accepted::Yes);
 
-    EXPECT_THAT(
-        Ask("filter show info"),
-        MatchesRegex("- m_pDeviceObject = 0x[0-9A-F]{16}\n- m_DeviceSymbolicLink = .DosDevices.NdisFilter\n"
-                     "- m_bSymbolicLinkCreated = TRUE\n"));
-    std::string text = Ask("FILTER SHOW HOOKAPI extra");
-    EXPECT_THAT(text,
-                StartsWith(" - m_MajorVersion = 0x0000000000000001\n - m_MinorVersion = 0x0000000000000000\n"
-                           " - Filter_AdapterOpened = 0x"));
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 21);
-    EXPECT_THAT(
-        Ask("filter show shmem"),
-        MatchesRegex("- m_pMappedMemory = 0x.{16}\n- m_bStopShare = FALSE\n- m_pPendingReadIrp = 0x0{16}\n"
-                     "- m_SharedMemory.KernelModeInput\n(  - .*\n){8}- m_pSharedMemory.KernelModeOutput\n"
-                     "(  - .*\n){7}  - m_nCount = 512\n- m_nNdisHelperWorkThread = 3\n"
-                     "- m_hShareMemoryThread.0. = 0x.{16}\n"));
-    EXPECT_THAT(Ask("filter show adapter"),
-                MatchesRegex("- m_nAdapterCount = 1\n- m_AdapterList.0. = 0x.{16}\n  - m_hAdapter = " +
-                             PointerText(adapter) +
-                             "\n  - m_nAdapterMedium = 0\n  - m_usMTU = 1500\n  - m_dwAdapterState = [0-9]+\n"
-                             "  - m_PermanentAddress = 02-00-00-00-00-01\n"
-                             "  - m_CurrentAddress = 02-00-00-00-00-01\n  - m_szAdapterName = .A. shown\n"));
-    EXPECT_EQ(Ask("filter show driver"), "- pFilterDriver = " + PointerText(driver.Handle()) +
-                                             "\n- m_pDriverContext = " + PointerText(adapter) +
-                                             "\n- m_DriverName = shown-client\n");
-    text = Ask("filter show filter");
-    EXPECT_THAT(text, StartsWith("Packet Filter(Type = 0 - "));
-    EXPECT_THAT(text,
-                HasSubstr("- Filter[0]\n  - m_FilterName      = shown-filter\n  - m_hFilterDriver   = " +
-                          PointerText(driver.Handle()) + "\n"));
-    EXPECT_THAT(text, HasSubstr("  - m_FilterOrder     = 7 - FILTER_ORDER_FIXED\n  - m_PacketProcess   = 1\n"
-                                "  - m_PacketBypass    = 1\n  - m_PacketDiscard   = 0\n"));
-    EXPECT_EQ(Ask("filter show timer"), "");
-    Answerer answerer("shown-answerer", [](Diag*) -> NTSTATUS { return STATUS_SUCCESS; });
-    EXPECT_THAT(
-        Ask("filter show ioctl"),
-        MatchesRegex("- pIoCtrlHandler = 0x.{16}\n- m_hFilterDriver = 0x.{16}\n- m_pfIoCtrlProc = 0x.{16}\n"
-                     "- m_pIoCtrlContext = " +
-                     PointerText(&answerer) + "\n"));
+    Answerer answerer("shown-answerer", [](Diag*) -> NTSTATUS { return STATUS_NOT_SUPPORTED; });
+    const std::string owner = PointerText(driver.Handle());
+    const std::pair<const char*, std::string> replies[] = {
+        {"filter show info", R"(- m_pDeviceObject = 0x[0-9A-F]{16}
+- m_DeviceSymbolicLink = .DosDevices.NdisFilter
+- m_bSymbolicLinkCreated = TRUE
+)"},
+        {"FILTER SHOW HOOKAPI extra", R"( - m_MajorVersion = 0x0{15}1
+ - m_MinorVersion = 0x0{16}
+ - Filter_AdapterOpened = 0x.{16}
+( - .* = 0x.{16}
+){18})"},
+        {"filter show shmem", R"(- m_pMappedMemory = 0x.{16}
+- m_bStopShare = FALSE
+- m_pPendingReadIrp = 0x0{16}
+- m_SharedMemory.KernelModeInput
+(  - .*
+){8}- m_pSharedMemory.KernelModeOutput
+(  - .*
+){7}  - m_nCount = 512
+- m_nNdisHelperWorkThread = 3
+- m_hShareMemoryThread.0. = 0x.{16}
+)"},
+        {"filter show adapter", R"(- m_nAdapterCount = 1
+- m_AdapterList.0. = 0x.{16}
+  - m_hAdapter = )" + PointerText(adapter) + R"(
+  - m_nAdapterMedium = 0
+  - m_usMTU = 1500
+  - m_dwAdapterState = [0-9]+
+  - m_PermanentAddress = 02-00-00-00-00-01
+  - m_CurrentAddress = 02-00-00-00-00-01
+  - m_szAdapterName = .A. shown
+)"},
+        {"filter show driver", "- pFilterDriver = " + owner + "\n- m_pDriverContext = " + PointerText(adapter) +
+                                   "\n- m_DriverName = shown-client\n(.*\n){2}- m_DriverName = shown-answerer\n"},
+        {"filter show filter", R"(Packet Filter.Type = 0 - (.*
+)+- Filter.0.
+  - m_FilterName      = shown-filter
+  - m_hFilterDriver   = )" + owner + R"(
+(.*
+)+  - m_FilterOrder     = 7 - FILTER_ORDER_FIXED
+  - m_PacketProcess   = 1
+  - m_PacketBypass    = 1
+  - m_PacketDiscard   = 0
+(.*
+)+)"},
+        {"filter show timer", ""},
+        {"filter show ioctl", R"(- pIoCtrlHandler = 0x.{16}
+- m_hFilterDriver = 0x.{16}
+- m_pfIoCtrlProc = 0x.{16}
+- m_pIoCtrlContext = )" + PointerText(static_cast<HandlingDriver*>(&answerer)) + "\n"},
+    };
+    for (const auto& [command, reply] : replies) {
+        EXPECT_THAT(Ask(command), MatchesRegex(reply)) << command;
+    }
 }
 
 // The room of a text is reckoned without the header: up to 33 bytes more than there are count as printed.
@@ -312,8 +319,12 @@ TEST_F(DiagTest, TheExportsRefuseWhatTheyAreNotGiven)
     made.m_pszDriverName = Unreadable<char>();
     made.m_ppszArguments = Unreadable<PCHAR>();
     made.m_nArgumentCount = 1 << 30;
+    made.m_BufferSize = 1 << 30;
     EXPECT_EQ(Filter_BeginDiag(text, 1, &made, 40, &out), FILTER_STATUS_SUCCESS);
     EXPECT_EQ(out, &made);
+    EXPECT_EQ(made.m_nArgumentCount, 0);
+    EXPECT_EQ(made.m_BufferSize, 40u);
+    EXPECT_STREQ(made.m_pszDriverName, "NULL");
     EXPECT_EQ(Filter_DiagPrint(nullptr, "x"), FILTER_ERROR_INVALID_ARGUMENT);
     EXPECT_EQ(Filter_DiagPrint(&made, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
     EXPECT_EQ(Filter_DiagPrint(&made, "%s", Unreadable<char>()), FILTER_ERROR_EXCEPTION);

@@ -17,7 +17,7 @@ using support::Bytes;
 inline constexpr uint32_t kTraceCore = 0x100;
 inline constexpr auto kBufferTooSmall = static_cast<machine::Status>(0xC0000023);
 inline constexpr auto kInternalError = static_cast<machine::Status>(0xC00000E5);
-inline constexpr auto kNoResources = static_cast<machine::Status>(0xC000009A);
+inline constexpr auto kNoMemory = static_cast<machine::Status>(0xC0000017);
 inline constexpr auto kInvalidParameter = static_cast<machine::Status>(0xC000000D);
 inline constexpr auto kNotSupported = static_cast<machine::Status>(0xC00000BB);
 inline constexpr auto kAdapterNotFound = static_cast<machine::Status>(0xC0010006);
@@ -75,6 +75,14 @@ class RequestsTest : public support::FrameworkTest
     Result Control(uint32_t code, std::span<const uint8_t> input, std::span<uint8_t> output)
     {
         return device_->Control(code, input, output);
+    }
+    // The bytes returned by a request that is to be answered with this status.
+    size_t Returned(uint32_t code, std::span<const uint8_t> input, std::span<uint8_t> output,
+                    machine::Status status = STATUS_SUCCESS)
+    {
+        const Result result = Control(code, input, output);
+        EXPECT_EQ(result.status, status) << std::hex << code;
+        return result.information;
     }
     machine::Status StatusOf(uint32_t code, std::span<const uint8_t> input, std::span<uint8_t> output = {})
     {

@@ -1,41 +1,52 @@
-// A lab that serves, started for a test and stopped behind it.
+// A lab that serves, started for a test and stopped behind it, and the programs that use it.
 #pragma once
 
-#include <functional>
+#include <support/eventually.h>
+#include <support/program.h>
+
+#include <csignal>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-#include <sys/types.h>
-
 #include <device.h>
+
+using support::Eventually;
+
+inline const std::string kCapture = NDISFILTER_TEST_DATA "/session.pcapng";
+inline const std::vector<std::string> kOneAdapter = {"--adapter", "lan0=02:00:00:00:00:0a"};
+
+inline const std::vector<std::string> kTraffic = {kCapture, "--loop",   "--rate",
+                                                  "2000",   "--filter", "indicator"};
 
 class LabServer
 {
   public:
-    // `ndisfilter-lab serve <arguments> --json`, with its socket and all it says in a directory of its own.
-    // It is reachable when this returns.
+    // `ndisfilter-lab serve <arguments> --json`, in a directory of its own with its socket and all it says. It is
+    // reachable when this returns.
     explicit LabServer(std::vector<std::string> arguments);
     ~LabServer(); // Stop, if need be
-    LabServer(const LabServer&) = delete;
-    LabServer& operator=(const LabServer&) = delete;
 
     // Ends it as Ctrl-C does, or with another signal. Its report, which must be a success: the balance holds,
     // no rule is broken, nothing lost.
-    nlohmann::json Stop(int signal = 2);
-    std::string Errors() const; // standard error so far
-    const std::string& Socket() const { return socket_; }
-    const std::string& Directory() const { return directory_; }
+    nlohmann::json Stop(int signal = SIGINT);
+    bool HasSaid(const std::string& text) const; // on standard error, so far
+    std::string Errors() const { return program_->Errors(); }
+    std::string Socket() const { return directory_.File("lab.sock"); }
+    const support::TemporaryDirectory& Directory() const { return directory_; }
 
     // The control device; fails the test when it cannot be opened.
     std::unique_ptr<ndisfilter::Device> Open() const;
 
-  private:
-    std::string directory_;
-    std::string socket_;
-    pid_t process_ = -1;
-};
+    // Runs ndisfilterctl on it, in a directory beside the lab's.
+    support::ProgramResult Ctl(std::vector<std::string> arguments,
+                               const std::function<bool()>& interruptWhen = nullptr) const;
+    // Runs a line of bash where $ctl is that.
+    support::ProgramResult Shell(const std::string& line) const;
+    std::string CtlDirectory() const { return ctlDirectory_.Path(); }
 
-// Waits until a condition holds; false when it does not within half a minute.
-bool Eventually(const std::function<bool()>& condition);
+  private:
+    const support::TemporaryDirectory directory_;
+    const support::TemporaryDirectory ctlDirectory_;
+    std::unique_ptr<support::Program> program_;
+};

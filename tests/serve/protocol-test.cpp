@@ -115,7 +115,7 @@ class Protocol : public testing::Test
         EXPECT_TRUE(Eventually([&] { return StartShare(*device) != nullptr; }));
     }
 
-    LabServer lab_{{"--adapter", "lan0=02:00:00:00:00:0a"}};
+    LabServer lab_{kOneAdapter};
 };
 
 TEST_F(Protocol, WhatIsNoMessageEndsTheConnection)

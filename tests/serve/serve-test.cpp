@@ -5,14 +5,15 @@
 #include <support/captures.h>
 
 #include <atomic>
-#include <csignal>
-#include <cstdlib>
+#include <random>
 #include <thread>
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <ndisfilter-client.hpp>
 
 #include "../../samples/indicator/indicator.h"
 
@@ -22,9 +23,6 @@ namespace
 using ndisfilter::ControlResult;
 using ndisfilter::Device;
 using testing::HasSubstr;
-
-const std::string kCapture = NDISFILTER_TEST_DATA "/session.pcapng";
-const std::vector<std::string> kOneAdapter = {"--adapter", "lan0=02:00:00:00:00:0a"};
 
 std::span<uint8_t> BytesOf(auto& record)
 {
@@ -147,8 +145,9 @@ TEST(Serve, ClosingTheDeviceCompletesItsRead)
 
 TEST(Serve, AKilledProgramLeavesTheShareFree)
 {
-    const LabServer lab({kCapture, "--loop", "--rate", "2000", "--filter", "indicator"});
-    for (int round = 0; round < 3; ++round) {
+    // Without traffic its read stays parked.
+    for (const std::vector<std::string>& arguments : {kTraffic, kOneAdapter}) {
+        const LabServer lab(arguments);
         int ready[2];
         ASSERT_EQ(pipe(ready), 0);
         const pid_t child = fork(); // while this process has one thread
@@ -167,13 +166,83 @@ TEST(Serve, AKilledProgramLeavesTheShareFree)
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
         const auto device = lab.Open();
-        EXPECT_TRUE(Eventually([&] { return StartShare(*device) != nullptr; }));
+        SharedMemory* memory = nullptr;
+        EXPECT_TRUE(Eventually([&] { return (memory = StartShare(*device)) != nullptr; }));
+        const auto read = device->Send(IOCTL_NDIS_FILTER_READ_SHARE); // the dead one's is no longer parked
+        SendLoopBack(*device, *memory, FirstAdapter(*device), 1);
+        const auto result = read->Wait(kWaitMs);
+        ASSERT_TRUE(result.has_value());
+        EXPECT_EQ(result->status, kSuccess);
     }
+}
+
+// Fills the whole mapping with nonsense until told to stop: small numbers, which an index or an identifier may be, and
+// any others.
+void Scribble(SharedMemory* memory, uint32_t seed, const std::atomic<bool>& stop)
+{
+    auto* const words = reinterpret_cast<uint32_t*>(reinterpret_cast<uint8_t*>(memory) -
+                                                    offsetof(MappedMemory, m_SharedMemory));
+    std::mt19937 random(seed);
+    while (!stop) {
+        for (size_t i = 0; i < NDIS_FILTER_MAPPED_MEMORY_SIZE / sizeof(uint32_t); ++i) {
+            const uint32_t value = random();
+            std::atomic_ref(words[i]).store(value % 4 == 0 ? value >> 20 : value, std::memory_order_relaxed);
+        }
+    }
+}
+
+TEST(Serve, AProgramThatScribblesOverTheSharedMemoryDisturbsNobodyElse)
+{
+    LabServer lab({kCapture, kCapture, "--rate", "800", "--filter", "indicator"});
+    auto device = lab.Open();
+    SharedMemory* const memory = StartShare(*device);
+    ASSERT_NE(memory, nullptr);
+    {
+        std::atomic<bool> stop = false;
+        const std::jthread first([&] { Scribble(memory, 1, stop); });
+        const std::jthread second([&] { Scribble(memory, 2, stop); });
+        const auto neighbour = lab.Open();
+        EXPECT_TRUE(Eventually([&] {
+            const auto read = device->Send(IOCTL_NDIS_FILTER_READ_SHARE);
+            device->Control(IOCTL_NDIS_FILTER_WRITE_SHARE, {}, {});
+            read->Cancel();
+            EXPECT_TRUE(read->Wait(kWaitMs).has_value());
+            EXPECT_EQ(AskVersion(*neighbour), kSuccess);
+            return lab.HasSaid("the captures are through") || testing::Test::HasFailure();
+        }));
+        stop = true;
+    }
+    device.reset();
+
+    // The next program has rings that work.
+    ndisfilter::Client next(lab.Socket());
+    next.StartShare();
+    const std::vector<uint8_t> bytes(60, 0x5A);
+    ndisfilter_frame frame = {};
+    frame.adapter_id = next.Adapters().at(0).m_nAdapterId;
+    frame.direction = NDIS_FILTER_DIRECTION_TO_APPLICATION;
+    frame.data = bytes.data();
+    frame.size = static_cast<uint32_t>(bytes.size());
+    EXPECT_EQ(next.Send({&frame, 1}), 1u);
+    std::vector<ndisfilter_block> room(1);
+    ASSERT_EQ(next.Receive(room, kWaitMs).size(), 1u);
+    EXPECT_EQ(std::memcmp(room[0].content.frame.m_Data, bytes.data(), bytes.size()), 0);
+
+    const nlohmann::json report = lab.Stop();
+    const uint64_t frames = 2 * support::ReadCapture(kCapture).size();
+    EXPECT_EQ(report["balance"]["received"].get<uint64_t>() + report["balance"]["sent"].get<uint64_t>(),
+              frames);
+    uint64_t filtered = 0;
+    for (const nlohmann::json& filter : report["filters"]) {
+        EXPECT_EQ(filter["bypass"], filter["process"]);
+        filtered += filter["process"].get<uint64_t>();
+    }
+    EXPECT_EQ(filtered, frames);
 }
 
 TEST(Serve, OneOfTwoProgramsThatFightHasTheShare)
 {
-    LabServer lab({kCapture, "--loop", "--rate", "2000", "--filter", "indicator"});
+    LabServer lab(kTraffic);
     std::atomic<int> owners = 0;
     std::atomic<int> won = 0;
     const auto fight = [&] {
@@ -262,8 +331,7 @@ TEST(Serve, TheIndicatorShowsFramesOfAPortAndAnswersForItself)
 TEST(Serve, CapturesAreReplayedOnceOrInALoopWithinTheRate)
 {
     LabServer once({kCapture, "--adapter", "lan0=02:00:00:00:00:0c"});
-    EXPECT_TRUE(
-        Eventually([&] { return once.Errors().find("the captures are through") != std::string::npos; }));
+    EXPECT_TRUE(Eventually([&] { return once.HasSaid("the captures are through"); }));
     nlohmann::json report = once.Stop();
     const uint64_t frames = support::ReadCapture(kCapture).size();
     EXPECT_EQ(report["balance"]["received"].get<uint64_t>() + report["balance"]["sent"].get<uint64_t>(),
@@ -289,18 +357,16 @@ TEST(Serve, ASocketThatCannotBeHadIsRefused)
 {
     const LabServer lab(kOneAdapter);
     const auto run = [&](const std::string& socket) {
-        const std::string command =
-            std::string(NDISFILTER_LAB) + " serve --quiet --socket " + socket + " >/dev/null 2>&1";
-        const int status = std::system(command.c_str());
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return support::RunProgram(NDISFILTER_LAB, {"serve", "--socket", socket}, lab.CtlDirectory())
+            .exitCode;
     };
     EXPECT_EQ(run(lab.Socket()), 7); // another lab is there
-    EXPECT_EQ(run(lab.Directory()), 7);
-    EXPECT_EQ(run(lab.Directory() + "/no/such/directory"), 7);
+    EXPECT_EQ(run(lab.Directory().Path()), 7);
+    EXPECT_EQ(run(lab.Directory().File("no/such/directory")), 7);
     EXPECT_NE(lab.Open(), nullptr); // still
 
     std::string error;
-    EXPECT_EQ(ndisfilter::OpenDevice(lab.Directory() + "/nothing", &error), nullptr);
+    EXPECT_EQ(ndisfilter::OpenDevice(lab.Directory().File("nothing"), &error), nullptr);
     EXPECT_THAT(error, HasSubstr("no lab is running there"));
 }
 

@@ -27,7 +27,8 @@ TEST_F(OwnerTest, OneHandleAtATimeOwnsTheShare)
     EXPECT_EQ(owner.Start(), NDIS_FILTER_SHARE_FAILED);
     EXPECT_EQ(other.Start(), NDIS_FILTER_SHARE_FAILED);
     EXPECT_EQ(other.ReadNow(), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(other.Stop().status, STATUS_SUCCESS);
+    EXPECT_EQ(other.Stop().status, STATUS_SUCCESS); // and changes nothing
+    EXPECT_EQ(machine::TakeCensus().views, 1u);
 
     // The other's announcement wakes nobody; its close gives nothing back.
     Fill(owner.NextInput(), NDIS_FILTER_DIRECTION_TO_APPLICATION, UdpFrame());
@@ -41,6 +42,7 @@ TEST_F(OwnerTest, OneHandleAtATimeOwnsTheShare)
 
     // The next owner finds the rings as this one leaves them: a block is waiting.
     EXPECT_EQ(owner.Stop().status, STATUS_SUCCESS);
+    EXPECT_EQ(machine::TakeCensus().views, 0u);
     {
         SharingProgram next;
         ASSERT_NE(next.Start(7), NDIS_FILTER_SHARE_FAILED);

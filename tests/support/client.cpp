@@ -92,4 +92,19 @@ FILTER_RESULT TestFilter::Run(FilterDriver* driver, PVOID driverContext, PacketF
     return self->procedure_ ? self->procedure_(packet) : FILTER_RESULT_BYPASS;
 }
 
+HandlingDriver::HandlingDriver(const std::string& name, Answer answer)
+    : driver(name), answer_(std::move(answer))
+{
+    IoCtrlHandler* handler = nullptr;
+    EXPECT_EQ(Filter_RegisterIoControl(driver.Handle(), Handle, this, &handler), FILTER_STATUS_SUCCESS);
+}
+
+NTSTATUS HandlingDriver::Handle(PVOID context, PIRP irp, ULONG code, PVOID input, ULONG inputLength,
+                                PVOID output, ULONG outputLength, ULONG_PTR* returned)
+{
+    EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+    return static_cast<HandlingDriver*>(context)->answer_(
+        {irp, code, input, inputLength, output, outputLength, returned});
+}
+
 } // namespace support

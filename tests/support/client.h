@@ -95,4 +95,30 @@ class TestFilter
     std::vector<Call> calls_;
 };
 
+// A client driver with a handler of control requests.
+class HandlingDriver
+{
+  public:
+    struct Request {
+        PIRP irp;
+        ULONG code;
+        void* input;
+        ULONG inputLength;
+        void* output;
+        ULONG outputLength;
+        ULONG_PTR* returned;
+    };
+    using Answer = std::function<NTSTATUS(const Request& request)>;
+
+    // Fails the test when it cannot be registered.
+    HandlingDriver(const std::string& name, Answer answer);
+
+    TestDriver driver;
+
+  private:
+    static NTSTATUS Handle(PVOID context, PIRP irp, ULONG code, PVOID input, ULONG inputLength, PVOID output,
+                           ULONG outputLength, ULONG_PTR* returned);
+    Answer answer_;
+};
+
 } // namespace support

@@ -1,9 +1,7 @@
 #include "framework.h"
 
-#include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <thread>
 
 // The entry routine of the framework, which is linked into every test program.
 extern "C" int32_t DriverEntry(void* driverObject, void* registryPath);
@@ -177,18 +175,6 @@ std::string PointerText(const void* pointer)
     char text[2 + 16 + 1];
     snprintf(text, sizeof(text), "0x%016llX", reinterpret_cast<unsigned long long>(pointer));
     return text;
-}
-
-bool Eventually(const std::function<bool()>& condition)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
 }
 
 } // namespace support

@@ -127,6 +127,9 @@ FILTER_STATUS StoreResult(PCSTR functionName, Value* output, Value value)
 
 ULONG ReadAdapterCount()
 {
+    if (g_pDeviceExtension == nullptr) {
+        return 0; // client drivers may ask before the framework has started
+    }
     const ULONG count = LoadRelaxed(AdapterCount());
     return count < NDIS_FILTER_MAX_ADAPTERS ? count : NDIS_FILTER_MAX_ADAPTERS;
 }
@@ -199,10 +202,12 @@ ULONG NdisFilter_AdapterClosed(FilterAdapter* pAdapter)
     if (pAdapter != nullptr) {
         GuardedCallback("NdisFilter_AdapterClosed", [&] {
             TraceAdapterName(pAdapter);
-            CloseAdapterEthrLogs(pAdapter);
-            RefreshAdapterTable();
-            CloseAdapterEthrLogs(pAdapter); // which a start that still found it in the table has opened meanwhile
-            return DeliverAdapterEvent(FILTER_EVENT_ADAPTER_CLOSED, pAdapter);
+            NTSTATUS code = CloseAdapterEthrLogs(pAdapter);
+            if (code == 0) {
+                RefreshAdapterTable();
+                code = CloseAdapterEthrLogs(pAdapter); // of a start that still found it in the table meanwhile
+            }
+            return code == 0 ? DeliverAdapterEvent(FILTER_EVENT_ADAPTER_CLOSED, pAdapter) : code;
         });
     }
     Trace(TRACE_HOOK, "Leave NdisFilter_AdapterClosed\n");

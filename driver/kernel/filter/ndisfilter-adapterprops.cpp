@@ -6,12 +6,7 @@ namespace
 
 constexpr SIZE_T MacAddressSize = 6;
 
-FILTER_STATUS CheckAdapter(FilterAdapter* hAdapter)
-{
-    return Filter_IsValidAdapter(hAdapter) ? FILTER_STATUS_SUCCESS : FILTER_ERROR_INVALID_ADAPTER_HANDLE;
-}
-
-// Runs `access` when both pointers are given and the handle is valid.
+// Runs `access` when both pointers are given and the handle is valid. A function without data passes its handle twice.
 template <class Access>
 FILTER_STATUS WithAdapter(const CallTrace& trace, FilterAdapter* hAdapter, const VOID* data,
                           const Access& access)
@@ -20,8 +15,7 @@ FILTER_STATUS WithAdapter(const CallTrace& trace, FilterAdapter* hAdapter, const
         if (hAdapter == nullptr || data == nullptr) {
             return FILTER_ERROR_INVALID_ARGUMENT;
         }
-        const FILTER_STATUS status = CheckAdapter(hAdapter);
-        return status == FILTER_STATUS_SUCCESS ? access() : status;
+        return Filter_IsValidAdapter(hAdapter) ? access() : FILTER_ERROR_INVALID_ADAPTER_HANDLE;
     });
 }
 
@@ -70,7 +64,7 @@ FILTER_STATUS SetPppMacAddress(PCSTR name, PCSTR fieldName, FilterAdapter* hAdap
     });
 }
 
-// Runs `access` with the adapter of the table that has the MAC address.
+// Runs `access` with the adapter of the table that has the MAC address. A function without data passes its address twice.
 template <class Access>
 FILTER_STATUS WithAdapterOfMac(PCSTR name, const UCHAR* pMacAddress, const VOID* data, const Access& access)
 {
@@ -85,6 +79,24 @@ FILTER_STATUS WithAdapterOfMac(PCSTR name, const UCHAR* pMacAddress, const VOID*
         }
         return status;
     });
+}
+
+VOID PrintMtuLeave(FILTER_STATUS status, PVOID mtu)
+{
+    switch (status) {
+    case FILTER_STATUS_SUCCESS:
+        DbgPrint("Leave Filter_GetAdapterMtu, %d\n", *static_cast<USHORT*>(mtu));
+        break;
+    case FILTER_ERROR_INVALID_ADAPTER_HANDLE:
+        DbgPrint("Leave Filter_GetAdapterMtu, Invalid adapter\n");
+        break;
+    case FILTER_ERROR_INVALID_ARGUMENT:
+        DbgPrint("Leave Filter_GetAdapterMtu, Invalid argument\n");
+        break;
+    default:
+        DbgPrint("Leave Filter_GetAdapterMtu, %d-%s\n", status, Filter_StatusString(status));
+        break;
+    }
 }
 
 // Of the hook driver's functions for the media state.
@@ -134,44 +146,25 @@ FILTER_STATUS Filter_IsNdisWanAdapter(FilterAdapter* hAdapter, PBOOLEAN pbNdisWa
                     pbNdisWan);
 }
 
-// Checks the handle first, and leaves with lines of its own.
+// Checks the handle first.
 FILTER_STATUS Filter_GetAdapterMtu(FilterAdapter* hAdapter, PUSHORT pusMtu)
 {
-    constexpr PCSTR name = "Filter_GetAdapterMtu";
-    FILTER_STATUS status = FILTER_ERROR_EXCEPTION;
     USHORT mtu = 0;
-    Trace(TRACE_ADAPTER, "Enter Filter_GetAdapterMtu\n");
-    const NTSTATUS code = Guarded([&] {
-        status = CheckAdapter(hAdapter);
-        if (status == FILTER_STATUS_SUCCESS && pusMtu == nullptr) {
-            status = FILTER_ERROR_INVALID_ARGUMENT;
+    const CallTrace trace{.Name = "Filter_GetAdapterMtu",
+                          .Area = TRACE_ADAPTER,
+                          .Subject = &mtu,
+                          .Leave = PrintMtuLeave};
+    return TracedCall(trace, [&]() -> FILTER_STATUS {
+        if (!Filter_IsValidAdapter(hAdapter)) {
+            return FILTER_ERROR_INVALID_ADAPTER_HANDLE;
         }
-        if (status == FILTER_STATUS_SUCCESS) {
-            mtu = LoadRelaxed(hAdapter->m_usMTU);
-            *pusMtu = mtu;
+        if (pusMtu == nullptr) {
+            return FILTER_ERROR_INVALID_ARGUMENT;
         }
+        mtu = LoadRelaxed(hAdapter->m_usMTU);
+        *pusMtu = mtu;
+        return FILTER_STATUS_SUCCESS;
     });
-    if (code != 0) {
-        status = ExceptionStatus(name, code);
-    }
-    if (status != FILTER_STATUS_SUCCESS && TraceEnabled(TRACE_ADAPTER)) {
-        PrintError(status);
-    }
-    switch (status) {
-    case FILTER_STATUS_SUCCESS:
-        Trace(TRACE_ADAPTER, "Leave Filter_GetAdapterMtu, %d\n", mtu);
-        break;
-    case FILTER_ERROR_INVALID_ADAPTER_HANDLE:
-        Trace(TRACE_ADAPTER, "Leave Filter_GetAdapterMtu, Invalid adapter\n");
-        break;
-    case FILTER_ERROR_INVALID_ARGUMENT:
-        Trace(TRACE_ADAPTER, "Leave Filter_GetAdapterMtu, Invalid argument\n");
-        break;
-    default:
-        Trace(TRACE_ADAPTER, "Leave Filter_GetAdapterMtu, %d-%s\n", status, Filter_StatusString(status));
-        break;
-    }
-    return status;
 }
 
 FILTER_STATUS Filter_GetAdapterName(FilterAdapter* hAdapter, UNICODE_STRING** ppName)
@@ -208,7 +201,7 @@ FILTER_STATUS Filter_SetAdapterPPPDstMacAddress(FilterAdapter* hAdapter, const U
 
 FILTER_STATUS Filter_SetAdapterCongestionControl(FilterAdapter* hAdapter, BOOLEAN bEnable)
 {
-    return WithAdapter({"Filter_SetAdapterCongestionControl", TRACE_ADAPTER}, hAdapter, &bEnable,
+    return WithAdapter({"Filter_SetAdapterCongestionControl", TRACE_ADAPTER}, hAdapter, hAdapter,
                        [&]() -> FILTER_STATUS {
                            StoreRelaxed(hAdapter->m_bCongestionControl, bEnable);
                            return FILTER_STATUS_SUCCESS;
@@ -223,7 +216,7 @@ FILTER_STATUS Filter_GetAdapterPacketDump(const UCHAR* pMacAddress, PBOOLEAN pbE
 
 FILTER_STATUS Filter_SetAdapterPacketDump(const UCHAR* pMacAddress, BOOLEAN bEnable)
 {
-    return WithAdapterOfMac("Filter_SetAdapterPacketDump", pMacAddress, &bEnable,
+    return WithAdapterOfMac("Filter_SetAdapterPacketDump", pMacAddress, pMacAddress,
                             [&](FilterAdapter& adapter) { StoreRelaxed(adapter.m_bPacketDump, bEnable); });
 }
 

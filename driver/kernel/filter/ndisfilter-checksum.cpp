@@ -4,9 +4,6 @@
 namespace
 {
 
-constexpr ULONG IP_HEADER_SIZE = 20; // without options
-constexpr ULONG IP_TOTAL_LENGTH_OFFSET = 2;
-constexpr ULONG IP_CHECKSUM_OFFSET = 10;
 constexpr ULONG IP_ADDRESSES_SIZE = 8; // source and destination, one behind the other
 constexpr ULONG ICMP_CHECKSUM_OFFSET = 2;
 constexpr ULONG TCP_CHECKSUM_OFFSET = 16;
@@ -99,25 +96,35 @@ ULONGLONG PseudoHeaderSum(const UCHAR* ip, ULONG lengthAndProtocol)
     return AddWords(__builtin_bswap16(word), ip + IP_SOURCE_OFFSET, IP_ADDRESSES_SIZE);
 }
 
+// `length` is that of the segment, also when it is negative; `size` is 0 then.
+VOID StoreTransportChecksum(UCHAR* ip, ULONG length, ULONG size, ULONG field, ULONG protocol)
+{
+    const ULONG headerSize = IpHeaderSize(ip);
+    UCHAR* const transport = ip + headerSize;
+    if (headerSize < IP_HEADER_SIZE) { // the field may lie in the addresses, and counts as zero there, too
+        RtlZeroMemory(transport + field, sizeof(USHORT));
+    }
+    StoreChecksum(transport, size, field, PseudoHeaderSum(ip, length + protocol));
+}
+
 FILTER_STATUS CalculateChecksum(UCHAR* ip, ULONG selector)
 {
     const ULONG headerSize = IpHeaderSize(ip);
     const ULONG total = ReadBe16(ip + IP_TOTAL_LENGTH_OFFSET);
     const ULONG length = total - headerSize; // as the pseudo-header has it, also when it is negative
     const ULONG size = total > headerSize ? length : 0;
-    UCHAR* const transport = ip + headerSize;
     switch (selector) {
     case IP_HEADER_SELECTOR:
         StoreHeaderChecksum(ip, headerSize);
         return FILTER_STATUS_SUCCESS;
     case IP_PROTOCOL_ICMP:
-        StoreChecksum(transport, size, ICMP_CHECKSUM_OFFSET, 0);
+        StoreChecksum(ip + headerSize, size, ICMP_CHECKSUM_OFFSET, 0);
         return FILTER_STATUS_SUCCESS;
     case IP_PROTOCOL_TCP:
-        StoreChecksum(transport, size, TCP_CHECKSUM_OFFSET, PseudoHeaderSum(ip, length + IP_PROTOCOL_TCP));
+        StoreTransportChecksum(ip, length, size, TCP_CHECKSUM_OFFSET, IP_PROTOCOL_TCP);
         return FILTER_STATUS_SUCCESS;
     case IP_PROTOCOL_UDP:
-        StoreChecksum(transport, size, UDP_CHECKSUM_OFFSET, PseudoHeaderSum(ip, length + IP_PROTOCOL_UDP));
+        StoreTransportChecksum(ip, length, size, UDP_CHECKSUM_OFFSET, IP_PROTOCOL_UDP);
         return FILTER_STATUS_SUCCESS;
     default:
         return FILTER_ERROR_UNSUPPORTED_PROTOCOL;

@@ -10,6 +10,7 @@ constexpr LONG ARGUMENT_COUNT = 16;
 // Of the one diagnostic that runs.
 CHAR s_szCommand[COMMAND_SIZE];
 PCHAR s_pszArguments[ARGUMENT_COUNT];
+LONG s_nArgumentCount;
 
 FILTER_STATUS CheckBuffers(BOOLEAN areGiven, ULONG inputLength, ULONG outputLength)
 {
@@ -55,16 +56,27 @@ LONG SplitCommand()
     return count;
 }
 
-// Prints the names only when they are the framework's own: a handler may have brought the buffer of another request,
-// in which the program has written what it likes.
 VOID PrintCommand(const Diag& diag)
 {
-    DbgPrint(" - driver = %s\n", diag.m_pszDriverName == s_szCommand ? s_szCommand : "NULL");
+    DbgPrint(" - driver = %s\n", diag.m_pszDriverName);
     DbgPrint(" - argc = %d\n", diag.m_nArgumentCount);
-    if (diag.m_ppszArguments == s_pszArguments) {
-        for (LONG i = 0; i < diag.m_nArgumentCount && i < ARGUMENT_COUNT; i++) {
-            DbgPrint(" - argv[%d] = %s\n", i, s_pszArguments[i]);
-        }
+    for (LONG i = 0; i < diag.m_nArgumentCount; i++) {
+        DbgPrint(" - argv[%d] = %s\n", i, diag.m_ppszArguments[i]);
+    }
+}
+
+// A handler may bring the buffer of another request, in which the program has written what it likes: it gets a record
+// without a command then. The size is the caller's in any case, as texts are written up to it.
+VOID MakeTrustworthy(Diag& diag, ULONG outputLength)
+{
+    static CHAR s_szNone[] = "NULL";
+    diag.m_BufferSize = outputLength;
+    const BOOLEAN isOwn = diag.m_pszDriverName == s_szCommand && diag.m_ppszArguments == s_pszArguments &&
+                          diag.m_nArgumentCount == LoadRelaxed(s_nArgumentCount);
+    if (!isOwn) {
+        diag.m_pszDriverName = s_szNone;
+        diag.m_ppszArguments = s_pszArguments;
+        diag.m_nArgumentCount = 0;
     }
 }
 
@@ -102,7 +114,8 @@ NTSTATUS Append(Diag& diag, PCSTR format, va_list arguments, LONG& result)
 
 FILTER_STATUS Filter_PrepareDiag(const VOID* pInput, ULONG nInputLength, PVOID pOutput, ULONG nOutputLength)
 {
-    return TracedCall({"Filter_PrepareDiag", TRACE_SERVICE}, [&]() -> FILTER_STATUS {
+    BOOLEAN isTaken = FALSE;
+    const FILTER_STATUS result = TracedCall({"Filter_PrepareDiag", TRACE_SERVICE}, [&]() -> FILTER_STATUS {
         const BOOLEAN areGiven = pInput != nullptr && pOutput != nullptr;
         const FILTER_STATUS status = CheckBuffers(areGiven, nInputLength, nOutputLength);
         if (status != FILTER_STATUS_SUCCESS) {
@@ -112,6 +125,7 @@ FILTER_STATUS Filter_PrepareDiag(const VOID* pInput, ULONG nInputLength, PVOID p
             DbgPrint("driver diagnostic are in progress\n");
             return FILTER_ERROR_DRIVER_DIAG_IN_PROGRESS;
         }
+        isTaken = TRUE;
         DbgPrint(" - InputBufferLength = %d\n", nInputLength);
         DbgPrint(" - pInputBuffer = %*.*s\n", nInputLength, nInputLength, static_cast<PCSTR>(pInput));
         DbgPrint(" - OutputBufferLength = %d\n", nOutputLength);
@@ -132,10 +146,17 @@ FILTER_STATUS Filter_PrepareDiag(const VOID* pInput, ULONG nInputLength, PVOID p
         diag.m_bInitialized = TRUE;
         diag.m_pszDriverName = s_szCommand;
         diag.m_ppszArguments = s_pszArguments;
-        diag.m_nArgumentCount = SplitCommand();
+        const LONG count = SplitCommand();
+        StoreRelaxed(s_nArgumentCount, count);
+        diag.m_nArgumentCount = count;
         PrintCommand(diag);
         return FILTER_STATUS_SUCCESS;
     });
+    // Some kernels raise when they are to print a line as long as a command may be.
+    if (isTaken && result != FILTER_STATUS_SUCCESS) {
+        Filter_EndDiag();
+    }
+    return result;
 }
 
 VOID Filter_EndDiag()
@@ -154,10 +175,11 @@ FILTER_STATUS Filter_BeginDiag(const VOID* pInputBuffer, ULONG nInputLength, PVO
         }
         Diag* const diag = static_cast<Diag*>(pOutputBuffer);
         *ppDiag = diag;
+        MakeTrustworthy(*diag, nOutputLength);
         PrintCommand(*diag);
         DbgPrint("pDiag->m_BufferSize = %d\n", diag->m_BufferSize);
         DbgPrint("pDiag->m_BufferUsed = %d\n", diag->m_BufferUsed);
-        DbgPrint("pDiag->m_bInitialized = %s\n", diag->m_bInitialized ? "TRUE" : "FALSE");
+        DbgPrint("pDiag->m_bInitialized = %s\n", BooleanText(diag->m_bInitialized));
         return FILTER_STATUS_SUCCESS;
     });
 }

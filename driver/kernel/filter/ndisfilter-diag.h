@@ -4,11 +4,6 @@
 
 #include "ndisfilter-internal.h"
 
-inline PCSTR BooleanText(BOOLEAN value)
-{
-    return value ? "TRUE" : "FALSE";
-}
-
 // For the addresses of functions, which no conversion of the formatter is made for.
 template <class Function>
 PVOID AddressOf(Function* function)

@@ -49,7 +49,9 @@ PVOID AllocateZeroed(SIZE_T size, ULONG tag);
 // Queues a work item that the unload waits for. Its routine calls LeaveQueuedWork last. IRQL <= DISPATCH.
 VOID QueueWork(PWORK_QUEUE_ITEM item, PWORKER_THREAD_ROUTINE routine, PVOID parameter);
 VOID LeaveQueuedWork();
-VOID WaitForQueuedWork(); // until all work items of the framework are done, for the unload
+// Until all work items of the framework are done, for the unload. What is left of the last one are a few instructions
+// that return from its routine, into the system's worker: it cannot say when it has got there.
+VOID WaitForQueuedWork();
 
 // ---- ndisfilter-event
 FilterEventRecord* TakeEventRecord(); // nullptr when 1,023 are out or no memory is left
@@ -80,15 +82,20 @@ VOID InvokeQueuedFilter(FILTER_METHOD nMethod, PacketFilter* hPacketFilter, Filt
 VOID InjectedPacketThread(PVOID pContext); // pContext: the queue's index
 
 // ---- ndisfilter-ethrlog
-VOID InitializeEthrLogs();
 VOID NdisFilter_StartEthrLog();   // for every adapter of the table
 BOOLEAN NdisFilter_StopEthrLog(); // FALSE when the table is empty, and then nothing is stopped
 BOOLEAN NdisFilter_StartAdapterEthrLog(const AdapterInfo& info);
 BOOLEAN NdisFilter_StopAdapterEthrLog(const AdapterInfo& info);
-// All at IRQL <= DISPATCH. The logs stop to take frames at once; their files are closed by queued work.
-VOID CloseAdapterEthrLogs(FilterAdapter* pAdapter);
-VOID CloseAllEthrLogs();
-// Copies a packet into the log of a slot when it is open.
+// The logs stop to take frames at once; their files are closed by queued work. IRQL <= DISPATCH. Answers 0, or the code
+// of the exception that the adapter's memory raised.
+NTSTATUS CloseAdapterEthrLogs(FilterAdapter* pAdapter);
+
+// ---- ndisfilter-ethrlog-life
+VOID InitializeEthrLogs();
+VOID CloseAllEthrLogs(); // as above
+
+// ---- ndisfilter-ethrlog-record
+// Copies a packet into the log of a slot when it is open. IRQL <= DISPATCH.
 VOID RecordToLog(const PVOID& slot, FilterPacket* pPacket);
 
 inline VOID RecordFrame(const PVOID& slot, FilterPacket* pPacket)
@@ -121,6 +128,14 @@ NTSTATUS NdisFilter_DiagHandler(const VOID* pInput, ULONG nInputLength, PVOID pO
 VOID NdisFilter_DumpDeviceExtension(); // to the debugger, whatever the debug mask; PASSIVE_LEVEL
 
 // ---- ndisfilter-sharedmem
+// The fields of MappedMemory in front of the shared memory.
+struct MappedMemoryHead {
+    ULONGLONG m_pUserModeVirtualAddress;
+    ULONGLONG m_pMdl;
+    ULONG m_nSize;
+};
+static_assert(offsetof(MappedMemoryHead, m_nSize) == offsetof(MappedMemory, m_nSize));
+
 MappedMemory* NdisFilter_AllocateMappedMemory();
 VOID NdisFilter_FreeMappedMemory(MappedMemory* pMappedMemory);
 VOID InitializeSharedMemory(MappedMemory* pMappedMemory);

@@ -50,12 +50,13 @@ NTSTATUS CopyAdapters(const AdapterList& list, UserAdapterList& output)
     return STATUS_SUCCESS;
 }
 
-// The adapter that the request's record names, in an IPConfig of its own, which the caller frees.
+// The adapter that the request's record names, in an IPConfig of its own, which the caller frees. Identifiers outlive
+// adapters, and events make some for what is no adapter: only one of the table is there for certain.
 NTSTATUS AllocateIpConfig(const ControlRequest& request, IPConfig*& config)
 {
     config = static_cast<IPConfig*>(AllocateScratch(sizeof(IPConfig)));
     if (config == nullptr) {
-        return STATUS_INSUFFICIENT_RESOURCES;
+        return STATUS_NO_MEMORY;
     }
     FilterAdapter* adapter = nullptr;
     const ULONG id = ReadField<ULONG>(request, offsetof(UserIPConfig, m_nAdapterId));
@@ -63,6 +64,10 @@ NTSTATUS AllocateIpConfig(const ControlRequest& request, IPConfig*& config)
         Trace(TRACE_CORE, "    Input Buffer adapter argument error\n");
         ExFreePool(config);
         return STATUS_INVALID_PARAMETER;
+    }
+    if (!IsAdapterListed(adapter)) {
+        ExFreePool(config);
+        return static_cast<NTSTATUS>(NDIS_STATUS_ADAPTER_NOT_FOUND);
     }
     config->hAdapter = adapter;
     return STATUS_SUCCESS;
@@ -79,7 +84,7 @@ NTSTATUS GetTcpIpInterfaces(ControlRequest& request)
 {
     AdapterList* const list = static_cast<AdapterList*>(AllocateScratch(sizeof(AdapterList)));
     if (list == nullptr) {
-        return STATUS_INSUFFICIENT_RESOURCES;
+        return STATUS_NO_MEMORY;
     }
     RtlZeroMemory(list, sizeof(*list)); // a hook driver may leave parts unwritten
     RtlZeroMemory(request.Buffer, sizeof(UserAdapterList));
@@ -135,7 +140,8 @@ NTSTATUS SetMediaStatus(ControlRequest& request)
 
 NTSTATUS GetMediaStatus(ControlRequest& request)
 {
-    ULONGLONG state = 0; // hook drivers write more than the byte that the record has
+    // Hook drivers write up to eight bytes, or none: the byte is then what the program has sent.
+    ULONGLONG state = ReadField<UCHAR>(request, offsetof(UserMacValue, m_nValue));
     const FILTER_STATUS status = Filter_GetAdapterMediaStateByMac(MacAddressOf(request), &state);
     return ReplyMacValue(request, status, static_cast<UCHAR>(state));
 }

@@ -17,7 +17,7 @@ NTSTATUS RewriteHead(UserEvent& event)
     FilterEventHead given;
     UserEventHead* const head = static_cast<UserEventHead*>(AllocateScratch(sizeof(UserEventHead)));
     if (head == nullptr) {
-        return STATUS_INSUFFICIENT_RESOURCES;
+        return STATUS_NO_MEMORY;
     }
     RtlCopyMemory(&given, event.m_Text, sizeof(given));
     ULONG id;

@@ -7,23 +7,21 @@ namespace
 
 NTSTATUS GetVersion(ControlRequest& request)
 {
-    PUCHAR version = static_cast<PUCHAR>(request.Buffer);
-    version[0] = NDIS_FILTER_MAJOR_VERSION;
-    version[1] = NDIS_FILTER_MINOR_VERSION;
+    WriteField<UCHAR>(request, 0, NDIS_FILTER_MAJOR_VERSION);
+    WriteField<UCHAR>(request, 1, NDIS_FILTER_MINOR_VERSION);
     return STATUS_SUCCESS; // the length stays 0, though the bytes are written
 }
 
 NTSTATUS StartShare(ControlRequest& request)
 {
-    ULONG value;
-    RtlCopyMemory(&value, request.Buffer, sizeof(value));
+    const ULONG value = ReadField<ULONG>(request, 0);
     StoreRelaxed(g_nStartShareValue, value);
     if (value == 0) {
         Trace(TRACE_CORE, "    User Virtual Address is error\n");
         return STATUS_INVALID_PARAMETER_2;
     }
     const ULONGLONG address = NdisFilter_StartShare(request.Irp);
-    RtlCopyMemory(request.Buffer, &address, sizeof(address));
+    WriteField(request, 0, address);
     request.Information = sizeof(address);
     if (address == 0) {
         Trace(TRACE_CORE, "    NdisFilter_StartShare() fails\n");
@@ -52,7 +50,7 @@ NTSTATUS WriteShare(ControlRequest& request)
 
 NTSTATUS PutSharedMemorySize(ControlRequest& request)
 {
-    RtlCopyMemory(request.Buffer, &g_nMappedMemorySize, sizeof(g_nMappedMemorySize));
+    WriteField(request, 0, g_nMappedMemorySize);
     request.Information = sizeof(g_nMappedMemorySize);
     return STATUS_SUCCESS;
 }
@@ -199,17 +197,15 @@ NTSTATUS OfferToHook(ControlRequest& request)
     if (handler == nullptr) {
         return status;
     }
-    ULONG_PTR returned = 0; // the hook driver writes its low 32 bits
     const NTSTATUS code = Guarded([&] {
+        // The hook driver knows a count of 32 bits: the low ones.
         status = handler(request.Code, request.Buffer, request.InputLength, request.Buffer,
-                         request.OutputLength, reinterpret_cast<PULONG>(&returned));
+                         request.OutputLength, reinterpret_cast<PULONG>(&request.Information));
     });
     if (code != 0) {
         DbgPrint("NdisFilterIoControl: exception in hook, code = %d\n", code);
+        request.Information = 0;
         return STATUS_NOT_SUPPORTED;
-    }
-    if (status != STATUS_NOT_SUPPORTED) {
-        request.Information = returned;
     }
     return status;
 }
@@ -220,28 +216,33 @@ NTSTATUS OfferToHandlers(ControlRequest& request)
     const ReadLock lock(Global().m_IoCtrlHandlerLock);
     for (const IoCtrlHandler& handler : Global().m_IoCtrlHandlerList) {
         NTSTATUS status = STATUS_NOT_SUPPORTED;
-        ULONG_PTR returned = 0;
         const NTSTATUS code = Guarded([&] {
-            status =
-                handler.m_pfIoCtrlProc(handler.m_pIoCtrlContext, request.Irp, request.Code, request.Buffer,
-                                       request.InputLength, request.Buffer, request.OutputLength, &returned);
+            status = handler.m_pfIoCtrlProc(handler.m_pIoCtrlContext, request.Irp, request.Code, request.Buffer,
+                                            request.InputLength, request.Buffer, request.OutputLength,
+                                            &request.Information);
         });
         if (code != 0) {
             DbgPrint("NdisFilterIoControl: exception in filter, code = %d\n", code);
             break;
         }
         if (status != STATUS_NOT_SUPPORTED) {
-            request.Information = returned;
             return status;
         }
     }
     return STATUS_NOT_SUPPORTED;
 }
 
+// All of them share one count of bytes returned: what one that declines has written the next one finds.
 NTSTATUS Offer(ControlRequest& request)
 {
-    const NTSTATUS status = OfferToHook(request);
-    return status != STATUS_NOT_SUPPORTED ? status : OfferToHandlers(request);
+    NTSTATUS status = OfferToHook(request);
+    if (status == STATUS_NOT_SUPPORTED) {
+        status = OfferToHandlers(request);
+    }
+    if (status == STATUS_NOT_SUPPORTED) {
+        request.Information = 0;
+    }
+    return status;
 }
 
 // The framework answers what is addressed to it, others the rest; the program gets the text that they have written and

@@ -40,7 +40,7 @@ VOID WriteField(const ControlRequest& request, ULONG offset, const Value& value)
     RtlCopyMemory(static_cast<PUCHAR>(request.Buffer) + offset, &value, sizeof(value));
 }
 
-// The routines' scratch memory. nullptr when none is left, and says so.
+// The routines' scratch memory. nullptr when none is left, and says so; the request then ends with STATUS_NO_MEMORY.
 PVOID AllocateScratch(SIZE_T size);
 
 // The identifier of an adapter for user mode; says so when there is none.

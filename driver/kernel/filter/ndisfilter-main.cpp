@@ -122,12 +122,11 @@ VOID FreeEventRecords()
     global.m_CurrentLogSize = 0;
 }
 
-VOID FreeTimers()
+VOID CancelTimers()
 {
-    while (FilterTimer* timer = Global().m_FilterTimerList.TakeFirst()) {
+    for (FilterTimer& timer : Global().m_FilterTimerList) {
         BOOLEAN cancelled;
-        NdisCancelTimer(&timer->m_Timer, &cancelled);
-        Filter_FreeMemory(timer);
+        NdisCancelTimer(&timer.m_Timer, &cancelled);
     }
 }
 
@@ -359,6 +358,7 @@ VOID NdisFilterDeInitialize()
     NdisFilter_TerminateShare();
     StopWorkerThreads();
     CloseAllEthrLogs();
+    CancelTimers(); // they queue work, too, and what is queued still needs their records
     WaitForQueuedWork();
     NdisFilter_FreeMappedMemory(global.m_pMappedMemory);
     FreeRecords(global.m_EventHandlerList);
@@ -370,7 +370,7 @@ VOID NdisFilterDeInitialize()
     FreeInterfaces();
     FreeRecords(global.m_IfEventHandlerList);
     FreeEventRecords();
-    FreeTimers();
+    FreeRecords(global.m_FilterTimerList);
     FreeRecords(global.m_IoCtrlHandlerList);
     if (g_RegistryPath.Buffer != nullptr) {
         ExFreePool(g_RegistryPath.Buffer);

@@ -11,8 +11,8 @@ constexpr ULONG CLEAR_OFFSET = offsetof(FilterPacket, m_InjectOrigin);
 constexpr ULONG CLEAR_SIZE = offsetof(FilterPacket, m_pOutgoingNdisPacket) - CLEAR_OFFSET;
 static_assert(sizeof(FilterPacket) - COPY_OFFSET == 2324 && CLEAR_SIZE == 384);
 
-// Bytes that parsing may read: Ethernet header, longest IPv4 header, ports.
-constexpr ULONG PARSED_SIZE = 78;
+constexpr ULONG PORTS_SIZE = 4;
+constexpr ULONG PARSED_SIZE = ETHERNET_HEADER_SIZE + IP_LONGEST_HEADER_SIZE + PORTS_SIZE; // that parsing may read
 
 PUCHAR At(FilterPacket* packet, ULONG offset)
 {
@@ -37,16 +37,21 @@ VOID ParseClone(const FilterPacket* source, FilterPacket* clone)
     }
 }
 
+VOID DropNdisPackets(FilterPacket* clone)
+{
+    clone->m_pOutgoingNdisPacket = nullptr;
+    RtlZeroMemory(clone->m_HookReserved5, sizeof(clone->m_HookReserved5));
+    clone->m_pIncomingNdisPacket = nullptr;
+    clone->m_bDirty = FALSE;
+}
+
 VOID FillClone(const FilterPacket* source, FilterPacket* clone)
 {
     RtlCopyMemory(At(clone, COPY_OFFSET), reinterpret_cast<const UCHAR*>(source) + COPY_OFFSET,
                   sizeof(FilterPacket) - COPY_OFFSET);
     RtlZeroMemory(At(clone, CLEAR_OFFSET), CLEAR_SIZE);
     Filter_TransferPacketData(clone); // out of the source's NDIS packet
-    clone->m_pOutgoingNdisPacket = nullptr;
-    RtlZeroMemory(clone->m_HookReserved5, sizeof(clone->m_HookReserved5));
-    clone->m_pIncomingNdisPacket = nullptr;
-    clone->m_bDirty = FALSE;
+    DropNdisPackets(clone);
     ParseClone(source, clone);
 }
 
@@ -63,12 +68,17 @@ FILTER_STATUS Filter_ClonePacket(FilterPacket* pPacket, FilterPacket** ppClone)
         if (clone == nullptr) {
             return FILTER_ERROR_OUT_OF_MEMORY;
         }
-        const NTSTATUS code = Guarded([&] { *ppClone = clone; });
+        NTSTATUS code = Guarded([&] { *ppClone = clone; });
         if (code != 0) {
             Filter_ReleasePacket(clone); // nobody knows of it
             return ExceptionStatus(trace.Name, code);
         }
-        FillClone(pPacket, clone);
+        code = Guarded([&] { FillClone(pPacket, clone); });
+        if (code != 0) { // half-filled it is the caller's to release, with nothing of the source's in it
+            RtlZeroMemory(At(clone, CLEAR_OFFSET), CLEAR_SIZE);
+            DropNdisPackets(clone);
+            return ExceptionStatus(trace.Name, code);
+        }
         return FILTER_STATUS_SUCCESS;
     });
 }

@@ -170,13 +170,27 @@ VOID DumpIp(FilterPacket& packet)
     }
 }
 
+// Where the Ethernet header can be read; nullptr when the packet was never parsed. A clone may name a place that is
+// none: of a frame outside of the packet only headers that were found in it tell that it is there. Else m_Data stands
+// for it.
+const UCHAR* ReadableFrame(const FilterPacket& packet)
+{
+    UCHAR* const frame = packet.m_pEthernet;
+    const ULONG_PTR offset = reinterpret_cast<ULONG_PTR>(frame) - reinterpret_cast<ULONG_PTR>(&packet);
+    if (frame == nullptr || offset <= sizeof(FilterPacket) - ETHERNET_HEADER_SIZE) {
+        return frame;
+    }
+    const UCHAR* const behind = frame + ETHERNET_HEADER_SIZE;
+    return packet.m_pIp == behind || packet.m_pArp == behind ? frame : packet.m_Data;
+}
+
 } // namespace
 
 VOID DumpPacket(PCSTR pszTitle, FilterPacket* pPacket)
 {
     PrintHexDump(pszTitle, pPacket->m_Data, pPacket->m_nPacketSize);
     DbgPrint(" - pPacket 0x%p, hAdapter 0x%p, Size %d\n", pPacket, pPacket->m_hAdapter, pPacket->m_nPacketSize);
-    const UCHAR* const frame = pPacket->m_pEthernet;
+    const UCHAR* const frame = ReadableFrame(*pPacket);
     if (pPacket->m_nPacketSize == 0 || frame == nullptr) {
         return; // no frame, or never parsed
     }

@@ -11,9 +11,13 @@ constexpr ULONG ETHERTYPE_IP = 0x0800;
 constexpr ULONG ETHERTYPE_ARP = 0x0806;
 constexpr ULONG ETHERTYPE_RARP = 0x8035;
 
+constexpr ULONG IP_HEADER_SIZE = 20;         // without options
+constexpr ULONG IP_LONGEST_HEADER_SIZE = 60;
+constexpr ULONG IP_TOTAL_LENGTH_OFFSET = 2;
 constexpr ULONG IP_IDENTIFICATION_OFFSET = 4;
 constexpr ULONG IP_FLAGS_OFFSET = 6; // flags and fragment offset in one word
 constexpr ULONG IP_PROTOCOL_OFFSET = 9;
+constexpr ULONG IP_CHECKSUM_OFFSET = 10;
 constexpr ULONG IP_SOURCE_OFFSET = 12;
 constexpr ULONG IP_DESTINATION_OFFSET = 16;
 constexpr ULONG IP_DONT_FRAGMENT = 0x4000;

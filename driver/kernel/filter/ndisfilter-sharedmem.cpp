@@ -1,7 +1,8 @@
 // The memory shared with the user program, and its two rings of blocks.
 //
 // The program may write anything into the mapping at any moment. So the framework's own figures stand outside it: the
-// MDL, the user address, the number of blocks written, and the places and counts of blocks, which are constants.
+// MDL, the user address, the number of blocks written, and the places and counts of blocks, which are constants; the
+// hook driver stores the address it maps outside, too.
 // Mapped fields are written for the program to read; ring indexes and input blocks are read from the mapping, each
 // once, checked, then used.
 #include "ndisfilter-internal.h"
@@ -15,6 +16,7 @@ PMDL s_pMdl;                // of the whole mapping
 PVOID s_pUserModeAddress;   // of the present user mapping, nullptr when there is none
 ULONG s_nOutputCount;       // what m_nCount of the output ring shows
 KEVENT s_ShareGate;         // serialises starting and stopping the share
+MappedMemoryHead s_HookRecord; // what the hook driver gets as the MappedMemory to store the address into
 
 // Holds the share's gate; PASSIVE_LEVEL. Inside it the thread cannot be suspended by its program, which would hang
 // all others.
@@ -250,14 +252,15 @@ VOID TraceWriteRefused()
     Trace(TRACE_SHARE, "Leave NdisFilter_WriteShareMemory(), fails, IRQL=%d\n", Irql());
 }
 
+// The mapped field is written for the program only: it may write there as soon as the memory is mapped.
 PVOID MapThroughHook(HOOK_MM_MAP_LOCKED_PAGES map, MappedMemory* mapped)
 {
-    mapped->m_pUserModeVirtualAddress = 0;
-    if (Guarded([&] { map(s_pMdl, LoadRelaxed(g_nStartShareValue), mapped); }) != 0) {
-        mapped->m_pUserModeVirtualAddress = 0;
-    }
-    ULONGLONG address; // what the hook driver stored, read once: the program may see the page from now on
-    CopyRelaxed(&address, &mapped->m_pUserModeVirtualAddress, sizeof(address));
+    s_HookRecord = {0, reinterpret_cast<ULONG_PTR>(s_pMdl), NDIS_FILTER_SHARED_MEMORY_SIZE};
+    const NTSTATUS code = Guarded([&] {
+        map(s_pMdl, LoadRelaxed(g_nStartShareValue), reinterpret_cast<MappedMemory*>(&s_HookRecord));
+    });
+    const ULONGLONG address = code == 0 ? s_HookRecord.m_pUserModeVirtualAddress : 0;
+    StoreRelaxed(mapped->m_pUserModeVirtualAddress, address);
     Trace(TRACE_SHARE, "  Hook_MmMapLockedPages() return 0x%p\n", reinterpret_cast<PVOID>(address));
     return reinterpret_cast<PVOID>(address);
 }
@@ -269,7 +272,7 @@ PVOID MapIntoCurrentProcess(MappedMemory* mapped)
     if (Guarded([&] { address = MmMapLockedPages(s_pMdl, UserMode); }) != 0) {
         address = nullptr;
     }
-    mapped->m_pUserModeVirtualAddress = reinterpret_cast<ULONG_PTR>(address);
+    StoreRelaxed(mapped->m_pUserModeVirtualAddress, reinterpret_cast<ULONG_PTR>(address));
     Trace(TRACE_SHARE, "  MmMapLockedPages() return 0x%p\n", address);
     return address;
 }
@@ -363,7 +366,7 @@ VOID NdisFilter_UnmapMemoryToUserSpace(MappedMemory* pMappedMemory)
         Trace(TRACE_SHARE, "  MmUnmapLockedPages() complete\n");
     }
     s_pUserModeAddress = nullptr;
-    pMappedMemory->m_pUserModeVirtualAddress = 0;
+    StoreRelaxed(pMappedMemory->m_pUserModeVirtualAddress, 0);
 }
 
 namespace

@@ -99,9 +99,13 @@ extern ULONG g_nMappedMemorySize;      // what PUT_SHAREDMEMORYSIZE reports
 extern ULONG g_nStartShareValue;       // given by the last START_SHARE, for the hook driver's mapping
 
 // A function of the hook driver while it is bound and has given it, else nullptr. Binding stores the functions before
-// the flag, unbinding clears the flag first; a call under way is the hook driver's to expect.
+// the flag, unbinding clears the flag first; a call under way is the hook driver's to expect. Client drivers may call
+// before the framework has started.
 template <class Function> Function BoundHookFunction(Function NdisHookAPI::*field)
 {
+    if (__builtin_expect(g_pDeviceExtension == nullptr, 0)) {
+        return nullptr;
+    }
     const NdisHookAPI& api = Global().m_NdisHookAPI;
     return (LoadAcquire(api.m_Flags) & NDIS_HOOK_FLAG_BOUND) != 0 ? LoadAcquire(api.*field) : nullptr;
 }

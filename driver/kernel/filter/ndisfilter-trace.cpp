@@ -21,7 +21,9 @@ VOID PrintLeave(const CallTrace& trace, FILTER_STATUS status)
     if (!succeeded || trace.Success != SuccessTrace::Leave) {
         PrintError(status);
     }
-    if (!succeeded || trace.Success != SuccessTrace::ErrorOnly) {
+    if (trace.Leave != nullptr) {
+        trace.Leave(status, trace.Subject);
+    } else if (!succeeded || trace.Success != SuccessTrace::ErrorOnly) {
         DbgPrint("Leave %s, %d-%s\n", trace.Name, status, Filter_StatusString(status));
     }
 }

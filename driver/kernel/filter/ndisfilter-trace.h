@@ -33,6 +33,11 @@ template <class... Arguments> VOID Trace(ULONG area, PCSTR format, Arguments... 
     }
 }
 
+inline PCSTR BooleanText(BOOLEAN value)
+{
+    return value ? "TRUE" : "FALSE";
+}
+
 inline VOID PrintException(PCSTR name, NTSTATUS code)
 {
     DbgPrint("%s: exception, code = %d\n", name, code);
@@ -53,7 +58,7 @@ enum class SuccessTrace {
 };
 
 // What an exported function prints. `Enter` differs from "Enter NAME\n" where a function says more; it then gets
-// `Subject` as its only argument.
+// `Subject` as its only argument. `Leave` prints the leave line of a function that has its own.
 struct CallTrace {
     PCSTR Name;
     ULONG Area;
@@ -61,6 +66,7 @@ struct CallTrace {
     PVOID Subject = nullptr;
     SuccessTrace Success = SuccessTrace::Leave;
     PCSTR ExceptionName = nullptr; // where the exception line carries another name
+    VOID (*Leave)(FILTER_STATUS status, PVOID subject) = nullptr;
 };
 
 // They print whatever the mask says: the caller has looked at it.

@@ -1,5 +1,5 @@
-// A client driver of the tests: prints the adapters and their identifiers when it starts, and has a filter
-// that faults on every received packet, by a write through a null pointer or an invalid instruction in turn.
+// A client driver of the tests: its filter faults on every received packet, by a write through a null pointer or an
+// invalid instruction in turn.
 #include <ntddk.h>
 
 #include <ndis.h>
@@ -21,16 +21,6 @@ FILTER_RESULT Fault(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket*)
     return FILTER_RESULT_DISCARD;
 }
 
-BOOLEAN PrintAdapter(PVOID, FilterAdapter* adapter)
-{
-    char address[18];
-    ULONG id = 0;
-    Filter_AdapterToId(adapter, &id);
-    DbgPrint("probe: adapter %u, %s, mtu %u\n", id,
-             inet_mtoa(adapter->m_CurrentAddress, address, sizeof(address)), ntohs(htons(adapter->m_usMTU)));
-    return TRUE;
-}
-
 VOID NTAPI Unload(PDRIVER_OBJECT)
 {
     Filter_DeregisterDriver(driverHandle);
@@ -47,7 +37,6 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
     driverHandle = nullptr;
     calls = 0;
     Filter_RegisterDriver(&counted, nullptr, 1, 0, &driverHandle);
-    Filter_EnumAdapter(driverHandle, PrintAdapter, nullptr);
     Filter_RegisterFilter(driverHandle, &counted, Fault, nullptr, FILTER_TYPE_INCOMING_PACKET,
                           FILTER_ORDER_FIRST, &filter);
     driver->DriverUnload = Unload;

@@ -23,22 +23,20 @@ DWORD Number(const wchar_t* name)
     DWORD value = 0, size = sizeof(value);
     const LSTATUS status =
         RegGetValueW(HKEY_LOCAL_MACHINE, kKey, name, RRF_RT_REG_DWORD, nullptr, &value, &size);
-    if (status != ERROR_SUCCESS) {
-        throw Failure("the service has no number " + Narrow(name) + ": error " + Text(status));
-    }
+    EXPECT_EQ(status, LSTATUS{ERROR_SUCCESS}) << Narrow(name);
     return value;
 }
 
 TEST(install, TheInfInstallsAndRemovesTheService)
 {
     RunSection(L"DefaultInstall");
-    CHECK(Exists(kInstalled));
-    CHECK_EQUAL(Number(L"Type"), DWORD{SERVICE_KERNEL_DRIVER});
-    CHECK_EQUAL(Number(L"Start"), DWORD{SERVICE_SYSTEM_START});
-    CHECK_EQUAL(Number(L"GlobalDebugFlag"), 0u);
-    CHECK_EQUAL(Number(L"PendingPacketLimit"), 2048u);
+    EXPECT_TRUE(Exists(kInstalled));
+    EXPECT_EQ(Number(L"Type"), DWORD{SERVICE_KERNEL_DRIVER});
+    EXPECT_EQ(Number(L"Start"), DWORD{SERVICE_SYSTEM_START});
+    EXPECT_EQ(Number(L"GlobalDebugFlag"), 0u);
+    EXPECT_EQ(Number(L"PendingPacketLimit"), 2048u);
     RunSection(L"DefaultUninstall");
-    CHECK(!Exists(kInstalled));
+    EXPECT_TRUE(!Exists(kInstalled));
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 // The control device as a user program sees it.
 #include "suite.h"
 
-#include <ndisfilter-user.h>
+#include "indicator.h"
 
 using namespace suite;
 
@@ -25,10 +25,8 @@ Answer StartShare(Device& device)
     return device.Control(IOCTL_NDIS_FILTER_START_SHARE, Bytes(uint32_t{1}), 8);
 }
 
-// What a program that has no share gets when it asks for one that another has.
-constexpr uint64_t kNoAddress = NDIS_FILTER_SHARE_FAILED;
-
-constexpr DWORD kDied = 77; // exit code of a program that ends in the middle
+constexpr uint64_t kNoAddress = NDIS_FILTER_SHARE_FAILED; // another program has it
+constexpr DWORD kDied = 77;                               // exit code of a program that ends in the middle
 
 TEST(requests, AnswerWithStatusesAndLengths)
 {
@@ -51,44 +49,69 @@ TEST(requests, AnswerWithStatusesAndLengths)
         {IOCTL_NDIS_FILTER_STOP_SHARE, 0, 0, ERROR_SUCCESS, 0},
         {IOCTL_NDIS_FILTER_READ_SHARE, 0, 0, ERROR_GEN_FAILURE, 0}, // not the owner
         {IOCTL_NDIS_FILTER_WRITE_SHARE, 0, 0, ERROR_SUCCESS, 0},    // refused, but says nothing
-        {0x80002600, 16, 16, ERROR_NOT_SUPPORTED, 0},
+        {IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, 0, 9027, ERROR_INSUFFICIENT_BUFFER, 0},
+        {IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, 0, 9028, ERROR_INTERNAL_ERROR, 0}, // no hook driver
+        {IOCTL_NDIS_FILTER_GET_EVENT, 0, 1035, ERROR_INSUFFICIENT_BUFFER, 0},
+        {IOCTL_NDIS_FILTER_GET_EVENT, 0, 1036, ERROR_SUCCESS, 0}, // none waits
+        {IOCTL_NDIS_FILTER_CLEAR_EVENT, 0, 0, ERROR_SUCCESS, 0},
+        {IOCTL_NDIS_FILTER_SET_IPCONFIG, 223, 0, ERROR_INSUFFICIENT_BUFFER, 0},
+        {IOCTL_NDIS_FILTER_SET_IPCONFIG, 224, 0, ERROR_INVALID_PARAMETER, 0}, // of adapter 0
+        {IOCTL_NDIS_FILTER_GET_IPCONFIG, 4, 223, ERROR_INSUFFICIENT_BUFFER, 0},
+        {IOCTL_NDIS_FILTER_GET_IPCONFIG, 0, 224, ERROR_INVALID_PARAMETER, 0},
+        {IOCTL_NDIS_FILTER_SET_MEDIA_STATUS, 6, 0, ERROR_INSUFFICIENT_BUFFER, 0},
+        {IOCTL_NDIS_FILTER_GET_MEDIA_STATUS, 7, 6, ERROR_INSUFFICIENT_BUFFER, 0},
+        {IOCTL_NDIS_FILTER_SET_PACKET_DUMP, 6, 0, ERROR_INSUFFICIENT_BUFFER, 0},
+        {IOCTL_NDIS_FILTER_GET_PACKET_DUMP, 6, 7, ERROR_INSUFFICIENT_BUFFER, 0},
+        {IOCTL_NDIS_FILTER_GET_ADAPTER, 0, 9, ERROR_INSUFFICIENT_BUFFER, 0},
+        {IOCTL_NDIS_FILTER_GET_ADAPTER, 0, 10, ERROR_INTERNAL_ERROR, 0}, // unknown address
+        {IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL, 4, 0, ERROR_SUCCESS, 0},
+        {IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL, 0, 0, ERROR_INSUFFICIENT_BUFFER, 0}, // no buffer to read
+        {IOCTL_NDIS_FILTER_DIAG, 6, 39, ERROR_SUCCESS, 0},        // no room for the record
+        {IOCTL_NDIS_FILTER_DIAG, 1024, 1024, ERROR_SUCCESS, 0},   // a command too long
+        {IOCTL_NDIS_FILTER_DIAG, 6, 64, ERROR_SUCCESS, 40},       // one of zeros, which nobody answers
+        {IOCTL_INDICATOR_GET_COUNTERS, 0, 16, ERROR_SUCCESS, 16}, // a client driver's own
+        {IOCTL_INDICATOR_GET_COUNTERS, 0, 15, ERROR_INSUFFICIENT_BUFFER, 0},
+        {NDIS_FILTER_CTL_CODE(0x980), 16, 16, ERROR_NOT_SUPPORTED, 0},
     };
+    Service indicator(L"indicator");
+    indicator.Start();
     for (const Case& test : cases) {
+        SCOPED_TRACE(testing::Message() << "function 0x" << std::hex << (test.code >> 2 & 0xFFF)
+                                        << ", lengths " << std::dec << test.input << " and " << test.output);
         const std::vector<uint8_t> input(test.input);
         const Answer answer = device.Control(test.code, input, test.output);
-        const std::string name = "code " + Text(test.code) + ", output " + Text(test.output) + ": ";
-        CHECK_EQUAL(name + Text(answer.error), name + Text(test.error));
-        CHECK_EQUAL(name + Text(answer.bytes.size()), name + Text(test.returned));
+        EXPECT_EQ(answer.error, test.error);
+        EXPECT_EQ(answer.bytes.size(), test.returned);
     }
     const Answer size = device.Control(IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, {}, 4);
-    CHECK_EQUAL(As<uint32_t>(size.bytes), NDIS_FILTER_MAPPED_MEMORY_SIZE);
+    EXPECT_EQ(As<uint32_t>(size.bytes), NDIS_FILTER_MAPPED_MEMORY_SIZE);
 }
 
 TEST(requests, SharedMemoryHasOneOwner)
 {
     const Filter filter;
     Device first, second;
-    CHECK(As<uint64_t>(StartShare(first).bytes) > kNoAddress);
-    CHECK_EQUAL(As<uint64_t>(StartShare(second).bytes), kNoAddress);
+    EXPECT_TRUE(As<uint64_t>(StartShare(first).bytes) > kNoAddress);
+    EXPECT_EQ(As<uint64_t>(StartShare(second).bytes), kNoAddress);
     second.Control(IOCTL_NDIS_FILTER_STOP_SHARE); // not its own
-    CHECK_EQUAL(As<uint64_t>(StartShare(second).bytes), kNoAddress);
+    EXPECT_EQ(As<uint64_t>(StartShare(second).bytes), kNoAddress);
     first.Control(IOCTL_NDIS_FILTER_STOP_SHARE);
-    CHECK(As<uint64_t>(StartShare(second).bytes) > kNoAddress);
+    EXPECT_TRUE(As<uint64_t>(StartShare(second).bytes) > kNoAddress);
     second.Close(); // ends the share, too
-    CHECK(As<uint64_t>(StartShare(first).bytes) > kNoAddress);
+    EXPECT_TRUE(As<uint64_t>(StartShare(first).bytes) > kNoAddress);
 }
 
 TEST(requests, TheProgramSeesTheSharedMemory)
 {
     if (IsWine()) {
-        throw Skipped("Wine maps no memory of a driver into a program");
+        GTEST_SKIP() << "Wine maps no memory of a driver into a program";
     }
     const Filter filter;
     Device device;
     const auto* shared = reinterpret_cast<const SharedMemory*>(As<uint64_t>(StartShare(device).bytes));
-    CHECK_EQUAL(shared->KernelModeInput.m_iBlockSize, NDIS_FILTER_BLOCK_SIZE);
-    CHECK_EQUAL(shared->KernelModeInput.m_iBlockCount, NDIS_FILTER_BLOCK_COUNT);
-    CHECK_EQUAL(shared->KernelModeInput.m_iBaseOffset, 862208);
+    EXPECT_EQ(shared->KernelModeInput.m_iBlockSize, NDIS_FILTER_BLOCK_SIZE);
+    EXPECT_EQ(shared->KernelModeInput.m_iBlockCount, NDIS_FILTER_BLOCK_COUNT);
+    EXPECT_EQ(shared->KernelModeInput.m_iBaseOffset, 862208);
 }
 
 TEST(requests, AReadIsParkedAndEndsOneWay)
@@ -98,22 +121,22 @@ TEST(requests, AReadIsParkedAndEndsOneWay)
     StartShare(device);
     {
         Request read(device, IOCTL_NDIS_FILTER_READ_SHARE, {}, 0);
-        CHECK(read.IsPending());
-        CHECK_EQUAL(device.Control(IOCTL_NDIS_FILTER_READ_SHARE).error, DWORD{ERROR_GEN_FAILURE}); // only one
+        EXPECT_TRUE(read.IsPending());
+        EXPECT_EQ(device.Control(IOCTL_NDIS_FILTER_READ_SHARE).error, DWORD{ERROR_GEN_FAILURE}); // only one
         read.Cancel();
-        CHECK_EQUAL(read.Wait().error, DWORD{ERROR_OPERATION_ABORTED});
+        EXPECT_EQ(read.Wait().error, DWORD{ERROR_OPERATION_ABORTED});
     }
     {
         Request read(device, IOCTL_NDIS_FILTER_READ_SHARE, {}, 0);
-        CHECK(read.IsPending());
+        EXPECT_TRUE(read.IsPending());
         device.Control(IOCTL_NDIS_FILTER_STOP_SHARE);
-        CHECK_EQUAL(read.Wait().error, DWORD{ERROR_SUCCESS});
+        EXPECT_EQ(read.Wait().error, DWORD{ERROR_SUCCESS});
     }
     StartShare(device);
     Request read(device, IOCTL_NDIS_FILTER_READ_SHARE, {}, 0);
-    CHECK(read.IsPending());
+    EXPECT_TRUE(read.IsPending());
     device.Close();
-    CHECK_EQUAL(read.Wait().error, DWORD{ERROR_SUCCESS});
+    EXPECT_EQ(read.Wait().error, DWORD{ERROR_SUCCESS});
 }
 
 // A group of its own: what the test below runs as another program.
@@ -128,8 +151,9 @@ TEST(dies, WithARead)
 TEST(requests, AProgramThatDiesLosesItsShare)
 {
     const Filter filter;
-    CHECK_EQUAL(RunGroup(L"dies"), kDied);
-    CHECK(WaitFor([] {
+    const std::wstring arguments = L"dies \"" + options.drivers + L"\" \"" + options.debugOutput + L"\"";
+    EXPECT_EQ(RunProgram(L"ndisfilter-test.exe", arguments).code, kDied);
+    EXPECT_TRUE(WaitFor([] {
         Device device;
         return As<uint64_t>(StartShare(device).bytes) > kNoAddress;
     }));

@@ -18,19 +18,13 @@ constexpr DWORD kPatienceMs = 10000;
 
 Failure SystemFailure(const std::string& what)
 {
-    return Failure(what + ": error " + Text(GetLastError()));
+    return Failure(what + ": error " + std::to_string(GetLastError()));
 }
 
 SC_HANDLE ServiceManager()
 {
     static const SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
     return manager;
-}
-
-std::string ReadFile(const std::wstring& path)
-{
-    std::ifstream file(path.c_str(), std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 // The text of a line of Wine's debug channel, "...vDbgPrintExWithPrefix COMPONENT:LEVEL: TEXT"; other lines
@@ -45,22 +39,6 @@ std::string StripPrefix(const std::string& line)
 } // namespace
 
 Options options;
-
-std::string Place(const char* file, int line)
-{
-    const std::string path = file;
-    return path.substr(path.find_last_of("/\\") + 1) + ":" + std::to_string(line) + ": ";
-}
-
-std::string Text(uint64_t value)
-{
-    return std::to_string(value);
-}
-
-std::string Text(const std::string& value)
-{
-    return "'" + value + "'";
-}
 
 std::string Narrow(const std::wstring& text)
 {
@@ -82,25 +60,50 @@ bool WaitFor(const std::function<bool()>& condition)
     return true;
 }
 
-DWORD RunGroup(const std::wstring& group)
+bool IsWine()
 {
-    wchar_t program[MAX_PATH];
-    GetModuleFileNameW(nullptr, program, MAX_PATH);
-    std::wstring command = L"\"" + std::wstring(program) + L"\" " + group + L" \"" + options.drivers +
-                           L"\" \"" + options.debugOutput + L"\"";
+    return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+}
+
+bool Exists(const std::wstring& path)
+{
+    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+std::string ReadWhole(const std::wstring& path)
+{
+    std::ifstream file(path.c_str(), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+Ended RunProgram(const std::wstring& name, const std::wstring& arguments)
+{
+    const std::wstring outputPath = options.drivers + L"\\output.txt";
+    SECURITY_ATTRIBUTES inherited = {sizeof(inherited), nullptr, TRUE};
+    const HANDLE output = CreateFileW(outputPath.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherited,
+                                      CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    std::wstring command = L"\"" + options.drivers + L"\\" + name + L"\" " + arguments;
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = startup.hStdError = output;
     PROCESS_INFORMATION process;
-    if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                        &process)) {
-        throw SystemFailure("the tests cannot be run as another process");
+    const BOOL started = CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
+                                        &startup, &process);
+    CloseHandle(output);
+    if (!started) {
+        throw SystemFailure(Narrow(name) + " cannot be run");
     }
-    DWORD code = STILL_ACTIVE;
-    WaitForSingleObject(process.hProcess, kPatienceMs);
-    GetExitCodeProcess(process.hProcess, &code);
+    Ended ended = {STILL_ACTIVE, ""};
+    if (WaitForSingleObject(process.hProcess, kPatienceMs) != WAIT_OBJECT_0) {
+        TerminateProcess(process.hProcess, STILL_ACTIVE);
+    }
+    GetExitCodeProcess(process.hProcess, &ended.code);
     CloseHandle(process.hThread);
     CloseHandle(process.hProcess);
-    return code;
+    ended.output = ReadWhole(outputPath);
+    std::erase(ended.output, '\r');
+    return ended;
 }
 
 // -------------------------------------------------------------------------------------------------- services
@@ -147,7 +150,8 @@ static void SetValue(const std::wstring& service, const wchar_t* name, DWORD typ
     const LSTATUS status =
         RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, type, data, static_cast<DWORD>(size));
     if (status != ERROR_SUCCESS) {
-        throw Failure("registry value of " + Narrow(service) + " cannot be set: error " + Text(status));
+        throw Failure("registry value of " + Narrow(service) + " cannot be set: error " +
+                      std::to_string(status));
     }
 }
 
@@ -191,16 +195,6 @@ void Service::Stop()
     }
 }
 
-bool IsWine()
-{
-    return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
-}
-
-bool Exists(const std::wstring& path)
-{
-    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
 CleanupRequests::CleanupRequests()
 {
     if (IsWine()) {
@@ -237,9 +231,9 @@ void Device::Close()
     }
 }
 
-DWORD Device::OpenError(const wchar_t* name)
+DWORD Device::OpenError()
 {
-    const HANDLE handle = Open(name);
+    const HANDLE handle = Open(L"\\\\.\\NdisFilter");
     if (handle == INVALID_HANDLE_VALUE) {
         return GetLastError();
     }
@@ -259,7 +253,7 @@ Request::Request(Device& device, uint32_t code, std::span<const uint8_t> input, 
     if (!DeviceIoControl(device_, code, input_.data(), static_cast<DWORD>(input_.size()), output_.data(),
                          static_cast<DWORD>(output_.size()), nullptr, &overlapped_)) {
         error_ = GetLastError();
-        pending_ = error_ == kPending;
+        pending_ = error_ == ERROR_IO_PENDING;
     }
 }
 
@@ -294,20 +288,19 @@ Answer Request::Wait()
     }
     const size_t returned = error_ == ERROR_SUCCESS ? overlapped_.InternalHigh : 0;
     if (returned > output_.size()) {
-        throw Failure("a request returns " + Text(returned) + " bytes into a buffer of " +
-                      Text(output_.size()));
+        throw Failure("a request returns more bytes than its buffer has: " + std::to_string(returned));
     }
     return {error_, {output_.begin(), output_.begin() + static_cast<ptrdiff_t>(returned)}};
 }
 
 // ---------------------------------------------------------------------------------------------- debug output
 
-DebugOutput::DebugOutput() : begin_(ReadFile(options.debugOutput).size()) {}
+DebugOutput::DebugOutput() : begin_(ReadWhole(options.debugOutput).size()) {}
 
 std::vector<std::string> DebugOutput::Lines() const
 {
     std::vector<std::string> lines;
-    const std::string text = ReadFile(options.debugOutput).substr(begin_);
+    const std::string text = ReadWhole(options.debugOutput).substr(begin_);
     for (size_t begin = 0, end; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1) {
         lines.push_back(StripPrefix(text.substr(begin, end - begin)));
     }
@@ -333,6 +326,45 @@ bool DebugOutput::ShowsExactly(const std::string& line) const
         const std::vector<std::string> lines = Lines();
         return std::find(lines.begin(), lines.end(), line) != lines.end();
     });
+}
+
+// -------------------------------------------------------------------------------------------------- adapters
+
+Room::Room()
+{
+    filter.Start();
+    loophook.Start();
+    hook.emplace(L"\\\\.\\LoopHook");
+}
+
+void Room::Open()
+{
+    for (uint32_t adapter = 0; adapter < LOOPHOOK_ADAPTERS; ++adapter) {
+        EXPECT_EQ(Ask(LOOPHOOK_OPEN, Bytes(adapter)), DWORD{ERROR_SUCCESS});
+    }
+    EXPECT_EQ(Bind(), DWORD{ERROR_SUCCESS}); // reports those that are open
+}
+
+LoopReport Room::Report()
+{
+    return As<LoopReport>(hook->Control(LOOPHOOK_REPORT, {}, sizeof(LoopReport)).bytes);
+}
+
+LoopFrame UdpFrame(uint32_t adapter, uint16_t port)
+{
+    // Ethernet, IPv4 (RFC 791), UDP (RFC 768); checksums are nobody's business here.
+    constexpr char headers[] = "\x02\0\0\0\0\x01\x02\0\0\0\0\x02\x08\0"
+                               "\x45\0\0\x2e\0\0\0\0\x40\x11\0\0\x0a\0\0\x01\x0a\0\0\x02"
+                               "\x30\x39\0\0\0\x1a\0";
+    static_assert(sizeof(headers) == 42);
+    LoopFrame frame = {adapter, 60, {}};
+    memcpy(frame.bytes, headers, sizeof(headers));
+    frame.bytes[36] = static_cast<uint8_t>(port >> 8);
+    frame.bytes[37] = static_cast<uint8_t>(port);
+    for (size_t i = sizeof(headers); i < frame.length; ++i) {
+        frame.bytes[i] = static_cast<uint8_t>(i);
+    }
+    return frame;
 }
 
 } // namespace suite

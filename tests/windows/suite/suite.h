@@ -1,10 +1,9 @@
-// The frame of the tests that drive the real drivers: checks, services, the control device, and the debug
-// output.
+// The frame of the tests that drive the real drivers: services, devices, programs, and the debug output. What goes
+// wrong in it is a Failure, which ends the test.
 #pragma once
 
 #include <windows.h>
 
-#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -14,10 +13,14 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "loophook.h"
+
+#include <ndisfilter-user.h>
+
 namespace suite
 {
-
-// ---------------------------------------------------------------------------------------------------- tests
 
 struct Options {
     std::wstring drivers;     // directory of the .sys files
@@ -26,51 +29,26 @@ struct Options {
 };
 extern Options options;
 
-using Test = void (*)();
-
-// A test of a group. One run of the program runs one group.
-struct Registration {
-    Registration(const char* group, const char* name, Test test);
-};
-
-#define TEST(Group, Name)                                                                                    \
-    static void Name();                                                                                      \
-    static const suite::Registration Name##Registration(#Group, #Name, Name);                                \
-    static void Name()
-
 struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
-struct Skipped : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
 
-std::string Place(const char* file, int line);
-std::string Text(uint64_t value);
-std::string Text(const std::string& value);
 std::string Narrow(const std::wstring& text);
-
-#define CHECK(Condition)                                                                                     \
-    do {                                                                                                     \
-        if (!(Condition)) {                                                                                  \
-            throw suite::Failure(suite::Place(__FILE__, __LINE__) + #Condition);                             \
-        }                                                                                                    \
-    } while (false)
-
-#define CHECK_EQUAL(Actual, Expected)                                                                        \
-    do {                                                                                                     \
-        const auto actual = (Actual);                                                                        \
-        if (!(actual == (Expected))) {                                                                       \
-            throw suite::Failure(suite::Place(__FILE__, __LINE__) + #Actual " is " + suite::Text(actual) +   \
-                                 ", expected " + suite::Text(Expected));                                     \
-        }                                                                                                    \
-    } while (false)
+bool IsWine();
+bool Exists(const std::wstring& path);
+std::string ReadWhole(const std::wstring& path);
 
 // Looks at a condition until it holds, for ten seconds.
 bool WaitFor(const std::function<bool()>& condition);
 
-// Runs the tests of a group in another process and answers its exit code.
-DWORD RunGroup(const std::wstring& group);
+// What a program has printed, both outputs together, and its exit code.
+struct Ended {
+    DWORD code;
+    std::string output;
+};
+
+// Runs a program of the drivers' directory, for ten seconds at most.
+Ended RunProgram(const std::wstring& name, const std::wstring& arguments);
 
 // -------------------------------------------------------------------------------------------------- services
 
@@ -95,9 +73,6 @@ class Service
     SC_HANDLE handle_;
 };
 
-bool IsWine();
-bool Exists(const std::wstring& path);
-
 // Has cleanup requests sent to the framework, which must be loaded as long: Wine sends none.
 class CleanupRequests
 {
@@ -109,8 +84,6 @@ class CleanupRequests
 };
 
 // --------------------------------------------------------------------------------------------------- devices
-
-constexpr DWORD kPending = ERROR_IO_PENDING;
 
 // What a control request came to: 0 or an error code of Windows, and the bytes returned.
 struct Answer {
@@ -150,7 +123,7 @@ class Device
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
 
-    static DWORD OpenError(const wchar_t* name); // 0 when it can be opened
+    static DWORD OpenError(); // of the framework's device; 0 when it can be opened
 
     // One request that is not parked.
     Answer Control(uint32_t code, std::span<const uint8_t> input = {}, size_t outputLength = 0);
@@ -171,7 +144,8 @@ template <class Record>
 Record As(const std::vector<uint8_t>& bytes)
 {
     if (bytes.size() < sizeof(Record)) {
-        throw Failure("an answer of " + Text(bytes.size()) + " bytes, expected " + Text(sizeof(Record)));
+        throw Failure("an answer of " + std::to_string(bytes.size()) + " bytes, expected " +
+                      std::to_string(sizeof(Record)));
     }
     Record record;
     memcpy(&record, bytes.data(), sizeof(record));
@@ -185,13 +159,45 @@ class DebugOutput
 {
   public:
     DebugOutput();
-    std::vector<std::string> Lines() const;
     size_t Count(const std::string& text) const;      // lines that hold it
     bool Shows(const std::string& text) const;        // waits for it
     bool ShowsExactly(const std::string& line) const; // waits for it
 
   private:
+    std::vector<std::string> Lines() const;
+
     size_t begin_;
 };
+
+// -------------------------------------------------------------------------------------------------- adapters
+
+// The framework and the hook driver with its two adapters, not bound and not open yet.
+class Room
+{
+  public:
+    Room();
+    ~Room() { hook.reset(); }
+
+    DWORD Ask(uint32_t code, std::span<const uint8_t> input)
+    {
+        return hook->Control(code, input, input.size()).error;
+    }
+    DWORD Bind(const LoopBinding& binding = {168, 168, 1, 0}) { return Ask(LOOPHOOK_BIND, Bytes(binding)); }
+    DWORD Unbind(const LoopBinding& binding = {168, 168, 1, 0})
+    {
+        return Ask(LOOPHOOK_UNBIND, Bytes(binding));
+    }
+    void Open(); // the adapters, and binds
+    DWORD Receive(const LoopFrame& frame) { return Ask(LOOPHOOK_RECEIVE, Bytes(frame)); }
+    DWORD Send(const LoopFrame& frame) { return Ask(LOOPHOOK_SEND, Bytes(frame)); }
+    LoopReport Report();
+
+    Service filter{L"ndisfilter"};
+    Service loophook{L"loophook"};
+    std::optional<Device> hook;
+};
+
+// A UDP frame over IPv4 of 60 bytes with the given destination port.
+LoopFrame UdpFrame(uint32_t adapter, uint16_t port);
 
 } // namespace suite

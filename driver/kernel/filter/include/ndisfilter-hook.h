@@ -66,7 +66,8 @@ typedef struct IPConfig {
 /*
  * One adapter: allocated, filled and freed by the hook driver, which may keep fields of its own behind these. Its
  * address is the adapter handle of client drivers, so it must stay readable until the adapter has been reported closed
- * and the framework is unbound; report every adapter closed before unbinding, or it stays in the framework's table. The framework writes the fields marked (F); all others are the hook driver's.
+ * and the framework is unbound; report every adapter closed before unbinding, or it stays in the framework's table. The
+ * framework writes the fields marked (F); all others are the hook driver's.
  */
 typedef struct FilterAdapter {
     ULONG m_Tag;                                           /*   0  (F) FILTER_ADAPTER_TAG once reported; stays */
@@ -180,18 +181,22 @@ typedef VOID (*FILTER_RECEIVED_PACKET)(FilterPacket* pPacket);
 typedef VOID (*FILTER_SEND_PACKET)(FilterPacket* pPacket);
 
 /*
- * Functions that the hook driver gives. They must stay callable until the hook driver unloads, also after it has
- * unbound: a call that was under way is not waited for.
+ * What follows are the functions that the hook driver gives. They must stay callable until the hook driver unloads,
+ * also after it has unbound: a call that was under way is not waited for.
  */
+
 /* Writes four version numbers, whose meaning is the hook driver's; 0 on success. */
 typedef ULONG (*HOOK_GET_OS_VERSION)(PULONG p1, PULONG p2, PULONG p3, PULONG p4);
-/* Offers a control request that the framework does not know; STATUS_NOT_SUPPORTED declines. PASSIVE_LEVEL. */
+/* Offers a control request that the framework does not know; STATUS_NOT_SUPPORTED declines. It gets no request to
+   complete later, so it must not answer STATUS_PENDING: nobody would. PASSIVE_LEVEL. */
 typedef NTSTATUS (*HOOK_HANDLE_IO_CONTROL)(ULONG nControlCode, PVOID pInputBuffer, ULONG nInputLength,
                                            PVOID pOutputBuffer, ULONG nOutputLength, PULONG pBytesReturned);
 /* A new packet for the adapter, or NULL. File and line name the caller, for the hook driver's books. The user program
    chooses adapters by identifiers that outlive them: a handle that is none of the hook driver's must get NULL. */
 typedef FilterPacket* (*HOOK_ALLOCATE_PACKET)(FilterAdapter* hAdapter, PCSTR pszFile, ULONG nLine);
-/* Frees a packet; first calls its release callback if it has one. */
+/* Frees a packet; first calls its release callback if it has one. Clones that a capture log has written come back with
+   an m_hAdapter of NULL, from a system thread, maybe after their adapter was closed. Those that a log still holds when
+   it is closed do not come back: the hook driver takes back what is out when it unloads. */
 typedef VOID (*HOOK_FREE_PACKET)(FilterPacket* pPacket, PCSTR pszFile, ULONG nLine);
 /* Sends a packet on the adapter, or indicates it to the protocols; takes it over, also when it answers nonzero. */
 typedef ULONG (*HOOK_INJECT_PACKET)(FilterAdapter* hAdapter, FilterPacket* pPacket);
@@ -199,14 +204,18 @@ typedef ULONG (*HOOK_INJECT_PACKET)(FilterAdapter* hAdapter, FilterPacket* pPack
 typedef PVOID (*HOOK_ALLOCATE_REQUEST)(VOID);
 typedef NTSTATUS (*HOOK_MAKE_NDIS_REQUEST)(FilterAdapter* hAdapter, PVOID pRequest, PVOID pContext);
 typedef VOID (*HOOK_FREE_REQUEST)(PVOID pRequest);
-/* Media state by MAC address; 0xC0010006 (NDIS_STATUS_ADAPTER_NOT_FOUND) when no adapter has it. */
+/* Media state by MAC address. NDIS_STATUS_ADAPTER_NOT_FOUND (0xC0010006): no adapter has it;
+   STATUS_INSUFFICIENT_RESOURCES (0xC000009A): no memory; any other status counts as success. The state is written with
+   at most 8 bytes, of which the user program gets the lowest. PASSIVE_LEVEL, or that of the client driver's call. */
 typedef NTSTATUS (*HOOK_SET_ADAPTER_STATUS)(const UCHAR* pMacAddress, ULONG nState);
 typedef NTSTATUS (*HOOK_GET_ADAPTER_STATUS)(const UCHAR* pMacAddress, PVOID pState);
 /* Fills an AdapterList with the adapters bound to TCP/IP, 32 at most. May be called at DISPATCH_LEVEL, and writes
    into the framework's own table while others read it. */
 typedef VOID (*HOOK_GET_TCPIP_BOUND_ADAPTERS)(PVOID pAdapterList);
 /* Maps the pages of the MDL into the current process and stores the user address in
-   pMappedMemory->m_pUserModeVirtualAddress (0 when it failed). nShareValue is the program's START_SHARE value. */
+   pMappedMemory->m_pUserModeVirtualAddress (0 when it failed). nShareValue is the program's START_SHARE value. Of
+   pMappedMemory only the fields in front of m_SharedMemory may be touched, and only during the call: it is a record
+   outside the mapping, which the program cannot change. The shared memory itself is what the MDL describes. */
 typedef VOID (*HOOK_MM_MAP_LOCKED_PAGES)(PMDL pMdl, ULONG nShareValue, MappedMemory* pMappedMemory);
 typedef VOID (*HOOK_MM_UNMAP_LOCKED_PAGES)(PMDL pMdl, PVOID pUserAddress);
 

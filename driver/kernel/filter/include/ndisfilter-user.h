@@ -27,6 +27,16 @@
 /* Device type 0x8000, transfer type buffered, any access; the function number stands in bits 2 to 13. */
 #define NDIS_FILTER_CTL_CODE(Function) (0x80000000u | ((uint32_t)(Function) << 2))
 
+/*
+ * Requests with records have their lengths at the records below. The others:
+ *   GET_VERSION             output of 2 bytes or more; no bytes are returned, so a program sees none
+ *   START_SHARE             input: nonzero 32-bit value; output: 64-bit address of SharedMemory
+ *   STOP_SHARE, READ_SHARE, WRITE_SHARE, CLEAR_EVENT, DUMP_DEVICE_EXTENSION: neither input nor output
+ *   START_ETHRLOG, STOP_ETHRLOG: neither; success in any case. The files lie on drive C: and end in .eth.
+ *   GET_DBGFLAG             neither; has the driver read its debug mask from the registry again
+ *   PUT_SHAREDMEMORYSIZE    output: 32-bit NDIS_FILTER_MAPPED_MEMORY_SIZE, in spite of the name
+ *   SET_CONGESTION_CONTROL  input: 32-bit value, which is kept and has no effect
+ */
 #define IOCTL_NDIS_FILTER_DIAG NDIS_FILTER_CTL_CODE(0x802)                   /* 0x80002008 */
 #define IOCTL_NDIS_FILTER_GET_VERSION NDIS_FILTER_CTL_CODE(0x8C8)            /* 0x80002320 */
 #define IOCTL_NDIS_FILTER_START_SHARE NDIS_FILTER_CTL_CODE(0x8C9)            /* 0x80002324 */
@@ -128,8 +138,9 @@ typedef struct MappedMemory {
 /*
  * Output of IOCTL_NDIS_FILTER_GET_EVENT: 1,036 bytes; no bytes returned: no event was waiting. The text of an event
  * leads with a head, in which the driver has put the adapter's identifier for its handle. It does so with every event:
- * of one that was reported without a head the bytes 4 to 45 of the text are not what its reporter wrote, and an
- * identifier may be spent on them; when none is left the event is lost (STATUS_INTERNAL_ERROR).
+ * of one that was reported without a head the bytes 4 to 33 of the text, which are 16 to 45 of the record, are not what
+ * its reporter wrote, and an identifier may be spent on them; when none is left the event is lost
+ * (STATUS_INTERNAL_ERROR), as it is when the driver has no memory for the rewriting (STATUS_NO_MEMORY, 0xC0000017).
  */
 typedef struct UserEvent {
     uint32_t m_nEvent1;                           /*  0  first value, as the reporting driver gave it */
@@ -212,7 +223,9 @@ typedef struct UserMacAdapter {
  * Output of IOCTL_NDIS_FILTER_DIAG, whose input is a command: words separated by blanks, of which the first names the
  * driver that is to answer ("filter": the framework; "driver": every driver says who it is) and at most 16 more are its
  * arguments. The text is what the drivers have printed. No bytes returned: the lengths are unfit, or another
- * diagnostic is running. A text that does not fit is cut, and takes one from m_BufferUsed.
+ * diagnostic is running. A print that goes up to 33 bytes beyond the output is cut there and counts in full in
+ * m_BufferUsed; a longer one takes one from it, so read it as signed: it is -1 when the first print was too long. Bytes
+ * returned are 40 + m_BufferUsed, at most the length of the output; 39 for that -1.
  */
 typedef struct UserDiag {
     uint64_t m_pszDriverName;  /*  0  kernel address */

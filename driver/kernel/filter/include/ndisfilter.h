@@ -125,11 +125,11 @@ typedef ULONG FILTER_METHOD;
 #define FILTER_INJECT_FROM_FILTER 0x80000000u /* ORed with a FILTER_METHOD */
 
 /* Adapter events. */
-#define FILTER_EVENT_ADAPTER_OPENED 0u
-#define FILTER_EVENT_MEDIA_CONNECT 1u
-#define FILTER_EVENT_MEDIA_DISCONNECT 2u
-#define FILTER_EVENT_ADAPTER_CLOSED 3u
-#define FILTER_EVENT_IPCONFIG_CHANGED 4u
+#define FILTER_EVENT_ADAPTER_OPENED 0u      /* open; may come again for an adapter that is open already */
+#define FILTER_EVENT_MEDIA_CONNECT 1u       /* its medium is connected */
+#define FILTER_EVENT_MEDIA_DISCONNECT 2u    /* its medium is disconnected */
+#define FILTER_EVENT_ADAPTER_CLOSED 3u      /* closed: drop the handle, which goes on to pass Filter_IsValidAdapter */
+#define FILTER_EVENT_IPCONFIG_CHANGED 4u    /* Filter_SetIPConfig or the user program has changed its addresses */
 
 typedef struct FilterDriver FilterDriver; /* handle of a registered client driver */
 typedef struct PacketFilter PacketFilter; /* handle of a registered packet filter */
@@ -205,8 +205,8 @@ NTSTATUS Filter_ReplaceDriverRegistryPath(PUNICODE_STRING pSource, PUNICODE_STRI
 /*
  * Read a value under an absolute registry path (zero-terminated). PASSIVE_LEVEL. The DWORD readers answer the default
  * when the value or the key is missing, the value is of another type or no memory is left. Filter_RegGetStringValue
- * answers TRUE when it was read; a missing value is read as an empty text, one of another type is not read. A pValue whose Buffer is NULL gets a buffer from the registry (free it
- * with ExFreePool), otherwise its own is filled.
+ * answers TRUE when it was read; a missing value is read as an empty text, one of another type is not read. A pValue
+ * whose Buffer is NULL gets a buffer from the registry (free it with ExFreePool), otherwise its own is filled.
  */
 ULONG Filter_RegGetDwordValue(PUNICODE_STRING pRegistryPath, PCWSTR pszName, ULONG nDefault);
 BOOLEAN Filter_RegGetStringValue(PUNICODE_STRING pRegistryPath, PCWSTR pszName, PUNICODE_STRING pValue);
@@ -388,6 +388,7 @@ FILTER_STATUS Filter_GetTcpIpBoundAdapters(AdapterList* pAdapterList);
  * record equal to the stored one, so computed, reports nothing. Keep the counts at 8 or below: a greater m_nIP reaches
  * into the fields behind the triples. The record stays the caller's. Two that set one adapter at once may mix their
  * records. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: NULL. FILTER_ERROR_INVALID_ADAPTER_HANDLE.
+ * FILTER_ERROR_EXCEPTION: pConfig faulted, or a handler did, and then the record is stored.
  */
 FILTER_STATUS Filter_SetIPConfig(IPConfig* pConfig);
 
@@ -400,9 +401,9 @@ IPConfig* Filter_GetIPConfig(FilterAdapter* hAdapter, IPConfig* pConfig);
 
 /*
  * Have the hook driver read, or force, the media state of the adapter with a MAC address (6 bytes). What the values
- * mean and how many bytes it writes to pState is the hook driver's matter. PASSIVE_LEVEL, unless it promises more.
- * FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer. FILTER_ERROR_INTERFACE_NOT_ACTIVE: no hook driver is bound, or it has
- * no such function. FILTER_ERROR_ADAPTER_NOT_FOUND, FILTER_ERROR_OUT_OF_MEMORY: the hook driver says so; any other
+ * mean and how many bytes it writes to pState, at most 8, is the hook driver's matter. PASSIVE_LEVEL, unless it
+ * promises more. FILTER_ERROR_INVALID_ARGUMENT: a NULL pointer. FILTER_ERROR_INTERFACE_NOT_ACTIVE: no hook driver is
+ * bound, or it has no such function. FILTER_ERROR_ADAPTER_NOT_FOUND, FILTER_ERROR_OUT_OF_MEMORY: the hook driver says so; any other
  * answer of it is success.
  */
 FILTER_STATUS Filter_GetAdapterMediaStateByMac(const UCHAR* pMacAddress, PVOID pState);
@@ -446,7 +447,8 @@ FILTER_STATUS Filter_ReleaseAdapterContext(FilterDriver* hFilterDriver, ULONG nI
 /*
  * An adapter event handler: told of an event (FILTER_EVENT_*) of an adapter, with the contexts of the driver and of
  * the registration. Runs at DISPATCH_LEVEL under the handler list's lock: it must not block, nor register or
- * deregister handlers or drivers, set an IP configuration or enumerate opened adapters.
+ * deregister handlers or drivers, set an IP configuration or enumerate opened adapters. An exception is contained; the
+ * handlers behind it are then not told.
  */
 typedef VOID (*FILTER_EVENT_PROC)(FilterDriver* hFilterDriver, PVOID pDriverContext, ULONG nEvent,
                                   PVOID pEventContext, FilterAdapter* hAdapter);
@@ -662,7 +664,8 @@ FILTER_STATUS Filter_InitPacketHeader(FilterPacket* pPacket, UCHAR* pFrame);
 /*
  * Recomputes a checksum of an IPv4 datagram in place: selector 0 the header's (RFC 791), 1 ICMP (RFC 792), 6 TCP
  * (RFC 9293), 17 UDP (RFC 768). The selector decides, not the protocol in the header. Lengths are the header's own: as
- * many bytes as its total length says must be readable, so compare it with the frame first. A UDP checksum of zero
+ * many bytes as its total length says must be readable, so compare it with the frame first; so must the first 20 bytes
+ * of the header, and the checksum field must be writable, also when the lengths end before it. A UDP checksum of zero
  * stays zero. IRQL <= DISPATCH. FILTER_ERROR_INVALID_ARGUMENT: NULL. FILTER_ERROR_UNSUPPORTED_PROTOCOL: another
  * selector; nothing is written.
  */
@@ -698,8 +701,9 @@ VOID Filter_DumpPacket(PCSTR pszTitle, FilterPacket* pPacket);
  *
  * Runs in the program's thread, yet at DISPATCH_LEVEL, as the handler list is locked for reading: it must not block,
  * nor register or deregister handlers or drivers. It may mark the request pending, answer STATUS_PENDING and complete
- * it later, except a diagnostic one (IOCTL_NDIS_FILTER_DIAG), which the framework always completes. An exception is
- * contained and ends the walk: the request is not supported then.
+ * it later, except a diagnostic one (IOCTL_NDIS_FILTER_DIAG), which the framework always completes. A pending request
+ * needs a cancel routine, or its program cannot end; and it must be completed before the handler's driver goes, as
+ * deregistration does not wait for it. An exception is contained and ends the walk: the request is not supported then.
  */
 typedef NTSTATUS (*FILTER_IOCTRL_PROC)(PVOID pIoCtrlContext, PIRP pIrp, ULONG nControlCode, PVOID pInputBuffer,
                                        ULONG nInputLength, PVOID pOutputBuffer, ULONG nOutputLength,

@@ -1,4 +1,5 @@
-// A small hook driver: two virtual adapters that loop frames, driven by a test through a control device.
+// The smallest hook driver: two virtual adapters that loop frames, driven by a program through a control device. It
+// shows the whole of the binding without an NDIS adapter below it, as a beginning for a hook driver of your own.
 #include <ntddk.h>
 
 #include <ndis.h>
@@ -30,6 +31,27 @@ NdisHookAPI api;               // as exchanged
 MappedMemory* volatile shared; // the framework's memory while it is mapped
 volatile LONG packetsOut;
 volatile LONG released;
+
+// Null for a handle that is none of ours: identifiers, by which programs name adapters, outlive them.
+Adapter* AdapterOfHandle(FilterAdapter* handle)
+{
+    for (Adapter& adapter : adapters) {
+        if (&adapter.record == handle) {
+            return &adapter;
+        }
+    }
+    return nullptr;
+}
+
+Adapter* AdapterOfAddress(const UCHAR* address)
+{
+    for (Adapter& adapter : adapters) {
+        if (RtlCompareMemory(adapter.record.m_CurrentAddress, address, 6) == 6) {
+            return &adapter;
+        }
+    }
+    return nullptr;
+}
 
 // -------------------------------------------------------------------------------------------------- packets
 
@@ -106,9 +128,10 @@ NTSTATUS HandleIoControl(ULONG code, PVOID, ULONG, PVOID output, ULONG outputLen
     return STATUS_SUCCESS;
 }
 
-FilterPacket* AllocatePacket(FilterAdapter* adapter, PCSTR, ULONG)
+FilterPacket* AllocatePacket(FilterAdapter* handle, PCSTR, ULONG)
 {
-    return NewPacket(reinterpret_cast<Adapter*>(adapter));
+    Adapter* adapter = AdapterOfHandle(handle);
+    return adapter != nullptr ? NewPacket(adapter) : nullptr;
 }
 
 VOID FreePacket(FilterPacket* packet, PCSTR, ULONG)
@@ -154,14 +177,27 @@ NTSTATUS MakeNdisRequest(FilterAdapter*, PVOID, PVOID)
 
 VOID FreeRequest(PVOID) {}
 
-NTSTATUS SetAdapterStatus(const UCHAR*, ULONG)
+// Keeps the state. With an adapter below it a hook driver also forces it there, and reports the change to the
+// framework with Filter_AdapterStatusChanged.
+NTSTATUS SetAdapterStatus(const UCHAR* address, ULONG state)
 {
-    return NDIS_STATUS_ADAPTER_NOT_FOUND;
+    Adapter* adapter = AdapterOfAddress(address);
+    if (adapter == nullptr) {
+        return NDIS_STATUS_ADAPTER_NOT_FOUND;
+    }
+    adapter->record.m_nAdapterMediaState = state;
+    return STATUS_SUCCESS;
 }
 
-NTSTATUS GetAdapterStatus(const UCHAR*, PVOID)
+// One byte: the control request hands in the last byte of its buffer.
+NTSTATUS GetAdapterStatus(const UCHAR* address, PVOID state)
 {
-    return NDIS_STATUS_ADAPTER_NOT_FOUND;
+    const Adapter* adapter = AdapterOfAddress(address);
+    if (adapter == nullptr) {
+        return NDIS_STATUS_ADAPTER_NOT_FOUND;
+    }
+    *static_cast<PUCHAR>(state) = static_cast<UCHAR>(adapter->record.m_nAdapterMediaState);
+    return STATUS_SUCCESS;
 }
 
 VOID GetTcpIpBoundAdapters(PVOID buffer)
@@ -176,6 +212,7 @@ VOID GetTcpIpBoundAdapters(PVOID buffer)
         RtlZeroMemory(&info, sizeof(info));
         info.m_hAdapter = &adapter.record;
         info.m_usMTU = adapter.record.m_usMTU;
+        info.m_dwAdapterState = adapter.record.m_nAdapterMediaState;
         RtlCopyMemory(info.m_PermanentAddress, adapter.record.m_PermanentAddress,
                       sizeof(info.m_PermanentAddress));
         RtlCopyMemory(info.m_CurrentAddress, adapter.record.m_CurrentAddress, sizeof(info.m_CurrentAddress));
@@ -190,7 +227,7 @@ VOID MapShared(PMDL mdl, ULONG, MappedMemory* mapped)
 {
     const PVOID address = MmMapLockedPages(mdl, UserMode);
     mapped->m_pUserModeVirtualAddress = reinterpret_cast<ULONG_PTR>(address);
-    shared = address != nullptr ? mapped : nullptr;
+    shared = address != nullptr ? static_cast<MappedMemory*>(MmGetMdlVirtualAddress(mdl)) : nullptr;
 }
 
 VOID UnmapShared(PMDL mdl, PVOID userAddress)

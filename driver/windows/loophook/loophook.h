@@ -1,5 +1,5 @@
 /*
- * The control device of loophook.sys, \\.\LoopHook: how a test drives its virtual adapters. Plain C.
+ * The control device of loophook.sys, \\.\LoopHook: how a program drives its virtual adapters. Plain C.
  *
  * The adapters are loops: what the framework sends on one comes back as received on it, and ends when the
  * framework indicates it to the protocols.
