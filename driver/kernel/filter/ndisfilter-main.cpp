@@ -394,6 +394,6 @@ VOID NdisFilterUnload(PDRIVER_OBJECT)
         g_pDeviceExtension = nullptr;
         Trace(TRACE_CORE, "  IoDeleteDevice(%s)\n", DEVICE_NAME_TEXT);
     }
-    tdi::WaitForClosings();
+    tdi::EndEverything();
     Trace(TRACE_CORE, "Leave NdisFilterUnload\n");
 }

@@ -56,8 +56,9 @@ NTSTATUS KS_SetEventHandlers(PKS_TRANSPORT_ADDRESS Record, PVOID EventContext, P
     };
     const AddressRequest request(Record);
     if (request.Irp() == nullptr) {
-        return STATUS_DEVICE_BUSY;
+        return request.Refusal();
     }
+    NTSTATUS status = STATUS_SUCCESS;
     LONG type = TDI_EVENT_CONNECT;
     for (const PVOID handler : handlers) {
         IoReuseIrp(request.Irp(), STATUS_SUCCESS);
@@ -66,19 +67,23 @@ NTSTATUS KS_SetEventHandlers(PKS_TRANSPORT_ADDRESS Record, PVOID EventContext, P
         parameters->EventType = type++;
         parameters->EventHandler = handler;
         parameters->EventContext = EventContext;
-        const NTSTATUS status = KS_MakeSimpleTdiRequest(DeviceOf(Record->FileObject), request.Irp());
+        status = KS_MakeSimpleTdiRequest(DeviceOf(Record->FileObject), request.Irp());
         if (!NT_SUCCESS(status)) {
-            return status;
+            break;
         }
     }
-    return STATUS_SUCCESS;
+    return status;
 }
 
 NTSTATUS KS_Connect(PKS_CONNECTION_ENDPOINT Record, PTA_IP_ADDRESS Peer)
 {
+    const Held<KS_CONNECTION_ENDPOINT> held(Record);
+    if (held.Get() == nullptr) {
+        return STATUS_INVALID_HANDLE;
+    }
     const AddressRequest request(Record->Address);
     if (request.Irp() == nullptr) {
-        return STATUS_DEVICE_BUSY;
+        return request.Refusal();
     }
     TDI_CONNECTION_INFORMATION peer = {};
     peer.RemoteAddressLength = sizeof(*Peer);
@@ -91,6 +96,10 @@ NTSTATUS KS_Connect(PKS_CONNECTION_ENDPOINT Record, PTA_IP_ADDRESS Peer)
 NTSTATUS KS_SetConnectionInfo(PKS_CONNECTION_ENDPOINT Record, PVOID Buffer)
 {
     RtlZeroMemory(Buffer, KS_CONNECTION_INFO_SIZE);
+    const Held<KS_CONNECTION_ENDPOINT> held(Record);
+    if (held.Get() == nullptr) {
+        return STATUS_INVALID_HANDLE;
+    }
     return RequestOverBuffer<TDI_REQUEST_KERNEL_SET_INFORMATION>(
         Record->FileObject, TDI_SET_INFORMATION, Buffer, KS_CONNECTION_INFO_SIZE,
         [](PTDI_REQUEST_KERNEL_SET_INFORMATION parameters) {

@@ -38,18 +38,33 @@ BOOLEAN SenderFrees(PKS_CONNECTION_ENDPOINT)
     return TRUE;
 }
 
+// With the last reference the context becomes the work item that closes the owner.
+template <class Owner>
+VOID ReleaseAndFree(Owner* owner, DataRequest* request)
+{
+    Closings closings = {};
+    Release(owner, &closings);
+    if (closings.IsEmpty()) {
+        NdisFreeMemory(request, RequestSize, 0);
+    } else {
+        CloseLater(&closings, request);
+    }
+}
+
 // The callback runs before the reference is dropped, so that it may close the owner. Who waits for the event
 // instead may close the owner, free the record and unload its driver as soon as the event is set: that is the
-// last thing done.
+// last thing done with the request.
 template <class Owner>
 NTSTATUS NTAPI FinishRequest(PDEVICE_OBJECT, PIRP irp, PVOID context)
 {
+    SentRequest* sent = SentRequestOf(irp);
     DataRequest* request = static_cast<DataRequest*>(context);
     const PKEVENT event = request->Event;
     const KS_COMPLETION completion = request->Completion;
     Owner* owner = static_cast<Owner*>(request->Owner);
-    const BOOLEAN freeIrp = !request->CallerWaits || !SenderFrees(owner);
+    const BOOLEAN callerWaits = request->CallerWaits != 0;
 
+    CompleteRequest(sent);
     *request->IoStatus = irp->IoStatus;
     if (completion != nullptr) {
         if (event != nullptr) {
@@ -57,18 +72,15 @@ NTSTATUS NTAPI FinishRequest(PDEVICE_OBJECT, PIRP irp, PVOID context)
         }
         completion(request->CompletionContext, request->IoStatus, request->Extra);
     }
-    Closings closings = {};
-    Release(owner, &closings);
-    if (closings.Count != 0) {
-        CloseLater(&closings, request);
-    } else {
-        NdisFreeMemory(request, RequestSize, 0);
-    }
-    if (freeIrp) {
-        IoFreeIrp(irp);
+    ReleaseAndFree(owner, request);
+    if (!callerWaits || !SenderFrees(owner)) {
+        Free(sent);
     }
     if (completion == nullptr) {
         KeSetEvent(event, IO_NO_INCREMENT, FALSE);
+    }
+    if (!callerWaits) {
+        EndRequest();
     }
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
@@ -113,21 +125,26 @@ NTSTATUS SendDataRequest(Owner* owner, UCHAR minor, const Notification& notifica
     }
     const PIO_STATUS_BLOCK ioStatus = request->IoStatus;
 
-    const PFILE_OBJECT file = owner->FileObject;
-    const PIRP irp = AllocateRequest(file);
-    if (irp == nullptr) {
+    if (!Reference(owner)) {
         NdisFreeMemory(request, RequestSize, 0);
-        return STATUS_INSUFFICIENT_RESOURCES;
+        return STATUS_INVALID_HANDLE;
     }
     if (notification.Completion == nullptr && notification.Event != nullptr) {
         KeResetEvent(notification.Event);
     }
+    const PFILE_OBJECT file = owner->FileObject;
+    SentRequest* sent = AllocateSentRequest(file);
+    if (sent == nullptr) {
+        ReleaseAndFree(owner, request);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    const PIRP irp = sent->Irp;
     irp->MdlAddress = mdl;
     fill(PrepareRequest<Parameters>(irp, file, minor), ChainLength(mdl));
     IoSetCompletionRoutine(irp, FinishRequest<Owner>, request, TRUE, TRUE, TRUE);
-    Reference(owner);
     ioStatus->Status = STATUS_UNSUCCESSFUL;
     ioStatus->Information = 0;
+    BeginRequest(sent);
     NTSTATUS status = IoCallDriver(DeviceOf(file), irp);
     if (!waits) {
         return status;
@@ -139,8 +156,9 @@ NTSTATUS SendDataRequest(Owner* owner, UCHAR minor, const Notification& notifica
     if (KeReadStateEvent(&done) != 0) {
         status = ioStatus->Status;
         if (SenderFrees(owner)) {
-            IoFreeIrp(irp);
+            Free(sent);
         }
+        EndRequest();
     }
     return status;
 }

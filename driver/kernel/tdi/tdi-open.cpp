@@ -59,27 +59,23 @@ NTSTATUS OpenFileAs(PCWSTR deviceName, PCSTR attribute, ULONG attributeLength, c
     return status;
 }
 
-NTSTATUS Associate(PKS_TRANSPORT_ADDRESS address, PFILE_OBJECT endpoint)
+// The record is complete but for its place in the list: on an address that listens the transport may hand the
+// endpoint to a caller from now on.
+NTSTATUS Associate(PKS_CONNECTION_ENDPOINT endpoint)
 {
+    const PKS_TRANSPORT_ADDRESS address = endpoint->Address;
     const AddressRequest request(address);
     if (request.Irp() == nullptr) {
-        return STATUS_DEVICE_BUSY;
+        return request.Refusal();
     }
-    PrepareRequest<TDI_REQUEST_KERNEL_ASSOCIATE>(request.Irp(), endpoint, TDI_ASSOCIATE_ADDRESS)
+    PrepareRequest<TDI_REQUEST_KERNEL_ASSOCIATE>(request.Irp(), endpoint->FileObject, TDI_ASSOCIATE_ADDRESS)
         ->AddressHandle = address->Handle;
-    return KS_MakeSimpleTdiRequest(DeviceOf(endpoint), request.Irp());
-}
-
-// The record is complete before anybody can find it in the list.
-VOID Attach(PKS_CONNECTION_ENDPOINT endpoint, PKS_TRANSPORT_ADDRESS address, const OpenedFile* file)
-{
-    Reference(address);
-    endpoint->Address = address;
-    endpoint->Handle = file->Handle;
-    endpoint->FileObject = file->FileObject;
-    endpoint->Status = STATUS_SUCCESS;
-    endpoint->Count = 1;
-    Append(endpoint);
+    const NTSTATUS status = KS_MakeSimpleTdiRequest(DeviceOf(endpoint->FileObject), request.Irp());
+    if (NT_SUCCESS(status)) {
+        Reference(address); // beside that of the request, so it cannot be refused
+        Append(endpoint);
+    }
+    return status;
 }
 
 } // namespace
@@ -123,12 +119,19 @@ NTSTATUS KS_OpenConnectionEndpoint(PCWSTR DeviceName, PKS_TRANSPORT_ADDRESS Addr
     Record->Status = STATUS_UNSUCCESSFUL;
     NTSTATUS status = OpenFileAs(DeviceName, TdiConnectionContext, TDI_CONNECTION_CONTEXT_LENGTH,
                                  &ConnectionContext, sizeof(ConnectionContext), &file);
+    Record->Status = status;
     if (NT_SUCCESS(status)) {
-        status = Associate(Address, file.FileObject);
-        if (NT_SUCCESS(status)) {
-            Attach(Record, Address, &file);
-        } else {
+        Record->Handle = file.Handle;
+        Record->FileObject = file.FileObject;
+        Record->Address = Address;
+        Record->Count = 1;
+        status = Associate(Record);
+        if (!NT_SUCCESS(status)) {
             CloseFile(&file);
+            Record->Handle = nullptr;
+            Record->FileObject = nullptr;
+            Record->Address = nullptr;
+            Record->Count = 0;
         }
     }
     Record->AssociateStatus = status;

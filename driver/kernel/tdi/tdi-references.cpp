@@ -14,76 +14,90 @@ volatile LONG closingItems; // queued or running
 // Lies in the block of a request that is over.
 struct ClosingItem {
     WORK_QUEUE_ITEM Item;
-    Closings Handles;
+    Closings Records;
 };
 static_assert(sizeof(ClosingItem) <= RequestSize);
 
 VOID NTAPI RunClosing(PVOID context)
 {
     ClosingItem* item = static_cast<ClosingItem*>(context);
-    Close(&item->Handles);
+    Close(&item->Records);
     NdisFreeMemory(item, RequestSize, 0);
     InterlockedDecrement(&closingItems);
 }
 
-VOID Add(Closings* closings, HANDLE handle)
+// A count that stands for a record whose last reference is gone while its handle is still open.
+constexpr ULONG BeingClosed = KS_BEING_CLOSED;
+
+BOOLEAN IsAlive(ULONG count)
 {
-    closings->Handles[closings->Count++] = handle;
+    return count != 0 && count != BeingClosed;
 }
 
-// Drops a reference, but not the last one: TRUE when that is the caller's. Nobody else uses the record then,
-// as nobody can come by a reference who has none, and the caller sets the count to 0 when it is done with it.
-BOOLEAN HoldsLast(volatile ULONG* count)
+BOOLEAN AddReference(volatile ULONG* count)
 {
-    ULONG before = __atomic_load_n(count, __ATOMIC_ACQUIRE);
-    while (before > 1) {
-        // Releases what this holder did with the record, for whoever will hold the last one.
-        if (__atomic_compare_exchange_n(count, &before, before - 1, 0, __ATOMIC_RELEASE, __ATOMIC_ACQUIRE)) {
-            return FALSE;
+    ULONG before = __atomic_load_n(count, __ATOMIC_RELAXED);
+    while (IsAlive(before)) {
+        if (__atomic_compare_exchange_n(count, &before, before + 1, 0, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
+            return TRUE;
         }
     }
-    return before == 1;
+    return FALSE;
 }
 
-// The client may use the record otherwise from now on.
-VOID DropLast(volatile ULONG* count)
+// TRUE: it was the last one, and the caller is the one who closes the record.
+BOOLEAN DropReference(volatile ULONG* count)
 {
+    ULONG before = __atomic_load_n(count, __ATOMIC_RELAXED);
+    while (IsAlive(before)) {
+        const ULONG after = before == 1 ? BeingClosed : before - 1;
+        // Releases what this holder did with the record; who closes it acquires what all others did.
+        if (__atomic_compare_exchange_n(count, &before, after, 0, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) {
+            return after == BeingClosed;
+        }
+    }
+    return FALSE;
+}
+
+// The client may free the record or use it again as soon as the count is 0.
+VOID CloseRecord(HANDLE handle, volatile ULONG* count)
+{
+    ZwClose(handle);
     __atomic_store_n(count, 0, __ATOMIC_RELEASE);
 }
 
 } // namespace
 
-VOID Reference(PKS_TRANSPORT_ADDRESS address)
+BOOLEAN Reference(PKS_TRANSPORT_ADDRESS address)
 {
-    __atomic_add_fetch(&address->Count, 1, __ATOMIC_RELAXED);
+    return AddReference(&address->Count);
 }
 
-VOID Reference(PKS_CONNECTION_ENDPOINT endpoint)
+BOOLEAN Reference(PKS_CONNECTION_ENDPOINT endpoint)
 {
-    __atomic_add_fetch(&endpoint->Count, 1, __ATOMIC_RELAXED);
+    return AddReference(&endpoint->Count);
 }
 
 VOID Release(PKS_TRANSPORT_ADDRESS address, Closings* closings)
 {
-    if (HoldsLast(&address->Count)) {
+    if (DropReference(&address->Count)) {
         IoFreeIrp(address->Irp);
         ObDereferenceObject(address->FileObject);
-        Add(closings, address->Handle);
-        DropLast(&address->Count);
+        closings->Address = address;
     }
 }
 
+// Leaves the list first: its head lies in the address.
 VOID Release(PKS_CONNECTION_ENDPOINT endpoint, Closings* closings)
 {
-    if (HoldsLast(&endpoint->Count)) {
+    if (DropReference(&endpoint->Count)) {
         KIRQL irql;
         KeAcquireSpinLock(&listLock, &irql);
         RemoveEntryList(&endpoint->Link);
         KeReleaseSpinLock(&listLock, irql);
         Release(endpoint->Address, closings);
         ObDereferenceObject(endpoint->FileObject);
-        Add(closings, endpoint->Handle);
-        DropLast(&endpoint->Count);
+        closings->Endpoint = endpoint;
     }
 }
 
@@ -97,27 +111,26 @@ VOID Append(PKS_CONNECTION_ENDPOINT endpoint)
 
 VOID Close(const Closings* closings)
 {
-    for (ULONG i = 0; i < closings->Count; ++i) {
-        ZwClose(closings->Handles[i]);
+    if (closings->Address != nullptr) {
+        CloseRecord(closings->Address->Handle, &closings->Address->Count);
+    }
+    if (closings->Endpoint != nullptr) {
+        CloseRecord(closings->Endpoint->Handle, &closings->Endpoint->Count);
     }
 }
 
 VOID CloseLater(const Closings* closings, PVOID block)
 {
     ClosingItem* item = static_cast<ClosingItem*>(block);
-    item->Handles = *closings;
+    item->Records = *closings;
     InterlockedIncrement(&closingItems);
     ExInitializeWorkItem(&item->Item, RunClosing, item);
     ExQueueWorkItem(&item->Item, DelayedWorkQueue);
 }
 
-VOID WaitForClosings()
+BOOLEAN AreClosingsUnderWay()
 {
-    while (InterlockedCompareExchange(&closingItems, 0, 0) != 0) {
-        LARGE_INTEGER interval;
-        interval.QuadPart = -10 * 1000; // a millisecond
-        KeDelayExecutionThread(KernelMode, FALSE, &interval);
-    }
+    return InterlockedCompareExchange(&closingItems, 0, 0) != 0;
 }
 
 } // namespace tdi

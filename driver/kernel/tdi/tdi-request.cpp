@@ -16,12 +16,13 @@ NTSTATUS NTAPI SignalCompletion(PDEVICE_OBJECT, PIRP, PVOID event)
 } // namespace
 
 // The exchange acquires what the thread before did with the request; that of the destructor releases it.
-AddressRequest::AddressRequest(PKS_TRANSPORT_ADDRESS address)
-    : address_(address), irp_(static_cast<PIRP>(InterlockedExchangePointer(
-                             reinterpret_cast<PVOID volatile*>(&address->Irp), nullptr)))
+AddressRequest::AddressRequest(PKS_TRANSPORT_ADDRESS address) : address_(address), irp_(nullptr)
 {
+    if (address_.Get() != nullptr) {
+        irp_ = static_cast<PIRP>(
+            InterlockedExchangePointer(reinterpret_cast<PVOID volatile*>(&address->Irp), nullptr));
+    }
     if (irp_ != nullptr) {
-        Reference(address_);
         IoReuseIrp(irp_, STATUS_SUCCESS);
     }
 }
@@ -29,11 +30,13 @@ AddressRequest::AddressRequest(PKS_TRANSPORT_ADDRESS address)
 AddressRequest::~AddressRequest()
 {
     if (irp_ != nullptr) {
-        InterlockedExchangePointer(reinterpret_cast<PVOID volatile*>(&address_->Irp), irp_);
-        Closings closings = {};
-        Release(address_, &closings);
-        Close(&closings);
+        InterlockedExchangePointer(reinterpret_cast<PVOID volatile*>(&address_.Get()->Irp), irp_);
     }
+}
+
+NTSTATUS AddressRequest::Refusal() const
+{
+    return address_.Get() == nullptr ? STATUS_INVALID_HANDLE : STATUS_DEVICE_BUSY;
 }
 
 } // namespace tdi

@@ -4,7 +4,8 @@
 namespace tdi
 {
 
-// Waits until no work item of the library is under way. PASSIVE_LEVEL.
-void WaitForClosings();
+// Cancels the data requests under way, and waits until they are completed and no work item of the library is left.
+// PASSIVE_LEVEL.
+void EndEverything();
 
 } // namespace tdi

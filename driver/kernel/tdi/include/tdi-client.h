@@ -48,10 +48,14 @@ extern "C" {
 /* --------------------------------------------------------------------------------------------------- records
  */
 
+/* A record's count while it has lost its last reference and its handle is not yet closed. */
+#define KS_BEING_CLOSED 0x80000000u
+
 /* A transport address. Written by the library. 48 bytes. */
 typedef struct _KS_TRANSPORT_ADDRESS {
     NTSTATUS Status;         /* 0: STATUS_UNSUCCESSFUL until opened, then what the opening came to */
-    volatile ULONG Count;    /* 4: references: 1 of the opening, 1 of each request under way and endpoint */
+    volatile ULONG Count;    /* 4: references: 1 of the opening, 1 of each request under way and endpoint; or
+                                KS_BEING_CLOSED */
     HANDLE Handle;           /* 8: of the address object */
     PFILE_OBJECT FileObject; /* 16: referenced */
     PIRP volatile Irp;       /* 24: the one request for what is done synchronously; null while it is in use */
@@ -62,9 +66,11 @@ typedef struct _KS_TRANSPORT_ADDRESS {
 typedef struct _KS_CONNECTION_ENDPOINT {
     LIST_ENTRY Link;               /* 0: in the address's list */
     NTSTATUS AssociateStatus;      /* 16: what KS_OpenConnectionEndpoint answered */
-    volatile ULONG Count;          /* 20: references: 1 of the opening, 1 of each request under way */
+    volatile ULONG Count;          /* 20: references: 1 of the opening, 1 of each request under way; or
+                                      KS_BEING_CLOSED */
     PKS_TRANSPORT_ADDRESS Address; /* 24: the owner, on which the endpoint holds a reference */
-    NTSTATUS Status;               /* 32: STATUS_UNSUCCESSFUL until opened */
+    NTSTATUS Status;               /* 32: STATUS_UNSUCCESSFUL until opened, then what the opening came to, apart
+                                      from the association */
     HANDLE Handle;                 /* 40 */
     PFILE_OBJECT FileObject;       /* 48: referenced */
 } KS_CONNECTION_ENDPOINT, *PKS_CONNECTION_ENDPOINT;
