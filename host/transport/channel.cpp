@@ -167,7 +167,7 @@ void Channel::OnReady()
     }
 }
 
-void Channel::Flush(Lane lane, NTSTATUS status)
+bool Channel::Flush(Lane lane, NTSTATUS status)
 {
     std::vector<IRP*> taken;
     {
@@ -177,9 +177,13 @@ void Channel::Flush(Lane lane, NTSTATUS status)
         }
         rest_.notify_all();
     }
+    if (!taken.empty()) {
+        OnCancelled(lane);
+    }
     for (IRP* irp : taken) {
         Complete(irp, {status, 0});
     }
+    return !taken.empty();
 }
 
 void Channel::Cleanup()

@@ -56,13 +56,13 @@ class Channel : public File, public Watcher, public std::enable_shared_from_this
     virtual std::optional<Result> Attempt(Lane lane, IRP* irp) = 0;
     // No request waits in the lane. On the engine's thread.
     virtual void OnIdle(Lane) {}
-    // A waiting request was cancelled; it is complete.
+    // Waiting requests of the lane are taken off it without having been carried out; they are completed behind it.
     virtual void OnCancelled(Lane) {}
 
     // Hands a request to its lane. Answers what the dispatch routine answers.
     NTSTATUS Submit(Lane lane, IRP* irp);
-    // Completes all that wait.
-    void Flush(Lane lane, NTSTATUS status);
+    // Completes all that wait; false when there were none.
+    bool Flush(Lane lane, NTSTATUS status);
     void Schedule() { TheEngine()->Schedule(shared_from_this()); }
 
     std::mutex mutex_; // for the lanes and for the state of the derived classes

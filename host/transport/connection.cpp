@@ -383,6 +383,9 @@ NTSTATUS Connection::Disconnect(IRP* irp)
     if ((flags & TDI_DISCONNECT_ABORT) == 0) {
         return Submit(kSend, irp); // behind the data
     }
+    if (Flush(kConnect, STATUS_CONNECTION_ABORTED)) {
+        return Complete(irp, {});
+    }
     Result result;
     if (const std::shared_ptr<Socket> socket = Connected(&result); socket != nullptr) {
         socket->ResetOnClose();

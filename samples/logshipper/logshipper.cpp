@@ -17,7 +17,8 @@ namespace
 constexpr ULONG kMaxPort = 65535;
 constexpr ULONG kEvents = 256; // that wait to be shipped
 constexpr ULONG kLine = 128;
-constexpr LONGLONG kRetry = -10'000'000; // a second after a failure, in 100-ns units
+constexpr LONGLONG kRetry = -10'000'000;     // a second after a failure, in 100-ns units
+constexpr LONGLONG kPatience = -50'000'000; // five seconds for what the server has to take
 
 constexpr ULONG kIpSource = 12; // offsets in the IPv4 header: RFC 791
 constexpr ULONG kIpDestination = 16;
@@ -47,6 +48,7 @@ struct Shipper {
     ULONG Count;
     ULONG Dropped; // the ring was full
 
+    KEVENT Started;
     KEVENT Work;
     volatile LONG Stop;
     PVOID Thread;
@@ -58,8 +60,8 @@ struct Shipper {
     PMDL Mdl; // of Line
     CHAR Line[kLine];
     ULONG Number;
-    ULONG Shipped;
-    ULONG Lost; // the server or the transport was not there
+    ULONG Shipped; // taken by the transport
+    ULONG Lost;    // not: no connection, no transport
 };
 
 Shipper shipper;
@@ -122,7 +124,10 @@ FILTER_RESULT OnPacket(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket*
     RtlCopyMemory(&event.Destination, pIp + kIpDestination, sizeof(event.Destination));
     RtlCopyMemory(&event.SourcePort, pTcp, sizeof(event.SourcePort));
     RtlCopyMemory(&event.DestinationPort, pTcp + 2, sizeof(event.DestinationPort));
-    Note(event);
+    // Its own connections would be a reason to connect.
+    if (event.Destination != shipper.ServerAddress || event.DestinationPort != shipper.ServerPort) {
+        Note(event);
+    }
     return FILTER_RESULT_BYPASS;
 }
 
@@ -159,11 +164,31 @@ ULONG FormatLine(const Event& event)
     return shipper.Stream ? used + 1 : used;
 }
 
+// What a request on the connection came to that was sent in event mode. A server that does not take what it is sent
+// would hold it, and with it the unload, without end: the connection is reset then, which completes it.
+NTSTATUS Await(NTSTATUS status, PKEVENT done, const IO_STATUS_BLOCK* result)
+{
+    if (status != STATUS_PENDING) {
+        return status;
+    }
+    LARGE_INTEGER patience;
+    patience.QuadPart = kPatience;
+    if (KeWaitForSingleObject(done, Executive, KernelMode, FALSE, &patience) == STATUS_TIMEOUT) {
+        KS_Disconnect(&shipper.Endpoint, nullptr, nullptr, nullptr, nullptr, TDI_DISCONNECT_ABORT);
+        KeWaitForSingleObject(done, Executive, KernelMode, FALSE, nullptr);
+    }
+    return result->Status;
+}
+
 VOID CloseSockets()
 {
+    KEVENT done;
+    IO_STATUS_BLOCK result;
     if (shipper.Open) {
         if (shipper.Stream) {
-            KS_Disconnect(&shipper.Endpoint, nullptr, nullptr, nullptr, nullptr, TDI_DISCONNECT_RELEASE);
+            KeInitializeEvent(&done, NotificationEvent, FALSE);
+            Await(KS_Disconnect(&shipper.Endpoint, &done, nullptr, nullptr, &result, TDI_DISCONNECT_RELEASE), &done,
+                  &result);
             KS_CloseConnectionEndpoint(&shipper.Endpoint);
         }
         KS_CloseTransportAddress(&shipper.Address);
@@ -202,7 +227,11 @@ NTSTATUS Send(ULONG length)
 {
     shipper.Mdl->ByteCount = length; // the line is shorter than what the MDL was made for
     if (shipper.Stream) {
-        return KS_SendOnEndpoint(&shipper.Endpoint, nullptr, nullptr, nullptr, nullptr, shipper.Mdl, 0);
+        KEVENT done;
+        IO_STATUS_BLOCK result;
+        KeInitializeEvent(&done, NotificationEvent, FALSE);
+        return Await(KS_SendOnEndpoint(&shipper.Endpoint, &done, nullptr, nullptr, &result, shipper.Mdl, 0), &done,
+                     &result);
     }
     TA_IP_ADDRESS server;
     KS_InitIPAddress(&server, shipper.ServerAddress, shipper.ServerPort);
@@ -217,8 +246,8 @@ BOOLEAN IsStopping()
     return InterlockedCompareExchange(&shipper.Stop, 0, 0) != 0;
 }
 
-// Waits a moment after a failure, or the server would be asked again for each line.
-VOID Ship(const Event& event)
+// Waits a moment after a failure, or the server would be asked again for each line. FALSE: the line is lost.
+BOOLEAN Ship(const Event& event)
 {
     const ULONG length = FormatLine(event);
     NTSTATUS status = shipper.Open ? STATUS_SUCCESS : OpenSockets();
@@ -227,7 +256,7 @@ VOID Ship(const Event& event)
     }
     if (NT_SUCCESS(status)) {
         ++shipper.Shipped;
-        return;
+        return TRUE;
     }
     if (shipper.Lost++ == 0) {
         DbgPrint("logshipper: cannot reach the log server, status 0x%08X\n", status);
@@ -238,16 +267,28 @@ VOID Ship(const Event& event)
     if (!IsStopping()) {
         KeDelayExecutionThread(KernelMode, FALSE, &retry);
     }
+    return FALSE;
 }
 
 VOID NTAPI ShipEvents(PVOID)
 {
-    while (!IsStopping()) {
+    shipper.Thread = PsGetCurrentThread();
+    ObReferenceObject(shipper.Thread);
+    KeSetEvent(&shipper.Started, IO_NO_INCREMENT, FALSE);
+
+    BOOLEAN reachable = TRUE;
+    BOOLEAN stopping;
+    do {
         KeWaitForSingleObject(&shipper.Work, Executive, KernelMode, FALSE, nullptr);
+        stopping = IsStopping(); // before the last look at the ring
         for (Event event; TakeEvent(&event);) {
-            Ship(event);
+            if (reachable || !IsStopping()) {
+                reachable = Ship(event);
+            } else {
+                ++shipper.Lost; // the unload does not wait for one time-out after the other
+            }
         }
-    }
+    } while (!stopping);
     CloseSockets();
     PsTerminateSystemThread(STATUS_SUCCESS);
 }
@@ -265,19 +306,20 @@ STRING CountedName(char (&text)[Size])
     return {static_cast<USHORT>(Size - 1), static_cast<USHORT>(Size), text};
 }
 
+// The thread takes the reference that its end is awaited with itself: that cannot fail once it runs.
 NTSTATUS StartThread()
 {
     HANDLE handle = nullptr;
-    NTSTATUS status =
+    const NTSTATUS status =
         PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, ShipEvents, nullptr);
     if (NT_SUCCESS(status)) {
-        ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, nullptr, KernelMode, &shipper.Thread, nullptr);
+        KeWaitForSingleObject(&shipper.Started, Executive, KernelMode, FALSE, nullptr);
         ZwClose(handle);
     }
     return status;
 }
 
-// Behind the deregistration: nothing is noted any more. What is in the ring is still shipped.
+// Behind the deregistration: nothing is noted any more. What is in the ring is still shipped, up to a failure.
 VOID StopThread()
 {
     InterlockedExchange(&shipper.Stop, TRUE);
@@ -316,7 +358,7 @@ VOID NTAPI DriverUnload(PDRIVER_OBJECT)
 {
     Filter_DeregisterDriver(shipper.Driver);
     StopThread();
-    DbgPrint("logshipper: %u lines shipped, %u lost, %u dropped\n", shipper.Shipped, shipper.Lost,
+    DbgPrint("logshipper: %u lines handed to the transport, %u lost, %u dropped\n", shipper.Shipped, shipper.Lost,
              shipper.Dropped);
 }
 
@@ -336,6 +378,7 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
     shipper.ServerPort = KS_htons(static_cast<USHORT>(port));
     shipper.Stream = Filter_RegGetDwordValue(RegistryPath, L"LogStream", 0) != 0;
     KeInitializeSpinLock(&shipper.Lock);
+    KeInitializeEvent(&shipper.Started, NotificationEvent, FALSE);
     KeInitializeEvent(&shipper.Work, SynchronizationEvent, FALSE);
     shipper.Mdl = IoAllocateMdl(shipper.Line, kLine, FALSE, FALSE, nullptr);
     if (shipper.Mdl == nullptr) {

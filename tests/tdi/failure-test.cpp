@@ -2,6 +2,8 @@
 // sees, and that nothing stays behind.
 #include "tdi-test.h"
 
+#include "support/framework.h"
+
 #include <thread>
 
 using machine::TransportAnswer;
@@ -149,6 +151,8 @@ TEST_F(FailureTest, ASecondSynchronousRequestOnAnAddressIsRefused)
     EXPECT_EQ(KS_OpenConnectionEndpoint(L"\\Device\\Tcp", &connection.address, &second, nullptr),
               STATUS_DEVICE_BUSY);
     EXPECT_EQ(second.Count, 0u);
+    EXPECT_EQ(second.Status, STATUS_SUCCESS); // opened, but not associated
+    EXPECT_EQ(second.AssociateStatus, STATUS_DEVICE_BUSY);
     // Data requests have their own.
     EXPECT_EQ(KS_SendOnEndpoint(&connection.endpoint, nullptr, nullptr, nullptr, nullptr, block_.Mdl(), 0),
               STATUS_INVALID_CONNECTION);
@@ -156,6 +160,22 @@ TEST_F(FailureTest, ASecondSynchronousRequestOnAnAddressIsRefused)
     other.join();
     EXPECT_EQ(connected, kOdd);
     EXPECT_EQ(connection.Connect(server_.tcpPort), STATUS_SUCCESS);
+
+    // An endpoint that is closed meanwhile stays open until its request is over.
+    machine::AnswerTransportRequest(TransportRequest::Connect, 1, TransportAnswer::Held, kOdd);
+    other = std::thread([&] { connected = connection.Connect(server_.tcpPort); });
+    EXPECT_TRUE(support::Eventually([] { return machine::HeldTransportRequests() == 1; }));
+    const size_t files = machine::TakeCensus().files;
+    KS_CloseConnectionEndpoint(&connection.endpoint);
+    EXPECT_EQ(connection.endpoint.Count, 1u);
+    EXPECT_EQ(machine::TakeCensus().files, files);
+    machine::ReleaseTransportRequests();
+    other.join();
+    EXPECT_EQ(connection.endpoint.Count, 0u);
+    EXPECT_EQ(machine::TakeCensus().files, files - 1);
+    EXPECT_EQ(connection.Connect(server_.tcpPort), STATUS_INVALID_HANDLE);
+    EXPECT_EQ(KS_SendOnEndpoint(&connection.endpoint, nullptr, nullptr, nullptr, nullptr, block_.Mdl(), 0),
+              STATUS_INVALID_HANDLE);
     connection.Close();
 }
 
@@ -193,11 +213,49 @@ TEST_F(FailureTest, AnUnloadWithARequestUnderWayKeepsTheAddressUntilItCompletes)
     EXPECT_EQ(Client::address.Count, 1u);
     EXPECT_EQ(machine::TakeCensus().requests, 2u); // the receive, and that of the address
     EXPECT_EQ(Client::completions, 0);
-    machine::ReleaseTransportRequests();
-    EXPECT_EQ(Client::completions, 1);
-    EXPECT_EQ(Client::result.Status, kOdd);
+    {
+        const machine::WorkItemHold hold;
+        machine::ReleaseTransportRequests();
+        EXPECT_EQ(Client::completions, 1);
+        EXPECT_EQ(Client::result.Status, kOdd);
+        EXPECT_EQ(Client::address.Count, KS_BEING_CLOSED); // its handlers may still be called
+        EXPECT_EQ(KS_CloseTransportAddress(&Client::address), STATUS_SUCCESS);
+    }
     EXPECT_TRUE(machine::WaitIdle()); // for the work item that closes the address
+    EXPECT_EQ(Client::address.Count, 0u);
     EXPECT_EQ(machine::TakeCensus().files, 0u);
+}
+
+TEST_F(FailureTest, TheUnloadOfTheFrameworkEndsWhatIsUnderWay)
+{
+    machine::SetRegistryDword(support::kFrameworkService, "Start", 3);
+    ASSERT_EQ(support::LoadFramework(), STATUS_SUCCESS);
+    KS_TRANSPORT_ADDRESS address;
+    TA_IP_ADDRESS local = echo::Loopback(0);
+    ASSERT_EQ(
+        KS_OpenTransportAddress(L"\\Device\\Udp", reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address), 0);
+    // The first is closed with its completion, the second has a thread that waits for it.
+    std::atomic<NTSTATUS> calledBack{STATUS_PENDING}, waited{STATUS_PENDING};
+    EXPECT_EQ(KS_ReceiveDatagramOnAddress(
+                  &address, nullptr,
+                  [](PVOID context, PIO_STATUS_BLOCK result, ULONG) {
+                      *static_cast<std::atomic<NTSTATUS>*>(context) = result->Status;
+                  },
+                  &calledBack, nullptr, block_.Mdl(), nullptr, nullptr, 0),
+              STATUS_PENDING);
+    std::thread waiter([&] {
+        waited = KS_ReceiveDatagramOnAddress(&address, nullptr, nullptr, nullptr, nullptr, block_.Mdl(), nullptr,
+                                             nullptr, 0);
+    });
+    EXPECT_TRUE(support::Eventually([&] { return machine::TakeCensus().requests == 3; })); // and the address's
+    EXPECT_EQ(machine::UnloadDriver(support::kFrameworkService), STATUS_SUCCESS);
+    EXPECT_EQ(calledBack, STATUS_CANCELLED);
+    EXPECT_EQ(machine::TakeCensus().requests, 1u);
+    waiter.join();
+    EXPECT_EQ(waited, STATUS_CANCELLED);
+    KS_CloseTransportAddress(&address);
+    EXPECT_EQ(address.Count, 0u);
+    machine::DeleteRegistryKey(support::kFrameworkService);
 }
 
 TEST_F(FailureTest, ARequestThatWaitsCanBeCancelled)
@@ -242,6 +300,8 @@ TEST(AbsentTransportTest, EveryOpeningSaysThatThereIsNone)
     echo::Connection connection;
     EXPECT_EQ(connection.Open(), STATUS_OBJECT_NAME_NOT_FOUND);
     EXPECT_EQ(connection.address.Status, STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(KS_SetEventHandlers(&connection.address, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
+              STATUS_INVALID_HANDLE);
     connection.Close(); // there is nothing to close
     EXPECT_EQ(KS_QueryProviderInfo(L"\\Device\\Tcp", buffer), STATUS_OBJECT_NAME_NOT_FOUND);
     EXPECT_EQ(debug.Text(), "Unable To Open TDI Control Channel\n");

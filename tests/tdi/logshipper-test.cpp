@@ -55,7 +55,7 @@ TEST(LogShipperTest, ShipsALineForEachEventBothWays)
         EXPECT_THAT(output, testing::HasSubstr("exit code 0"));
         lines[stream] = Count(log, "\n");
         EXPECT_THAT(output, testing::HasSubstr("logshipper: " + std::to_string(lines[stream]) +
-                                               " lines shipped, 0 lost, 0 dropped"));
+                                               " lines handed to the transport, 0 lost, 0 dropped"));
         EXPECT_THAT(log, testing::StartsWith("<134>logshipper: 1 adapter 1 opened\n"));
         EXPECT_GT(Count(log, " connection "), 0u);
         EXPECT_THAT(log, testing::EndsWith(" adapter 1 connection 10.77.0.1:57388 > 10.77.0.2:80\n"));
@@ -71,7 +71,7 @@ TEST(LogShipperTest, AServerThatIsNotThereCostsLinesAndNothingElse)
     }
     const std::string output = RunLab(port, true);
     EXPECT_THAT(output, testing::HasSubstr("logshipper: cannot reach the log server, status 0xC0000236"));
-    EXPECT_THAT(output, testing::HasSubstr("logshipper: 0 lines shipped"));
+    EXPECT_THAT(output, testing::HasSubstr("logshipper: 0 lines handed to the transport"));
     EXPECT_THAT(output, testing::HasSubstr("exit code 0"));
 }
 

@@ -2,6 +2,7 @@
 #include "tdi-test.h"
 
 #include <filesystem>
+#include <thread>
 
 #include <sys/resource.h>
 
@@ -160,6 +161,22 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
         EXPECT_EQ(disconnect(TDI_DISCONNECT_ABORT), STATUS_SUCCESS);
         EXPECT_EQ(peer.Receive(), "<reset>");
         EXPECT_EQ(receive(), STATUS_CONNECTION_ABORTED);
+    }
+    {
+        // A peer that does not answer, as its queue is full: an abort ends the waiting for it.
+        std::vector<echo::Connection> queued(6);
+        for (echo::Connection& one : queued) {
+            ASSERT_EQ(one.Open(), STATUS_SUCCESS);
+            ASSERT_EQ(one.Connect(listener->Port()), STATUS_SUCCESS);
+        }
+        std::atomic<NTSTATUS> connected{STATUS_PENDING};
+        std::thread caller([&] { connected = connection.Connect(listener->Port()); });
+        EXPECT_TRUE(support::Eventually([&] { return disconnect(TDI_DISCONNECT_ABORT) == STATUS_SUCCESS; }));
+        caller.join();
+        EXPECT_EQ(connected, STATUS_CONNECTION_ABORTED);
+        for (echo::Connection& one : queued) {
+            one.Close();
+        }
     }
     const uint16_t port = listener->Port();
     delete listener;

@@ -1,12 +1,15 @@
 // Synchronous requests: event handlers, connecting, information of connections and providers.
 #include "tdi-internal.h"
 
+#include "../filter/ndisfilter-guard.h"
+
 using namespace tdi;
 
 namespace
 {
 
-// A request for the file over one buffer. `fill` writes the parameters.
+// A request for the file over one buffer. `fill` writes the parameters. Memory that cannot be locked is a failure
+// here, as an exception would leave open what the callers have opened.
 template <class Parameters, class Fill>
 NTSTATUS RequestOverBuffer(PFILE_OBJECT file, UCHAR minor, PVOID buffer, ULONG length, const Fill& fill)
 {
@@ -15,8 +18,12 @@ NTSTATUS RequestOverBuffer(PFILE_OBJECT file, UCHAR minor, PVOID buffer, ULONG l
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
-    const PMDL mdl = KS_AllocateAndProbeMdl(buffer, length, FALSE, FALSE, nullptr);
-    if (mdl != nullptr) {
+    PMDL mdl = nullptr;
+    const NTSTATUS code =
+        Guarded([&] { mdl = KS_AllocateAndProbeMdl(buffer, length, FALSE, FALSE, nullptr); });
+    if (!NT_SUCCESS(code)) {
+        status = code;
+    } else if (mdl != nullptr) {
         fill(PrepareRequest<Parameters>(irp, file, minor));
         irp->MdlAddress = mdl;
         status = KS_MakeSimpleTdiRequest(DeviceOf(file), irp);

@@ -1,6 +1,8 @@
 // Helpers: MDLs, extended attributes, transport addresses, symbolic links, packets, byte order, checksum.
 #include "tdi-internal.h"
 
+#include "../filter/ndisfilter-guard.h"
+
 using namespace tdi;
 
 namespace
@@ -21,7 +23,11 @@ PMDL KS_AllocateAndProbeMdl(PVOID Address, ULONG Length, BOOLEAN SecondaryBuffer
 {
     const PMDL mdl = IoAllocateMdl(Address, Length, SecondaryBuffer, ChargeQuota, Irp);
     if (mdl != nullptr) {
-        MmProbeAndLockPages(mdl, KernelMode, IoModifyAccess);
+        const NTSTATUS code = Guarded([&] { MmProbeAndLockPages(mdl, KernelMode, IoModifyAccess); });
+        if (!NT_SUCCESS(code)) {
+            IoFreeMdl(mdl);
+            ExRaiseStatus(code); // the caller's to handle
+        }
         mdl->Next = nullptr;
     }
     return mdl;

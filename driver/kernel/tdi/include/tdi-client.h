@@ -17,9 +17,13 @@
  * - Memory that a request describes (MDL chains, connection information, status blocks, events) stays the
  *   client's and must stay valid until the request has completed. The library neither unlocks nor frees it.
  * - "IRQL <= DISPATCH" means PASSIVE_LEVEL to DISPATCH_LEVEL.
- * - The library cannot cancel: a client that is to be unloaded has its requests completed first. A receive on
- *   a connection ends with KS_Disconnect. One for datagrams ends when a datagram comes; use the event handler
- *   instead.
+ * - Event handlers may run until their address is closed, that is while its count is not 0. A client switches them
+ *   off (KS_SetEventHandlers with nulls) before it closes the address, or waits for the count.
+ * - A record that is closed or being closed takes no requests: they answer STATUS_INVALID_HANDLE.
+ * - A client cannot cancel: one that is to be unloaded has its requests completed first. Those of a connection,
+ *   KS_Connect among them, end with KS_Disconnect and TDI_DISCONNECT_ABORT; TDI_DISCONNECT_RELEASE leaves a receive
+ *   to the peer. A receive of datagrams ends when a datagram comes; use the event handler instead. The unload of the
+ *   framework cancels the data requests under way and waits for their completion.
  *
  * Data requests (KS_SendDatagramOnAddress, KS_ReceiveDatagramOnAddress, KS_Disconnect, KS_SendOnEndpoint,
  * KS_ReceiveOnEndpoint) have three modes, chosen by their arguments:
@@ -31,7 +35,7 @@
  * - Else the function waits and returns the final status.
  * IoStatus may be null in each of them. It is preset to STATUS_UNSUCCESSFUL and 0 when the request is sent,
  * and has the final status and the number of bytes moved when it has completed. STATUS_INSUFFICIENT_RESOURCES
- * with IoStatus untouched and without a callback: no memory, nothing was sent.
+ * or STATUS_INVALID_HANDLE with IoStatus untouched and without a callback: nothing was sent.
  */
 #ifndef TDI_CLIENT_H
 #define TDI_CLIENT_H
@@ -103,14 +107,15 @@ typedef VOID(NTAPI* KS_COMPLETION)(PVOID CompletionContext, PIO_STATUS_BLOCK IoS
  * something to close.
  *
  * STATUS_OBJECT_NAME_NOT_FOUND: no such device. STATUS_INSUFFICIENT_RESOURCES: no memory; nothing stays open.
- * Others are the transport's, for instance STATUS_ADDRESS_ALREADY_EXISTS. PASSIVE_LEVEL.
+ * STATUS_INVALID_PARAMETER: an Address of more than 65,535 bytes. Others are the transport's, for instance
+ * STATUS_ADDRESS_ALREADY_EXISTS. PASSIVE_LEVEL.
  */
 NTSTATUS KS_OpenTransportAddress(PCWSTR DeviceName, PTRANSPORT_ADDRESS Address, PKS_TRANSPORT_ADDRESS Record);
 
 /*
  * Drops the reference of the opening; nothing when the count is 0. With the last reference the address is
- * closed: at once here, by a work item soon afterwards when a request or an endpoint had the last one. Always
- * answers 0.
+ * closed: at once when a function at PASSIVE_LEVEL had the last one, by a work item soon afterwards when the completion
+ * of a request had it; the count is 0 behind that. Always answers 0.
  *
  * PASSIVE_LEVEL; in a completion callback of the same address also DISPATCH_LEVEL.
  */
@@ -119,8 +124,8 @@ NTSTATUS KS_CloseTransportAddress(PKS_TRANSPORT_ADDRESS Record);
 /*
  * Sets the handlers of the event types 0 to 5, in this order, with one common context; a null handler
  * switches that event off. The transport calls them at DISPATCH_LEVEL. The first failure is returned: the
- * types before it are set, those behind it are not. STATUS_DEVICE_BUSY: another thread is in a synchronous
- * request on this address. PASSIVE_LEVEL.
+ * types before it are set, those behind it are not. STATUS_DEVICE_BUSY: another thread is in a synchronous request on
+ * this address. PASSIVE_LEVEL.
  */
 NTSTATUS KS_SetEventHandlers(PKS_TRANSPORT_ADDRESS Record, PVOID EventContext, PTDI_IND_CONNECT Connect,
                              PTDI_IND_DISCONNECT Disconnect, PTDI_IND_ERROR Error, PTDI_IND_RECEIVE Receive,
@@ -170,7 +175,8 @@ NTSTATUS KS_CloseConnectionEndpoint(PKS_CONNECTION_ENDPOINT Record);
 /*
  * Connects to a peer and waits for the result, without a time limit of its own. STATUS_CONNECTION_REFUSED and
  * others are the transport's; STATUS_DEVICE_BUSY: another thread is in a synchronous request on the same
- * address. PASSIVE_LEVEL.
+ * address. KS_Disconnect with TDI_DISCONNECT_ABORT ends the waiting; closing the endpoint does not: it is open until
+ * the connecting is over. PASSIVE_LEVEL.
  */
 NTSTATUS KS_Connect(PKS_CONNECTION_ENDPOINT Record, PTA_IP_ADDRESS Peer);
 
@@ -199,7 +205,7 @@ NTSTATUS KS_ReceiveOnEndpoint(PKS_CONNECTION_ENDPOINT Record, PKEVENT Event, KS_
 
 /*
  * Fills Buffer, KS_CONNECTION_INFO_SIZE bytes, with zeros and sets it as the connection's information.
- * STATUS_INSUFFICIENT_RESOURCES: no memory. PASSIVE_LEVEL.
+ * STATUS_INSUFFICIENT_RESOURCES: no memory. Pages that cannot be locked: the code of the exception. PASSIVE_LEVEL.
  */
 NTSTATUS KS_SetConnectionInfo(PKS_CONNECTION_ENDPOINT Record, PVOID Buffer);
 
@@ -216,7 +222,7 @@ NTSTATUS KS_CloseControlChannel(PKS_CONTROL_CHANNEL Channel);
 /*
  * Reads what a transport offers (TDI_PROVIDER_INFO, KS_PROVIDER_INFO_SIZE bytes) or what it has counted
  * (TDI_PROVIDER_STATISTICS, KS_PROVIDER_STATISTICS_SIZE bytes) into Buffer. Errors of the opening, with a
- * line in the debug output; STATUS_INSUFFICIENT_RESOURCES: no memory. PASSIVE_LEVEL.
+ * line in the debug output; STATUS_INSUFFICIENT_RESOURCES: no memory. Pages that cannot be locked: the code of the exception. PASSIVE_LEVEL.
  */
 NTSTATUS KS_QueryProviderInfo(PCWSTR DeviceName, PVOID Buffer);
 NTSTATUS KS_QueryProviderStatistics(PCWSTR DeviceName, PVOID Buffer);
@@ -226,7 +232,8 @@ NTSTATUS KS_QueryProviderStatistics(PCWSTR DeviceName, PVOID Buffer);
 
 /*
  * Sends a request of IoAllocateIrp, whose next stack location is filled in, to a device and waits for it. The
- * request stays the caller's, also on failure. Answers its final status. PASSIVE_LEVEL.
+ * request stays the caller's, also on failure. Answers its final status; where the dispatch routine returned a failure,
+ * that. PASSIVE_LEVEL.
  */
 NTSTATUS KS_MakeSimpleTdiRequest(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 
