@@ -222,7 +222,8 @@ NTSTATUS KS_CloseControlChannel(PKS_CONTROL_CHANNEL Channel);
 /*
  * Reads what a transport offers (TDI_PROVIDER_INFO, KS_PROVIDER_INFO_SIZE bytes) or what it has counted
  * (TDI_PROVIDER_STATISTICS, KS_PROVIDER_STATISTICS_SIZE bytes) into Buffer. Errors of the opening, with a
- * line in the debug output; STATUS_INSUFFICIENT_RESOURCES: no memory. Pages that cannot be locked: the code of the exception. PASSIVE_LEVEL.
+ * line in the debug output; STATUS_INSUFFICIENT_RESOURCES: no memory. Pages that cannot be locked: the code of the
+ * exception. PASSIVE_LEVEL.
  */
 NTSTATUS KS_QueryProviderInfo(PCWSTR DeviceName, PVOID Buffer);
 NTSTATUS KS_QueryProviderStatistics(PCWSTR DeviceName, PVOID Buffer);
