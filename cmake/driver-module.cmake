@@ -15,7 +15,7 @@ function(add_driver_modules folder)
                 PREFIX ""
                 LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/filters
                 LINK_DEPENDS ${exports})
-            target_link_libraries(${name} PRIVATE ndisfilter-headers driver-code)
+            target_link_libraries(${name} PRIVATE ndisfilter-headers tdi-headers driver-code)
             target_link_options(${name} PRIVATE -Wl,--version-script=${exports})
             add_dependencies(${folder} ${name})
         endif()

@@ -62,6 +62,43 @@ void DeleteRegistryKey(const std::string& service); // the key itself: queries t
 // and opening a file on it fails.
 void SetDriveC(const std::string& directory);
 
+// --------------------------------------------------------------------------------------------------- transport
+
+// Loads the network transport: the devices \Device\Tcp, \Device\Udp and \Device\RawIp serve TDI requests with
+// sockets of the host, on its loopback addresses only. A driver of the service name "Transport". Programs that call
+// these functions link the target hosttransport.
+Status LoadTransport();
+Status UnloadTransport(); // as UnloadDriver
+
+enum class TransportRequest {
+    Create,
+    Associate,
+    SetEventHandler,
+    Connect,
+    Disconnect,
+    Send,
+    Receive,
+    SendDatagram,
+    ReceiveDatagram,
+    Query,
+    Set,
+    Count
+};
+enum class TransportAnswer {
+    AtOnce, // within the dispatch routine
+    Later,  // by the transport's own thread
+    Twice,  // at once, and then once more
+    Held    // when ReleaseTransportRequests is called, or the request is cancelled
+};
+// The n-th request of a kind from now, starting at 1, is not carried out but completed with the status.
+void AnswerTransportRequest(TransportRequest kind, uint64_t n, TransportAnswer answer, Status status);
+size_t HeldTransportRequests();
+void ReleaseTransportRequests();
+// On: all requests for data and connections complete on the transport's own thread. Off, the default: those that can
+// be completed at once, are, when their sender runs below DISPATCH_LEVEL.
+void CompleteTransportRequestsLater(bool on);
+void ClearTransportAnswers(); // takes back the two above; requests that are held stay
+
 // ------------------------------------------------------------------------------- user processes and requests
 
 class File;

@@ -37,12 +37,15 @@ void SetRegistry(const std::vector<Setting>& settings)
 
 } // namespace
 
-MachineRoom::MachineRoom(const std::vector<Setting>& settings, uint32_t packetLimit)
+MachineRoom::MachineRoom(const std::vector<Setting>& settings, uint32_t packetLimit, bool sockets) : sockets_(sockets)
 {
     machine::PrintViolations(false); // they are part of the report
     SetRegistry(settings);
     Check(machine::LoadDriver(kFrameworkService, DriverEntry), "loading the framework");
     try {
+        if (sockets_) {
+            Check(machine::LoadTransport(), "loading the transport");
+        }
         Check(hook::Load({.packetLimit = packetLimit}), "loading the hook driver");
         Check(hook::Bind(), "binding the hook driver to the framework");
     } catch (const LabError&) {
@@ -60,6 +63,9 @@ void MachineRoom::Stop()
 {
     if (running_) {
         hook::Unload();
+        if (sockets_) {
+            machine::UnloadTransport();
+        }
         machine::UnloadDriver(kFrameworkService);
         running_ = false;
     }

@@ -1,4 +1,4 @@
-// Start and stop of the framework and the hook driver.
+// Start and stop of the framework, the hook driver and the transport.
 #pragma once
 
 #include <cstdint>
@@ -23,8 +23,8 @@ constexpr char kFrameworkService[] = "NdisFilter";
 class MachineRoom
 {
   public:
-    // `packetLimit`: packets that exist at a time, at most. Throws LabError.
-    MachineRoom(const std::vector<Setting>& settings, uint32_t packetLimit);
+    // `packetLimit`: packets that exist at a time, at most. `sockets`: drivers find a transport. Throws LabError.
+    MachineRoom(const std::vector<Setting>& settings, uint32_t packetLimit, bool sockets);
     ~MachineRoom();
     MachineRoom(const MachineRoom&) = delete;
     MachineRoom& operator=(const MachineRoom&) = delete;
@@ -32,6 +32,7 @@ class MachineRoom
 
   private:
     bool running_ = true;
+    const bool sockets_;
 };
 
 } // namespace lab

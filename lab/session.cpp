@@ -198,7 +198,7 @@ Report RunSession(const LabOptions& options, const SessionWork& work)
     }
 
     Report report;
-    MachineRoom room(options.settings, options.packets);
+    MachineRoom room(options.settings, options.packets, options.sockets);
     try {
         RunWithFilters(modules, lanes, work, report);
     } catch (const LabError& error) {

@@ -40,6 +40,7 @@ struct LabOptions {
     uint32_t packets = 4096;              // that exist at most at a time
     std::filesystem::path writeDirectory; // empty: nothing is written
     std::filesystem::path driveC;         // empty: drivers see no drive C
+    bool sockets = false;                 // drivers find a transport
     bool progress = false;
     bool quiet = false;
 };

@@ -3,6 +3,7 @@
 # Included by the top CMakeLists.txt under the Windows toolchain, so that objects are named by paths below the top.
 set(windows ${CMAKE_CURRENT_LIST_DIR})
 set(filter ${PROJECT_SOURCE_DIR}/driver/kernel/filter)
+set(tdi ${PROJECT_SOURCE_DIR}/driver/kernel/tdi)
 set(NDISFILTER_KERNEL_INCLUDE ${windows}/include)
 include(${windows}/cmake/windows-driver.cmake)
 
@@ -15,18 +16,22 @@ if(NDISFILTER_SOURCE_DATE)
     set_property(GLOBAL PROPERTY RULE_LAUNCH_COMPILE "env SOURCE_DATE_EPOCH=${NDISFILTER_SOURCE_DATE}")
 endif()
 
-# One list of exports makes the module definition.
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${filter}/ndisfilter.exports)
-file(STRINGS ${filter}/ndisfilter.exports exports REGEX "^[^#]")
+# The lists of exports make the module definition.
+set(exports "")
+foreach(list IN ITEMS ${filter}/ndisfilter.exports ${tdi}/tdi-client.exports)
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${list})
+    file(STRINGS ${list} names REGEX "^[^#]")
+    list(APPEND exports ${names})
+endforeach()
 list(JOIN exports "\n    " exports)
 file(CONFIGURE OUTPUT ndisfilter.def CONTENT "LIBRARY ndisfilter.sys\nEXPORTS\n    ${exports}\n")
 
-file(GLOB sources CONFIGURE_DEPENDS ${filter}/*.cpp)
+file(GLOB sources CONFIGURE_DEPENDS ${filter}/*.cpp ${tdi}/*.cpp)
 add_windows_driver(ndisfilter
     SOURCES ${sources}
     EXPORTS ${CMAKE_CURRENT_BINARY_DIR}/ndisfilter.def
     RESOURCE ${windows}/ndisfilter.rc)
-target_include_directories(ndisfilter PRIVATE ${filter} ${filter}/include)
+target_include_directories(ndisfilter PRIVATE ${filter} ${filter}/include ${tdi} ${tdi}/include)
 target_link_options(ndisfilter PRIVATE /version:1.0)
 
 set(driver_names ndisfilter loophook)
@@ -39,16 +44,16 @@ foreach(sample IN LISTS samples)
     file(GLOB sources CONFIGURE_DEPENDS ${sample}/*.cpp)
     list(APPEND driver_names ${name})
     add_windows_driver(${name} SOURCES ${sources} LIBRARIES ndisfilter)
-    target_include_directories(${name} PRIVATE ${filter}/include)
+    target_include_directories(${name} PRIVATE ${filter}/include ${tdi}/include)
 endforeach()
 
 add_windows_driver(loophook SOURCES ${windows}/loophook/loophook.cpp)
 target_include_directories(loophook PRIVATE ${filter}/include)
 
 # Every public header compiles alone, as C and as C++; the one for user programs also beside those of a program.
-file(GLOB headers CONFIGURE_DEPENDS ${filter}/include/*.h)
+file(GLOB headers CONFIGURE_DEPENDS ${filter}/include/*.h ${tdi}/include/*.h)
 add_library(public-headers-alone OBJECT)
-target_include_directories(public-headers-alone PRIVATE ${filter}/include)
+target_include_directories(public-headers-alone PRIVATE ${filter}/include ${tdi}/include)
 target_link_libraries(public-headers-alone PRIVATE windows-kernel)
 add_library(user-header-in-program OBJECT)
 target_include_directories(user-header-in-program PRIVATE ${filter}/include)

@@ -276,6 +276,8 @@ NTSTATUS IoGetDeviceObjectPointer(PUNICODE_STRING ObjectName, ACCESS_MASK Desire
 
 PIRP IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota);
 VOID IoFreeIrp(PIRP Irp);
+// Makes a request of IoAllocateIrp ready to be sent again.
+VOID IoReuseIrp(PIRP Irp, NTSTATUS Iostatus);
 PIRP IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT DeviceObject, PVOID InputBuffer,
                                    ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength,
                                    BOOLEAN InternalDeviceIoControl, PKEVENT Event,
@@ -283,6 +285,7 @@ PIRP IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT DeviceObj
 NTSTATUS IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 VOID IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost);
 BOOLEAN IoCancelIrp(PIRP Irp);
+PDEVICE_OBJECT IoGetRelatedDeviceObject(PFILE_OBJECT FileObject);
 VOID IoAcquireCancelSpinLock(PKIRQL Irql);
 VOID IoReleaseCancelSpinLock(KIRQL Irql);
 #define IoCallDriver(DeviceObject, Irp) IofCallDriver(DeviceObject, Irp)
@@ -307,6 +310,12 @@ FORCEINLINE VOID IoSkipCurrentIrpStackLocation(PIRP Irp)
 {
     Irp->CurrentLocation++;
     Irp->Tail.Overlay.CurrentStackLocation++;
+}
+
+FORCEINLINE VOID IoSetNextIrpStackLocation(PIRP Irp)
+{
+    Irp->CurrentLocation--;
+    Irp->Tail.Overlay.CurrentStackLocation--;
 }
 
 FORCEINLINE VOID IoCopyCurrentIrpStackLocationToNext(PIRP Irp)
@@ -340,11 +349,24 @@ FORCEINLINE PDRIVER_CANCEL IoSetCancelRoutine(PIRP Irp, PDRIVER_CANCEL CancelRou
 #define FILE_SHARE_READ 0x00000001
 #define FILE_SHARE_WRITE 0x00000002
 #define FILE_SHARE_DELETE 0x00000004
-#define FILE_SUPERSEDE 0x00000000  // CreateDisposition; Information of the result: FILE_SUPERSEDED, FILE_CREATED
+#define FILE_SUPERSEDE 0x00000000  // CreateDisposition; Information of the result: FILE_SUPERSEDED ...
+#define FILE_OPEN 0x00000001
+#define FILE_OPEN_IF 0x00000003
 #define FILE_SUPERSEDED 0x00000000
+#define FILE_OPENED 0x00000001
 #define FILE_CREATED 0x00000002
 #define FILE_SYNCHRONOUS_IO_NONALERT 0x00000020
 
+// One extended attribute of a create request: the name with its terminating zero, then the value.
+typedef struct _FILE_FULL_EA_INFORMATION {
+    ULONG NextEntryOffset;
+    UCHAR Flags;
+    UCHAR EaNameLength; // without the zero
+    USHORT EaValueLength;
+    CHAR EaName[1];
+} FILE_FULL_EA_INFORMATION, *PFILE_FULL_EA_INFORMATION;
+
+// Opens a device, with what follows its name as the file's name, or creates a file on drive C.
 NTSTATUS ZwCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
                       PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER AllocationSize, ULONG FileAttributes,
                       ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer,
@@ -371,6 +393,7 @@ VOID IoFreeMdl(PMDL Mdl);
 VOID MmBuildMdlForNonPagedPool(PMDL MemoryDescriptorList);
 VOID MmProbeAndLockPages(PMDL MemoryDescriptorList, KPROCESSOR_MODE AccessMode, LOCK_OPERATION Operation);
 VOID MmUnlockPages(PMDL MemoryDescriptorList);
+BOOLEAN MmIsAddressValid(PVOID VirtualAddress);
 PVOID MmMapLockedPages(PMDL MemoryDescriptorList, KPROCESSOR_MODE AccessMode);
 PVOID MmMapLockedPagesSpecifyCache(PMDL MemoryDescriptorList, KPROCESSOR_MODE AccessMode,
                                    MEMORY_CACHING_TYPE CacheType, PVOID RequestedAddress,

@@ -114,11 +114,18 @@ void Forget(ObjectNames& names, DeviceRecord* record)
 
 } // namespace
 
-NTSTATUS OpenDevice(const std::string& name, DEVICE_OBJECT** device)
+NTSTATUS OpenDevice(const std::string& name, DEVICE_OBJECT** device, std::string* rest)
 {
     ObjectNames& names = Names();
     std::lock_guard lock(names.mutex);
     DeviceRecord* record = Resolve(names, Canonical(name));
+    for (size_t end = name.size(); record == nullptr && rest != nullptr && end != 0 && end != std::string::npos;) {
+        end = name.rfind('\\', end - 1);
+        if (end != std::string::npos) {
+            record = Resolve(names, Canonical(name.substr(0, end)));
+            *rest = name.substr(end);
+        }
+    }
     if (record == nullptr) {
         return STATUS_OBJECT_NAME_NOT_FOUND;
     }

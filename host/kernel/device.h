@@ -12,7 +12,8 @@ namespace kernel
 // Finds the device that a kernel name ("\Device\X", "\??\X", "\DosDevices\X") or a Win32 name ("\\.\X") leads to and
 // counts one more opener of it. STATUS_OBJECT_NAME_NOT_FOUND: no such name. STATUS_NO_SUCH_DEVICE: the device is not
 // ready yet, or on its way out. STATUS_ACCESS_DENIED: exclusive and open already.
-NTSTATUS OpenDevice(const std::string& name, DEVICE_OBJECT** device);
+// `rest` receives what follows the device's name, as in \Device\X\rest; when it is null there must be nothing.
+NTSTATUS OpenDevice(const std::string& name, DEVICE_OBJECT** device, std::string* rest = nullptr);
 
 // Gives back what OpenDevice took. The last opener frees a deleted device and lets a waiting unload of its driver run.
 void CloseDevice(DEVICE_OBJECT* device);

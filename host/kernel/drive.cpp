@@ -1,4 +1,5 @@
 // Files on drive C: a directory of the host. As drivers use them: created anew, written at the file position.
+#include "file.h"
 #include "object.h"
 #include "text.h"
 #include "verifier.h"
@@ -238,31 +239,26 @@ NTSTATUS Write(int descriptor, const void* buffer, size_t length, ULONG_PTR* wri
 
 } // namespace
 
-// Superseding and synchronous use are all that drivers ask of it.
-NTSTATUS ZwCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
-                      PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER, ULONG, ULONG ShareAccess,
-                      ULONG CreateDisposition, ULONG CreateOptions, PVOID, ULONG)
+namespace kernel
 {
-    RequireIrqlAtMost(PASSIVE_LEVEL, "ZwCreateFile");
-    if ((CreateOptions & FILE_SYNCHRONOUS_IO_NONALERT) != 0 && (DesiredAccess & SYNCHRONIZE) == 0) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (CreateDisposition != FILE_SUPERSEDE || CreateOptions != FILE_SYNCHRONOUS_IO_NONALERT) {
-        Report("not-implemented", "ZwCreateFile", "disposition %u, options 0x%x", CreateDisposition,
-               CreateOptions);
+
+// Superseding and synchronous use are all that drivers ask of it.
+NTSTATUS CreateDriveFile(const std::string& name, ACCESS_MASK access, const CreateParameters& parameters,
+                         HANDLE* handle, ULONG_PTR* information)
+{
+    if (parameters.disposition != FILE_SUPERSEDE || parameters.options != FILE_SYNCHRONOUS_IO_NONALERT) {
+        Report("not-implemented", "ZwCreateFile", "disposition %u, options 0x%x", parameters.disposition,
+               parameters.options);
         return STATUS_NOT_IMPLEMENTED;
     }
     if (Fails(machine::Fault::File)) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    ULONG_PTR information = 0;
-    const NTSTATUS status = CreateDataFile(
-        ToUtf8(*ObjectAttributes->ObjectName),
-        {.device = 0, .inode = 0, .access = DesiredAccess, .share = ShareAccess}, FileHandle, &information);
-    IoStatusBlock->Status = status;
-    IoStatusBlock->Information = NT_SUCCESS(status) ? information : 0;
-    return status;
+    return CreateDataFile(name, {.device = 0, .inode = 0, .access = access, .share = parameters.share}, handle,
+                          information);
 }
+
+} // namespace kernel
 
 NTSTATUS ZwWriteFile(HANDLE FileHandle, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK IoStatusBlock,
                      PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset, PULONG)

@@ -1,6 +1,7 @@
 // The driver's side of requests: sending down, completing up.
 #include "irp.h"
 
+#include "file.h"
 #include "pool.h"
 #include "verifier.h"
 
@@ -109,6 +110,24 @@ bool WantsCall(const IO_STACK_LOCATION* location, const IRP* irp)
            (irp->Cancel && (location->Control & SL_INVOKE_ON_CANCEL));
 }
 
+// A zeroed request with no stack location in use.
+void InitializeIrp(IRP* irp, USHORT size, CHAR stackCount)
+{
+    irp->Type = IO_TYPE_IRP;
+    irp->Size = size;
+    irp->StackCount = stackCount;
+    irp->CurrentLocation = static_cast<CHAR>(stackCount + 1);
+    irp->Tail.Overlay.CurrentStackLocation = reinterpret_cast<IO_STACK_LOCATION*>(irp + 1) + stackCount;
+    irp->Tail.Overlay.Thread = PsGetCurrentThread();
+    InitializeListHead(&irp->ThreadListEntry);
+}
+
+// Some driver has it and has not completed it.
+bool IsUnderWay(const IRP* irp)
+{
+    return irp->CurrentLocation <= irp->StackCount;
+}
+
 } // namespace
 
 IrpRecord* NewIrp(IrpOrigin origin, CCHAR stackSize)
@@ -119,13 +138,7 @@ IrpRecord* NewIrp(IrpOrigin origin, CCHAR stackSize)
     std::memset(block, 0, size);
     auto* record = new (block) IrpRecord{.origin = origin, .outcome = {}, .directOutput = {}, .irp = {}};
     IRP* irp = &record->irp;
-    irp->Type = IO_TYPE_IRP;
-    irp->Size = static_cast<USHORT>(irpSize);
-    irp->StackCount = stackSize;
-    irp->CurrentLocation = static_cast<CHAR>(stackSize + 1);
-    irp->Tail.Overlay.CurrentStackLocation = reinterpret_cast<IO_STACK_LOCATION*>(irp + 1) + stackSize;
-    irp->Tail.Overlay.Thread = PsGetCurrentThread();
-    InitializeListHead(&irp->ThreadListEntry);
+    InitializeIrp(irp, static_cast<USHORT>(irpSize), stackSize);
     LiveIrps& live = AllIrps();
     std::lock_guard lock(live.mutex);
     live.irps.insert(irp);
@@ -193,6 +206,21 @@ void PrepareControl(IRP* irp, UCHAR major, ULONG code, const void* input, size_t
     }
 }
 
+void PrepareCreate(IRP* irp, const CreateParameters& parameters)
+{
+    IO_STACK_LOCATION* next = IoGetNextIrpStackLocation(irp);
+    next->Parameters.Create.Options = parameters.disposition << 24 | parameters.options;
+    next->Parameters.Create.FileAttributes = static_cast<USHORT>(parameters.attributes);
+    next->Parameters.Create.ShareAccess = static_cast<USHORT>(parameters.share);
+    next->Parameters.Create.EaLength = parameters.eaLength;
+    if (parameters.eaLength != 0) {
+        irp->AssociatedIrp.SystemBuffer =
+            AllocateBlock(parameters.eaLength, kBufferTag, BlockKind::SystemBuffer, __builtin_return_address(0));
+        std::memcpy(irp->AssociatedIrp.SystemBuffer, parameters.ea, parameters.eaLength);
+        irp->Flags |= IRP_BUFFERED_IO | IRP_DEALLOCATE_BUFFER;
+    }
+}
+
 void FreeControlBuffers(IRP* irp)
 {
     if (irp->Flags & IRP_DEALLOCATE_BUFFER) {
@@ -234,7 +262,25 @@ VOID IoFreeIrp(PIRP irp)
         Report("irp-not-live", "IoFreeIrp", "%p is no request, or was freed before", static_cast<void*>(irp));
         return;
     }
+    if (IsUnderWay(irp)) {
+        Report("irp-freed-under-way", "IoFreeIrp", "request %p is with a driver", static_cast<void*>(irp));
+    }
     ReleaseIrp(RecordOf(irp));
+}
+
+VOID IoReuseIrp(PIRP irp, NTSTATUS status)
+{
+    RequireIrqlAtMost(DISPATCH_LEVEL, "IoReuseIrp");
+    if (!IsLive(irp) || RecordOf(irp)->origin != IrpOrigin::Driver || IsUnderWay(irp)) {
+        Report("irp-reused-under-way", "IoReuseIrp", "request %p is with a driver, or none of IoAllocateIrp",
+               static_cast<void*>(irp));
+        return;
+    }
+    const CHAR stackCount = irp->StackCount;
+    const USHORT size = irp->Size;
+    std::memset(static_cast<void*>(irp), 0, size);
+    InitializeIrp(irp, size, stackCount);
+    irp->IoStatus.Status = status;
 }
 
 PIRP IoBuildDeviceIoControlRequest(ULONG code, PDEVICE_OBJECT device, PVOID input, ULONG inputLength,
@@ -299,7 +345,7 @@ VOID IofCompleteRequest(PIRP irp, CCHAR priorityBoost)
 {
     (void)priorityBoost;
     RequireIrqlAtMost(DISPATCH_LEVEL, "IofCompleteRequest");
-    if (!IsLive(irp) || irp->CurrentLocation > irp->StackCount + 1) {
+    if (!IsLive(irp) || !IsUnderWay(irp)) {
         Report("irp-completed-twice", "IofCompleteRequest", "request %p is complete already",
                static_cast<void*>(irp));
         return;

@@ -82,7 +82,10 @@ bool IsLive(IRP* irp); // allocated and not freed; the pointer may be wild
 // inputLength of them are copied; `output` is used by the methods that do not go through the system buffer.
 void PrepareControl(IRP* irp, UCHAR major, ULONG code, const void* input, size_t inputBytes,
                     ULONG inputLength, void* output, ULONG outputLength);
-// Frees the system buffer and the MDL of PrepareControl.
+struct CreateParameters;
+// Fills the next stack location and the buffer of a create request.
+void PrepareCreate(IRP* irp, const CreateParameters& parameters);
+// Frees the system buffer and the MDL of these.
 void FreeControlBuffers(IRP* irp);
 
 // The dispatch routine of every major function that a driver does not set.
@@ -93,6 +96,7 @@ struct RequestParameters {
     UCHAR major = IRP_MJ_DEVICE_CONTROL;
     FILE_OBJECT* file = nullptr;
     KPROCESSOR_MODE mode = UserMode;
+    const CreateParameters* create = nullptr; // create only
     // Device control only.
     ULONG code = 0;
     const void* input = nullptr;

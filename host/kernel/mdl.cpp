@@ -7,6 +7,8 @@
 #include <ntddk.h>
 
 #include <sys/mman.h>
+#include <sys/uio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <mutex>
@@ -278,4 +280,13 @@ VOID MmUnmapLockedPages(PVOID address, PMDL mdl)
         return;
     }
     UnmapFromKernel(mdl);
+}
+
+// By asking the host to read the byte for us.
+BOOLEAN MmIsAddressValid(PVOID address)
+{
+    char byte;
+    const iovec to = {&byte, 1};
+    const iovec from = {address, 1};
+    return process_vm_readv(getpid(), &to, 1, &from, 1, 0) == 1;
 }

@@ -163,6 +163,8 @@ NTSTATUS ZwClose(HANDLE Handle)
         Report("invalid-handle", "ZwClose", "handle %p", Handle);
         return STATUS_INVALID_HANDLE;
     }
+    if (HeaderOf(body)->type->handleClosed != nullptr)
+        HeaderOf(body)->type->handleClosed(body);
     DereferenceObject(body);
     return STATUS_SUCCESS;
 }

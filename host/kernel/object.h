@@ -8,6 +8,7 @@
 struct _OBJECT_TYPE {
     const char* name;
     void (*destroy)(void* body); // releases what the body owns, just before its memory is freed; may be null
+    void (*handleClosed)(void* body) = nullptr; // its handle was closed; the reference of the handle is still there
 };
 
 namespace kernel

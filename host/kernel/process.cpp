@@ -10,6 +10,7 @@
 #include "verifier.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 namespace kernel
@@ -18,7 +19,8 @@ namespace kernel
 namespace
 {
 
-_EPROCESS systemProcess = {.id = 4, .mapPages = {}}; // the identifier that it has on every machine
+// The identifier and the name that it has on every machine.
+_EPROCESS systemProcess = {.id = 4, .mapPages = {}, .imageName = "System", .searched = {}};
 
 } // namespace
 
@@ -266,6 +268,7 @@ Process::Process(MapPages mapPages) : state_(std::make_shared<State>())
     static std::atomic<uint32_t> next{1000};
     state_->id = next.fetch_add(4); // as all process identifiers, a multiple of 4
     state_->mapPages = std::move(mapPages);
+    std::strncpy(state_->imageName, program_invocation_short_name, sizeof(state_->imageName) - 1);
 }
 
 Process::~Process()

@@ -7,10 +7,13 @@
 
 #include <cstdint>
 
-// What PEPROCESS points to; opaque to drivers.
+// What PEPROCESS points to; opaque to drivers, but for one habit of theirs: they search the system process for its
+// name, in three pages, and read the names of others at the same place.
 struct _EPROCESS {
     uint32_t id;
     machine::MapPages mapPages; // empty: its memory is this program's
+    char imageName[16];         // at most 15 characters
+    char searched[3 * 4096];
 };
 
 namespace kernel

@@ -163,6 +163,9 @@ std::shared_ptr<Outcome> SendRequest(DEVICE_OBJECT* device, const RequestParamet
             FreeControlBuffers(irp);
         }
     }
+    if (parameters.create != nullptr) {
+        PrepareCreate(irp, *parameters.create);
+    }
     outcome->Started(irp);
     IofCallDriver(device, irp);
     machine::CheckReturnToUser(what.c_str());

@@ -1,6 +1,8 @@
 // The driver's skeleton: entry, the dispatch routines that only complete, and the life of the global state.
 #include "ndisfilter-internal.h"
 
+#include "../tdi/tdi-unload.h"
+
 NdisFilterDeviceExtension* g_pDeviceExtension;
 ULONG g_nMappedMemorySize;
 ULONG g_nStartShareValue;
@@ -389,5 +391,6 @@ VOID NdisFilterUnload(PDRIVER_OBJECT)
         g_pDeviceExtension = nullptr;
         Trace(TRACE_CORE, "  IoDeleteDevice(%s)\n", DEVICE_NAME_TEXT);
     }
+    tdi::EndEverything();
     Trace(TRACE_CORE, "Leave NdisFilterUnload\n");
 }

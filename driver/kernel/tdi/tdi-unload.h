@@ -1,0 +1,11 @@
+// What the driver that holds the kernel-socket library does before it is unloaded.
+#pragma once
+
+namespace tdi
+{
+
+// Cancels the data requests under way, and waits until they are completed and no work item of the library is left.
+// PASSIVE_LEVEL.
+void EndEverything();
+
+} // namespace tdi

@@ -1,0 +1,78 @@
+// The log shipper in the lab, with a log server of an ordinary program.
+#include "tdi-test.h"
+
+#include <cstdlib>
+#include <thread>
+
+namespace
+{
+
+std::string RunLab(uint16_t port, bool stream)
+{
+    const std::string command = std::string(NDISFILTER_LAB) + " replay " + NDISFILTER_TEST_DATA +
+                                "/session.pcapng --sockets --quiet --debug-output - --filter logshipper"
+                                " --set-dword logshipper.LogPort=" +
+                                std::to_string(port) +
+                                " --set-dword logshipper.LogStream=" + (stream ? "1" : "0") + " 2>&1";
+    std::string output;
+    FILE* pipe = popen(command.c_str(), "r");
+    char buffer[4096];
+    for (size_t count; (count = fread(buffer, 1, sizeof(buffer), pipe)) != 0;) {
+        output.append(buffer, count);
+    }
+    output += "exit code " + std::to_string(WEXITSTATUS(pclose(pipe)));
+    return output;
+}
+
+size_t Count(const std::string& text, const std::string& part)
+{
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+TEST(LogShipperTest, ShipsALineForEachEventBothWays)
+{
+    size_t lines[2] = {};
+    for (const bool stream : {false, true}) {
+        const HostSocket server(stream ? SOCK_STREAM : SOCK_DGRAM);
+        std::string output;
+        std::thread lab([&] { output = RunLab(server.Port(), stream); });
+        std::string log;
+        if (stream) {
+            const HostSocket connection(server);
+            for (std::string part; (part = connection.Receive()) != "<end>" && part != "<reset>";) {
+                log += part;
+            }
+        }
+        lab.join();
+        // The datagrams wait in the socket.
+        while (!stream && server.HasMore()) {
+            log += server.Receive() + "\n";
+        }
+        EXPECT_THAT(output, testing::HasSubstr("exit code 0"));
+        lines[stream] = Count(log, "\n");
+        EXPECT_THAT(output, testing::HasSubstr("logshipper: " + std::to_string(lines[stream]) +
+                                               " lines handed to the transport, 0 lost, 0 dropped"));
+        EXPECT_THAT(log, testing::StartsWith("<134>logshipper: 1 adapter 1 opened\n"));
+        EXPECT_GT(Count(log, " connection "), 0u);
+        EXPECT_THAT(log, testing::EndsWith(" adapter 1 connection 10.77.0.1:57388 > 10.77.0.2:80\n"));
+    }
+    EXPECT_EQ(lines[0], lines[1]);
+}
+
+TEST(LogShipperTest, AServerThatIsNotThereCostsLinesAndNothingElse)
+{
+    uint16_t port = 0;
+    {
+        port = HostSocket(SOCK_STREAM).Port();
+    }
+    const std::string output = RunLab(port, true);
+    EXPECT_THAT(output, testing::HasSubstr("logshipper: cannot reach the log server, status 0xC0000236"));
+    EXPECT_THAT(output, testing::HasSubstr("logshipper: 0 lines handed to the transport"));
+    EXPECT_THAT(output, testing::HasSubstr("exit code 0"));
+}
+
+} // namespace

@@ -1,0 +1,291 @@
+// Connections of kernel clients: data both ways, refused, reset and half-closed connections, event handlers.
+#include "tdi-test.h"
+
+#include <filesystem>
+#include <thread>
+
+#include <sys/resource.h>
+
+namespace
+{
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr uint64_t kBytes = 32ull << 20; // a sanitizer finds in it what it would find in more
+#else
+constexpr uint64_t kBytes = 1ull << 30;
+#endif
+constexpr size_t kBlockSize = 64 * 1024;
+
+TEST_F(TdiTest, AGigabyteComesBackAsItWasSentInBothModes)
+{
+    const echo::Server server;
+    ASSERT_NE(server.tcpPort, 0);
+    const echo::Pattern pattern;
+    for (const bool later : {false, true}) {
+        machine::CompleteTransportRequestsLater(later);
+        echo::Connection connection;
+        ASSERT_EQ(connection.Open(), STATUS_SUCCESS);
+        ASSERT_EQ(connection.Connect(server.tcpPort), STATUS_SUCCESS);
+        const uint64_t bytes = later ? kBytes / 16 : kBytes;
+        for (const bool callbacks : {false, true}) {
+            const echo::Transfer transfer =
+                callbacks ? echo::CallbackExchange(connection, pattern, bytes, kBlockSize).Run()
+                          : echo::ExchangeWaiting(connection, pattern, bytes, kBlockSize);
+            EXPECT_EQ(transfer.status, STATUS_SUCCESS);
+            EXPECT_EQ(transfer.sent, bytes);
+            EXPECT_EQ(transfer.received, bytes);
+            EXPECT_TRUE(transfer.equal);
+        }
+        connection.Close();
+    }
+}
+
+size_t OpenSockets()
+{
+    size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone; // the iterator's own descriptor
+        count += std::filesystem::read_symlink(entry, gone).string().starts_with("socket:") ? 1 : 0;
+    }
+    return count;
+}
+
+TEST_F(TdiTest, AThousandConnectionsLeaveNothingBehind)
+{
+    rlimit files;
+    getrlimit(RLIMIT_NOFILE, &files);
+    files.rlim_cur = files.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &files);
+    const echo::Server server;
+    const echo::Pattern pattern;
+    const machine::Census before = machine::TakeCensus();
+    const size_t sockets = OpenSockets();
+    {
+        std::vector<echo::Connection> connections(1000);
+        for (echo::Connection& connection : connections) {
+            ASSERT_EQ(connection.Open(), STATUS_SUCCESS);
+            ASSERT_EQ(connection.Connect(server.tcpPort), STATUS_SUCCESS);
+        }
+        TDI_PROVIDER_STATISTICS statistics;
+        EXPECT_EQ(KS_QueryProviderStatistics(L"\\Device\\Tcp", &statistics), STATUS_SUCCESS);
+        EXPECT_EQ(statistics.OpenConnections, connections.size());
+        for (echo::Connection& connection : connections) {
+            EXPECT_TRUE(echo::ExchangeWaiting(connection, pattern, 256, 256).equal);
+        }
+        for (echo::Connection& connection : connections) {
+            connection.Close();
+        }
+    }
+    EXPECT_TRUE(machine::TakeCensus() == before) << machine::DescribeCensus(machine::TakeCensus());
+    EXPECT_EQ(OpenSockets(), sockets);
+}
+
+TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
+{
+    HostSocket* const listener = new HostSocket(SOCK_STREAM);
+    echo::Connection connection;
+    ASSERT_EQ(connection.Open(), STATUS_SUCCESS);
+    KS_CONNECTION_ENDPOINT& endpoint = connection.endpoint;
+    echo::Block block(100);
+    TextBlock hello("hello");
+    IO_STATUS_BLOCK result;
+    const auto receive = [&] {
+        return KS_ReceiveOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, block.Mdl(),
+                                    TDI_RECEIVE_NORMAL);
+    };
+    const auto send = [&] {
+        return KS_SendOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, hello.Mdl(), 0);
+    };
+    const auto disconnect = [&](ULONG flags) {
+        return KS_Disconnect(&endpoint, nullptr, nullptr, nullptr, &result, flags);
+    };
+    EXPECT_EQ(receive(), STATUS_INVALID_CONNECTION);
+    {
+        // The peer ends its direction first: ours goes on.
+        ASSERT_EQ(connection.Connect(listener->Port()), STATUS_SUCCESS);
+        EXPECT_EQ(connection.Connect(listener->Port()), STATUS_CONNECTION_ACTIVE);
+        const HostSocket peer(*listener);
+        EXPECT_EQ(KS_SendOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, nullptr, 0),
+                  STATUS_SUCCESS);
+        peer.Send("last words");
+        peer.EndSending();
+        ASSERT_EQ(receive(), STATUS_SUCCESS);
+        EXPECT_EQ(TextOf(block, result), "last words");
+        EXPECT_EQ(receive(), STATUS_GRACEFUL_DISCONNECT);
+        EXPECT_EQ(send(), STATUS_SUCCESS);
+        EXPECT_EQ(result.Information, 5u);
+        EXPECT_EQ(disconnect(TDI_DISCONNECT_RELEASE), STATUS_SUCCESS);
+        EXPECT_EQ(peer.Receive(), "hello");
+        EXPECT_EQ(peer.Receive(), "<end>");
+        EXPECT_EQ(send(), STATUS_INVALID_CONNECTION);
+    }
+    {
+        // We end first, and wait for the peer with an event.
+        ASSERT_EQ(connection.Connect(listener->Port()), STATUS_SUCCESS);
+        KEVENT ended;
+        KeInitializeEvent(&ended, NotificationEvent, TRUE); // the library resets it
+        IO_STATUS_BLOCK waited;
+        ASSERT_EQ(disconnect(TDI_DISCONNECT_RELEASE), STATUS_SUCCESS);
+        EXPECT_EQ(KS_Disconnect(&endpoint, &ended, nullptr, nullptr, &waited, TDI_DISCONNECT_WAIT),
+                  STATUS_PENDING);
+        {
+            const HostSocket peer(*listener);
+            EXPECT_EQ(peer.Receive(), "<end>");
+        }
+        EXPECT_EQ(receive(), STATUS_GRACEFUL_DISCONNECT);
+        EXPECT_EQ(KeWaitForSingleObject(&ended, Executive, KernelMode, FALSE, nullptr), STATUS_SUCCESS);
+        EXPECT_EQ(waited.Status, STATUS_SUCCESS);
+    }
+    {
+        // The peer resets it under a receive.
+        ASSERT_EQ(connection.Connect(listener->Port()), STATUS_SUCCESS);
+        HostSocket* const peer = new HostSocket(*listener);
+        KEVENT ended;
+        KeInitializeEvent(&ended, NotificationEvent, FALSE);
+        EXPECT_EQ(KS_ReceiveOnEndpoint(&endpoint, &ended, nullptr, nullptr, &result, block.Mdl(),
+                                       TDI_RECEIVE_NORMAL),
+                  STATUS_PENDING);
+        peer->ResetOnClose();
+        delete peer;
+        KeWaitForSingleObject(&ended, Executive, KernelMode, FALSE, nullptr);
+        EXPECT_EQ(result.Status, STATUS_CONNECTION_RESET);
+        EXPECT_EQ(send(), STATUS_CONNECTION_RESET);
+    }
+    {
+        ASSERT_EQ(connection.Connect(listener->Port()), STATUS_SUCCESS);
+        const HostSocket peer(*listener);
+        UCHAR info[KS_CONNECTION_INFO_SIZE];
+        std::memset(info, 0xFF, sizeof(info));
+        EXPECT_EQ(KS_SetConnectionInfo(&endpoint, info), STATUS_SUCCESS);
+        EXPECT_THAT(info, testing::Each(0));
+        EXPECT_EQ(disconnect(TDI_DISCONNECT_ABORT), STATUS_SUCCESS);
+        EXPECT_EQ(peer.Receive(), "<reset>");
+        EXPECT_EQ(receive(), STATUS_CONNECTION_ABORTED);
+    }
+    {
+        // A peer that does not answer, as its queue is full: an abort ends the waiting for it.
+        std::vector<echo::Connection> queued(6);
+        for (echo::Connection& one : queued) {
+            ASSERT_EQ(one.Open(), STATUS_SUCCESS);
+            ASSERT_EQ(one.Connect(listener->Port()), STATUS_SUCCESS);
+        }
+        std::atomic<NTSTATUS> connected{STATUS_PENDING};
+        std::thread caller([&] { connected = connection.Connect(listener->Port()); });
+        EXPECT_TRUE(support::Eventually([&] { return disconnect(TDI_DISCONNECT_ABORT) == STATUS_SUCCESS; }));
+        caller.join();
+        EXPECT_EQ(connected, STATUS_CONNECTION_ABORTED);
+        for (echo::Connection& one : queued) {
+            one.Close();
+        }
+    }
+    const uint16_t port = listener->Port();
+    delete listener;
+    EXPECT_EQ(connection.Connect(port), STATUS_CONNECTION_REFUSED);
+    TA_IP_ADDRESS far;
+    KS_InitIPAddress(&far, htonl(0x08080808), KS_htons(53));
+    EXPECT_EQ(KS_Connect(&endpoint, &far), STATUS_NETWORK_UNREACHABLE);
+    connection.Close();
+}
+
+// A kernel server: accepts with a request of its own, takes a part of what is indicated, and the rest by a
+// receive.
+struct Listener {
+    echo::Connection connection;
+    echo::Block rest{100};
+    KEVENT accepted, indicated, disconnected;
+    IO_STATUS_BLOCK result = {};
+    std::string taken;
+    ULONG disconnectFlags = 0;
+
+    static NTSTATUS OnAccepted(PDEVICE_OBJECT, PIRP irp, PVOID self)
+    {
+        IoFreeIrp(irp);
+        KeSetEvent(&static_cast<Listener*>(self)->accepted, 0, FALSE);
+        return STATUS_MORE_PROCESSING_REQUIRED;
+    }
+    static NTSTATUS OnConnect(PVOID context, LONG, PVOID, LONG, PVOID, LONG, PVOID, CONNECTION_CONTEXT*,
+                              PIRP* request)
+    {
+        const auto self = static_cast<Listener*>(context);
+        EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+        const PFILE_OBJECT file = self->connection.endpoint.FileObject;
+        *request = IoAllocateIrp(IoGetRelatedDeviceObject(file)->StackSize, FALSE);
+        const PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(*request);
+        next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+        next->MinorFunction = TDI_ACCEPT;
+        next->FileObject = file;
+        IoSetCompletionRoutine(*request, OnAccepted, self, TRUE, TRUE, TRUE);
+        IoSetNextIrpStackLocation(*request);
+        return STATUS_MORE_PROCESSING_REQUIRED;
+    }
+    static NTSTATUS OnReceive(PVOID context, CONNECTION_CONTEXT connection, ULONG, ULONG indicated, ULONG,
+                              ULONG* taken, PVOID data, PIRP*)
+    {
+        const auto self = static_cast<Listener*>(context);
+        EXPECT_EQ(connection, self);
+        *taken = std::min(indicated, 4u);
+        self->taken.assign(static_cast<char*>(data), *taken);
+        KeSetEvent(&self->indicated, 0, FALSE);
+        return STATUS_SUCCESS;
+    }
+    static NTSTATUS OnDisconnect(PVOID context, CONNECTION_CONTEXT, LONG, PVOID, LONG, PVOID, ULONG flags)
+    {
+        const auto self = static_cast<Listener*>(context);
+        self->disconnectFlags = flags;
+        KeSetEvent(&self->disconnected, 0, FALSE);
+        return STATUS_SUCCESS;
+    }
+};
+
+TEST_F(TdiTest, AClientOfTheKernelServesCallersWithEventHandlers)
+{
+    Listener listener;
+    for (KEVENT* event : {&listener.accepted, &listener.indicated, &listener.disconnected}) {
+        KeInitializeEvent(event, SynchronizationEvent, FALSE);
+    }
+    ASSERT_EQ(listener.connection.Open(0, &listener), STATUS_SUCCESS);
+    ASSERT_EQ(KS_SetEventHandlers(&listener.connection.address, &listener, Listener::OnConnect,
+                                  Listener::OnDisconnect, nullptr, Listener::OnReceive, nullptr, nullptr),
+              STATUS_SUCCESS);
+    // Asks the transport for the port that it chose, with a request of the client's own.
+    struct {
+        ULONG activityCount;
+        TA_IP_ADDRESS address;
+    } info;
+    const PFILE_OBJECT file = listener.connection.address.FileObject;
+    const PDEVICE_OBJECT device = IoGetRelatedDeviceObject(file);
+    const PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
+    const PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
+    next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+    next->MinorFunction = TDI_QUERY_INFORMATION;
+    next->FileObject = file;
+    reinterpret_cast<TDI_REQUEST_KERNEL_QUERY_INFORMATION&>(next->Parameters).QueryType =
+        TDI_QUERY_ADDRESS_INFO;
+    const PMDL mdl = KS_AllocateAndProbeMdl(&info, sizeof(info), FALSE, FALSE, irp);
+    EXPECT_EQ(KS_MakeSimpleTdiRequest(device, irp), STATUS_SUCCESS);
+    KS_UnlockAndFreeMdl(mdl);
+    IoFreeIrp(irp);
+
+    {
+        const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in to = {};
+        to.sin_family = AF_INET;
+        to.sin_port = info.address.Address[0].Address[0].sin_port;
+        to.sin_addr.s_addr = info.address.Address[0].Address[0].in_addr;
+        ASSERT_EQ(connect(descriptor, reinterpret_cast<sockaddr*>(&to), sizeof(to)), 0);
+        KeWaitForSingleObject(&listener.accepted, Executive, KernelMode, FALSE, nullptr);
+        ASSERT_EQ(send(descriptor, "abcdefgh", 8, 0), 8);
+        KeWaitForSingleObject(&listener.indicated, Executive, KernelMode, FALSE, nullptr);
+        EXPECT_EQ(listener.taken, "abcd");
+        EXPECT_EQ(KS_ReceiveOnEndpoint(&listener.connection.endpoint, nullptr, nullptr, nullptr,
+                                       &listener.result, listener.rest.Mdl(), TDI_RECEIVE_NORMAL),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(TextOf(listener.rest, listener.result), "efgh");
+        close(descriptor);
+    }
+    KeWaitForSingleObject(&listener.disconnected, Executive, KernelMode, FALSE, nullptr);
+    EXPECT_EQ(listener.disconnectFlags, static_cast<ULONG>(TDI_DISCONNECT_RELEASE));
+    listener.connection.Close();
+}
+
+} // namespace

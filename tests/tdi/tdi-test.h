@@ -1,0 +1,116 @@
+// The transport of the host, loaded for a test and unloaded behind it. A test fails when it breaks a rule of
+// the kernel that it did not ask for, or leaves anything behind.
+#pragma once
+
+#include <echo-client.h>
+
+#include "support/eventually.h"
+
+#include <gmock/gmock.h>
+#include <machine.h>
+
+#include <poll.h>
+#include <sys/socket.h>
+
+class TdiTest : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        machine::TakeViolations();
+        machine::PrintViolations(false);
+        before_ = machine::TakeCensus();
+        ASSERT_EQ(machine::LoadTransport(), STATUS_SUCCESS);
+    }
+    void TearDown() override
+    {
+        machine::ClearFaults();
+        machine::ClearTransportAnswers();
+        machine::CheckReturnToUser("the end of the test");
+        EXPECT_TRUE(machine::WaitIdle());
+        EXPECT_EQ(machine::UnloadTransport(), STATUS_SUCCESS);
+        EXPECT_THAT(BrokenRules(), testing::IsEmpty());
+        const machine::Census after = machine::TakeCensus();
+        EXPECT_TRUE(after == before_) << "left behind: " << machine::DescribeCensus(after)
+                                      << "\nbefore: " << machine::DescribeCensus(before_);
+        machine::PrintViolations(true);
+    }
+    static std::vector<std::string> BrokenRules()
+    {
+        std::vector<std::string> rules;
+        for (const machine::Violation& violation : machine::TakeViolations()) {
+            rules.push_back(violation.rule);
+        }
+        return rules;
+    }
+
+  private:
+    machine::Census before_;
+};
+
+// A socket of an ordinary program; all its calls wait ten seconds at most.
+class HostSocket
+{
+  public:
+    explicit HostSocket(int type) : descriptor_(socket(AF_INET, type | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+        if (type == SOCK_STREAM) {
+            listen(descriptor_, 5);
+        }
+    }
+    // Who calls a listening one.
+    explicit HostSocket(const HostSocket& listener)
+        : descriptor_(listener.IsReadable() ? accept(listener.descriptor_, nullptr, nullptr) : -1)
+    {}
+    ~HostSocket() { close(descriptor_); }
+
+    uint16_t Port() const
+    {
+        sockaddr_in address = {};
+        socklen_t length = sizeof(address);
+        getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address), &length);
+        return ntohs(address.sin_port);
+    }
+    bool IsReadable() const { return Poll(10000); }
+    bool HasMore() const { return Poll(0); } // now
+    void Send(const std::string& text) const { send(descriptor_, text.data(), text.size(), MSG_NOSIGNAL); }
+    // "<end>" at the end of the stream, "<reset>" when it was reset.
+    std::string Receive() const
+    {
+        char buffer[4096];
+        const ssize_t count = IsReadable() ? recv(descriptor_, buffer, sizeof(buffer), 0) : -1;
+        return count > 0 ? std::string(buffer, static_cast<size_t>(count)) : count == 0 ? "<end>" : "<reset>";
+    }
+    void EndSending() const { shutdown(descriptor_, SHUT_WR); }
+    void ResetOnClose() const
+    {
+        const linger reset = {1, 0};
+        setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+    }
+
+  private:
+    bool Poll(int milliseconds) const
+    {
+        pollfd one = {descriptor_, POLLIN, 0};
+        return poll(&one, 1, milliseconds) == 1;
+    }
+
+    const int descriptor_;
+};
+
+inline std::string TextOf(echo::Block& block, const IO_STATUS_BLOCK& result)
+{
+    return std::string(reinterpret_cast<char*>(block.Bytes()), result.Information);
+}
+
+// A block that holds the text.
+struct TextBlock : echo::Block {
+    explicit TextBlock(const std::string& text) : Block(text.size())
+    {
+        std::memcpy(Bytes(), text.data(), text.size());
+    }
+};
