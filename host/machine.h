@@ -221,11 +221,13 @@ bool FaultHit(Fault kind);       // the armed call has happened
 // DISPATCH_LEVEL. Null: the output is dropped. Default: dropped.
 void SetDebugSink(std::function<void(std::string_view)> sink);
 
-// Collects the debug output while it lives (and passes nothing on to the sink set before).
+// Collects the debug output while it lives, of all threads or only of the one that made it, and passes nothing of that
+// on to the sink or the capture set before.
 class DebugCapture
 {
   public:
-    DebugCapture();
+    enum class Threads { All, Own };
+    explicit DebugCapture(Threads threads = Threads::All);
     ~DebugCapture();
     DebugCapture(const DebugCapture&) = delete;
     DebugCapture& operator=(const DebugCapture&) = delete;

@@ -72,7 +72,8 @@ std::vector<FilterCounters> ParseFilterDump(std::string_view dump)
 
 std::vector<FilterCounters> ReadFilterCounters()
 {
-    machine::DebugCapture capture;
+    // What other drivers print meanwhile stays in the debug output.
+    machine::DebugCapture capture(machine::DebugCapture::Threads::Own);
     for (int32_t type = 0; type < kChains; ++type) {
         Filter_DumpFilter(type);
     }

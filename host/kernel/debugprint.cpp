@@ -2,8 +2,10 @@
 
 #include <ntddk.h>
 
+#include <algorithm>
 #include <mutex>
 #include <shared_mutex>
+#include <thread>
 #include <utility>
 
 namespace
@@ -11,11 +13,16 @@ namespace
 
 constexpr size_t kLongestPrint = 512; // of one call, as documented; the rest is cut off
 
+struct Capture {
+    std::function<void(std::string_view)> take;
+    std::thread::id thread; // whose prints it takes; none: everybody's
+};
+
 struct Sinks {
     // Prints share it; whoever changes the sinks waits until prints under way have left the old one.
     std::shared_mutex mutex;
     std::function<void(std::string_view)> sink;
-    std::vector<std::function<void(std::string_view)>> captures; // the last one alone receives the output
+    std::vector<Capture> captures; // the last one that takes a thread's prints alone receives them
     std::atomic<bool> any{false};
 
     void Update() { any = sink != nullptr || !captures.empty(); }
@@ -36,8 +43,11 @@ void Print(const char* format, va_list arguments)
     int length = _vsnprintf(text, sizeof(text), format, arguments);
     std::string_view view(text, length < 0 ? sizeof(text) : static_cast<size_t>(length));
     std::shared_lock lock(sinks.mutex);
-    if (!sinks.captures.empty())
-        sinks.captures.back()(view);
+    const auto capture = std::find_if(sinks.captures.rbegin(), sinks.captures.rend(), [](const Capture& each) {
+        return each.thread == std::thread::id() || each.thread == std::this_thread::get_id();
+    });
+    if (capture != sinks.captures.rend())
+        capture->take(view);
     else if (sinks.sink)
         sinks.sink(view);
 }
@@ -78,14 +88,15 @@ struct DebugCapture::State {
     std::string text;
 };
 
-DebugCapture::DebugCapture() : state_(std::make_unique<State>())
+DebugCapture::DebugCapture(Threads threads) : state_(std::make_unique<State>())
 {
     Sinks& sinks = TheSinks();
     std::lock_guard lock(sinks.mutex);
-    sinks.captures.push_back([state = state_.get()](std::string_view text) {
+    const auto take = [state = state_.get()](std::string_view text) {
         std::lock_guard guard(state->mutex);
         state->text += text;
-    });
+    };
+    sinks.captures.push_back({take, threads == Threads::Own ? std::this_thread::get_id() : std::thread::id()});
     sinks.Update();
 }
 

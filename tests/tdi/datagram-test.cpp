@@ -131,10 +131,10 @@ TEST_F(TdiTest, DatagramsAreReceivedOneByOneAndErrorsTold)
     EXPECT_EQ(sender.Address[0].Address[0].sin_port, KS_htons(server.udpPort));
 
     // Nobody listens: the next error is told by the handler.
-    {
-        const HostSocket gone(SOCK_DGRAM);
-        port.peer = echo::Loopback(gone.Port());
-    }
+    const HostSocket other(SOCK_DGRAM);
+    const HostSocket deaf(SOCK_DGRAM); // takes datagrams of `other` only
+    deaf.Connect(other);
+    port.peer = echo::Loopback(deaf.Port());
     ASSERT_EQ(port.Send(first.Mdl()), STATUS_SUCCESS);
     EXPECT_TRUE(support::Eventually([&] { return error == STATUS_PORT_UNREACHABLE; }));
 }

@@ -2,6 +2,7 @@
 #include "tdi-test.h"
 
 #include <cstdlib>
+#include <sstream>
 #include <thread>
 
 namespace
@@ -9,13 +10,12 @@ namespace
 
 std::string RunLab(uint16_t port, bool stream)
 {
-    const std::string command = std::string(NDISFILTER_LAB) + " replay " + NDISFILTER_TEST_DATA +
-                                "/session.pcapng --sockets --quiet --debug-output - --filter logshipper"
-                                " --set-dword logshipper.LogPort=" +
-                                std::to_string(port) +
-                                " --set-dword logshipper.LogStream=" + (stream ? "1" : "0") + " 2>&1";
+    std::ostringstream command;
+    command << NDISFILTER_LAB << " replay " << NDISFILTER_TEST_DATA
+            << "/session.pcapng --sockets --quiet --debug-output - --filter logshipper"
+            << " --set-dword logshipper.LogPort=" << port << " --set-dword logshipper.LogStream=" << stream << " 2>&1";
     std::string output;
-    FILE* pipe = popen(command.c_str(), "r");
+    FILE* pipe = popen(command.str().c_str(), "r");
     char buffer[4096];
     for (size_t count; (count = fread(buffer, 1, sizeof(buffer), pipe)) != 0;) {
         output.append(buffer, count);
@@ -65,11 +65,8 @@ TEST(LogShipperTest, ShipsALineForEachEventBothWays)
 
 TEST(LogShipperTest, AServerThatIsNotThereCostsLinesAndNothingElse)
 {
-    uint16_t port = 0;
-    {
-        port = HostSocket(SOCK_STREAM).Port();
-    }
-    const std::string output = RunLab(port, true);
+    const HostSocket nobody(SOCK_STREAM, false);
+    const std::string output = RunLab(nobody.Port(), true);
     EXPECT_THAT(output, testing::HasSubstr("logshipper: cannot reach the log server, status 0xC0000236"));
     EXPECT_THAT(output, testing::HasSubstr("logshipper: 0 lines handed to the transport"));
     EXPECT_THAT(output, testing::HasSubstr("exit code 0"));

@@ -178,9 +178,9 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
             one.Close();
         }
     }
-    const uint16_t port = listener->Port();
     delete listener;
-    EXPECT_EQ(connection.Connect(port), STATUS_CONNECTION_REFUSED);
+    const HostSocket nobody(SOCK_STREAM, false);
+    EXPECT_EQ(connection.Connect(nobody.Port()), STATUS_CONNECTION_REFUSED);
     TA_IP_ADDRESS far;
     KS_InitIPAddress(&far, htonl(0x08080808), KS_htons(53));
     EXPECT_EQ(KS_Connect(&endpoint, &far), STATUS_NETWORK_UNREACHABLE);

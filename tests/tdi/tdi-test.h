@@ -52,13 +52,12 @@ class TdiTest : public testing::Test
 class HostSocket
 {
   public:
-    explicit HostSocket(int type) : descriptor_(socket(AF_INET, type | SOCK_CLOEXEC, 0))
+    // A stream socket that does not listen holds its port and refuses who calls it.
+    explicit HostSocket(int type, bool listens = true) : descriptor_(socket(AF_INET, type | SOCK_CLOEXEC, 0))
     {
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-        if (type == SOCK_STREAM) {
+        const sockaddr_in address = Loopback(0);
+        bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+        if (type == SOCK_STREAM && listens) {
             listen(descriptor_, 5);
         }
     }
@@ -74,6 +73,11 @@ class HostSocket
         socklen_t length = sizeof(address);
         getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address), &length);
         return ntohs(address.sin_port);
+    }
+    void Connect(const HostSocket& peer) const
+    {
+        const sockaddr_in address = Loopback(peer.Port());
+        connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     }
     bool IsReadable() const { return Poll(10000); }
     bool HasMore() const { return Poll(0); } // now
@@ -93,6 +97,14 @@ class HostSocket
     }
 
   private:
+    static sockaddr_in Loopback(uint16_t port)
+    {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return address;
+    }
     bool Poll(int milliseconds) const
     {
         pollfd one = {descriptor_, POLLIN, 0};
