@@ -43,9 +43,10 @@ void Print(const char* format, va_list arguments)
     int length = _vsnprintf(text, sizeof(text), format, arguments);
     std::string_view view(text, length < 0 ? sizeof(text) : static_cast<size_t>(length));
     std::shared_lock lock(sinks.mutex);
-    const auto capture = std::find_if(sinks.captures.rbegin(), sinks.captures.rend(), [](const Capture& each) {
-        return each.thread == std::thread::id() || each.thread == std::this_thread::get_id();
-    });
+    const auto capture =
+        std::find_if(sinks.captures.rbegin(), sinks.captures.rend(), [](const Capture& each) {
+            return each.thread == std::thread::id() || each.thread == std::this_thread::get_id();
+        });
     if (capture != sinks.captures.rend())
         capture->take(view);
     else if (sinks.sink)
@@ -96,7 +97,8 @@ DebugCapture::DebugCapture(Threads threads) : state_(std::make_unique<State>())
         std::lock_guard guard(state->mutex);
         state->text += text;
     };
-    sinks.captures.push_back({take, threads == Threads::Own ? std::this_thread::get_id() : std::thread::id()});
+    sinks.captures.push_back(
+        {take, threads == Threads::Own ? std::this_thread::get_id() : std::thread::id()});
     sinks.Update();
 }
 

@@ -111,7 +111,7 @@ void Address::Cleanup()
     socket_.reset();
 }
 
-// -------------------------------------------------------------------------------------------------- requests
+// --------------------------------------------------------------------------------------------------- requests
 
 NTSTATUS Address::Dispatch(IRP* irp)
 {
@@ -228,7 +228,7 @@ std::optional<Result> Address::ReceiveDatagram(IRP* irp)
     return Result{cut ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS, static_cast<ULONG_PTR>(received)};
 }
 
-// ---------------------------------------------------------------------------------------------------- events
+// ----------------------------------------------------------------------------------------------------- events
 
 Result Address::SetHandler(IRP* irp)
 {

@@ -119,6 +119,7 @@ NTSTATUS Channel::Submit(Lane lane, IRP* irp)
     }
     lock.unlock();
     if (!parked) {
+        OnCancelled(lane);
         Complete(irp, {STATUS_CANCELLED, 0});
     }
     return STATUS_PENDING;
@@ -144,6 +145,9 @@ void Channel::Pump(Lane lane)
                 break;
             }
             lock.unlock();
+            if (!result) {
+                OnCancelled(lane);
+            }
             Complete(irp, result.value_or(Result{STATUS_CANCELLED, 0}));
             lock.lock();
             if (--left == 0) {

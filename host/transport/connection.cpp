@@ -86,7 +86,7 @@ void Connection::Cleanup()
     address_.reset();
 }
 
-// -------------------------------------------------------------------------------------------- associating
+// ------------------------------------------------------------------------------------------------ associating
 
 Result Connection::Associate(IRP* irp)
 {
@@ -127,7 +127,7 @@ Result Connection::Disassociate()
     return {};
 }
 
-// ---------------------------------------------------------------------------------------------- connecting
+// ------------------------------------------------------------------------------------------------- connecting
 
 std::optional<Result> Connection::BeginConnect(IRP* irp)
 {
@@ -259,7 +259,7 @@ void Connection::Accept(std::shared_ptr<Socket> socket, IRP* request)
     Complete(request, {status, 0});
 }
 
-// --------------------------------------------------------------------------------------------- moving data
+// ------------------------------------------------------------------------------------------------ moving data
 
 std::optional<Result> Connection::Attempt(Lane lane, IRP* irp)
 {
@@ -372,7 +372,7 @@ std::optional<Result> Connection::Receive(IRP* irp)
     return Result{STATUS_SUCCESS, static_cast<ULONG_PTR>(count)};
 }
 
-// ------------------------------------------------------------------------------------------- disconnecting
+// ---------------------------------------------------------------------------------------------- disconnecting
 
 NTSTATUS Connection::Disconnect(IRP* irp)
 {
@@ -484,7 +484,7 @@ void Connection::End()
     }
 }
 
-// ---------------------------------------------------------------------------------------------------- events
+// ----------------------------------------------------------------------------------------------------- events
 
 void Connection::OnIdle(Lane lane)
 {
@@ -583,7 +583,7 @@ void Connection::TellDisconnect()
     }
 }
 
-// ------------------------------------------------------------------------------------------------- queries
+// ---------------------------------------------------------------------------------------------------- queries
 
 Result Connection::Query(IRP* irp)
 {

@@ -42,7 +42,7 @@ class ControlChannel : public File
     }
 };
 
-// ------------------------------------------------------------------------------------------------- creating
+// --------------------------------------------------------------------------------------------------- creating
 
 // The protocol of a raw address stands behind the device's name, as in \Device\RawIp\1.
 std::optional<int> ProtocolOf(const UNICODE_STRING& fileName)
@@ -105,7 +105,7 @@ NTSTATUS CreateFile(IRP* irp, std::shared_ptr<File>* result, ULONG* type)
     return STATUS_INVALID_EA_NAME;
 }
 
-// ---------------------------------------------------------------------------------------------- dispatching
+// ------------------------------------------------------------------------------------------------ dispatching
 
 std::shared_ptr<File>* HolderOf(const FILE_OBJECT* file)
 {
@@ -155,14 +155,17 @@ NTSTATUS OnControl(DEVICE_OBJECT*, IRP* irp)
     return file->Dispatch(irp);
 }
 
-// ------------------------------------------------------------------------------------------- start and stop
+// --------------------------------------------------------------------------------------------- start and stop
 
 void Unload(DRIVER_OBJECT* driver)
 {
     while (driver->DeviceObject != nullptr) {
         IoDeleteDevice(driver->DeviceObject);
     }
-    g_engine.reset();
+    if (g_engine != nullptr) {
+        g_engine->Stop();
+        g_engine.reset();
+    }
 }
 
 machine::Status Entry(void* object, void*)

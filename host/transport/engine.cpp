@@ -20,7 +20,7 @@ constexpr int kEvents = 64; // fetched by one call
 
 [[noreturn]] void Die(const char* what)
 {
-    std::perror(what); // the host is out of descriptors before the first socket: nothing could work
+    std::perror(what); // requests would wait without end
     std::abort();
 }
 
@@ -35,7 +35,7 @@ Engine::Engine() : epoll_(epoll_create1(EPOLL_CLOEXEC)), wake_(eventfd(0, EFD_CL
     thread_ = std::thread([this] { Run(); });
 }
 
-Engine::~Engine()
+void Engine::Stop()
 {
     {
         const std::lock_guard lock(mutex_);
@@ -43,6 +43,10 @@ Engine::~Engine()
     }
     eventfd_write(wake_, 1);
     thread_.join();
+}
+
+Engine::~Engine()
+{
     close(wake_);
     close(epoll_);
 }
@@ -56,7 +60,9 @@ uint64_t Engine::Watch(int socket, std::weak_ptr<Watcher> watcher)
         watchers_[number] = std::move(watcher);
     }
     epoll_event event = {.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET, .data = {.u64 = number}};
-    epoll_ctl(epoll_, EPOLL_CTL_ADD, socket, &event);
+    if (epoll_ctl(epoll_, EPOLL_CTL_ADD, socket, &event) != 0) {
+        Die("transport: cannot watch a socket");
+    }
     return number;
 }
 

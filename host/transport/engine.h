@@ -28,9 +28,12 @@ class Engine
 {
   public:
     Engine();
-    ~Engine(); // nothing is scheduled or watched any more
+    ~Engine(); // stopped; nothing is watched any more
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
+
+    // Does what is scheduled and ends the thread, which needs TheEngine() until then.
+    void Stop();
 
     // Reports each change of a socket, and once how it is now. The number is for Forget, before the socket is
     // closed.

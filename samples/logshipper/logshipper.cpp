@@ -17,7 +17,7 @@ namespace
 constexpr ULONG kMaxPort = 65535;
 constexpr ULONG kEvents = 256; // that wait to be shipped
 constexpr ULONG kLine = 128;
-constexpr LONGLONG kRetry = -10'000'000;     // a second after a failure, in 100-ns units
+constexpr LONGLONG kRetry = -10'000'000;    // a second after a failure, in 100-ns units
 constexpr LONGLONG kPatience = -50'000'000; // five seconds for what the server has to take
 
 constexpr ULONG kIpSource = 12; // offsets in the IPv4 header: RFC 791
@@ -66,8 +66,7 @@ struct Shipper {
 
 Shipper shipper;
 
-// --------------------------------------------------------------------------------------------------
-// gathering
+// -------------------------------------------------------------------------------------------------- gathering
 
 // From adapters' threads, at DISPATCH_LEVEL.
 VOID Note(const Event& event)
@@ -131,8 +130,7 @@ FILTER_RESULT OnPacket(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket*
     return FILTER_RESULT_BYPASS;
 }
 
-// ---------------------------------------------------------------------------------------------------
-// shipping
+// --------------------------------------------------------------------------------------------------- shipping
 
 PCSTR EventName(ULONG kind)
 {
@@ -173,9 +171,8 @@ NTSTATUS Await(NTSTATUS status, PKEVENT done, const IO_STATUS_BLOCK* result)
     }
     LARGE_INTEGER patience;
     patience.QuadPart = kPatience;
-    if (KeWaitForSingleObject(done, Executive, KernelMode, FALSE, &patience) == STATUS_TIMEOUT) {
+    while (KeWaitForSingleObject(done, Executive, KernelMode, FALSE, &patience) == STATUS_TIMEOUT) {
         KS_Disconnect(&shipper.Endpoint, nullptr, nullptr, nullptr, nullptr, TDI_DISCONNECT_ABORT);
-        KeWaitForSingleObject(done, Executive, KernelMode, FALSE, nullptr);
     }
     return result->Status;
 }
@@ -187,8 +184,8 @@ VOID CloseSockets()
     if (shipper.Open) {
         if (shipper.Stream) {
             KeInitializeEvent(&done, NotificationEvent, FALSE);
-            Await(KS_Disconnect(&shipper.Endpoint, &done, nullptr, nullptr, &result, TDI_DISCONNECT_RELEASE), &done,
-                  &result);
+            Await(KS_Disconnect(&shipper.Endpoint, &done, nullptr, nullptr, &result, TDI_DISCONNECT_RELEASE),
+                  &done, &result);
             KS_CloseConnectionEndpoint(&shipper.Endpoint);
         }
         KS_CloseTransportAddress(&shipper.Address);
@@ -230,8 +227,8 @@ NTSTATUS Send(ULONG length)
         KEVENT done;
         IO_STATUS_BLOCK result;
         KeInitializeEvent(&done, NotificationEvent, FALSE);
-        return Await(KS_SendOnEndpoint(&shipper.Endpoint, &done, nullptr, nullptr, &result, shipper.Mdl, 0), &done,
-                     &result);
+        return Await(KS_SendOnEndpoint(&shipper.Endpoint, &done, nullptr, nullptr, &result, shipper.Mdl, 0),
+                     &done, &result);
     }
     TA_IP_ADDRESS server;
     KS_InitIPAddress(&server, shipper.ServerAddress, shipper.ServerPort);
@@ -293,8 +290,7 @@ VOID NTAPI ShipEvents(PVOID)
     PsTerminateSystemThread(STATUS_SUCCESS);
 }
 
-// --------------------------------------------------------------------------------------------- start and
-// stop
+// --------------------------------------------------------------------------------------------- start and stop
 
 char driverName[] = "logshipper";
 char incomingName[] = "logshipper-incoming";
@@ -358,8 +354,8 @@ VOID NTAPI DriverUnload(PDRIVER_OBJECT)
 {
     Filter_DeregisterDriver(shipper.Driver);
     StopThread();
-    DbgPrint("logshipper: %u lines handed to the transport, %u lost, %u dropped\n", shipper.Shipped, shipper.Lost,
-             shipper.Dropped);
+    DbgPrint("logshipper: %u lines handed to the transport, %u lost, %u dropped\n", shipper.Shipped,
+             shipper.Lost, shipper.Dropped);
 }
 
 } // namespace

@@ -67,12 +67,8 @@ TEST(HelperTest, PacketsGoWithTheirBuffers)
     for (const size_t buffers : {0u, 3u}) {
         NdisAllocatePacket(&status, &packet, pool);
         for (size_t i = 0; i < buffers; ++i) {
-            // The second is locked memory, the others are of the non-paged pool.
-            PMDL mdl = i == 1 ? KS_AllocateAndProbeMdl(data[i], 10, FALSE, FALSE, nullptr)
-                              : IoAllocateMdl(data[i], 10, FALSE, FALSE, nullptr);
-            if (i != 1) {
-                MmBuildMdlForNonPagedPool(mdl);
-            }
+            PMDL mdl = IoAllocateMdl(data[i], 10, FALSE, FALSE, nullptr);
+            MmBuildMdlForNonPagedPool(mdl);
             NdisChainBufferAtBack(packet, mdl);
         }
         KS_FreePacketAndBuffers(packet);

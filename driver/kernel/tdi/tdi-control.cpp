@@ -13,7 +13,8 @@ namespace
 template <class Parameters, class Fill>
 NTSTATUS RequestOverBuffer(PFILE_OBJECT file, UCHAR minor, PVOID buffer, ULONG length, const Fill& fill)
 {
-    const PIRP irp = AllocateRequest(file);
+    const PDEVICE_OBJECT device = DeviceOf(file);
+    const PIRP irp = AllocateRequest(device);
     if (irp == nullptr) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -26,7 +27,7 @@ NTSTATUS RequestOverBuffer(PFILE_OBJECT file, UCHAR minor, PVOID buffer, ULONG l
     } else if (mdl != nullptr) {
         fill(PrepareRequest<Parameters>(irp, file, minor));
         irp->MdlAddress = mdl;
-        status = KS_MakeSimpleTdiRequest(DeviceOf(file), irp);
+        status = KS_MakeSimpleTdiRequest(device, irp);
         KS_UnlockAndFreeMdl(mdl);
     }
     IoFreeIrp(irp);
@@ -61,20 +62,18 @@ NTSTATUS KS_SetEventHandlers(PKS_TRANSPORT_ADDRESS Record, PVOID EventContext, P
         reinterpret_cast<PVOID>(Error),           reinterpret_cast<PVOID>(Receive),
         reinterpret_cast<PVOID>(ReceiveDatagram), reinterpret_cast<PVOID>(ReceiveExpedited),
     };
-    const AddressRequest request(Record);
-    if (request.Irp() == nullptr) {
-        return request.Refusal();
+    const AddressRequest request(Record, Record->FileObject);
+    if (!NT_SUCCESS(request.Status())) {
+        return request.Status();
     }
     NTSTATUS status = STATUS_SUCCESS;
     LONG type = TDI_EVENT_CONNECT;
     for (const PVOID handler : handlers) {
-        IoReuseIrp(request.Irp(), STATUS_SUCCESS);
-        PTDI_REQUEST_KERNEL_SET_EVENT parameters = PrepareRequest<TDI_REQUEST_KERNEL_SET_EVENT>(
-            request.Irp(), Record->FileObject, TDI_SET_EVENT_HANDLER);
+        const auto parameters = request.Prepare<TDI_REQUEST_KERNEL_SET_EVENT>(TDI_SET_EVENT_HANDLER);
         parameters->EventType = type++;
         parameters->EventHandler = handler;
         parameters->EventContext = EventContext;
-        status = KS_MakeSimpleTdiRequest(DeviceOf(Record->FileObject), request.Irp());
+        status = request.Send();
         if (!NT_SUCCESS(status)) {
             break;
         }
@@ -88,24 +87,26 @@ NTSTATUS KS_Connect(PKS_CONNECTION_ENDPOINT Record, PTA_IP_ADDRESS Peer)
     if (held.Get() == nullptr) {
         return STATUS_INVALID_HANDLE;
     }
-    const AddressRequest request(Record->Address);
-    if (request.Irp() == nullptr) {
-        return request.Refusal();
+    const AddressRequest request(Record->Address, Record->FileObject);
+    if (!NT_SUCCESS(request.Status())) {
+        return request.Status();
     }
     TDI_CONNECTION_INFORMATION peer = {};
     peer.RemoteAddressLength = sizeof(*Peer);
     peer.RemoteAddress = Peer;
-    PrepareRequest<TDI_REQUEST_KERNEL_CONNECT>(request.Irp(), Record->FileObject, TDI_CONNECT)
-        ->RequestConnectionInformation = &peer;
-    return KS_MakeSimpleTdiRequest(DeviceOf(Record->FileObject), request.Irp());
+    request.Prepare<TDI_REQUEST_KERNEL_CONNECT>(TDI_CONNECT)->RequestConnectionInformation = &peer;
+    return request.Send();
 }
 
 NTSTATUS KS_SetConnectionInfo(PKS_CONNECTION_ENDPOINT Record, PVOID Buffer)
 {
-    RtlZeroMemory(Buffer, KS_CONNECTION_INFO_SIZE);
     const Held<KS_CONNECTION_ENDPOINT> held(Record);
     if (held.Get() == nullptr) {
         return STATUS_INVALID_HANDLE;
+    }
+    const NTSTATUS code = Guarded([&] { RtlZeroMemory(Buffer, KS_CONNECTION_INFO_SIZE); });
+    if (!NT_SUCCESS(code)) {
+        return code;
     }
     return RequestOverBuffer<TDI_REQUEST_KERNEL_SET_INFORMATION>(
         Record->FileObject, TDI_SET_INFORMATION, Buffer, KS_CONNECTION_INFO_SIZE,

@@ -133,7 +133,8 @@ NTSTATUS SendDataRequest(Owner* owner, UCHAR minor, const Notification& notifica
         KeResetEvent(notification.Event);
     }
     const PFILE_OBJECT file = owner->FileObject;
-    SentRequest* sent = AllocateSentRequest(file);
+    const PDEVICE_OBJECT device = DeviceOf(file);
+    SentRequest* sent = AllocateSentRequest(device);
     if (sent == nullptr) {
         ReleaseAndFree(owner, request);
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -142,10 +143,14 @@ NTSTATUS SendDataRequest(Owner* owner, UCHAR minor, const Notification& notifica
     irp->MdlAddress = mdl;
     fill(PrepareRequest<Parameters>(irp, file, minor), ChainLength(mdl));
     IoSetCompletionRoutine(irp, FinishRequest<Owner>, request, TRUE, TRUE, TRUE);
+    if (!BeginRequest(sent)) {
+        ReleaseAndFree(owner, request);
+        Free(sent);
+        return STATUS_DELETE_PENDING;
+    }
     ioStatus->Status = STATUS_UNSUCCESSFUL;
     ioStatus->Information = 0;
-    BeginRequest(sent);
-    NTSTATUS status = IoCallDriver(DeviceOf(file), irp);
+    NTSTATUS status = IoCallDriver(device, irp);
     if (!waits) {
         return status;
     }

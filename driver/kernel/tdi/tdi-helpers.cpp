@@ -16,6 +16,17 @@ constexpr ULONG LinkDirectoryLength = sizeof(LinkDirectory) - sizeof(WCHAR);
 constexpr ULONG DeviceDirectoryLength = sizeof(L"\\Device\\") - sizeof(WCHAR);
 constexpr ULONG LinkBufferExtra = 26; // what a link's buffer is longer than the device's name
 
+// Where IoAllocateMdl has hung it.
+VOID TakeOff(PMDL mdl, PIRP irp)
+{
+    for (PMDL* link = &irp->MdlAddress; *link != nullptr; link = &(*link)->Next) {
+        if (*link == mdl) {
+            *link = mdl->Next;
+            return;
+        }
+    }
+}
+
 } // namespace
 
 PMDL KS_AllocateAndProbeMdl(PVOID Address, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota,
@@ -25,6 +36,9 @@ PMDL KS_AllocateAndProbeMdl(PVOID Address, ULONG Length, BOOLEAN SecondaryBuffer
     if (mdl != nullptr) {
         const NTSTATUS code = Guarded([&] { MmProbeAndLockPages(mdl, KernelMode, IoModifyAccess); });
         if (!NT_SUCCESS(code)) {
+            if (Irp != nullptr) {
+                TakeOff(mdl, Irp);
+            }
             IoFreeMdl(mdl);
             ExRaiseStatus(code); // the caller's to handle
         }
@@ -126,9 +140,6 @@ VOID KS_FreePacketAndBuffers(PNDIS_PACKET Packet)
         NdisUnchainBufferAtFront(Packet, &buffer);
         if (buffer == nullptr) {
             break;
-        }
-        if ((buffer->MdlFlags & MDL_PAGES_LOCKED) != 0) {
-            MmUnlockPages(buffer);
         }
         IoFreeMdl(buffer);
     }

@@ -33,10 +33,10 @@ inline PDEVICE_OBJECT DeviceOf(PFILE_OBJECT file)
     return IoGetRelatedDeviceObject(file);
 }
 
-// A request with the stack of the file's device. Null without memory.
-inline PIRP AllocateRequest(PFILE_OBJECT file)
+// A request with the device's stack. Null without memory.
+inline PIRP AllocateRequest(PDEVICE_OBJECT device)
 {
-    return IoAllocateIrp(DeviceOf(file)->StackSize, FALSE);
+    return IoAllocateIrp(device->StackSize, FALSE);
 }
 
 // Makes the request one for the file; answers the parameters, zeroed, for the caller to fill in.
@@ -47,7 +47,6 @@ Parameters* PrepareRequest(PIRP irp, PFILE_OBJECT file, UCHAR minor)
     static_assert(sizeof(Parameters) <= sizeof(next->Parameters));
     next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
     next->MinorFunction = minor;
-    next->DeviceObject = DeviceOf(file);
     next->FileObject = file;
     Parameters* parameters = reinterpret_cast<Parameters*>(&next->Parameters);
     RtlZeroMemory(parameters, sizeof(*parameters));
@@ -112,25 +111,39 @@ class Held
     Record* record_;
 };
 
-// -------------------------------------------------------------------------------------- synchronous requests
+// --------------------------------------------------------------------------------------- synchronous requests
 
 // The address's one request, taken by who uses it, with a reference on the address.
 class AddressRequest
 {
   public:
-    explicit AddressRequest(PKS_TRANSPORT_ADDRESS address);
+    // For requests on `file`, whose device's stack may have become deeper than it was when the address was opened: the
+    // request is then made anew.
+    AddressRequest(PKS_TRANSPORT_ADDRESS address, PFILE_OBJECT file);
     ~AddressRequest();
     AddressRequest(const AddressRequest&) = delete;
     AddressRequest& operator=(const AddressRequest&) = delete;
 
-    // Null: somebody else uses it, or the address is closed.
-    PIRP Irp() const { return irp_; }
-    // Why there is none.
-    NTSTATUS Refusal() const;
+    // STATUS_DEVICE_BUSY: somebody else uses it. STATUS_INVALID_HANDLE: the address is closed.
+    // STATUS_INSUFFICIENT_RESOURCES: no memory.
+    NTSTATUS Status() const { return status_; }
+    // Makes it ready to be sent once; with a good status only.
+    template <class Parameters>
+    Parameters* Prepare(UCHAR minor) const
+    {
+        IoReuseIrp(irp_, STATUS_SUCCESS);
+        return PrepareRequest<Parameters>(irp_, file_, minor);
+    }
+    NTSTATUS Send() const { return KS_MakeSimpleTdiRequest(device_, irp_); }
 
   private:
+    PIRP volatile& Place() const { return address_.Get()->Irp; }
+
     const Held<KS_TRANSPORT_ADDRESS> address_;
-    PIRP irp_;
+    const PFILE_OBJECT file_;
+    PDEVICE_OBJECT device_ = nullptr;
+    PIRP irp_ = nullptr;
+    NTSTATUS status_ = STATUS_SUCCESS;
 };
 
 // ---------------------------------------------------------------------------------------------- data requests
@@ -150,11 +163,11 @@ inline SentRequest* SentRequestOf(PIRP irp)
     return reinterpret_cast<SentRequest*>(&IoGetCurrentIrpStackLocation(irp)->Parameters);
 }
 
-// A request for the file. Null without memory.
-SentRequest* AllocateSentRequest(PFILE_OBJECT file);
+// A request for the device. Null without memory.
+SentRequest* AllocateSentRequest(PDEVICE_OBJECT device);
 
-// Just before it is sent. From now on the unload waits for EndRequest.
-VOID BeginRequest(SentRequest* request);
+// Just before it is sent. From now on the unload waits for EndRequest. FALSE: the unload has begun, and nothing is sent.
+BOOLEAN BeginRequest(SentRequest* request);
 
 // First step of its completion: it is cancelled no more, unless that has begun.
 VOID CompleteRequest(SentRequest* request);

@@ -64,13 +64,12 @@ NTSTATUS OpenFileAs(PCWSTR deviceName, PCSTR attribute, ULONG attributeLength, c
 NTSTATUS Associate(PKS_CONNECTION_ENDPOINT endpoint)
 {
     const PKS_TRANSPORT_ADDRESS address = endpoint->Address;
-    const AddressRequest request(address);
-    if (request.Irp() == nullptr) {
-        return request.Refusal();
+    const AddressRequest request(address, endpoint->FileObject);
+    if (!NT_SUCCESS(request.Status())) {
+        return request.Status();
     }
-    PrepareRequest<TDI_REQUEST_KERNEL_ASSOCIATE>(request.Irp(), endpoint->FileObject, TDI_ASSOCIATE_ADDRESS)
-        ->AddressHandle = address->Handle;
-    const NTSTATUS status = KS_MakeSimpleTdiRequest(DeviceOf(endpoint->FileObject), request.Irp());
+    request.Prepare<TDI_REQUEST_KERNEL_ASSOCIATE>(TDI_ASSOCIATE_ADDRESS)->AddressHandle = address->Handle;
+    const NTSTATUS status = request.Send();
     if (NT_SUCCESS(status)) {
         Reference(address); // beside that of the request, so it cannot be refused
         Append(endpoint);
@@ -89,7 +88,7 @@ NTSTATUS KS_OpenTransportAddress(PCWSTR DeviceName, PTRANSPORT_ADDRESS Address, 
     NTSTATUS status = OpenFileAs(DeviceName, TdiTransportAddress, TDI_TRANSPORT_ADDRESS_LENGTH, Address,
                                  KS_TransportAddressLength(Address), &file);
     if (NT_SUCCESS(status)) {
-        Record->Irp = AllocateRequest(file.FileObject);
+        Record->Irp = AllocateRequest(DeviceOf(file.FileObject));
         if (Record->Irp != nullptr) {
             Record->Handle = file.Handle;
             Record->FileObject = file.FileObject;
@@ -120,21 +119,24 @@ NTSTATUS KS_OpenConnectionEndpoint(PCWSTR DeviceName, PKS_TRANSPORT_ADDRESS Addr
     NTSTATUS status = OpenFileAs(DeviceName, TdiConnectionContext, TDI_CONNECTION_CONTEXT_LENGTH,
                                  &ConnectionContext, sizeof(ConnectionContext), &file);
     Record->Status = status;
-    if (NT_SUCCESS(status)) {
-        Record->Handle = file.Handle;
-        Record->FileObject = file.FileObject;
-        Record->Address = Address;
-        Record->Count = 1;
-        status = Associate(Record);
-        if (!NT_SUCCESS(status)) {
-            CloseFile(&file);
-            Record->Handle = nullptr;
-            Record->FileObject = nullptr;
-            Record->Address = nullptr;
-            Record->Count = 0;
-        }
-    }
     Record->AssociateStatus = status;
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    Record->Handle = file.Handle;
+    Record->FileObject = file.FileObject;
+    Record->Address = Address;
+    Record->Count = 1;
+    const Held<KS_CONNECTION_ENDPOINT> held(Record); // a caller's connection may end before it is in the list
+    status = Associate(Record);
+    Record->AssociateStatus = status;
+    if (!NT_SUCCESS(status)) {
+        CloseFile(&file);
+        Record->Handle = nullptr;
+        Record->FileObject = nullptr;
+        Record->Address = nullptr;
+        Record->Count = 0;
+    }
     return status;
 }
 

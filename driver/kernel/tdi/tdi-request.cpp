@@ -16,27 +16,33 @@ NTSTATUS NTAPI SignalCompletion(PDEVICE_OBJECT, PIRP, PVOID event)
 } // namespace
 
 // The exchange acquires what the thread before did with the request; that of the destructor releases it.
-AddressRequest::AddressRequest(PKS_TRANSPORT_ADDRESS address) : address_(address), irp_(nullptr)
+AddressRequest::AddressRequest(PKS_TRANSPORT_ADDRESS address, PFILE_OBJECT file)
+    : address_(address), file_(file)
 {
-    if (address_.Get() != nullptr) {
-        irp_ = static_cast<PIRP>(
-            InterlockedExchangePointer(reinterpret_cast<PVOID volatile*>(&address->Irp), nullptr));
+    if (address_.Get() == nullptr) {
+        status_ = STATUS_INVALID_HANDLE;
+        return;
     }
-    if (irp_ != nullptr) {
-        IoReuseIrp(irp_, STATUS_SUCCESS);
+    device_ = DeviceOf(file);
+    irp_ =
+        static_cast<PIRP>(InterlockedExchangePointer(reinterpret_cast<PVOID volatile*>(&Place()), nullptr));
+    if (irp_ == nullptr) {
+        status_ = STATUS_DEVICE_BUSY;
+    } else if (irp_->StackCount < device_->StackSize) {
+        if (const PIRP deeper = AllocateRequest(device_); deeper != nullptr) {
+            IoFreeIrp(irp_);
+            irp_ = deeper;
+        } else {
+            status_ = STATUS_INSUFFICIENT_RESOURCES;
+        }
     }
 }
 
 AddressRequest::~AddressRequest()
 {
     if (irp_ != nullptr) {
-        InterlockedExchangePointer(reinterpret_cast<PVOID volatile*>(&address_.Get()->Irp), irp_);
+        InterlockedExchangePointer(reinterpret_cast<PVOID volatile*>(&Place()), irp_);
     }
-}
-
-NTSTATUS AddressRequest::Refusal() const
-{
-    return address_.Get() == nullptr ? STATUS_INVALID_HANDLE : STATUS_DEVICE_BUSY;
 }
 
 } // namespace tdi

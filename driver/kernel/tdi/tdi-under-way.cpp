@@ -8,6 +8,7 @@ namespace
 
 KSPIN_LOCK requestLock;
 LIST_ENTRY requests = {&requests, &requests}; // sent and not completed
+BOOLEAN ending;                               // no more may be sent; under the lock
 volatile LONG underWay;                       // sent, and their completion not yet behind its last step
 
 // The first request that was not cancelled before, which stays until Free gives it back. Null: there is none.
@@ -30,9 +31,9 @@ SentRequest* TakeForCancel()
 
 } // namespace
 
-SentRequest* AllocateSentRequest(PFILE_OBJECT file)
+SentRequest* AllocateSentRequest(PDEVICE_OBJECT device)
 {
-    const PIRP irp = IoAllocateIrp(static_cast<CCHAR>(DeviceOf(file)->StackSize + 1), FALSE);
+    const PIRP irp = IoAllocateIrp(static_cast<CCHAR>(device->StackSize + 1), FALSE);
     if (irp == nullptr) {
         return nullptr;
     }
@@ -44,13 +45,17 @@ SentRequest* AllocateSentRequest(PFILE_OBJECT file)
     return request;
 }
 
-VOID BeginRequest(SentRequest* request)
+BOOLEAN BeginRequest(SentRequest* request)
 {
-    InterlockedIncrement(&underWay);
     KIRQL irql;
     KeAcquireSpinLock(&requestLock, &irql);
-    InsertTailList(&requests, &request->Link);
+    const BOOLEAN allowed = !ending;
+    if (allowed) {
+        InterlockedIncrement(&underWay);
+        InsertTailList(&requests, &request->Link);
+    }
     KeReleaseSpinLock(&requestLock, irql);
+    return allowed;
 }
 
 // The library's own stack location is left as well: the request belongs to nobody's stack when it is freed.
@@ -75,20 +80,35 @@ VOID EndRequest()
     InterlockedDecrement(&underWay);
 }
 
+namespace
+{
+
+VOID SetEnding(BOOLEAN value)
+{
+    KIRQL irql;
+    KeAcquireSpinLock(&requestLock, &irql);
+    ending = value;
+    KeReleaseSpinLock(&requestLock, irql);
+}
+
+} // namespace
+
 VOID EndEverything()
 {
+    SetEnding(TRUE); // or a callback that always sends the next request would never come to an end
     for (;;) {
         while (SentRequest* request = TakeForCancel()) {
             IoCancelIrp(request->Irp);
             Free(request);
         }
         if (InterlockedCompareExchange(&underWay, 0, 0) == 0 && !AreClosingsUnderWay()) {
-            return;
+            break;
         }
         LARGE_INTEGER interval;
         interval.QuadPart = -10 * 1000; // a millisecond
         KeDelayExecutionThread(KernelMode, FALSE, &interval);
     }
+    SetEnding(FALSE); // a driver that is loaded again may find its data as it left them
 }
 
 } // namespace tdi

@@ -4,7 +4,8 @@
 namespace tdi
 {
 
-// Cancels the data requests under way, and waits until they are completed and no work item of the library is left.
+// Refuses new data requests, cancels those under way, and waits until they are completed and no work item of the
+// library is left.
 // PASSIVE_LEVEL.
 void EndEverything();
 

@@ -31,11 +31,13 @@
  *   STATUS_PENDING, and the callback is called once, maybe before that. Event, when given too, is set just
  *   before the callback.
  * - Else with Event: the event is reset, the function returns as above, and the event is set upon completion.
- *   Wait for it when the function returned STATUS_PENDING; IoStatus then has the result.
- * - Else the function waits and returns the final status.
+ *   Wait for it when the function returned STATUS_PENDING; IoStatus then has the result, and the request holds
+ *   no reference any more.
+ * - Else the function waits and returns the status that the completion delivered.
  * IoStatus may be null in each of them. It is preset to STATUS_UNSUCCESSFUL and 0 when the request is sent,
- * and has the final status and the number of bytes moved when it has completed. STATUS_INSUFFICIENT_RESOURCES
- * or STATUS_INVALID_HANDLE with IoStatus untouched and without a callback: nothing was sent.
+ * and has the final status and the number of bytes moved when it has completed. STATUS_INSUFFICIENT_RESOURCES,
+ * STATUS_INVALID_HANDLE or, while the library's driver is being unloaded, STATUS_DELETE_PENDING, with IoStatus
+ * untouched and without a callback: nothing was sent.
  */
 #ifndef TDI_CLIENT_H
 #define TDI_CLIENT_H
@@ -49,8 +51,7 @@
 extern "C" {
 #endif
 
-/* --------------------------------------------------------------------------------------------------- records
- */
+/* -------------------------------------------------------------------------------------------------- records */
 
 /* A record's count while it has lost its last reference and its handle is not yet closed. */
 #define KS_BEING_CLOSED 0x80000000u
@@ -73,10 +74,10 @@ typedef struct _KS_CONNECTION_ENDPOINT {
     volatile ULONG Count;          /* 20: references: 1 of the opening, 1 of each request under way; or
                                       KS_BEING_CLOSED */
     PKS_TRANSPORT_ADDRESS Address; /* 24: the owner, on which the endpoint holds a reference */
-    NTSTATUS Status;               /* 32: STATUS_UNSUCCESSFUL until opened, then what the opening came to, apart
+    NTSTATUS Status;         /* 32: STATUS_UNSUCCESSFUL until opened, then what the opening came to, apart
                                       from the association */
-    HANDLE Handle;                 /* 40 */
-    PFILE_OBJECT FileObject;       /* 48: referenced */
+    HANDLE Handle;           /* 40 */
+    PFILE_OBJECT FileObject; /* 48: referenced */
 } KS_CONNECTION_ENDPOINT, *PKS_CONNECTION_ENDPOINT;
 
 /* An open control channel of a transport device. 16 bytes. */
@@ -97,8 +98,7 @@ typedef VOID(NTAPI* KS_COMPLETION)(PVOID CompletionContext, PIO_STATUS_BLOCK IoS
 #define KS_PROVIDER_STATISTICS_SIZE 216 /* bytes of a TDI_PROVIDER_STATISTICS with one resource */
 #define KS_PROCESS_NAME_SIZE 17         /* bytes of KS_GetCurrentProcessName */
 
-/* ----------------------------------------------------------------------------------------------- addresses
- */
+/* ------------------------------------------------------------------------------------------------ addresses */
 
 /*
  * Opens a local address on a transport device. DeviceName is wide text with a terminating zero, for instance
@@ -151,8 +151,7 @@ NTSTATUS KS_ReceiveDatagramOnAddress(PKS_TRANSPORT_ADDRESS Record, PKEVENT Event
                                      PTDI_CONNECTION_INFORMATION ReceiveInformation,
                                      PTDI_CONNECTION_INFORMATION ReturnInformation, ULONG Flags);
 
-/* ---------------------------------------------------------------------------------------------- connections
- */
+/* ---------------------------------------------------------------------------------------------- connections */
 
 /*
  * Opens a connection endpoint on the same device as Address and associates it with that. ConnectionContext is
@@ -209,8 +208,7 @@ NTSTATUS KS_ReceiveOnEndpoint(PKS_CONNECTION_ENDPOINT Record, PKEVENT Event, KS_
  */
 NTSTATUS KS_SetConnectionInfo(PKS_CONNECTION_ENDPOINT Record, PVOID Buffer);
 
-/* -------------------------------------------------------------------------------------------------- provider
- */
+/* ------------------------------------------------------------------------------------------------- provider */
 
 /* Opens a control channel of a device. Writes Channel on success only. Errors as for an address.
  * PASSIVE_LEVEL. */
@@ -228,8 +226,7 @@ NTSTATUS KS_CloseControlChannel(PKS_CONTROL_CHANNEL Channel);
 NTSTATUS KS_QueryProviderInfo(PCWSTR DeviceName, PVOID Buffer);
 NTSTATUS KS_QueryProviderStatistics(PCWSTR DeviceName, PVOID Buffer);
 
-/* -------------------------------------------------------------------------------------------------- requests
- */
+/* ------------------------------------------------------------------------------------------------- requests */
 
 /*
  * Sends a request of IoAllocateIrp, whose next stack location is filled in, to a device and waits for it. The
@@ -265,8 +262,7 @@ ULONG KS_TransportAddressLength(const TRANSPORT_ADDRESS* Address);
 /* Fills one IP address. IpAddress and Port are stored as they are: network byte order. Any IRQL. */
 VOID KS_InitIPAddress(PTA_IP_ADDRESS Address, ULONG IpAddress, USHORT Port);
 
-/* ------------------------------------------------------------------------------------------------------
- * helpers */
+/* -------------------------------------------------------------------------------------------------- helpers */
 
 /*
  * Makes (Create TRUE) or deletes the link \DosDevices\NAME for the device \Device\NAME. STATUS_UNSUCCESSFUL:
@@ -275,8 +271,10 @@ VOID KS_InitIPAddress(PTA_IP_ADDRESS Address, ULONG IpAddress, USHORT Port);
  */
 NTSTATUS KS_CreateSymbolicLink(PUNICODE_STRING DeviceName, BOOLEAN Create);
 
-/* Frees an NDIS packet and the MDLs of its buffers, unlocking those that are locked. Null: nothing. IRQL <=
- * DISPATCH. */
+/*
+ * Frees an NDIS packet and the MDLs of its buffers, which describe non-paged memory: pages that were locked for one
+ * stay locked. Null: nothing. IRQL <= DISPATCH.
+ */
 VOID KS_FreePacketAndBuffers(PNDIS_PACKET Packet);
 
 /* Between host and network byte order. Any IRQL. */
@@ -287,7 +285,8 @@ USHORT KS_ntohs(USHORT Value);
 
 /*
  * The Internet checksum (RFC 1071) of Length bytes, over 16-bit words as they lie in memory, so the result is
- * stored as it is. An odd last byte counts as the upper half of a word, unlike in RFC 1071. Any IRQL.
+ * stored as it is. An odd last byte counts as the upper half of a word, unlike in RFC 1071. The sum has 32 bits, which
+ * 131,074 bytes cannot overflow. Any IRQL.
  */
 USHORT KS_in_cksum(const VOID* Buffer, ULONG Length);
 
