@@ -107,6 +107,9 @@ void PlainPolling()
             std::memcpy(out.data(), g_pattern->At(sent), kBlock);
             const ssize_t count = send(descriptor, out.data(), std::min<uint64_t>(kBlock, kBytes - sent),
                                        MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (count < 0 && errno != EAGAIN) {
+                Fail("send", errno);
+            }
             sent += count > 0 ? static_cast<uint64_t>(count) : 0;
         }
     }

@@ -208,7 +208,20 @@ void CheckReturnToUser(const char* where);
 // ------------------------------------------------------------------------------------------------------ faults
 
 // Kernel operations that can fail. A test makes the n-th call of a kind fail, counted from now, starting at 1.
-enum class Fault { Pool, Lookaside, Mdl, MapPages, Thread, Device, SymbolicLink, Registry, File, Request, Count };
+enum class Fault {
+    Pool,
+    Lookaside,
+    Mdl,
+    LockPages, // raises STATUS_ACCESS_VIOLATION
+    MapPages,
+    Thread,
+    Device,
+    SymbolicLink,
+    Registry,
+    File,
+    Request,
+    Count
+};
 void FailCall(Fault kind, uint64_t n);    // one call fails; a second FailCall of the kind replaces the first
 void FailAllFrom(Fault kind, uint64_t n); // the n-th and every later call fails
 void ClearFaults();

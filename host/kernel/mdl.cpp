@@ -212,6 +212,9 @@ VOID MmProbeAndLockPages(PMDL mdl, KPROCESSOR_MODE mode, LOCK_OPERATION operatio
                "MDL %p has its pages locked already, or is non-paged pool", static_cast<void*>(mdl));
         return;
     }
+    if (Fails(machine::Fault::LockPages)) {
+        ExRaiseStatus(STATUS_ACCESS_VIOLATION);
+    }
     mdl->MdlFlags |= MDL_PAGES_LOCKED;
 }
 

@@ -17,8 +17,8 @@ namespace
 constexpr ULONG kMaxPort = 65535;
 constexpr ULONG kEvents = 256; // that wait to be shipped
 constexpr ULONG kLine = 128;
-constexpr LONGLONG kRetry = -10'000'000;    // a second after a failure, in 100-ns units
-constexpr LONGLONG kPatience = -50'000'000; // five seconds for what the server has to take
+constexpr LONGLONG kMillisecond = -10'000;       // from now, in 100-ns units
+constexpr LONGLONG kRetry = 1000 * kMillisecond; // after a failure
 
 constexpr ULONG kIpSource = 12; // offsets in the IPv4 header: RFC 791
 constexpr ULONG kIpDestination = 16;
@@ -41,6 +41,7 @@ struct Shipper {
     ULONG ServerAddress; // network order
     USHORT ServerPort;   // network order
     BOOLEAN Stream;
+    ULONG Patience; // milliseconds for what the server has to take
 
     KSPIN_LOCK Lock; // for the ring
     Event Ring[kEvents];
@@ -170,7 +171,7 @@ NTSTATUS Await(NTSTATUS status, PKEVENT done, const IO_STATUS_BLOCK* result)
         return status;
     }
     LARGE_INTEGER patience;
-    patience.QuadPart = kPatience;
+    patience.QuadPart = kMillisecond * shipper.Patience;
     while (KeWaitForSingleObject(done, Executive, KernelMode, FALSE, &patience) == STATUS_TIMEOUT) {
         KS_Disconnect(&shipper.Endpoint, nullptr, nullptr, nullptr, nullptr, TDI_DISCONNECT_ABORT);
     }
@@ -364,6 +365,7 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
 {
     constexpr ULONG kDefaultAddress = 0x7F000001;
     constexpr ULONG kDefaultPort = 514;
+    constexpr ULONG kDefaultPatience = 5000;
     RtlZeroMemory(&shipper, sizeof(shipper));
     const ULONG port = Filter_RegGetDwordValue(RegistryPath, L"LogPort", kDefaultPort);
     if (port == 0 || port > kMaxPort) {
@@ -372,6 +374,7 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
     }
     shipper.ServerAddress = KS_htonl(Filter_RegGetDwordValue(RegistryPath, L"LogAddress", kDefaultAddress));
     shipper.ServerPort = KS_htons(static_cast<USHORT>(port));
+    shipper.Patience = Filter_RegGetDwordValue(RegistryPath, L"LogPatience", kDefaultPatience);
     shipper.Stream = Filter_RegGetDwordValue(RegistryPath, L"LogStream", 0) != 0;
     KeInitializeSpinLock(&shipper.Lock);
     KeInitializeEvent(&shipper.Started, NotificationEvent, FALSE);

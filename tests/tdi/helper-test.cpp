@@ -1,6 +1,8 @@
 // What of the kernel sockets needs no transport, and what a provider says of itself.
 #include "tdi-test.h"
 
+#include <hostguard.h>
+
 namespace
 {
 
@@ -53,7 +55,43 @@ TEST(HelperTest, LinksNeedANameBehindTheDirectory)
         EXPECT_EQ(machine::TakeCensus().links, links + (status == STATUS_SUCCESS ? 1 : 0));
         EXPECT_EQ(KS_CreateSymbolicLink(&name, FALSE), status) << length;
     }
+    name.Length = 22;
+    machine::FailCall(machine::Fault::Pool, 1);
+    EXPECT_EQ(KS_CreateSymbolicLink(&name, TRUE), STATUS_INSUFFICIENT_RESOURCES);
+    machine::ClearFaults();
     EXPECT_EQ(machine::TakeCensus().links, links);
+}
+
+// Hung on a request as IoAllocateMdl does, and taken off when its pages cannot be locked.
+TEST(HelperTest, MemoryThatCannotBeLockedLeavesNoDescription)
+{
+    static UCHAR data[100];
+    static BOOLEAN secondary;
+    static PIRP irp;
+    const auto allocate = [](void* mdl) {
+        *static_cast<PMDL*>(mdl) = KS_AllocateAndProbeMdl(data, sizeof(data), secondary, FALSE, irp);
+    };
+    const size_t before = machine::TakeCensus().mdls;
+    PMDL mdls[2] = {};
+    irp = IoAllocateIrp(1, FALSE);
+    for (secondary = FALSE; secondary <= TRUE; ++secondary) {
+        machine::FailCall(machine::Fault::LockPages, 1);
+        EXPECT_EQ(HostCallGuarded(allocate, &mdls[secondary]), STATUS_ACCESS_VIOLATION);
+        machine::ClearFaults();
+        EXPECT_EQ(machine::TakeCensus().mdls, before + secondary);
+        EXPECT_EQ(irp->MdlAddress, mdls[0]);
+        EXPECT_TRUE(mdls[0] == nullptr || mdls[0]->Next == nullptr);
+        EXPECT_EQ(HostCallGuarded(allocate, &mdls[secondary]), STATUS_SUCCESS);
+        EXPECT_EQ(MmGetMdlVirtualAddress(mdls[secondary]), data);
+        EXPECT_EQ(MmGetMdlByteCount(mdls[secondary]), sizeof(data));
+    }
+    EXPECT_EQ(mdls[0]->Next, mdls[1]);
+    for (const PMDL mdl : mdls) {
+        KS_UnlockAndFreeMdl(mdl);
+    }
+    IoFreeIrp(irp);
+    EXPECT_EQ(machine::TakeCensus().mdls, before);
+    EXPECT_THAT(machine::TakeViolations(), testing::IsEmpty());
 }
 
 TEST(HelperTest, PacketsGoWithTheirBuffers)
@@ -98,6 +136,13 @@ TEST_F(TdiTest, ProvidersTellWhatTheyOffer)
     EXPECT_TRUE(tcp.ServiceFlags & TDI_SERVICE_CONNECTION_MODE);
     EXPECT_TRUE(udp.ServiceFlags & TDI_SERVICE_CONNECTIONLESS_MODE);
     EXPECT_EQ(udp.MaxDatagramSize, 65507u);
+    KS_CONTROL_CHANNEL channel = {};
+    ASSERT_EQ(KS_OpenControlChannel(L"\\Device\\Tcp", &channel), STATUS_SUCCESS);
+    EXPECT_EQ(machine::TakeCensus().files, 1u);
+    EXPECT_NE(channel.Handle, nullptr);
+    EXPECT_NE(channel.FileObject, nullptr);
+    EXPECT_EQ(KS_CloseControlChannel(&channel), STATUS_SUCCESS);
+    EXPECT_EQ(machine::TakeCensus().files, 0u);
 }
 
 } // namespace

@@ -8,12 +8,13 @@
 namespace
 {
 
-std::string RunLab(uint16_t port, bool stream)
+std::string RunLab(uint16_t port, bool stream, const char* more = "")
 {
     std::ostringstream command;
     command << NDISFILTER_LAB << " replay " << NDISFILTER_TEST_DATA
             << "/session.pcapng --sockets --quiet --debug-output - --filter logshipper"
-            << " --set-dword logshipper.LogPort=" << port << " --set-dword logshipper.LogStream=" << stream << " 2>&1";
+            << " --set-dword logshipper.LogPort=" << port << " --set-dword logshipper.LogStream=" << stream
+            << more << " 2>&1";
     std::string output;
     FILE* pipe = popen(command.str().c_str(), "r");
     char buffer[4096];
@@ -69,6 +70,17 @@ TEST(LogShipperTest, AServerThatIsNotThereCostsLinesAndNothingElse)
     const std::string output = RunLab(nobody.Port(), true);
     EXPECT_THAT(output, testing::HasSubstr("logshipper: cannot reach the log server, status 0xC0000236"));
     EXPECT_THAT(output, testing::HasSubstr("logshipper: 0 lines handed to the transport"));
+    EXPECT_THAT(output, testing::HasSubstr("exit code 0"));
+}
+
+TEST(LogShipperTest, AServerThatReadsNothingHoldsUpNoUnload)
+{
+    const HostSocket server(SOCK_STREAM);
+    server.TakeLittle(); // a tenth of a megabyte fills the connection
+    const std::string output =
+        RunLab(server.Port(), true, " --repeat 600 --set-dword logshipper.LogPatience=200");
+    EXPECT_THAT(output, testing::HasSubstr("logshipper: cannot reach the log server, status 0xC0000241"));
+    EXPECT_THAT(output, testing::Not(testing::HasSubstr(" 0 lines handed to the transport")));
     EXPECT_THAT(output, testing::HasSubstr("exit code 0"));
 }
 

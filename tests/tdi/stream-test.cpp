@@ -107,6 +107,9 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
         const HostSocket peer(*listener);
         EXPECT_EQ(KS_SendOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, nullptr, 0),
                   STATUS_SUCCESS);
+        EXPECT_EQ(KS_ReceiveOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, nullptr, 0),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(result.Information, 0u);
         peer.Send("last words");
         peer.EndSending();
         ASSERT_EQ(receive(), STATUS_SUCCESS);
@@ -125,11 +128,14 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
         KEVENT ended;
         KeInitializeEvent(&ended, NotificationEvent, TRUE); // the library resets it
         IO_STATUS_BLOCK waited;
-        ASSERT_EQ(disconnect(TDI_DISCONNECT_RELEASE), STATUS_SUCCESS);
+        ASSERT_EQ(KS_SendOnEndpoint(&endpoint, nullptr, nullptr, nullptr, nullptr, hello.Mdl(),
+                                    TDI_SEND_AND_DISCONNECT),
+                  STATUS_SUCCESS);
         EXPECT_EQ(KS_Disconnect(&endpoint, &ended, nullptr, nullptr, &waited, TDI_DISCONNECT_WAIT),
                   STATUS_PENDING);
         {
             const HostSocket peer(*listener);
+            EXPECT_EQ(peer.Receive(), "hello");
             EXPECT_EQ(peer.Receive(), "<end>");
         }
         EXPECT_EQ(receive(), STATUS_GRACEFUL_DISCONNECT);
@@ -187,46 +193,65 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
     connection.Close();
 }
 
-// A kernel server: accepts with a request of its own, takes a part of what is indicated, and the rest by a
-// receive.
+// A kernel server: accepts with a request of its own, and answers what is indicated to it as it is told.
 struct Listener {
     echo::Connection connection;
     echo::Block rest{100};
-    KEVENT accepted, indicated, disconnected;
+    KEVENT completed, indicated, disconnected; // `completed`: a request of its own
     IO_STATUS_BLOCK result = {};
+    NTSTATUS answer = STATUS_SUCCESS; // to an indication
     std::string taken;
     ULONG disconnectFlags = 0;
 
-    static NTSTATUS OnAccepted(PDEVICE_OBJECT, PIRP irp, PVOID self)
+    Listener()
     {
+        for (KEVENT* event : {&completed, &indicated, &disconnected}) {
+            KeInitializeEvent(event, SynchronizationEvent, FALSE);
+        }
+    }
+    // For the transport, which completes it.
+    PIRP NewRequest(UCHAR minor)
+    {
+        const PFILE_OBJECT file = connection.endpoint.FileObject;
+        const PIRP irp = IoAllocateIrp(IoGetRelatedDeviceObject(file)->StackSize, FALSE);
+        const PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
+        next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+        next->MinorFunction = minor;
+        next->FileObject = file;
+        IoSetCompletionRoutine(irp, OnCompleted, this, TRUE, TRUE, TRUE);
+        IoSetNextIrpStackLocation(irp);
+        return irp;
+    }
+    static NTSTATUS OnCompleted(PDEVICE_OBJECT, PIRP irp, PVOID context)
+    {
+        const auto self = static_cast<Listener*>(context);
+        self->result = irp->IoStatus;
         IoFreeIrp(irp);
-        KeSetEvent(&static_cast<Listener*>(self)->accepted, 0, FALSE);
+        KeSetEvent(&self->completed, 0, FALSE);
         return STATUS_MORE_PROCESSING_REQUIRED;
     }
     static NTSTATUS OnConnect(PVOID context, LONG, PVOID, LONG, PVOID, LONG, PVOID, CONNECTION_CONTEXT*,
                               PIRP* request)
     {
-        const auto self = static_cast<Listener*>(context);
         EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
-        const PFILE_OBJECT file = self->connection.endpoint.FileObject;
-        *request = IoAllocateIrp(IoGetRelatedDeviceObject(file)->StackSize, FALSE);
-        const PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(*request);
-        next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
-        next->MinorFunction = TDI_ACCEPT;
-        next->FileObject = file;
-        IoSetCompletionRoutine(*request, OnAccepted, self, TRUE, TRUE, TRUE);
-        IoSetNextIrpStackLocation(*request);
+        *request = static_cast<Listener*>(context)->NewRequest(TDI_ACCEPT);
         return STATUS_MORE_PROCESSING_REQUIRED;
     }
     static NTSTATUS OnReceive(PVOID context, CONNECTION_CONTEXT connection, ULONG, ULONG indicated, ULONG,
-                              ULONG* taken, PVOID data, PIRP*)
+                              ULONG* taken, PVOID data, PIRP* request)
     {
         const auto self = static_cast<Listener*>(context);
         EXPECT_EQ(connection, self);
         *taken = std::min(indicated, 4u);
         self->taken.assign(static_cast<char*>(data), *taken);
+        if (self->answer == STATUS_MORE_PROCESSING_REQUIRED) {
+            *request = self->NewRequest(TDI_RECEIVE);
+            (*request)->MdlAddress = self->rest.Mdl();
+            auto& parameters = IoGetCurrentIrpStackLocation(*request)->Parameters;
+            reinterpret_cast<TDI_REQUEST_KERNEL_RECEIVE&>(parameters).ReceiveLength = 100;
+        }
         KeSetEvent(&self->indicated, 0, FALSE);
-        return STATUS_SUCCESS;
+        return self->answer;
     }
     static NTSTATUS OnDisconnect(PVOID context, CONNECTION_CONTEXT, LONG, PVOID, LONG, PVOID, ULONG flags)
     {
@@ -235,57 +260,81 @@ struct Listener {
         KeSetEvent(&self->disconnected, 0, FALSE);
         return STATUS_SUCCESS;
     }
+    // Asks the transport for the port that it chose.
+    uint16_t Port() const
+    {
+        struct {
+            ULONG activityCount;
+            TA_IP_ADDRESS address;
+        } info = {};
+        const PDEVICE_OBJECT device = IoGetRelatedDeviceObject(connection.address.FileObject);
+        const PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
+        const PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
+        next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+        next->MinorFunction = TDI_QUERY_INFORMATION;
+        next->FileObject = connection.address.FileObject;
+        reinterpret_cast<TDI_REQUEST_KERNEL_QUERY_INFORMATION&>(next->Parameters).QueryType =
+            TDI_QUERY_ADDRESS_INFO;
+        const PMDL mdl = KS_AllocateAndProbeMdl(&info, sizeof(info), FALSE, FALSE, irp);
+        EXPECT_EQ(KS_MakeSimpleTdiRequest(device, irp), STATUS_SUCCESS);
+        KS_UnlockAndFreeMdl(mdl);
+        IoFreeIrp(irp);
+        return KS_ntohs(info.address.Address[0].Address[0].sin_port);
+    }
 };
 
 TEST_F(TdiTest, AClientOfTheKernelServesCallersWithEventHandlers)
 {
-    Listener listener;
-    for (KEVENT* event : {&listener.accepted, &listener.indicated, &listener.disconnected}) {
-        KeInitializeEvent(event, SynchronizationEvent, FALSE);
+    constexpr NTSTATUS kOdd = static_cast<NTSTATUS>(0xC0001234);
+    struct Row {
+        NTSTATUS set;    // what setting the third handler comes to
+        NTSTATUS answer; // of the receive handler
+        const char* taken;
+        const char* rest;
+    };
+    for (const Row& row : {Row{kOdd, STATUS_SUCCESS, "", "abcdefgh"}, // it leaves those behind it unset
+                           Row{STATUS_SUCCESS, STATUS_SUCCESS, "abcd", "efgh"},
+                           Row{STATUS_SUCCESS, STATUS_DATA_NOT_ACCEPTED, "abcd", "abcdefgh"},
+                           Row{STATUS_SUCCESS, STATUS_MORE_PROCESSING_REQUIRED, "abcd", "efgh"}}) {
+        Listener listener;
+        const PKS_CONNECTION_ENDPOINT endpoint = &listener.connection.endpoint;
+        listener.answer = row.answer;
+        ASSERT_EQ(listener.connection.Open(0, &listener), STATUS_SUCCESS);
+        if (row.set != STATUS_SUCCESS) {
+            machine::AnswerTransportRequest(machine::TransportRequest::SetEventHandler, 3,
+                                            machine::TransportAnswer::AtOnce, row.set);
+        }
+        EXPECT_EQ(KS_SetEventHandlers(&listener.connection.address, &listener, Listener::OnConnect,
+                                      Listener::OnDisconnect, nullptr, Listener::OnReceive, nullptr, nullptr),
+                  row.set);
+        {
+            const HostSocket caller(SOCK_STREAM, false);
+            caller.Connect(listener.Port());
+            KeWaitForSingleObject(&listener.completed, Executive, KernelMode, FALSE, nullptr);
+            caller.Send("abcdefgh");
+            // Two answers of the transport's own thread: it has seen the data by then.
+            for (int i = 0; i < 2; ++i) {
+                machine::AnswerTransportRequest(machine::TransportRequest::Send, 1,
+                                                machine::TransportAnswer::Later, STATUS_SUCCESS);
+                KS_SendOnEndpoint(endpoint, nullptr, nullptr, nullptr, nullptr, nullptr, 0);
+            }
+            if (row.taken[0] != 0) {
+                KeWaitForSingleObject(&listener.indicated, Executive, KernelMode, FALSE, nullptr);
+            }
+            if (row.answer == STATUS_MORE_PROCESSING_REQUIRED) {
+                KeWaitForSingleObject(&listener.completed, Executive, KernelMode, FALSE, nullptr);
+            } else {
+                EXPECT_EQ(KS_ReceiveOnEndpoint(endpoint, nullptr, nullptr, nullptr, &listener.result,
+                                               listener.rest.Mdl(), TDI_RECEIVE_NORMAL),
+                          STATUS_SUCCESS);
+            }
+            EXPECT_EQ(listener.taken, row.taken);
+            EXPECT_EQ(TextOf(listener.rest, listener.result), row.rest);
+        }
+        KeWaitForSingleObject(&listener.disconnected, Executive, KernelMode, FALSE, nullptr);
+        EXPECT_EQ(listener.disconnectFlags, static_cast<ULONG>(TDI_DISCONNECT_RELEASE));
+        listener.connection.Close();
     }
-    ASSERT_EQ(listener.connection.Open(0, &listener), STATUS_SUCCESS);
-    ASSERT_EQ(KS_SetEventHandlers(&listener.connection.address, &listener, Listener::OnConnect,
-                                  Listener::OnDisconnect, nullptr, Listener::OnReceive, nullptr, nullptr),
-              STATUS_SUCCESS);
-    // Asks the transport for the port that it chose, with a request of the client's own.
-    struct {
-        ULONG activityCount;
-        TA_IP_ADDRESS address;
-    } info;
-    const PFILE_OBJECT file = listener.connection.address.FileObject;
-    const PDEVICE_OBJECT device = IoGetRelatedDeviceObject(file);
-    const PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
-    const PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
-    next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
-    next->MinorFunction = TDI_QUERY_INFORMATION;
-    next->FileObject = file;
-    reinterpret_cast<TDI_REQUEST_KERNEL_QUERY_INFORMATION&>(next->Parameters).QueryType =
-        TDI_QUERY_ADDRESS_INFO;
-    const PMDL mdl = KS_AllocateAndProbeMdl(&info, sizeof(info), FALSE, FALSE, irp);
-    EXPECT_EQ(KS_MakeSimpleTdiRequest(device, irp), STATUS_SUCCESS);
-    KS_UnlockAndFreeMdl(mdl);
-    IoFreeIrp(irp);
-
-    {
-        const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in to = {};
-        to.sin_family = AF_INET;
-        to.sin_port = info.address.Address[0].Address[0].sin_port;
-        to.sin_addr.s_addr = info.address.Address[0].Address[0].in_addr;
-        ASSERT_EQ(connect(descriptor, reinterpret_cast<sockaddr*>(&to), sizeof(to)), 0);
-        KeWaitForSingleObject(&listener.accepted, Executive, KernelMode, FALSE, nullptr);
-        ASSERT_EQ(send(descriptor, "abcdefgh", 8, 0), 8);
-        KeWaitForSingleObject(&listener.indicated, Executive, KernelMode, FALSE, nullptr);
-        EXPECT_EQ(listener.taken, "abcd");
-        EXPECT_EQ(KS_ReceiveOnEndpoint(&listener.connection.endpoint, nullptr, nullptr, nullptr,
-                                       &listener.result, listener.rest.Mdl(), TDI_RECEIVE_NORMAL),
-                  STATUS_SUCCESS);
-        EXPECT_EQ(TextOf(listener.rest, listener.result), "efgh");
-        close(descriptor);
-    }
-    KeWaitForSingleObject(&listener.disconnected, Executive, KernelMode, FALSE, nullptr);
-    EXPECT_EQ(listener.disconnectFlags, static_cast<ULONG>(TDI_DISCONNECT_RELEASE));
-    listener.connection.Close();
 }
 
 } // namespace

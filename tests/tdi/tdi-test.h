@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <machine.h>
 
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -74,9 +75,9 @@ class HostSocket
         getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address), &length);
         return ntohs(address.sin_port);
     }
-    void Connect(const HostSocket& peer) const
+    void Connect(uint16_t port) const
     {
-        const sockaddr_in address = Loopback(peer.Port());
+        const sockaddr_in address = Loopback(port);
         connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     }
     bool IsReadable() const { return Poll(10000); }
@@ -88,6 +89,14 @@ class HostSocket
         char buffer[4096];
         const ssize_t count = IsReadable() ? recv(descriptor_, buffer, sizeof(buffer), 0) : -1;
         return count > 0 ? std::string(buffer, static_cast<size_t>(count)) : count == 0 ? "<end>" : "<reset>";
+    }
+    // Of a listening one: small buffers and segments at both ends of the connections to come.
+    void TakeLittle() const
+    {
+        const int buffer = 2304;
+        const int segment = 88;
+        setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof(buffer));
+        setsockopt(descriptor_, IPPROTO_TCP, TCP_MAXSEG, &segment, sizeof(segment));
     }
     void EndSending() const { shutdown(descriptor_, SHUT_WR); }
     void ResetOnClose() const

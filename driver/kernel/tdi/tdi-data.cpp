@@ -145,6 +145,7 @@ NTSTATUS SendDataRequest(Owner* owner, UCHAR minor, const Notification& notifica
     IoSetCompletionRoutine(irp, FinishRequest<Owner>, request, TRUE, TRUE, TRUE);
     if (!BeginRequest(sent)) {
         ReleaseAndFree(owner, request);
+        IoSkipCurrentIrpStackLocation(irp); // the library's own: it was sent to nobody
         Free(sent);
         return STATUS_DELETE_PENDING;
     }
