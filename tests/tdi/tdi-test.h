@@ -49,7 +49,7 @@ class TdiTest : public testing::Test
     machine::Census before_;
 };
 
-// A socket of an ordinary program; all its calls wait ten seconds at most.
+// A socket of an ordinary program; all its calls wait a minute at most.
 class HostSocket
 {
   public:
@@ -80,7 +80,7 @@ class HostSocket
         const sockaddr_in address = Loopback(port);
         connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     }
-    bool IsReadable() const { return Poll(10000); }
+    bool IsReadable() const { return Poll(60'000); }
     bool HasMore() const { return Poll(0); } // now
     void Send(const std::string& text) const { send(descriptor_, text.data(), text.size(), MSG_NOSIGNAL); }
     // "<end>" at the end of the stream, "<reset>" when it was reset.
