@@ -8,6 +8,7 @@
 #include "eventually.h"
 #include "faults.h"
 #include "frames.h"
+#include "loading.h"
 
 #include <hook/virtual-adapters.h>
 #include <machine.h>
@@ -20,12 +21,8 @@
 namespace support
 {
 
-inline constexpr char kFrameworkService[] = "NdisFilter";
 inline constexpr char kDeviceName[] = "\\\\.\\NdisFilter";
 inline constexpr uint32_t kTraceEverything = 0xFFFFFFFF;
-
-// Returns once the framework's threads have printed what they print when they start.
-machine::Status LoadFramework();
 
 struct LoadPlan {
     bool loadFramework = true;

@@ -2,7 +2,7 @@
 // sees, and that nothing stays behind.
 #include "tdi-test.h"
 
-#include "support/framework.h"
+#include "support/loading.h"
 
 #include <memory>
 #include <thread>
