@@ -28,13 +28,24 @@ void PlainAdditions(benchmark::State& state, size_t size)
     bench::Datagrams datagrams(kIcmp, 2, size);
     datagrams.SumAll(state, [&](bench::Datagram& datagram) {
         const uint8_t* p = datagram.Transport();
-        uint64_t sums[4] = {};
-        for (size_t left = size; left >= 8; left -= 8, p += 8) {
+        const auto next = [&p] {
             uint64_t word;
             std::memcpy(&word, p, sizeof(word));
-            sums[left / 8 % 4] += word;
+            p += sizeof(word);
+            return word;
+        };
+        uint64_t a = 0, b = 0, c = 0, d = 0;
+        size_t left = size;
+        for (; left >= 32; left -= 32) {
+            a += next();
+            b += next();
+            c += next();
+            d += next();
         }
-        return static_cast<uint16_t>(sums[0] + sums[1] + sums[2] + sums[3]);
+        for (; left >= 8; left -= 8) {
+            a += next();
+        }
+        return static_cast<uint16_t>(a + b + c + d);
     });
 }
 
