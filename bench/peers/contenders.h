@@ -6,3 +6,4 @@ void RegisterDpdkParse();
 void RegisterTinsParse();
 void RegisterDpdkChecksumsO2();
 void RegisterDpdkChecksumsO3();
+void RegisterDpdkHashTable();
