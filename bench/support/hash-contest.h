@@ -134,9 +134,7 @@ void ForRandomKeys(benchmark::State& state, size_t size, const Operation& operat
             next = next + 1 < size ? next + 1 : 0;
         }
     }
-    if (state.thread_index() == 0) {
-        SetWork(state, entry.work);
-    }
+    SetWork(state, entry.work);
 }
 
 // Registers find/NAME and delete and insert/NAME for every size.
