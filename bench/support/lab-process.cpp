@@ -18,12 +18,6 @@
 namespace bench
 {
 
-void Fail(const std::string& what)
-{
-    std::fprintf(stderr, "benchmark failed: %s\n", what.c_str());
-    std::exit(1);
-}
-
 ProcessorPair::ProcessorPair()
 {
     cpu_set_t allowed;

@@ -1,6 +1,8 @@
 // A `ndisfilter-lab serve` of its own for a benchmark, on a core of its own.
 #pragma once
 
+#include "contest.h"
+
 #include <string>
 #include <vector>
 
@@ -48,7 +50,5 @@ class LabProcess
     Directory directory_;
     pid_t process_ = -1;
 };
-
-[[noreturn]] void Fail(const std::string& what);
 
 } // namespace bench
