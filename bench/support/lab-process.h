@@ -1,6 +1,7 @@
 // A `ndisfilter-lab serve` of its own for a benchmark, on a core of its own.
 #pragma once
 
+#include "contest.h"
 #include "processors.h"
 
 #include <string>
