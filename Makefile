@@ -3,7 +3,7 @@
 # What `make run` runs.
 LAB = replay tests/data/session.pcapng --filter blocker
 
-.PHONY: help run live test windows docs bench clean
+.PHONY: help run live test windows docs bench bench-compare clean
 
 help:
 	@echo 'make run     build the lab and replay a recorded capture through the sample filter'
@@ -11,7 +11,8 @@ help:
 	@echo 'make test    build and test everything: gcc, clang, sanitizers, the Windows drivers under Wine'
 	@echo 'make windows build the Windows drivers into dist/'
 	@echo 'make docs    make the reference of the public headers: build/docs/index.html'
-	@echo 'make bench   build and run the benchmarks'
+	@echo 'make bench   compare with the limits of the machine and with other software, side by side'
+	@echo 'make bench-compare BASE=rev   compare with another revision of this tree'
 	@echo 'make clean   remove everything that was built'
 	@echo
 	@echo 'make run LAB="replay FILE --filter NAME" runs the lab with other arguments.'
@@ -35,6 +36,9 @@ docs:
 
 bench:
 	@scripts/bench
+
+bench-compare:
+	@scripts/bench --compare $(or $(BASE),$(error BASE is missing: make bench-compare BASE=main))
 
 clean:
 	rm -rf build dist

@@ -55,6 +55,8 @@ class Share
     void EmptyInputRing();
 
     int32_t Announce();
+    int32_t AnnounceAhead();
+    int32_t AnswerToAnnouncement(std::optional<uint32_t> timeoutMs);
     void AnnounceUntilTaken();
     bool IsDriverTaking(uint32_t before);
     bool IsAllTaken() const;
@@ -74,6 +76,7 @@ class Share
     std::mutex sendMutex_;
     std::atomic<uint32_t> inputWrite_ = 0; // stored under sendMutex_
     uint32_t seenRead_ = UINT32_MAX;       // the driver's index at the last send
+    std::unique_ptr<PendingControl> announcement_;
 
     std::mutex receiveMutex_;
     uint32_t outputRead_ = 0;

@@ -1,18 +1,20 @@
-// The two rings between a program and a running lab, two processes on a core each: 64-byte frames a second, beside a
-// bare copy of the same blocks and a Unix datagram socket that carries the same frames; and how soon a parked read
-// wakes its program. Wall-clock time throughout. A frame that is lost while the ring has room fails the run.
+// The two rings between a program and a running lab, two processes on a core each: 64-byte frames beside bare rings of
+// the same blocks between two processes and Unix datagrams that carry the same frames; and how soon a parked read wakes
+// its program. Wall-clock time throughout. A frame that is lost while the ring has room fails the run.
+#include "contest.h"
 #include "lab-process.h"
-#include "medians.h"
 
 #include <ndisfilter-client.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <numeric>
 #include <thread>
 
 #include <pcap/pcap.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -33,7 +35,6 @@ constexpr size_t kBatch = 128;
 constexpr size_t kBlockBytes = offsetof(SharedBlock, m_Data) + kFrameSize; // of a block, with such a frame
 constexpr size_t kWindow = 384; // frames that may be out, of the 511 that a ring holds
 constexpr size_t kWakes = 1'000;
-constexpr char kRate[] = "frames/s";
 const bench::ProcessorPair processors;
 
 double SecondsSince(Clock::time_point start)
@@ -41,10 +42,12 @@ double SecondsSince(Clock::time_point start)
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
+// `frames` have come out at the other end.
 void Count(benchmark::State& state, double seconds, size_t frames)
 {
     state.SetIterationTime(seconds);
-    state.counters[kRate] = static_cast<double>(frames) / seconds;
+    bench::SetOperations(state, static_cast<double>(frames));
+    bench::SetWork(state, frames);
 }
 
 // An IPv4 frame with a UDP header.
@@ -93,60 +96,241 @@ const std::vector<std::string> kIdleLab = {"--adapter", "lan0=02:00:00:00:00:0a"
 
 // ---------------------------------------------------------------------------------------------------------- the peers
 
-// What a ring cannot do without: each frame is copied into a block, and out of it again.
-void CopyBlocks(benchmark::State& state)
+// Runs a function in a process of its own, on the lab's processor; it answers whether all was as it should be.
+template <class Work>
+class OtherProcess
 {
-    std::vector<SharedBlock> ring(NDIS_FILTER_BLOCK_COUNT);
-    const std::vector<uint8_t> from(kBlockBytes, 1);
-    std::vector<uint8_t> to(kBlockBytes);
-    for (auto _ : state) {
-        const auto start = Clock::now();
-        for (size_t frame = 0; frame < kFrames; frame += kBatch) {
-            for (size_t i = 0; i < kBatch; ++i) {
-                std::memcpy(static_cast<void*>(&ring[(frame + i) % ring.size()]), from.data(), kBlockBytes);
-            }
-            benchmark::ClobberMemory();
-            for (size_t i = 0; i < kBatch; ++i) {
-                std::memcpy(to.data(), &ring[(frame + i) % ring.size()], kBlockBytes);
-                benchmark::DoNotOptimize(to.data());
-            }
+  public:
+    explicit OtherProcess(const Work& work) : process_(fork())
+    {
+        if (process_ == 0) {
+            bench::RunOn(processors.lab);
+            _exit(work() ? 0 : 1);
         }
-        Count(state, SecondsSince(start), kFrames);
     }
-}
+    ~OtherProcess()
+    {
+        int status = -1;
+        waitpid(process_, &status, 0);
+        if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+            Fail("the other process");
+        }
+    }
+    OtherProcess(const OtherProcess&) = delete;
+    OtherProcess& operator=(const OtherProcess&) = delete;
 
-void SendDatagrams(benchmark::State& state)
+  private:
+    const pid_t process_;
+};
+
+// As little as a ring of such blocks between two processes can do with: each frame is copied into a block, and out of
+// it again. Both sides keep the other's index and look anew only when it is used up.
+class BareRing
+{
+  public:
+    BareRing()
+        : shared_(static_cast<Shared*>(
+              mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)))
+    {
+        if (shared_ == MAP_FAILED) {
+            Fail("memory for a ring");
+        }
+    }
+    ~BareRing() { munmap(shared_, sizeof(Shared)); }
+    BareRing(const BareRing&) = delete;
+    BareRing& operator=(const BareRing&) = delete;
+
+    // Puts as many of the frames as there is room for.
+    size_t Put(const SharedBlock& head, const uint8_t* frame, uint64_t number, size_t count)
+    {
+        uint64_t write = shared_->write.load(std::memory_order_relaxed);
+        if (write + count - read_ >= NDIS_FILTER_BLOCK_COUNT) {
+            read_ = shared_->read.load(std::memory_order_acquire);
+        }
+        count = std::min<size_t>(count, NDIS_FILTER_BLOCK_COUNT - 1 - (write - read_));
+        for (size_t i = 0; i < count; ++i) {
+            SharedBlock& block = shared_->blocks[write++ % NDIS_FILTER_BLOCK_COUNT];
+            std::memcpy(static_cast<void*>(&block), &head, offsetof(SharedBlock, m_Data));
+            block.m_nIndicateValue = number + i;
+            std::memcpy(block.m_Data, frame, kFrameSize);
+        }
+        shared_->write.store(write, std::memory_order_release);
+        return count;
+    }
+    // Takes what is there, up to `most`; adds to `wrong` the frames that do not follow `number`.
+    size_t Take(SharedBlock& block, uint64_t number, size_t most, size_t* wrong)
+    {
+        uint64_t read = shared_->read.load(std::memory_order_relaxed);
+        if (write_ == read) {
+            write_ = shared_->write.load(std::memory_order_acquire);
+        }
+        const size_t count = std::min<size_t>(most, write_ - read);
+        for (size_t i = 0; i < count; ++i) {
+            std::memcpy(static_cast<void*>(&block), &shared_->blocks[read++ % NDIS_FILTER_BLOCK_COUNT],
+                        kBlockBytes);
+            benchmark::DoNotOptimize(block);
+            *wrong += block.m_nIndicateValue != number + i ? 1 : 0;
+        }
+        shared_->read.store(read, std::memory_order_release);
+        return count;
+    }
+
+  private:
+    struct Shared {
+        alignas(64) std::atomic<uint64_t> write;
+        alignas(64) std::atomic<uint64_t> read;
+        SharedBlock blocks[NDIS_FILTER_BLOCK_COUNT];
+    };
+
+    Shared* const shared_;
+    uint64_t read_ = 0;  // of the other side, at the last look
+    uint64_t write_ = 0; //
+};
+
+void BareOneWay(benchmark::State& state)
 {
     const std::vector<uint8_t> frame = MakeFrame();
     for (auto _ : state) {
-        int sockets[2];
-        if (socketpair(AF_UNIX, SOCK_DGRAM, 0, sockets) != 0) {
+        BareRing ring;
+        size_t sent = 0;
+        const auto start = Clock::now();
+        {
+            const OtherProcess reader([&] {
+                SharedBlock block;
+                size_t wrong = 0;
+                for (size_t taken = 0; taken < kFrames;) {
+                    taken += ring.Take(block, taken, kBatch, &wrong);
+                }
+                return wrong == 0;
+            });
+            for (const SharedBlock head = {}; sent < kFrames;) {
+                sent += ring.Put(head, frame.data(), sent, std::min(kBatch, kFrames - sent));
+            }
+        }
+        Count(state, SecondsSince(start), sent);
+    }
+}
+
+void BareBothWays(benchmark::State& state)
+{
+    for (auto _ : state) {
+        const std::vector<uint8_t> frame = MakeFrame();
+        BareRing there;
+        BareRing back;
+        size_t sent = 0;
+        size_t received = 0;
+        size_t wrong = 0;
+        const auto start = Clock::now();
+        {
+            const OtherProcess echo([&] {
+                SharedBlock block;
+                size_t mistakes = 0;
+                for (size_t taken = 0; taken < kFrames;) {
+                    if (there.Take(block, taken, 1, &mistakes) == 1) {
+                        while (back.Put(block, block.m_Data, taken, 1) == 0) {
+                        }
+                        ++taken;
+                    }
+                }
+                return mistakes == 0;
+            });
+            SharedBlock block;
+            for (const SharedBlock head = {}; received < kFrames;) {
+                if (sent < kFrames && sent - received <= kWindow - kBatch) {
+                    sent += there.Put(head, frame.data(), sent, std::min(kBatch, kFrames - sent));
+                }
+                received += back.Take(block, received, NDIS_FILTER_BLOCK_COUNT, &wrong);
+            }
+        }
+        if (wrong != 0) {
+            state.SkipWithError("frames came back out of order");
+        }
+        Count(state, SecondsSince(start), received);
+    }
+}
+
+class SocketPair
+{
+  public:
+    SocketPair()
+    {
+        if (socketpair(AF_UNIX, SOCK_DGRAM, 0, ends_) != 0) {
             Fail("socketpair");
         }
-        const pid_t reader = fork();
-        if (reader == 0) {
-            bench::RunOn(processors.lab);
-            std::vector<uint8_t> room(kFrameSize);
-            size_t received = 0;
-            while (received < kFrames && read(sockets[1], room.data(), room.size()) == kFrameSize) {
-                ++received;
-            }
-            _exit(write(sockets[1], room.data(), 1) == 1 ? 0 : 1);
-        }
-        close(sockets[1]);
+    }
+    ~SocketPair()
+    {
+        close(ends_[0]);
+        close(ends_[1]);
+    }
+    SocketPair(const SocketPair&) = delete;
+    SocketPair& operator=(const SocketPair&) = delete;
+    static bool Write(int end, const std::vector<uint8_t>& frame)
+    {
+        return write(end, frame.data(), kFrameSize) == kFrameSize;
+    }
+    static bool Read(int end, std::vector<uint8_t>& room)
+    {
+        return read(end, room.data(), kFrameSize) == kFrameSize;
+    }
+    int Ours() const { return ends_[0]; }
+    int Theirs() const { return ends_[1]; }
+
+  private:
+    int ends_[2];
+};
+
+void DatagramsOneWay(benchmark::State& state)
+{
+    const std::vector<uint8_t> frame = MakeFrame();
+    for (auto _ : state) {
+        const SocketPair sockets;
+        size_t sent = 0;
         const auto start = Clock::now();
-        for (size_t i = 0; i < kFrames; ++i) {
-            if (write(sockets[0], frame.data(), frame.size()) != kFrameSize) {
-                Fail("the datagram socket");
+        {
+            const OtherProcess reader([&] {
+                std::vector<uint8_t> room(kFrameSize);
+                size_t received = 0;
+                while (received < kFrames && SocketPair::Read(sockets.Theirs(), room)) {
+                    ++received;
+                }
+                return received == kFrames;
+            });
+            while (sent < kFrames && SocketPair::Write(sockets.Ours(), frame)) {
+                ++sent;
             }
         }
-        uint8_t done;
-        if (read(sockets[0], &done, 1) != 1) {
-            Fail("the reader of the datagram socket");
+        Count(state, SecondsSince(start), sent);
+    }
+}
+
+// As many are on their way as the socket's queue takes for sure.
+void DatagramsBothWays(benchmark::State& state)
+{
+    constexpr size_t kMost = 8;
+    for (auto _ : state) {
+        const SocketPair sockets;
+        std::vector<uint8_t> room = MakeFrame();
+        size_t sent = 0;
+        size_t received = 0;
+        const auto start = Clock::now();
+        {
+            const OtherProcess echo([&] {
+                size_t echoed = 0;
+                while (echoed < kFrames && SocketPair::Read(sockets.Theirs(), room) &&
+                       SocketPair::Write(sockets.Theirs(), room)) {
+                    ++echoed;
+                }
+                return echoed == kFrames;
+            });
+            while (received < kFrames) {
+                while (sent < kFrames && sent - received < kMost && SocketPair::Write(sockets.Ours(), room)) {
+                    ++sent;
+                }
+                received += SocketPair::Read(sockets.Ours(), room) ? 1 : 0;
+            }
         }
-        Count(state, SecondsSince(start), kFrames);
-        close(sockets[0]);
-        waitpid(reader, nullptr, 0);
+        Count(state, SecondsSince(start), received);
     }
 }
 
@@ -345,23 +529,9 @@ void WakeUp(benchmark::State& state)
         }
         std::ranges::sort(microseconds);
         state.SetIterationTime(std::accumulate(microseconds.begin(), microseconds.end(), 0.0) / 1e6);
-        state.counters["median us"] = microseconds[kWakes / 2];
+        bench::SetValue(state, microseconds[kWakes / 2]);
+        bench::SetWork(state, microseconds.size());
         state.counters["99% us"] = microseconds[kWakes * 99 / 100];
-    }
-}
-
-void PrintSummary(const bench::Medians& medians)
-{
-    const double copy = medians.Of("memcpy");
-    const double datagrams = medians.Of("unix datagrams");
-    for (const char* name : {"to the driver", "from the driver", "both ways"}) {
-        const double rate = medians.Of(name);
-        if (rate > 0 && copy > 0 && datagrams > 0) {
-            std::printf("%-15s  %.2f million frames a second, %.1f times as many as datagrams; a frame takes "
-                        "%.1f times "
-                        "as long as its copies\n",
-                        name, rate / 1e6, rate / datagrams, copy / rate);
-        }
     }
 }
 
@@ -369,21 +539,23 @@ void PrintSummary(const bench::Medians& medians)
 
 int main(int argc, char** argv)
 {
-    if (!bench::Initialize(argc, argv, 5)) {
-        return 2;
-    }
     bench::RunOn(processors.program);
     const std::pair<const char*, void (*)(benchmark::State&)> all[] = {
-        {"memcpy", CopyBlocks},          {"unix datagrams", SendDatagrams}, {"to the driver", ToDriver},
-        {"from the driver", FromDriver}, {"both ways", BothWays},           {"wake-up", WakeUp}};
+        {"frames to the driver/framework/64 bytes", ToDriver},
+        {"frames to the driver/bare ring/64 bytes", BareOneWay},
+        {"frames to the driver/unix datagrams/64 bytes", DatagramsOneWay},
+        {"frames from the driver/framework/64 bytes", FromDriver},
+        {"frames from the driver/bare ring/64 bytes", BareOneWay},
+        {"frames from the driver/unix datagrams/64 bytes", DatagramsOneWay},
+        {"frames there and back/framework/64 bytes", BothWays},
+        {"frames there and back/bare rings/64 bytes", BareBothWays},
+        {"frames there and back/unix datagrams/64 bytes", DatagramsBothWays},
+        {"parked read/framework/wake-up", WakeUp}};
     for (const auto& [name, function] : all) {
         benchmark::RegisterBenchmark(name, function)
             ->UseManualTime()
             ->Iterations(1)
             ->Unit(benchmark::kMillisecond);
     }
-    bench::Medians medians(kRate);
-    benchmark::RunSpecifiedBenchmarks(&medians);
-    PrintSummary(medians);
-    return medians.HasFailed() ? 1 : 0;
+    return bench::Run(argc, argv);
 }

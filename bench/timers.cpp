@@ -1,24 +1,22 @@
-// Ten thousand repeating timers of ten milliseconds: how late callbacks come, how far each timer drifts from its period,
-// and what the workers' processor time is. A program of its own kind: it measures the clock, not a loop.
-#include "machine.h"
-#include "ndisfilter.h"
+// Up to ten thousand repeating timers of ten milliseconds: the processor time that a tick takes, and the share of the
+// ticks that were due and did not come, of all timers and of the worst. It measures the clock, not a loop.
+#include "framework.h"
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <ctime>
+#include <string>
 #include <thread>
 #include <vector>
-
-extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
 
 namespace
 {
 
+using bench::Check;
+
 constexpr ULONG kPeriodMs = 10;
-constexpr int kSeconds = 5;
+constexpr int kSeconds = 2;
 constexpr size_t kCounts[] = {100, 1000, 10'000};
 
 struct Ticks {
@@ -37,15 +35,7 @@ double ProcessorSeconds()
     return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
 }
 
-void Check(const char* what, int status)
-{
-    if (status != 0) {
-        std::fprintf(stderr, "bench-timers: %s: status %d\n", what, status);
-        std::exit(1);
-    }
-}
-
-void Run(FilterDriver* driver, size_t count)
+void Run(benchmark::State& state, FilterDriver* driver, size_t count)
 {
     std::vector<Ticks> ticks(count);
     std::vector<FilterTimer*> timers(count);
@@ -67,33 +57,38 @@ void Run(FilterDriver* driver, size_t count)
     for (FilterTimer* timer : timers) {
         Check("freeing", Filter_FreeTimer(driver, timer));
     }
-    const auto [least, most] = std::minmax_element(counts.begin(), counts.end());
-    const double expected = seconds * 1000 / kPeriodMs;
-    std::printf("%8zu %12.0f %10.2f%% %10.2f%% %10.2f%% %12.2f %14.2f\n", count, static_cast<double>(all) / seconds,
-                100 * (1 - static_cast<double>(all) / static_cast<double>(count) / expected),
-                100 * (1 - static_cast<double>(*least) / expected), 100 * (1 - static_cast<double>(*most) / expected),
-                processor / seconds, 1e6 * processor / static_cast<double>(all));
+    const double due = seconds * 1000 / kPeriodMs;
+    const double dueOfAll = due * static_cast<double>(count);
+    const auto missed = [](double came, double expected) { return std::max(0.0, 1 - came / expected); };
+    state.SetIterationTime(seconds);
+    state.counters["missed"] = missed(static_cast<double>(all), dueOfAll);
+    state.counters["missed, worst"] =
+        missed(static_cast<double>(*std::min_element(counts.begin(), counts.end())), due);
+    bench::SetValue(state, 1e6 * processor / static_cast<double>(all));
+    bench::SetWork(state, count);
 }
 
 } // namespace
 
-int main()
+int main(int argc, char** argv)
 {
-    const auto entry = [](void* driver, void* path) {
-        return DriverEntry(static_cast<PDRIVER_OBJECT>(driver), static_cast<PUNICODE_STRING>(path));
-    };
-    Check("loading the framework", machine::LoadDriver("NdisFilter", entry));
+    bench::LoadFramework();
     char text[] = "bench";
     const STRING name = {5, 6, text};
     FilterDriver* driver = nullptr;
     Check("registering", Filter_RegisterDriver(&name, nullptr, 1, 0, &driver));
-    std::printf("repeating timers of %u ms, %d seconds each; ticks missed of those that were due\n", kPeriodMs, kSeconds);
-    std::printf("%8s %12s %11s %11s %11s %12s %14s\n", "timers", "ticks/s", "missed", "worst", "best", "processors",
-                "us per tick");
     for (const size_t count : kCounts) {
-        Run(driver, count);
+        benchmark::RegisterBenchmark(("timer tick/framework/" + std::to_string(count) + " timers").c_str(),
+                                     [driver, count](benchmark::State& state) {
+                                         for (auto _ : state) {
+                                             Run(state, driver, count);
+                                         }
+                                     })
+            ->UseManualTime()
+            ->Iterations(1);
     }
+    const int result = bench::Run(argc, argv);
     Check("deregistering", Filter_DeregisterDriver(driver));
-    Check("unloading", machine::UnloadDriver("NdisFilter"));
-    return machine::TakeViolations().empty() ? 0 : 1;
+    bench::UnloadFramework();
+    return result;
 }

@@ -17,6 +17,7 @@ namespace
 {
 
 constexpr size_t kFirstFrames = 1000; // looked at for the adapter's address
+constexpr size_t kReadAhead = 256 * 1024; // bytes that are read at once
 
 [[noreturn]] void Fail(const std::string& path, const std::string& message)
 {
@@ -36,22 +37,18 @@ bool HasMicrosecondMagic(FILE* file)
 } // namespace
 
 FrameBatch::FrameBatch(size_t capacity)
-    : memory_(capacity * kLongestFrame), lengths_(capacity), times_(capacity)
+    : memory_(capacity * kLongestFrame), frames_(capacity), times_(capacity)
 {}
 
 void FrameBatch::Add(std::span<const uint8_t> bytes, uint64_t time)
 {
+    uint8_t* const place = &memory_[count_ * kLongestFrame];
     if (!bytes.empty()) {
-        std::memcpy(&memory_[count_ * kLongestFrame], bytes.data(), bytes.size());
+        std::memcpy(place, bytes.data(), bytes.size());
     }
-    lengths_[count_] = static_cast<uint32_t>(bytes.size());
+    frames_[count_] = {place, bytes.size()};
     times_[count_] = time;
     ++count_;
-}
-
-FrameBatch::Frame FrameBatch::operator[](size_t index) const
-{
-    return {{&memory_[index * kLongestFrame], lengths_[index]}, times_[index]};
 }
 
 CaptureReader::CaptureReader(std::string path) : path_(std::move(path)), pcap_(nullptr, pcap_close)
@@ -65,6 +62,7 @@ void CaptureReader::Open()
     if (file == nullptr) {
         Fail(path_, fmt::format("cannot open it: {}", std::strerror(errno)));
     }
+    std::setvbuf(file, nullptr, _IOFBF, kReadAhead);
     std::error_code error;
     if (std::filesystem::is_directory(path_, error)) {
         std::fclose(file);

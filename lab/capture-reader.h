@@ -33,12 +33,17 @@ class FrameBatch
     size_t Size() const { return count_; }
     void Clear() { count_ = 0; }
     void Add(std::span<const uint8_t> bytes, uint64_t time); // at most kLongestFrame bytes; not when full
-    Frame operator[](size_t index) const;
+    Frame operator[](size_t index) const { return {frames_[index], times_[index]}; }
+    // Those from `first` on; what their times are is left out.
+    std::span<const std::span<const uint8_t>> From(size_t first) const
+    {
+        return std::span(frames_).subspan(first, count_ - first);
+    }
 
   private:
     size_t count_ = 0;
     std::vector<uint8_t> memory_;
-    std::vector<uint32_t> lengths_;
+    std::vector<std::span<const uint8_t>> frames_; // in that memory
     std::vector<uint64_t> times_;
 };
 

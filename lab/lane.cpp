@@ -14,8 +14,8 @@ namespace
 
 constexpr MacAddress kDefaultAddress = {0x02, 0, 0, 0, 0, 0x01};
 
-// The frame that this thread is handing to the framework. What comes out meanwhile on the same thread is that
-// frame.
+// The frame that this thread is handing to the framework, where times matter. What comes out meanwhile on the same
+// thread is that frame.
 struct FrameUnderWay {
     const Lane* lane = nullptr;
     uint64_t time = 0;
@@ -178,15 +178,24 @@ bool Lane::IsSent(std::span<const uint8_t> frame) const
            std::equal(address_.begin(), address_.end(), frame.begin() + kSource);
 }
 
-hook::Accepted Lane::Deliver(const FrameBatch::Frame& frame, const hook::FrameOptions& options)
+hook::BatchResult Lane::Deliver(const FrameBatch& batch, size_t first, size_t most, const hook::FrameOptions& options)
 {
-    time_.store(frame.time, std::memory_order_relaxed);
-    frameUnderWay = {this, frame.time};
-    const hook::Accepted accepted = IsSent(frame.bytes)
-                                        ? hook::DeliverSent(adapter_, frame.bytes, options)
-                                        : hook::DeliverReceived(adapter_, frame.bytes, options);
+    const hook::Frames left = batch.From(first);
+    const bool sent = IsSent(left[0]);
+    size_t count = 1;
+    if (!IsWritten()) { // nobody asks when a frame comes out
+        while (count < std::min(most, left.size()) && IsSent(left[count]) == sent) {
+            ++count;
+        }
+    }
+    const uint64_t time = batch[first + count - 1].time;
+    time_.store(time, std::memory_order_relaxed);
+    frameUnderWay = {this, time};
+    const hook::Frames frames = left.first(count);
+    const hook::BatchResult result = sent ? hook::DeliverSentBatch(adapter_, frames, options)
+                                          : hook::DeliverReceivedBatch(adapter_, frames, options);
     frameUnderWay = {};
-    return accepted;
+    return result;
 }
 
 size_t Lane::DeliverBatch(hook::Side side, hook::Frames frames)

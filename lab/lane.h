@@ -55,7 +55,7 @@ class Lane
     // Takes the next frames, from any worker. False when the capture is through.
     bool TakeBatch(FrameBatch& batch);
     // Hands a frame to the framework, from any worker.
-    hook::Accepted Deliver(const FrameBatch::Frame& frame, const hook::FrameOptions& options);
+    hook::BatchResult Deliver(const FrameBatch& batch, size_t first, size_t most, const hook::FrameOptions& options);
 
     // Where frames go that come out of a side, besides the capture written; runs at DISPATCH_LEVEL, on several
     // threads at once. The adapter is open.
@@ -84,6 +84,7 @@ class Lane
   private:
     bool StartNextRound();
     bool IsSent(std::span<const uint8_t> frame) const;
+    bool IsWritten() const { return writers_[0] != nullptr || writers_[1] != nullptr; }
     void ConnectSink(hook::Side side);
     uint64_t TimeOfDelivery() const; // nanoseconds since 1 January 1970, for the captures written
 

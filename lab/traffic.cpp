@@ -27,6 +27,7 @@ Traffic::Traffic(const LabOptions& options, Lanes& lanes, const std::atomic<bool
         frameOptions_.pieces = {60, 0, 400}; // a chain of several buffers, one of them empty
     }
     frameOptions_.waitMs = kPacketWaitMs;
+    frameOptions_.endWithoutPacket = true;
 }
 
 // A packet that comes to its end, on whatever way, is free for the next frame: as long as some do, waiting is
@@ -41,28 +42,6 @@ bool Traffic::HasStalled()
         lastMove_ = now;
     }
     return now - lastMove_ > kStallLimit;
-}
-
-// False when the replay must end.
-bool Traffic::DeliverFrame(Lane& lane, const FrameBatch::Frame& frame)
-{
-    while (true) {
-        switch (lane.Deliver(frame, frameOptions_)) {
-        case hook::Accepted::Yes:
-            return true;
-        case hook::Accepted::NoPacket:
-            if (HasStalled()) {
-                stalled_ = true;
-            }
-            if (MustStop()) {
-                return false;
-            }
-            break;
-        default:
-            ++refused_;
-            return true;
-        }
-    }
 }
 
 // With a rate, each frame has its time; who comes late does not wait. False when the replay must end.
@@ -80,6 +59,32 @@ bool Traffic::WaitForTurn()
     return !MustStop();
 }
 
+// False when the replay must end.
+bool Traffic::DeliverAll(Lane& lane, const FrameBatch& batch)
+{
+    const size_t most = options_.rate == 0 ? batch.Size() : 1;
+    for (size_t next = 0; next < batch.Size();) {
+        if (most == 1 && !WaitForTurn()) {
+            return false;
+        }
+        hook::BatchResult result = lane.Deliver(batch, next, most, frameOptions_);
+        next += result.Ended();
+        refused_ += result.Ended() - result.accepted;
+        while (result.noPacket != 0) { // the frame that got none is in turn already
+            if (HasStalled()) {
+                stalled_ = true;
+            }
+            if (MustStop()) {
+                return false;
+            }
+            result = lane.Deliver(batch, next, 1, frameOptions_);
+            next += result.Ended();
+            refused_ += result.Ended() - result.accepted;
+        }
+    }
+    return true;
+}
+
 void Traffic::Work(size_t worker)
 {
     FrameBatch batch(kBatchFrames);
@@ -93,10 +98,8 @@ void Traffic::Work(size_t worker)
             continue;
         }
         finished = 0;
-        for (size_t i = 0; i < batch.Size(); ++i) {
-            if (!WaitForTurn() || !DeliverFrame(lane, batch[i])) {
-                return;
-            }
+        if (!DeliverAll(lane, batch)) {
+            return;
         }
     }
 }

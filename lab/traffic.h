@@ -27,7 +27,7 @@ class Traffic
     using Clock = std::chrono::steady_clock;
 
     void Work(size_t worker);
-    bool DeliverFrame(Lane& lane, const FrameBatch::Frame& frame);
+    bool DeliverAll(Lane& lane, const FrameBatch& batch);
     bool WaitForTurn();
     bool HasStalled();
     bool MustStop() const { return stop_ || stalled_; }

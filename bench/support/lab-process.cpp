@@ -1,5 +1,7 @@
 #include "lab-process.h"
 
+#include "contest.h"
+
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -11,42 +13,11 @@
 #include <thread>
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace bench
 {
-
-void Fail(const std::string& what)
-{
-    std::fprintf(stderr, "benchmark failed: %s\n", what.c_str());
-    std::exit(1);
-}
-
-ProcessorPair::ProcessorPair()
-{
-    cpu_set_t allowed;
-    CPU_ZERO(&allowed);
-    sched_getaffinity(0, sizeof(allowed), &allowed);
-    int found = 0;
-    for (int processor = 0; processor < CPU_SETSIZE && found < 2; ++processor) {
-        if (CPU_ISSET(processor, &allowed)) {
-            (found++ == 0 ? program : lab) = processor;
-        }
-    }
-    if (found == 1) {
-        lab = program;
-    }
-}
-
-void RunOn(int processor)
-{
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(static_cast<size_t>(processor), &set);
-    sched_setaffinity(0, sizeof(set), &set);
-}
 
 Directory::Directory()
 {

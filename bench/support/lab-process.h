@@ -1,6 +1,9 @@
 // A `ndisfilter-lab serve` of its own for a benchmark, on a core of its own.
 #pragma once
 
+#include "contest.h"
+#include "processors.h"
+
 #include <string>
 #include <vector>
 
@@ -9,15 +12,6 @@
 
 namespace bench
 {
-
-// Two processors that this process may run on; the second is the first where there is one only.
-struct ProcessorPair {
-    ProcessorPair();
-    int program = 0;
-    int lab = 0;
-};
-
-void RunOn(int processor); // the calling thread, and those that it starts
 
 // The directory of a benchmark's files; removed at the end.
 class Directory
@@ -48,7 +42,5 @@ class LabProcess
     Directory directory_;
     pid_t process_ = -1;
 };
-
-[[noreturn]] void Fail(const std::string& what);
 
 } // namespace bench

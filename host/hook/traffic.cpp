@@ -139,6 +139,9 @@ class Delivering
             if (next_ < frames_.size() && !(mayWait && waitedFor_->Wait(options_.waitMs))) {
                 StopWaiting(false);
                 Count(result_, Accepted::NoPacket, 1);
+                if (options_.endWithoutPacket) {
+                    break;
+                }
                 ++next_;
             }
         }

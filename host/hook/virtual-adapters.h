@@ -137,6 +137,8 @@ struct FrameOptions {
     bool unmappedBuffers = false;
     // How long a delivery waits for a packet when all are out. It never waits at DISPATCH_LEVEL.
     uint32_t waitMs = 10000;
+    // A batch ends at the first frame that has got no packet, instead of going on behind it.
+    bool endWithoutPacket = false;
 };
 
 inline constexpr uint32_t kLongestFrame = 1648; // bytes, what a packet's buffer holds
@@ -150,6 +152,7 @@ struct BatchResult {
     size_t tooLong = 0;  // over kLongestFrame
     size_t noPacket = 0; // all packets were out, and none came back in time
     size_t noMemory = 0;
+    size_t Ended() const { return accepted + notBound + adapterClosed + tooLong + noMemory; } // all but noPacket
 };
 
 // (D) Hands frames to the framework at DISPATCH_LEVEL, as an adapter's interrupt path does. A batch is raised

@@ -133,19 +133,20 @@ class FakeDevice final : public ndisfilter::Device
             return {NDISFILTER_SUCCESS, sizeof(driver_.sizeAnswered)};
         }
         if (code == IOCTL_NDIS_FILTER_WRITE_SHARE) {
-            ++driver_.announcements;
-            if (driver_.onAnnounce) {
-                driver_.onAnnounce();
-            }
+            TakeAnnouncement();
             return {};
         }
         return driver_.answer(code, input, output);
     }
 
-    std::unique_ptr<ndisfilter::PendingControl> Send(uint32_t) override
+    // A read, or an announcement, which is answered at once.
+    std::unique_ptr<ndisfilter::PendingControl> Send(uint32_t code) override
     {
         auto state = std::make_shared<FakeRead::State>();
-        {
+        if (code == IOCTL_NDIS_FILTER_WRITE_SHARE) {
+            TakeAnnouncement();
+            state->done = true;
+        } else {
             const std::lock_guard lock(driver_.mutex);
             if (driver_.readsAnswerAtOnce ||
                 FakeDriver::Load(driver_.Output().m_iRead) != FakeDriver::Load(driver_.Output().m_iWrite)) {
@@ -170,6 +171,14 @@ class FakeDevice final : public ndisfilter::Device
     }
 
   private:
+    void TakeAnnouncement()
+    {
+        ++driver_.announcements;
+        if (driver_.onAnnounce) {
+            driver_.onAnnounce();
+        }
+    }
+
     FakeDriver& driver_;
 };
 

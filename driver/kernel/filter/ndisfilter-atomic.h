@@ -25,6 +25,24 @@ template <class T, class V> VOID StoreRelease(volatile T& value, V desired)
     __atomic_store_n(&value, converted, __ATOMIC_RELEASE);
 }
 
+constexpr SIZE_T CACHE_LINE = 64;
+
+// Asks for memory that will be read soon, and that another processor has written. Any address will do.
+inline VOID FetchAhead(const volatile VOID* memory, SIZE_T size)
+{
+    for (SIZE_T offset = 0; offset < size; offset += CACHE_LINE) {
+        __builtin_prefetch(const_cast<const CHAR*>(static_cast<const volatile CHAR*>(memory) + offset));
+    }
+}
+
+// The same for memory that will be written, by an instruction that old processors pass over.
+inline VOID FetchAheadForWriting(volatile VOID* memory, SIZE_T size)
+{
+    for (SIZE_T offset = 0; offset < size; offset += CACHE_LINE) {
+        __asm__ volatile("prefetchw %0" : : "m"(*(static_cast<volatile CHAR*>(memory) + offset)));
+    }
+}
+
 // Copies out of memory that another driver or program may be writing. Every byte is read once; aligned words of eight
 // bytes are read whole.
 inline VOID CopyRelaxed(PVOID destination, const volatile VOID* source, SIZE_T size)

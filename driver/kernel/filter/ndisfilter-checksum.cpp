@@ -11,10 +11,12 @@ constexpr ULONG UDP_CHECKSUM_OFFSET = 6;
 constexpr ULONG IP_HEADER_SELECTOR = 0; // the other selectors are protocol numbers
 
 constexpr ULONG WORD_SIZE = sizeof(ULONGLONG);
-constexpr ULONG ROUND_SIZE = 4 * WORD_SIZE;
 
-template <class Word>
-ULONGLONG Load(const UCHAR* p)
+// Four lanes, which every x86-64 processor adds at once and the kernel lets drivers use.
+typedef ULONG Lanes __attribute__((vector_size(16)));
+constexpr ULONG ROUND_SIZE = 2 * sizeof(Lanes);
+
+template <class Word> Word Load(const UCHAR* p)
 {
     Word word;
     __builtin_memcpy(&word, p, sizeof(word)); // headers are not aligned
@@ -28,118 +30,186 @@ ULONGLONG AddWithCarry(ULONGLONG a, ULONGLONG b)
     return sum + (sum < b);
 }
 
+// The sum of whole rounds, in one word without carries. Each lane adds up its 32-bit words, letting the carries go, and
+// the upper halves of these words; what the lower halves add up to is the difference. No sum of halves overflows, as a
+// datagram has at most 65,535 bytes.
+__attribute__((always_inline)) inline ULONGLONG AddRounds(const UCHAR* p, ULONG size)
+{
+    Lanes words = {};
+    Lanes upper = {};
+    const UCHAR* const end = p + size;
+    do {
+        const Lanes first = Load<Lanes>(p);
+        const Lanes second = Load<Lanes>(p + sizeof(Lanes));
+        words += first;
+        words += second;
+        upper += first >> 16;
+        upper += second >> 16;
+        p += ROUND_SIZE;
+    } while (p != end);
+    const Lanes sums = words - (upper << 16) + upper;
+    return static_cast<ULONGLONG>(sums[0]) + sums[1] + sums[2] + sums[3];
+}
+
 // A one's-complement sum of 16-bit little-endian words (RFC 1071, which shows that neither their byte order nor the
 // width they are added in matters). An odd last byte counts as a word whose other byte is zero. The sum is 0 only if
 // all words are. Inlined, so that a constant size gives straight code.
 __attribute__((always_inline)) inline ULONGLONG AddWords(ULONGLONG sum, const UCHAR* p, ULONG size)
 {
-    // Independent sums, because each addition waits for the carry of the one before.
     if (size >= ROUND_SIZE) {
-        ULONGLONG second = 0;
-        ULONGLONG third = 0;
-        ULONGLONG fourth = 0;
-        for (; size >= ROUND_SIZE; p += ROUND_SIZE, size -= ROUND_SIZE) {
-            sum = AddWithCarry(sum, Load<ULONGLONG>(p));
-            second = AddWithCarry(second, Load<ULONGLONG>(p + WORD_SIZE));
-            third = AddWithCarry(third, Load<ULONGLONG>(p + 2 * WORD_SIZE));
-            fourth = AddWithCarry(fourth, Load<ULONGLONG>(p + 3 * WORD_SIZE));
-        }
-        sum = AddWithCarry(AddWithCarry(sum, second), AddWithCarry(third, fourth));
+        const ULONG rounds = size & ~(ROUND_SIZE - 1);
+        sum = AddWithCarry(sum, AddRounds(p, rounds));
+        p += rounds;
+        size -= rounds;
     }
     for (; size >= WORD_SIZE; p += WORD_SIZE, size -= WORD_SIZE) {
         sum = AddWithCarry(sum, Load<ULONGLONG>(p));
     }
+    if ((size & 7) == 0) {
+        return sum;
+    }
+    ULONGLONG rest = 0; // cannot carry: at most 7 bytes
     if ((size & sizeof(ULONG)) != 0) {
-        sum = AddWithCarry(sum, Load<ULONG>(p));
+        rest = Load<ULONG>(p);
         p += sizeof(ULONG);
     }
     if ((size & sizeof(USHORT)) != 0) {
-        sum = AddWithCarry(sum, Load<USHORT>(p));
+        rest += Load<USHORT>(p);
         p += sizeof(USHORT);
     }
-    return (size & 1) != 0 ? AddWithCarry(sum, *p) : sum;
+    if ((size & 1) != 0) {
+        rest += *p;
+    }
+    return AddWithCarry(sum, rest);
 }
 
-// The checksum of a sum. A result of zero stays zero, for UDP, too.
+// The checksum of a sum. A result of zero stays zero, for UDP, too. Adding a word to itself with the halves exchanged
+// leaves in the upper half their sum with the carry in.
 USHORT Fold(ULONGLONG sum)
 {
-    sum = (sum >> 32) + (sum & 0xFFFFFFFF);
-    sum = (sum >> 32) + (sum & 0xFFFFFFFF);
-    sum = (sum >> 16) + (sum & 0xFFFF);
-    return static_cast<USHORT>(~(sum + (sum >> 16)));
+    const ULONG half = static_cast<ULONG>((sum + (sum << 32 | sum >> 32)) >> 32);
+    return static_cast<USHORT>(~((half + (half << 16 | half >> 16)) >> 16));
 }
 
-// Stores at `field` the checksum of `size` bytes, in which the field counts as zero, and of `seed`. It is left out
-// instead of zeroed first: wide loads that overlap a store just made would wait for it. `field` is even.
-__attribute__((always_inline)) inline VOID StoreChecksum(UCHAR* p, ULONG size, ULONG field, ULONGLONG seed)
+// The checksum of `size` bytes, in which the field counts as zero, and of `seed`. `field` is even. The field is left
+// out instead of zeroed first: wide loads that overlap a store just made would wait for it.
+__attribute__((noinline)) USHORT ChecksumInParts(const UCHAR* p, ULONG size, ULONG field, ULONGLONG seed)
 {
     const ULONG behind = field + sizeof(USHORT);
-    const ULONGLONG sum = size < behind ? AddWords(seed, p, size < field ? size : field)
-                                        : AddWords(AddWords(seed, p, field), p + behind, size - behind);
-    const USHORT checksum = Fold(sum);
-    RtlCopyMemory(p + field, &checksum, sizeof(checksum));
+    return Fold(size < behind ? AddWords(seed, p, size < field ? size : field)
+                              : AddWords(AddWords(seed, p, field), p + behind, size - behind));
 }
 
-VOID StoreHeaderChecksum(UCHAR* ip, ULONG size)
+// The same in one piece where it can be: the field is added, too, and then its complement. That makes zero of what is
+// not zero only together with a sum of zero, whose two forms the checksum tells apart.
+__attribute__((always_inline)) inline USHORT Checksum(const UCHAR* p, ULONG size, ULONG field, ULONGLONG seed)
 {
-    if (size == IP_HEADER_SIZE) {
-        StoreChecksum(ip, IP_HEADER_SIZE, IP_CHECKSUM_OFFSET, 0);
+    if (__builtin_expect(size >= field + sizeof(USHORT), 1)) {
+        const USHORT complement = static_cast<USHORT>(~Load<USHORT>(p + field));
+        const USHORT checksum = Fold(AddWords(AddWithCarry(seed, complement), p, size));
+        if (__builtin_expect(checksum != 0, 1)) {
+            return checksum;
+        }
+    }
+    return ChecksumInParts(p, size, field, seed);
+}
+
+VOID Store(UCHAR* field, USHORT checksum)
+{
+    RtlCopyMemory(field, &checksum, sizeof(checksum));
+}
+
+// The lengths of a datagram, as its header has them.
+struct Extent {
+    explicit Extent(const UCHAR* ip)
+        : HeaderSize(IpHeaderSize(ip)), Length(ReadBe16(ip + IP_TOTAL_LENGTH_OFFSET) - HeaderSize)
+    {
+    }
+    ULONG Size() const
+    {
+        return static_cast<LONG>(Length) < 0 ? 0 : Length;
+    }
+    ULONG HeaderSize;
+    ULONG Length; // of what follows the header; the pseudo-header has it also when it is negative
+};
+
+// With the pseudo-header of TCP and UDP: both addresses, and one word with length and protocol.
+template <ULONG FIELD, ULONG PROTOCOL> VOID StoreTransportChecksum(PVOID datagram)
+{
+    UCHAR* const ip = static_cast<UCHAR*>(datagram);
+    const Extent extent(ip);
+    UCHAR* const transport = ip + extent.HeaderSize;
+    if (__builtin_expect(extent.HeaderSize < IP_HEADER_SIZE, 0)) {
+        RtlZeroMemory(transport + FIELD, sizeof(USHORT)); // it may lie in the addresses, and counts as zero there, too
+    }
+    static_assert(IP_ADDRESSES_SIZE == WORD_SIZE);
+    const USHORT word = __builtin_bswap16(static_cast<USHORT>(extent.Length + PROTOCOL));
+    const ULONGLONG pseudo = AddWithCarry(Load<ULONGLONG>(ip + IP_SOURCE_OFFSET), word);
+    Store(transport + FIELD, Checksum(transport, extent.Size(), FIELD, pseudo));
+}
+
+VOID StoreIcmpChecksum(PVOID datagram)
+{
+    const Extent extent(static_cast<UCHAR*>(datagram));
+    UCHAR* const icmp = static_cast<UCHAR*>(datagram) + extent.HeaderSize;
+    Store(icmp + ICMP_CHECKSUM_OFFSET, Checksum(icmp, extent.Size(), ICMP_CHECKSUM_OFFSET, 0));
+}
+
+VOID StoreHeaderChecksum(PVOID datagram)
+{
+    UCHAR* const ip = static_cast<UCHAR*>(datagram);
+    const ULONG size = IpHeaderSize(ip);
+    if (__builtin_expect(size == IP_HEADER_SIZE, 1)) {
+        static_assert(IP_CHECKSUM_OFFSET == WORD_SIZE + sizeof(USHORT));
+        const ULONGLONG around = AddWithCarry(Load<ULONGLONG>(ip), Load<ULONGLONG>(ip + IP_SOURCE_OFFSET));
+        Store(ip + IP_CHECKSUM_OFFSET, Fold(AddWithCarry(around, Load<USHORT>(ip + WORD_SIZE))));
     } else {
-        StoreChecksum(ip, size, IP_CHECKSUM_OFFSET, 0);
+        Store(ip + IP_CHECKSUM_OFFSET, Checksum(ip, size, IP_CHECKSUM_OFFSET, 0));
     }
 }
 
-// The pseudo-header of TCP and UDP: both addresses, and one word with length and protocol.
-ULONGLONG PseudoHeaderSum(const UCHAR* ip, ULONG lengthAndProtocol)
+// Runs a routine of the above in a guard that needs nothing but the datagram: the routines are short enough for
+// anything else to show.
+FILTER_STATUS CalculateChecksum(PVOID ip, ULONG selector)
 {
-    const USHORT word = static_cast<USHORT>(lengthAndProtocol);
-    return AddWords(__builtin_bswap16(word), ip + IP_SOURCE_OFFSET, IP_ADDRESSES_SIZE);
-}
-
-// `length` is that of the segment, also when it is negative; `size` is 0 then.
-VOID StoreTransportChecksum(UCHAR* ip, ULONG length, ULONG size, ULONG field, ULONG protocol)
-{
-    const ULONG headerSize = IpHeaderSize(ip);
-    UCHAR* const transport = ip + headerSize;
-    if (headerSize < IP_HEADER_SIZE) { // the field may lie in the addresses, and counts as zero there, too
-        RtlZeroMemory(transport + field, sizeof(USHORT));
-    }
-    StoreChecksum(transport, size, field, PseudoHeaderSum(ip, length + protocol));
-}
-
-FILTER_STATUS CalculateChecksum(UCHAR* ip, ULONG selector)
-{
-    const ULONG headerSize = IpHeaderSize(ip);
-    const ULONG total = ReadBe16(ip + IP_TOTAL_LENGTH_OFFSET);
-    const ULONG length = total - headerSize; // as the pseudo-header has it, also when it is negative
-    const ULONG size = total > headerSize ? length : 0;
+    VOID (*store)(PVOID datagram) = nullptr;
     switch (selector) {
     case IP_HEADER_SELECTOR:
-        StoreHeaderChecksum(ip, headerSize);
-        return FILTER_STATUS_SUCCESS;
+        store = StoreHeaderChecksum;
+        break;
     case IP_PROTOCOL_ICMP:
-        StoreChecksum(ip + headerSize, size, ICMP_CHECKSUM_OFFSET, 0);
-        return FILTER_STATUS_SUCCESS;
+        store = StoreIcmpChecksum;
+        break;
     case IP_PROTOCOL_TCP:
-        StoreTransportChecksum(ip, length, size, TCP_CHECKSUM_OFFSET, IP_PROTOCOL_TCP);
-        return FILTER_STATUS_SUCCESS;
+        store = StoreTransportChecksum<TCP_CHECKSUM_OFFSET, IP_PROTOCOL_TCP>;
+        break;
     case IP_PROTOCOL_UDP:
-        StoreTransportChecksum(ip, length, size, UDP_CHECKSUM_OFFSET, IP_PROTOCOL_UDP);
-        return FILTER_STATUS_SUCCESS;
+        store = StoreTransportChecksum<UDP_CHECKSUM_OFFSET, IP_PROTOCOL_UDP>;
+        break;
     default:
-        return FILTER_ERROR_UNSUPPORTED_PROTOCOL;
+        return ip == nullptr ? FILTER_ERROR_INVALID_ARGUMENT : FILTER_ERROR_UNSUPPORTED_PROTOCOL;
     }
+    if (__builtin_expect(ip == nullptr, 0)) {
+        return FILTER_ERROR_INVALID_ARGUMENT;
+    }
+    const NTSTATUS code = CallGuarded(store, ip);
+    return __builtin_expect(code == 0, 1) ? FILTER_STATUS_SUCCESS
+                                          : ExceptionStatus("Filter_CalculatePacketCheckSum", code);
 }
 
 } // namespace
 
 FILTER_STATUS Filter_CalculatePacketCheckSum(PVOID pIpHeader, ULONG nProtocol)
 {
-    return TracedCall(
-        {.Name = "Filter_CalculatePacketCheckSum", .Area = TRACE_PACKET}, [&]() -> FILTER_STATUS {
-            return pIpHeader == nullptr ? FILTER_ERROR_INVALID_ARGUMENT
-                                        : CalculateChecksum(static_cast<UCHAR*>(pIpHeader), nProtocol);
-        });
+    static constexpr CallTrace trace{.Name = "Filter_CalculatePacketCheckSum", .Area = TRACE_PACKET};
+    if (TraceEnabled(TRACE_PACKET)) {
+        PrintEnter(trace);
+    }
+    const FILTER_STATUS status = CalculateChecksum(pIpHeader, nProtocol);
+    if (TraceEnabled(TRACE_PACKET)) {
+        PrintLeave(trace, status);
+    }
+    return status;
 }
 
 BOOLEAN Filter_VerifyPacketCheckSum(FilterPacket* pPacket)

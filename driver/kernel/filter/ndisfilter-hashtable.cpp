@@ -22,12 +22,16 @@ ULONG Now()
     return static_cast<ULONG>(Filter_GetSystemTime());
 }
 
-// The enumeration holds the table's lock, so its callbacks must not take it again.
-BOOLEAN IsEnumeratingThread(const HashTable& table)
+__attribute__((noinline)) BOOLEAN IsThreadOfEnumeration(const HashTable& table)
 {
-    return __builtin_expect(LoadAcquire(table.m_bEnumerating) != 0, 0) &&
-           LoadRelaxed(table.m_hEnumProcess) == PsGetCurrentProcessId() &&
+    return LoadRelaxed(table.m_hEnumProcess) == PsGetCurrentProcessId() &&
            LoadRelaxed(table.m_hEnumThread) == PsGetCurrentThreadId();
+}
+
+// The enumeration holds the table's lock, so its callbacks must not take it again.
+inline BOOLEAN IsEnumeratingThread(const HashTable& table)
+{
+    return __builtin_expect(LoadAcquire(table.m_bEnumerating) != 0, 0) && IsThreadOfEnumeration(table);
 }
 
 enum class Locking {
@@ -35,10 +39,11 @@ enum class Locking {
     Ex,    // the caller holds it
 };
 
-template <BOOLEAN Write> class TableLock
+template <BOOLEAN Write>
+class TableLock
 {
   public:
-    TableLock(HashTable& table, Locking locking)
+    __attribute__((always_inline)) TableLock(HashTable& table, Locking locking)
         : lock_(locking == Locking::Plain && !IsEnumeratingThread(table) ? &table.m_Lock : nullptr)
     {
         if (lock_ != nullptr) {
@@ -80,7 +85,8 @@ VOID ReleaseTable(HashTable* table)
 VOID ReferenceItem(HashItem* item)
 {
     const LONG count = Increment(item->m_RefCount);
-    Trace(TRACE_HASH, "  pHashItem[0x%p/%s]->m_RefCount ++ = %d\n", item, item->m_pHashTable->pItemName, count);
+    Trace(TRACE_HASH, "  pHashItem[0x%p/%s]->m_RefCount ++ = %d\n", item, item->m_pHashTable->pItemName,
+          count);
 }
 
 VOID FreeItem(HashTable& table, HashItem* item)
@@ -95,24 +101,48 @@ VOID FreeItem(HashTable& table, HashItem* item)
     }
 }
 
+// Only the enumeration's own thread makes an item the current one, with a reference of the enumeration to it: so whoever
+// sees here that an item is not, is right for as long as it matters.
 VOID ForgetCurrentItem(HashTable& table, HashItem* item)
 {
-    InterlockedCompareExchangePointer(reinterpret_cast<PVOID*>(&table.m_pCurrentItem), nullptr, item);
+    if (LoadAcquire(table.m_pCurrentItem) == item) {
+        InterlockedCompareExchangePointer(reinterpret_cast<PVOID*>(&table.m_pCurrentItem), nullptr, item);
+    }
 }
 
-VOID ReleaseItem(HashItem* item)
+// Frees an item that has just lost its last reference.
+__attribute__((noinline)) VOID EndItem(HashItem* item)
 {
     HashTable& table = *item->m_pHashTable; // stays at least as long as the item
-    const PCSTR name = table.pItemName;
-    const LONG count = Decrement(item->m_RefCount);
-    if (count != 0) {
-        Trace(TRACE_HASH, "  pHashItem[0x%p/%s]->m_RefCount -- = %d\n", item, name, count);
-        return;
-    }
-    Trace(TRACE_HASH, "  pHashItem[0x%p/%s]->m_RefCount -- = %d, Free it\n", item, name, count);
+    Trace(TRACE_HASH, "  pHashItem[0x%p/%s]->m_RefCount -- = 0, Free it\n", item, table.pItemName);
     ForgetCurrentItem(table, item); // before its memory can be another item's
     FreeItem(table, item);
     ReleaseTable(&table);
+}
+
+VOID TraceItemRelease(HashItem* item)
+{
+    const PCSTR name =
+        item->m_pHashTable->pItemName; // of an item that others may free as soon as it is released
+    const LONG count = Decrement(item->m_RefCount);
+    if (count != 0) {
+        Trace(TRACE_HASH, "  pHashItem[0x%p/%s]->m_RefCount -- = %d\n", item, name, count);
+    } else {
+        EndItem(item);
+    }
+}
+
+// Drops some of the references that the caller has, each with its own trace line.
+inline VOID ReleaseItem(HashItem* item, LONG references = 1)
+{
+    if (TraceEnabled(TRACE_HASH)) {
+        for (LONG i = 0; i < references; i++) {
+            TraceItemRelease(item);
+        }
+    } else if (InterlockedExchangeAdd(reinterpret_cast<volatile LONG*>(&item->m_RefCount), -references) ==
+               references) {
+        EndItem(item);
+    }
 }
 
 BOOLEAN BelongsToTable(const HashItem* item)
@@ -137,16 +167,27 @@ LIST_ENTRY* BucketOf(HashTable& table, ULONG hashValue)
     return &table.m_Buckets[hashValue & table.m_HashMask];
 }
 
-// Under the table's lock.
+// The number of items changes under the table's lock only, and is read without it.
+VOID CountItems(HashTable& table, LONG change)
+{
+    StoreRelaxed(table.m_nItemCount, LoadRelaxed(table.m_nItemCount) + static_cast<ULONG>(change));
+}
+
+// Under the table's lock. The item's references, the table's and the caller's, are there before anybody else can find and
+// delete it.
 VOID LinkItem(HashTable* table, HashItem* item)
 {
     item->m_pHashTable = table;
     ReferenceTable(table);
+    if (TraceEnabled(TRACE_HASH)) {
+        ReferenceItem(item);
+        ReferenceItem(item);
+    } else {
+        StoreRelaxed(item->m_RefCount, 2);
+    }
     InsertTailList(&table->m_ItemList, &item->m_ListEntry);
     InsertHeadList(BucketOf(*table, item->m_HashValue), &item->m_BucketEntry);
-    Increment(table->m_nItemCount);
-    ReferenceItem(item); // the table's
-    ReferenceItem(item); // the caller's, before anybody else can find and delete the item
+    CountItems(*table, 1);
 }
 
 VOID Unlink(LIST_ENTRY& link)
@@ -182,51 +223,85 @@ BOOLEAN RemoveItem(HashItem* item, Locking locking)
     }
     item->m_bDeleted = TRUE;
     UnlinkItem(table, item);
-    Decrement(table.m_nItemCount);
+    CountItems(table, -1);
     // The deletion uses up the reference of the enumeration whose callback makes it.
     ForgetCurrentItem(table, item);
     return TRUE;
 }
 
-HashItem* Search(HashTable& table, ULONG hashValue, const VOID* key)
-{
-    LIST_ENTRY* const bucket = BucketOf(table, hashValue);
-    const FILTER_COMPARE_HASH_ITEM compare = table.pfnCompItem;
-    for (LIST_ENTRY* link = bucket->Flink; link != bucket; link = link->Flink) {
-        HashItem* const item = CONTAINING_RECORD(link, HashItem, m_BucketEntry);
-        __builtin_prefetch(item + 1); // the key, most likely
-        if (item->m_HashValue == hashValue && (compare == nullptr || compare(item, key))) {
-            return item;
+// A walk along a bucket: what it looks for, and what it has found. Its fields are read anew behind each call of a compare
+// routine, so that the walk keeps little in registers that every function on the way would have to save.
+struct Search {
+    LIST_ENTRY* Bucket;
+    FILTER_COMPARE_HASH_ITEM Compare;
+    const VOID* Key;
+    ULONG HashValue;
+    HashItem* Found = nullptr;
+
+    VOID Run()
+    {
+        for (LIST_ENTRY* link = Bucket->Flink; link != Bucket; link = link->Flink) {
+            HashItem* const item = CONTAINING_RECORD(link, HashItem, m_BucketEntry);
+            __builtin_prefetch(item + 1); // the key, most likely
+            if (item->m_HashValue == HashValue && (Compare == nullptr || Compare(item, Key))) {
+                Found = item;
+                return;
+            }
         }
     }
-    return nullptr;
-}
+};
 
-HashItem* Find(PCSTR name, HashTable* table, ULONG hashValue, const VOID* key, Locking locking)
+// A find is as long as the processor's memory latency divided by how many finds it can look ahead, so out of the caches
+// each instruction counts: the road without trace lines is a function of its own.
+template <BOOLEAN Traced>
+__attribute__((always_inline)) inline HashItem* SearchTable(PCSTR name, HashTable& table, ULONG hashValue,
+                                                            const VOID* key, Locking locking)
 {
-    Trace(TRACE_HASH, "Enter %s\n", name);
-    HashItem* item = nullptr;
+    Search search = {BucketOf(table, hashValue), table.pfnCompItem, key, hashValue};
+    __builtin_prefetch(search.Bucket);
     NTSTATUS code = 0;
-    if (table != nullptr) {
-        const TableLock<FALSE> lock(*table, locking);
-        code = Guarded([&] { item = Search(*table, hashValue, key); });
-        if (item != nullptr) {
+    {
+        const TableLock<FALSE> lock(table, locking);
+        code = CallGuarded([](PVOID context) { static_cast<Search*>(context)->Run(); }, &search);
+        if (HashItem* const item = search.Found) {
             const ULONG now = Now();
             if (LoadRelaxed(item->m_nTime) != now) { // written by any number of finders at once
                 StoreRelaxed(item->m_nTime, now);
             }
-            ReferenceItem(item);
+            if constexpr (Traced) {
+                ReferenceItem(item);
+            } else {
+                Increment(item->m_RefCount);
+            }
         }
     }
     if (__builtin_expect(code != 0, 0)) {
         PrintException(name, code);
     }
+    return search.Found;
+}
+
+__attribute__((noinline)) HashItem* FindTraced(PCSTR name, HashTable* table, ULONG hashValue, const VOID* key,
+                                               Locking locking)
+{
+    Trace(TRACE_HASH, "Enter %s\n", name);
+    HashItem* const item =
+        table != nullptr ? SearchTable<TRUE>(name, *table, hashValue, key, locking) : nullptr;
     if (item != nullptr) {
         Trace(TRACE_HASH, "Leave Filter_FindHashItem, pHashItem = 0x%p\n", item); // in both variants
     } else {
         Trace(TRACE_HASH, "Leave Filter_FindHashItem, NULL\n");
     }
     return item;
+}
+
+__attribute__((always_inline)) inline HashItem* Find(PCSTR name, HashTable* table, ULONG hashValue,
+                                                     const VOID* key, Locking locking)
+{
+    if (TraceEnabled(TRACE_HASH)) {
+        return FindTraced(name, table, hashValue, key, locking);
+    }
+    return table != nullptr ? SearchTable<FALSE>(name, *table, hashValue, key, locking) : nullptr;
 }
 
 HashItem* Insert(PCSTR name, HashTable* table, HashItem* item, Locking locking)
@@ -236,6 +311,7 @@ HashItem* Insert(PCSTR name, HashTable* table, HashItem* item, Locking locking)
         item->m_RefCount = 0;
         item->m_bDeleted = FALSE;
         item->m_nTime = Now();
+        __builtin_prefetch(BucketOf(*table, item->m_HashValue), 1);
         const TableLock<TRUE> lock(*table, locking);
         LinkItem(table, item);
     } else if (BelongsToTable(item)) {
@@ -251,11 +327,11 @@ BOOLEAN Delete(PCSTR name, HashItem* item, Locking locking)
     const BOOLEAN belongs = BelongsToTable(item);
     if (belongs) {
         if (RemoveItem(item, locking)) {
-            ReleaseItem(item); // the table's
+            ReleaseItem(item, 2); // the table's and the caller's
         } else {
             Trace(TRACE_HASH, "DeleteHashItem: double delete hash item, try release hash item\n");
+            ReleaseItem(item); // the caller's
         }
-        ReleaseItem(item); // the caller's
     }
     Trace(TRACE_HASH, "Leave %s\n", name);
     return belongs;
@@ -500,9 +576,9 @@ VOID Filter_ReferenceHashItem(HashItem* pHashItem)
 
 VOID Filter_ReleaseHashItem(HashItem* pHashItem)
 {
-    TracedVoid("Filter_ReleaseHashItem", [&] {
-        if (BelongsToTable(pHashItem)) {
-            ReleaseItem(pHashItem);
-        }
-    });
+    Trace(TRACE_HASH, "Enter Filter_ReleaseHashItem\n");
+    if (BelongsToTable(pHashItem)) {
+        ReleaseItem(pHashItem);
+    }
+    Trace(TRACE_HASH, "Leave Filter_ReleaseHashItem\n");
 }

@@ -48,6 +48,18 @@ template <class Record> class RecordList
         return IsEmpty() ? nullptr : FromLink(RemoveHeadList(&m_Head));
     }
 
+    // Takes over the records of another list behind its own.
+    VOID AppendAll(RecordList& other)
+    {
+        if (!other.IsEmpty()) {
+            m_Head.Blink->Flink = other.m_Head.Flink;
+            other.m_Head.Flink->Blink = m_Head.Blink;
+            m_Head.Blink = other.m_Head.Blink;
+            m_Head.Blink->Flink = &m_Head;
+            other.Initialize();
+        }
+    }
+
     BOOLEAN Contains(const Record* record) const
     {
         for (const Record& entry : *this) {

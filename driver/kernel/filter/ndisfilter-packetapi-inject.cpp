@@ -86,7 +86,7 @@ VOID QueuePacket(FilterPacket* packet, ULONG origin, PacketFilter* filter)
     {
         const WriteLock lock(global.m_InjectedPacketLock[queue]);
         global.m_InjectedPacketList[queue].Append(*packet);
-        InterlockedIncrement(&global.m_nInjectPacketCount);
+        InterlockedIncrement(&global.m_nInjectPacketsQueued);
     }
     NdisSetEvent(&global.m_InjectPacketEvent[queue]);
 }
@@ -98,15 +98,12 @@ VOID QueueForAdapter(FilterPacket* packet, FilterAdapter* adapter, ULONG directi
     QueuePacket(packet, origin, nullptr);
 }
 
-FilterPacket* TakeQueuedPacket(ULONG queue)
+// Moves what is queued to the worker's own list, so that the worker and the producers meet once for many packets.
+VOID TakeQueuedPackets(ULONG queue, RecordList<FilterPacket>& taken)
 {
     NdisFilterDeviceExtension& global = Global();
     const WriteLock lock(global.m_InjectedPacketLock[queue]);
-    FilterPacket* const packet = global.m_InjectedPacketList[queue].TakeFirst();
-    if (packet != nullptr) {
-        InterlockedDecrement(&global.m_nInjectPacketCount);
-    }
-    return packet;
+    taken.AppendAll(global.m_InjectedPacketList[queue]);
 }
 
 // A packet that was deferred on its way in from the hook driver.
@@ -160,6 +157,19 @@ VOID ProcessQueuedPacket(FilterPacket* packet)
     default:
         InvokeQueuedFilter(origin & METHOD_MASK, packet->m_hInjectFilter, packet);
         break;
+    }
+}
+
+// Processes what is queued, in order. Packets that wait for their turn count as queued.
+VOID DrainQueue(ULONG queue)
+{
+    RecordList<FilterPacket> taken;
+    taken.Initialize();
+    for (TakeQueuedPackets(queue, taken); !taken.IsEmpty(); TakeQueuedPackets(queue, taken)) {
+        while (FilterPacket* const packet = taken.TakeFirst()) {
+            CountTakenPacket(queue);
+            ProcessQueuedPacket(packet);
+        }
     }
 }
 
@@ -256,12 +266,24 @@ FILTER_STATUS Filter_IndicateSignalToApplication(PVOID pSignal)
 
 ULONG Filter_GetInjectPacketCount(VOID)
 {
-    return static_cast<ULONG>(InterlockedCompareExchange(&Global().m_nInjectPacketCount, 0, 0));
+    // Those that have left first: each has been queued before.
+    NdisFilterDeviceExtension& global = Global();
+    ULONG taken = 0;
+    for (const auto& queue : global.m_InjectPacketsTaken) {
+        taken += static_cast<ULONG>(LoadAcquire(queue.m_nCount));
+    }
+    return static_cast<ULONG>(InterlockedCompareExchange(&global.m_nInjectPacketsQueued, 0, 0)) - taken;
 }
 
 VOID Filter_SetPendingPacketLimit(ULONG nLimit)
 {
     StoreRelaxed(g_nPendingPacketLimit, nLimit);
+}
+
+VOID CountTakenPacket(ULONG queue)
+{
+    LONG& count = Global().m_InjectPacketsTaken[queue].m_nCount;
+    StoreRelease(count, static_cast<LONG>(static_cast<ULONG>(LoadRelaxed(count)) + 1));
 }
 
 VOID InjectedPacketThread(PVOID pContext)
@@ -273,9 +295,7 @@ VOID InjectedPacketThread(PVOID pContext)
     EnterWorkerThread();
     while (!LoadRelaxed(global.m_bStopShare)) {
         NdisWaitEvent(&global.m_InjectPacketEvent[queue], QUEUE_POLL_MS);
-        while (FilterPacket* const packet = TakeQueuedPacket(queue)) {
-            ProcessQueuedPacket(packet);
-        }
+        DrainQueue(queue);
         ResetEventOfEmptyQueue(queue);
     }
     Trace(TRACE_PACKET, "Leave InjectedPacketThread\n");

@@ -95,60 +95,91 @@ constexpr ULONG DHCP_SERVER_PORT = 67;
 constexpr ULONG DNS_PORT = 53;
 constexpr ULONG UDP_HEADER_SIZE = 8;
 
-VOID ParseUdp(FilterPacket& packet, UCHAR* udp)
+// A traced parse says what it finds; any other one is spared the questions whether to.
+template <BOOLEAN TRACED> VOID TraceHeader(PCSTR format, const UCHAR* header)
 {
-    packet.m_pUdp = udp;
-    Trace(TRACE_PACKET, "pPacket->m_pUdp = 0x%p\n", udp);
-    const ULONG destinationPort = ReadBe16(udp + 2);
-    if (destinationPort == DHCP_CLIENT_PORT || destinationPort == DHCP_SERVER_PORT) {
-        packet.m_pDhcp = udp + UDP_HEADER_SIZE;
-        Trace(TRACE_PACKET, "pPacket->m_pDhcp = 0x%p\n", packet.m_pDhcp);
-    } else if (destinationPort == DNS_PORT || ReadBe16(udp) == DNS_PORT) {
-        packet.m_pDns = udp + UDP_HEADER_SIZE;
-        Trace(TRACE_PACKET, "pPacket->m_pDns = 0x%p\n", packet.m_pDns);
+    if constexpr (TRACED) {
+        DbgPrint(format, header);
     }
 }
 
-VOID ParseIp(FilterPacket& packet, UCHAR* ip)
+template <BOOLEAN TRACED> VOID ParseUdp(FilterPacket& packet, UCHAR* udp)
+{
+    packet.m_pUdp = udp;
+    TraceHeader<TRACED>("pPacket->m_pUdp = 0x%p\n", udp);
+    const ULONG destinationPort = ReadBe16(udp + 2);
+    if (destinationPort == DHCP_CLIENT_PORT || destinationPort == DHCP_SERVER_PORT) {
+        packet.m_pDhcp = udp + UDP_HEADER_SIZE;
+        TraceHeader<TRACED>("pPacket->m_pDhcp = 0x%p\n", packet.m_pDhcp);
+    } else if (destinationPort == DNS_PORT || ReadBe16(udp) == DNS_PORT) {
+        packet.m_pDns = udp + UDP_HEADER_SIZE;
+        TraceHeader<TRACED>("pPacket->m_pDns = 0x%p\n", packet.m_pDns);
+    }
+}
+
+template <BOOLEAN TRACED> VOID ParseIp(FilterPacket& packet, UCHAR* ip)
 {
     packet.m_pIp = ip;
-    Trace(TRACE_PACKET, "pPacket->m_pIp = 0x%p\n", ip);
+    TraceHeader<TRACED>("pPacket->m_pIp = 0x%p\n", ip);
     packet.m_nProtocol = ip[IP_PROTOCOL_OFFSET];
     if (FragmentOffset(ip) > 0) {
-        Trace(TRACE_PACKET, " - IP Fragment\n");
+        if constexpr (TRACED) {
+            DbgPrint(" - IP Fragment\n");
+        }
         return;
     }
     UCHAR* const transport = ip + IpHeaderSize(ip);
     switch (packet.m_nProtocol) {
     case IP_PROTOCOL_UDP:
-        ParseUdp(packet, transport);
+        ParseUdp<TRACED>(packet, transport);
         break;
     case IP_PROTOCOL_TCP:
         packet.m_pTcp = transport;
-        Trace(TRACE_PACKET, "pPacket->m_pTcp = 0x%p\n", transport);
+        TraceHeader<TRACED>("pPacket->m_pTcp = 0x%p\n", transport);
         break;
     case IP_PROTOCOL_ICMP:
         packet.m_pIcmp = transport;
-        Trace(TRACE_PACKET, "pPacket->m_pIcmp = 0x%p\n", transport);
+        TraceHeader<TRACED>("pPacket->m_pIcmp = 0x%p\n", transport);
         break;
     default:
         break;
     }
 }
 
-VOID ParseHeaders(FilterPacket& packet, UCHAR* frame)
+template <BOOLEAN TRACED> VOID ParseFrame(FilterPacket& packet, UCHAR* frame)
 {
     SetFrameWithoutHeaders(packet, frame);
     switch (ReadBe16(frame + ETHERTYPE_OFFSET)) {
     case ETHERTYPE_ARP:
         packet.m_pArp = frame + ETHERNET_HEADER_SIZE;
-        Trace(TRACE_PACKET, "pPacket->m_pArp = 0x%p\n", packet.m_pArp);
+        TraceHeader<TRACED>("pPacket->m_pArp = 0x%p\n", packet.m_pArp);
         break;
     case ETHERTYPE_IP:
-        ParseIp(packet, frame + ETHERNET_HEADER_SIZE);
+        ParseIp<TRACED>(packet, frame + ETHERNET_HEADER_SIZE);
         break;
     default:
         break;
+    }
+}
+
+__attribute__((noinline, cold)) VOID ParseFrameTraced(FilterPacket& packet, UCHAR* frame)
+{
+    ParseFrame<TRUE>(packet, frame);
+}
+
+// A packet whose frame lies in its own buffer; not for a traced parse.
+__attribute__((noinline)) VOID ParseOwnFrame(PVOID context)
+{
+    FilterPacket& packet = *static_cast<FilterPacket*>(context);
+    ParseFrame<FALSE>(packet, packet.m_Data);
+}
+
+VOID ParseHeaders(FilterPacket& packet, UCHAR* frame)
+{
+    if (TraceEnabled(TRACE_PACKET)) {
+        ParseFrameTraced(packet, frame);
+    } else {
+        ParseFrame<FALSE>(packet, frame);
     }
 }
 
@@ -195,11 +226,16 @@ VOID Filter_ClearPacketReleaseCallback(FilterPacket* pPacket)
 
 FILTER_STATUS Filter_InitPacketHeader(FilterPacket* pPacket, UCHAR* pFrame)
 {
+    if (__builtin_expect(pPacket != nullptr && pFrame == nullptr && !TraceEnabled(TRACE_PACKET), 1)) {
+        // As below, without what a guarded call needs that is given more than a packet and answers more than a code.
+        const NTSTATUS code = CallGuarded(ParseOwnFrame, pPacket);
+        return __builtin_expect(code == 0, 1) ? FILTER_STATUS_SUCCESS : ExceptionStatus("Filter_InitPacketHeader", code);
+    }
     const CallTrace trace = {.Name = "Filter_InitPacketHeader",
                              .Area = TRACE_PACKET,
                              .Enter = "Enter Filter_InitPacketHeader,pPacket=0x%p\n",
                              .Subject = pPacket};
-    return TracedCall(trace, [&]() -> FILTER_STATUS {
+    return TracedCall(trace, [pPacket, pFrame]() -> FILTER_STATUS {
         if (pPacket == nullptr) {
             return FILTER_ERROR_INVALID_ARGUMENT;
         }

@@ -83,6 +83,10 @@ VOID InitializeRing(SharedRing& ring, LONG baseOffset, const SharedBlock* firstB
     ring.m_nCount = NDIS_FILTER_BLOCK_COUNT;
 }
 
+// Of a block: what a short frame takes. The blocks of a ring go from one processor to another, so each side asks for the
+// next one while it works on the present one.
+constexpr SIZE_T FETCHED_AHEAD = offsetof(SharedBlock, m_Data) + CACHE_LINE;
+
 // Reads what a caller gave before a lock is taken for it, so that bad memory faults without the lock.
 VOID ReadAhead(const VOID* memory, SIZE_T size)
 {
@@ -144,7 +148,11 @@ ReadOutcome TakeInputBlock(FilterPacket*& packet)
     packet->m_hAdapter = adapter;
     CopyFromBlock(block, size, *packet);
     Trace(TRACE_SHARE, "  IRQL=%d, update read pointer to next block\n", Irql());
-    StoreRelease(shared.KernelModeInput.m_iRead, static_cast<LONG>(NextIndex(indexes.Read)));
+    const ULONG next = NextIndex(indexes.Read);
+    if (next != indexes.Write) {
+        FetchAhead(&shared.m_InputBlocks[next], FETCHED_AHEAD);
+    }
+    StoreRelease(shared.KernelModeInput.m_iRead, static_cast<LONG>(next));
     return ReadOutcome::Read;
 }
 
@@ -200,6 +208,7 @@ VOID PublishOutputBlock(ULONG index)
     Trace(TRACE_SHARE, "  IRQL=%d, update write pointer to next block\n", Irql());
     StoreRelaxed(ring.m_nCount, static_cast<LONG>(++s_nOutputCount));
     StoreRelease(ring.m_iWrite, static_cast<LONG>(NextIndex(index))); // the block before the index, for the program
+    FetchAheadForWriting(&Global().m_pSharedMemory->m_OutputBlocks[NextIndex(index)], FETCHED_AHEAD);
 }
 
 VOID TraceCopyToRing()

@@ -29,7 +29,7 @@ struct NdisFilterDeviceExtension {
     NDIS_EVENT m_ShareMemoryEvent;
     NDIS_EVENT m_WorkThreadExitEvent;
 
-    NDIS_RW_LOCK m_AdapterListLock; // the hook driver rewrites the table without it
+    NDIS_RW_LOCK m_AdapterListLock;       // the hook driver rewrites the table without it
     alignas(8) AdapterList m_AdapterList; // packed inside
 
     NDIS_RW_LOCK m_pContextLock;
@@ -48,8 +48,13 @@ struct NdisFilterDeviceExtension {
     NDIS_RW_LOCK m_InjectedPacketLock[INJECT_QUEUE_COUNT];
     RecordList<FilterPacket> m_InjectedPacketList[INJECT_QUEUE_COUNT];
     NDIS_EVENT m_InjectPacketEvent[INJECT_QUEUE_COUNT];
-    LONG m_nInjectPacketCount; // packets on both queues, interlocked
-    ULONG m_nInjectPacketMax;  // set by a control request, read by nobody
+    LONG m_nInjectPacketsQueued; // ever, on both queues, interlocked; see Filter_GetInjectPacketCount
+    ULONG m_nInjectPacketMax;    // set by a control request, read by nobody
+    struct {
+        UCHAR m_Padding[60]; // producers and workers do not write the same cache lines
+        LONG m_nCount;       // packets that have left the queue, ever; written by whoever serves it
+    } m_InjectPacketsTaken[INJECT_QUEUE_COUNT];
+    UCHAR m_InjectPadding[60];
 
     NDIS_RW_LOCK m_InterfaceLock;
     RecordList<FilterInterface> m_InterfaceList;
@@ -72,8 +77,9 @@ struct NdisFilterDeviceExtension {
     PVOID m_pAppToDriverEthrLog;
     PVOID m_pDriverToAppEthrLog;
 
-    RecordList<FilterInterface> m_DepartingInterfaceList; // whose deregistration is announced; m_InterfaceLock's, too
-    BOOLEAN m_bTimersStopped; // by the unload, also those that are still created; under m_FilterTimerLock
+    RecordList<FilterInterface>
+        m_DepartingInterfaceList; // whose deregistration is announced; m_InterfaceLock's, too
+    BOOLEAN m_bTimersStopped;     // by the unload, also those that are still created; under m_FilterTimerLock
 };
 
 // The global state; set by the driver entry before anything else can run.
@@ -96,15 +102,16 @@ struct AdapterIdTable {
 };
 
 extern AdapterIdTable g_AdapterIdTable;
-extern ULONG g_nPendingPacketLimit;    // registry value PendingPacketLimit
-extern UNICODE_STRING g_RegistryPath;  // of the service key; Buffer is nullptr until saved
-extern ULONG g_nMappedMemorySize;      // what PUT_SHAREDMEMORYSIZE reports
-extern ULONG g_nStartShareValue;       // given by the last START_SHARE, for the hook driver's mapping
+extern ULONG g_nPendingPacketLimit;   // registry value PendingPacketLimit
+extern UNICODE_STRING g_RegistryPath; // of the service key; Buffer is nullptr until saved
+extern ULONG g_nMappedMemorySize;     // what PUT_SHAREDMEMORYSIZE reports
+extern ULONG g_nStartShareValue;      // given by the last START_SHARE, for the hook driver's mapping
 
 // A function of the hook driver while it is bound and has given it, else nullptr. Binding stores the functions before
 // the flag, unbinding clears the flag first; a call under way is the hook driver's to expect. Client drivers may call
 // before the framework has started.
-template <class Function> Function BoundHookFunction(Function NdisHookAPI::*field)
+template <class Function>
+Function BoundHookFunction(Function NdisHookAPI::*field)
 {
     if (__builtin_expect(g_pDeviceExtension == nullptr, 0)) {
         return nullptr;

@@ -81,21 +81,34 @@ VOID PrintError(FILTER_STATUS status);
 VOID PrintEnter(const CallTrace& trace);
 VOID PrintLeave(const CallTrace& trace, FILTER_STATUS status);
 
+// The body of an exported function, as its guard runs it: with all it needs in one place.
+template <class Body> struct GuardedCall {
+    Body Run;
+    FILTER_STATUS Status;
+};
+
+template <class Body> __attribute__((noinline)) VOID RunGuardedCall(PVOID context)
+{
+    GuardedCall<Body>& call = *static_cast<GuardedCall<Body>*>(context);
+    call.Status = call.Run();
+}
+
 // Runs the body of an exported function, a callable that answers a FILTER_STATUS, inside an exception guard and
-// between its trace lines. The body runs without destructors when it faults: see the guard.
+// between its trace lines. The body runs without destructors when it faults: see the guard. The trace is copied where
+// it is needed, so that a call without trace lines does not build it.
 template <class Body>
 __attribute__((always_inline)) inline FILTER_STATUS TracedCall(const CallTrace& trace, const Body& body)
 {
-    FILTER_STATUS status = FILTER_ERROR_EXCEPTION;
+    GuardedCall<Body> call = {body, FILTER_ERROR_EXCEPTION};
     if (TraceEnabled(trace.Area)) {
-        PrintEnter(trace);
+        PrintEnter(CallTrace(trace));
     }
-    const NTSTATUS code = Guarded([&] { status = body(); });
+    const NTSTATUS code = CallGuarded(RunGuardedCall<Body>, &call);
     if (__builtin_expect(code != 0, 0)) {
-        status = ExceptionStatus(trace.ExceptionName != nullptr ? trace.ExceptionName : trace.Name, code);
+        call.Status = ExceptionStatus(trace.ExceptionName != nullptr ? trace.ExceptionName : trace.Name, code);
     }
     if (TraceEnabled(trace.Area)) {
-        PrintLeave(trace, status);
+        PrintLeave(CallTrace(trace), call.Status);
     }
-    return status;
+    return call.Status;
 }
