@@ -47,8 +47,10 @@ __attribute__((always_inline)) inline ULONGLONG AddRounds(const UCHAR* p, ULONG 
         upper += second >> 16;
         p += ROUND_SIZE;
     } while (p != end);
-    const Lanes sums = words - (upper << 16) + upper;
-    return static_cast<ULONGLONG>(sums[0]) + sums[1] + sums[2] + sums[3];
+    Lanes sums = words - (upper << 16) + upper; // of all four still below 2^32
+    sums += __builtin_shufflevector(sums, sums, 2, 3, 0, 1);
+    sums += __builtin_shufflevector(sums, sums, 1, 0, 3, 2);
+    return sums[0];
 }
 
 // A one's-complement sum of 16-bit little-endian words (RFC 1071, which shows that neither their byte order nor the
