@@ -4,6 +4,8 @@
 #include "framework.h"
 #include "peers/contenders.h"
 
+#include <hostguard.h>
+
 namespace
 {
 
@@ -20,6 +22,32 @@ void Framework(benchmark::State& state, ULONG selector, size_t offset, size_t si
             std::memcpy(&checksum, (selector == 0 ? datagram.Ip() + 10 : datagram.Transport() + offset), 2);
             return checksum;
         });
+}
+
+// What the host's exception guard takes of a call, which __try does not on Windows: the call alone, and in the guard.
+__attribute__((noinline)) void Nothing(void* context)
+{
+    benchmark::DoNotOptimize(context);
+}
+
+void PlainCall(benchmark::State& state)
+{
+    void (*routine)(void*) = Nothing;
+    benchmark::DoNotOptimize(routine);
+    bench::SetWork(state, 0);
+    for (auto _ : state) {
+        routine(&state);
+    }
+}
+
+void GuardedCall(benchmark::State& state)
+{
+    void (*routine)(void*) = Nothing;
+    benchmark::DoNotOptimize(routine);
+    bench::SetWork(state, 0);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(HostCallGuarded(routine, &state));
+    }
 }
 
 // Less than any checksum: 64-bit additions whose carries are lost.
@@ -55,6 +83,8 @@ int main(int argc, char** argv)
 {
     bench::LoadFramework();
     benchmark::RegisterBenchmark("header checksum/framework/20", Framework, 0, 2, 0);
+    benchmark::RegisterBenchmark("call/plain/empty", PlainCall);
+    benchmark::RegisterBenchmark("call/guarded/empty", GuardedCall);
     for (const size_t size : kSizes) {
         const std::string bytes = "/" + std::to_string(size);
         benchmark::RegisterBenchmark(("checksum/framework" + bytes).c_str(), Framework, kIcmp, 2, size);

@@ -39,8 +39,9 @@ Loaded LoadAndUnload()
     FilterDriver* driver = nullptr;
     PacketFilter* filter = nullptr;
     bench::Check("Filter_RegisterDriver", Filter_RegisterDriver(&name, nullptr, 1, 0, &driver));
-    bench::Check("Filter_RegisterFilter", Filter_RegisterFilter(driver, &name, Bypass, nullptr, FILTER_TYPE_INCOMING_PACKET,
-                                                                FILTER_ORDER_LAST, &filter));
+    bench::Check("Filter_RegisterFilter",
+                 Filter_RegisterFilter(driver, &name, Bypass, nullptr, FILTER_TYPE_INCOMING_PACKET,
+                                       FILTER_ORDER_LAST, &filter));
     loaded.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     loaded.bytes = PoolBytes() - hook - NDIS_FILTER_MAPPED_MEMORY_SIZE;
     bench::Check("Filter_DeregisterDriver", Filter_DeregisterDriver(driver));

@@ -51,7 +51,8 @@ void MakeCapture()
         ip[20] = 0xC0;
         ip[20 + 2] = static_cast<uint8_t>(port >> 8);
         ip[20 + 3] = static_cast<uint8_t>(port);
-        const pcap_pkthdr header = {{static_cast<time_t>(number / 1'000'000), number % 1'000'000}, size, size};
+        const pcap_pkthdr header = {
+            {static_cast<time_t>(number / 1'000'000), number % 1'000'000}, size, size};
         pcap_dump(reinterpret_cast<u_char*>(file), &header, frame);
         bytes += 16 + size;
     }
@@ -73,7 +74,8 @@ double RunProgram(std::vector<std::string> words, const std::string& output)
     const auto begin = std::chrono::steady_clock::now();
     const pid_t process = fork();
     if (process == 0) {
-        if (std::freopen(output.c_str(), "w", stdout) != nullptr && std::freopen((output + ".err").c_str(), "w", stderr)) {
+        if (std::freopen(output.c_str(), "w", stdout) != nullptr &&
+            std::freopen((output + ".err").c_str(), "w", stderr)) {
             execvp(arguments[0], arguments.data());
         }
         _exit(127);
@@ -103,9 +105,10 @@ void Lab(benchmark::State& state)
 {
     const std::string report = g_directory->File("report");
     for (auto _ : state) {
-        state.SetIterationTime(RunProgram({NDISFILTER_LAB, "replay", Capture(), "--filter", "blocker", "--set",
-                                           "blocker.BlockPorts=" + std::to_string(kBlockedPort), "--quiet", "--json"},
-                                          report));
+        state.SetIterationTime(
+            RunProgram({NDISFILTER_LAB, "replay", Capture(), "--filter", "blocker", "--set",
+                        "blocker.BlockPorts=" + std::to_string(kBlockedPort), "--quiet", "--json"},
+                       report));
     }
     std::ifstream file(report);
     bench::SetWork(state, nlohmann::json::parse(file)["balance"]["delivered"].get<uint64_t>());
@@ -127,7 +130,8 @@ void Tcpdump(benchmark::State& state)
 void Read(benchmark::State& state)
 {
     for (auto _ : state) {
-        state.SetIterationTime(RunProgram({"dd", "if=" + Capture(), "of=/dev/null", "bs=256k"}, g_directory->File("dd")));
+        state.SetIterationTime(
+            RunProgram({"dd", "if=" + Capture(), "of=/dev/null", "bs=256k"}, g_directory->File("dd")));
     }
 }
 
@@ -137,11 +141,14 @@ int main(int argc, char** argv)
 {
     g_directory = std::make_unique<bench::Directory>();
     const auto once = [](const char* name, void (*run)(benchmark::State&)) {
-        benchmark::RegisterBenchmark(name, [run](benchmark::State& state) {
-            static bool made = (MakeCapture(), true);
-            benchmark::DoNotOptimize(made);
-            run(state);
-        })->UseManualTime()->Iterations(1);
+        benchmark::RegisterBenchmark(name,
+                                     [run](benchmark::State& state) {
+                                         static bool made = (MakeCapture(), true);
+                                         benchmark::DoNotOptimize(made);
+                                         run(state);
+                                     })
+            ->UseManualTime()
+            ->Iterations(1);
     };
     once("replay/framework/1 GB", Lab);
     once("replay/tcpdump/1 GB", Tcpdump);

@@ -16,7 +16,7 @@ namespace lab
 namespace
 {
 
-constexpr size_t kFirstFrames = 1000; // looked at for the adapter's address
+constexpr size_t kFirstFrames = 1000;     // looked at for the adapter's address
 constexpr size_t kReadAhead = 256 * 1024; // bytes that are read at once
 
 [[noreturn]] void Fail(const std::string& path, const std::string& message)

@@ -178,7 +178,8 @@ bool Lane::IsSent(std::span<const uint8_t> frame) const
            std::equal(address_.begin(), address_.end(), frame.begin() + kSource);
 }
 
-hook::BatchResult Lane::Deliver(const FrameBatch& batch, size_t first, size_t most, const hook::FrameOptions& options)
+hook::BatchResult Lane::Deliver(const FrameBatch& batch, size_t first, size_t most,
+                                const hook::FrameOptions& options)
 {
     const hook::Frames left = batch.From(first);
     const bool sent = IsSent(left[0]);

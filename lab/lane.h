@@ -55,7 +55,8 @@ class Lane
     // Takes the next frames, from any worker. False when the capture is through.
     bool TakeBatch(FrameBatch& batch);
     // Hands a frame to the framework, from any worker.
-    hook::BatchResult Deliver(const FrameBatch& batch, size_t first, size_t most, const hook::FrameOptions& options);
+    hook::BatchResult Deliver(const FrameBatch& batch, size_t first, size_t most,
+                              const hook::FrameOptions& options);
 
     // Where frames go that come out of a side, besides the capture written; runs at DISPATCH_LEVEL, on several
     // threads at once. The adapter is open.

@@ -42,10 +42,10 @@ void Register(const std::string& level)
     benchmark::RegisterBenchmark(name("rte_ipv4_cksum", "header checksum", 20).c_str(), Header);
     for (const size_t size : kSizes) {
         benchmark::RegisterBenchmark(name("rte_raw_cksum", "checksum", size).c_str(), Raw, size);
-        benchmark::RegisterBenchmark(name("rte_ipv4_udptcp_cksum", "TCP checksum", size).c_str(), Transport, 6, 16,
-                                     size);
-        benchmark::RegisterBenchmark(name("rte_ipv4_udptcp_cksum", "UDP checksum", size).c_str(), Transport, 17, 6,
-                                     size);
+        benchmark::RegisterBenchmark(name("rte_ipv4_udptcp_cksum", "TCP checksum", size).c_str(), Transport,
+                                     6, 16, size);
+        benchmark::RegisterBenchmark(name("rte_ipv4_udptcp_cksum", "UDP checksum", size).c_str(), Transport,
+                                     17, 6, size);
     }
 }
 

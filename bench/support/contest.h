@@ -45,8 +45,8 @@ inline uint64_t Mix(uint64_t work, uint64_t result)
 // Where an iteration is not one operation: how many operations there were in all.
 inline void SetOperations(benchmark::State& state, double operations)
 {
-    state.counters["ns"] = benchmark::Counter(operations * 1e-9,
-                                              benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["ns"] =
+        benchmark::Counter(operations * 1e-9, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 // The result of a measurement that is no time.

@@ -57,7 +57,8 @@ class Datagrams
             }
             benchmark::ClobberMemory();
         }
-        SetOperations(state, static_cast<double>(state.iterations()) * static_cast<double>(datagrams_.size()));
+        SetOperations(state,
+                      static_cast<double>(state.iterations()) * static_cast<double>(datagrams_.size()));
     }
 
     // The same for a contender that leaves the checksum beside the datagram.

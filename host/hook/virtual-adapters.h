@@ -152,7 +152,8 @@ struct BatchResult {
     size_t tooLong = 0;  // over kLongestFrame
     size_t noPacket = 0; // all packets were out, and none came back in time
     size_t noMemory = 0;
-    size_t Ended() const { return accepted + notBound + adapterClosed + tooLong + noMemory; } // all but noPacket
+    // All but those without a packet.
+    size_t Ended() const { return accepted + notBound + adapterClosed + tooLong + noMemory; }
 };
 
 // (D) Hands frames to the framework at DISPATCH_LEVEL, as an adapter's interrupt path does. A batch is raised

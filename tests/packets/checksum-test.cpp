@@ -48,7 +48,7 @@ TEST_F(ChecksumTest, EveryLengthAndHeaderSizeAgreesWithTheTextbook)
     };
     for (const auto& [protocol, minimum, checksumOffset] :
          {Transport{kProtocolIcmp, 8, 2}, {kProtocolTcp, 20, 16}, {kProtocolUdp, 8, 6}}) {
-        for (size_t length = minimum; length < 140; ++length) {
+        for (size_t length = minimum; length < 1500; length += length < 140 ? 1 : 61) {
             const Bytes options = Counting(length % 11 * 4, 0xC0);
             const uint8_t first = static_cast<uint8_t>(0xF0 + 7 * length); // many carries
             Bytes packet = Ipv4Packet(protocol, Counting(length, first), {.options = options});
@@ -62,7 +62,8 @@ TEST_F(ChecksumTest, EveryLengthAndHeaderSizeAgreesWithTheTextbook)
             Bytes covered;
             if (protocol != kProtocolIcmp) { // the pseudo-header
                 covered.assign(packet.begin() + 13, packet.begin() + 21);
-                covered.insert(covered.end(), {0, protocol, 0, static_cast<uint8_t>(length)});
+                covered.insert(covered.end(), {0, protocol, static_cast<uint8_t>(length >> 8),
+                                               static_cast<uint8_t>(length)});
             }
             covered.insert(covered.end(), segment, packet.end());
             ASSERT_EQ(TextbookChecksum(covered), 0u) << length;
@@ -109,6 +110,8 @@ TEST_F(ChecksumTest, TheSelectorDecidesAndUnknownOnesChangeNothing)
     EXPECT_NE(Big16(&asUdp[20 + 6]), Big16(&packet[20 + 6]));
     EXPECT_EQ(Filter_CalculatePacketCheckSum(nullptr, 0), FILTER_ERROR_INVALID_ARGUMENT);
     EXPECT_EQ(Filter_CalculatePacketCheckSum(Unwritable<uint8_t>(), 0), FILTER_ERROR_EXCEPTION);
+    EXPECT_EQ(Filter_CalculatePacketCheckSum(reinterpret_cast<void*>(8), 5),
+              FILTER_ERROR_EXCEPTION); // is read first
     EXPECT_TRUE(Debug().Contains("Filter_CalculatePacketCheckSum: exception, code = -1073741819\n"));
 }
 
@@ -120,6 +123,11 @@ TEST_F(ChecksumTest, AUdpSumOfZeroStaysZero)
     Put(packet, 28, checksum); // as payload it brings the sum to 0xFFFF
     ASSERT_EQ(Filter_CalculatePacketCheckSum(packet.data(), kProtocolUdp), FILTER_STATUS_SUCCESS);
     EXPECT_EQ(Big16(&packet[26]), 0u);
+    // Nothing but zeros sums to zero in its other form, whatever stood in the field.
+    Bytes zeros = Ipv4Packet(kProtocolIcmp, Bytes(48));
+    Put(zeros, 22, 0x1234);
+    ASSERT_EQ(Filter_CalculatePacketCheckSum(zeros.data(), kProtocolIcmp), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(Big16(&zeros[22]), 0xFFFFu);
 }
 
 TEST_F(ChecksumTest, ATotalLengthBelowTheHeadersReachesNoFurther)
@@ -143,8 +151,8 @@ TEST_F(ChecksumTest, TheFieldCountsAsZeroAlsoAmongTheAddresses)
         uint8_t protocol;
         size_t field;
     };
-    for (const auto& [words, protocol, field] : {Header{0, kProtocolTcp, 16}, {2, kProtocolUdp, 6},
-                                                 {3, kProtocolUdp, 6}}) {
+    for (const auto& [words, protocol, field] :
+         {Header{0, kProtocolTcp, 16}, {2, kProtocolUdp, 6}, {3, kProtocolUdp, 6}}) {
         Bytes packet = Counting(60, 1);
         packet[0] = static_cast<uint8_t>(0x40 | words);
         Put(packet, 2, 60);

@@ -16,7 +16,8 @@ constexpr ULONG WORD_SIZE = sizeof(ULONGLONG);
 typedef ULONG Lanes __attribute__((vector_size(16)));
 constexpr ULONG ROUND_SIZE = 2 * sizeof(Lanes);
 
-template <class Word> Word Load(const UCHAR* p)
+template <class Word>
+Word Load(const UCHAR* p)
 {
     Word word;
     __builtin_memcpy(&word, p, sizeof(word)); // headers are not aligned
@@ -47,8 +48,10 @@ __attribute__((always_inline)) inline ULONGLONG AddRounds(const UCHAR* p, ULONG 
         upper += second >> 16;
         p += ROUND_SIZE;
     } while (p != end);
-    const Lanes sums = words - (upper << 16) + upper;
-    return static_cast<ULONGLONG>(sums[0]) + sums[1] + sums[2] + sums[3];
+    Lanes sums = words - (upper << 16) + upper; // of all four still below 2^32
+    sums += __builtin_shufflevector(sums, sums, 2, 3, 0, 1);
+    sums += __builtin_shufflevector(sums, sums, 1, 0, 3, 2);
+    return sums[0];
 }
 
 // A one's-complement sum of 16-bit little-endian words (RFC 1071, which shows that neither their byte order nor the
@@ -123,24 +126,22 @@ VOID Store(UCHAR* field, USHORT checksum)
 struct Extent {
     explicit Extent(const UCHAR* ip)
         : HeaderSize(IpHeaderSize(ip)), Length(ReadBe16(ip + IP_TOTAL_LENGTH_OFFSET) - HeaderSize)
-    {
-    }
-    ULONG Size() const
-    {
-        return static_cast<LONG>(Length) < 0 ? 0 : Length;
-    }
+    {}
+    ULONG Size() const { return static_cast<LONG>(Length) < 0 ? 0 : Length; }
     ULONG HeaderSize;
     ULONG Length; // of what follows the header; the pseudo-header has it also when it is negative
 };
 
 // With the pseudo-header of TCP and UDP: both addresses, and one word with length and protocol.
-template <ULONG FIELD, ULONG PROTOCOL> VOID StoreTransportChecksum(PVOID datagram)
+template <ULONG FIELD, ULONG PROTOCOL>
+VOID StoreTransportChecksum(PVOID datagram)
 {
     UCHAR* const ip = static_cast<UCHAR*>(datagram);
     const Extent extent(ip);
     UCHAR* const transport = ip + extent.HeaderSize;
     if (__builtin_expect(extent.HeaderSize < IP_HEADER_SIZE, 0)) {
-        RtlZeroMemory(transport + FIELD, sizeof(USHORT)); // it may lie in the addresses, and counts as zero there, too
+        // The field may lie in the addresses, and counts as zero there, too.
+        RtlZeroMemory(transport + FIELD, sizeof(USHORT));
     }
     static_assert(IP_ADDRESSES_SIZE == WORD_SIZE);
     const USHORT word = __builtin_bswap16(static_cast<USHORT>(extent.Length + PROTOCOL));
@@ -168,33 +169,42 @@ VOID StoreHeaderChecksum(PVOID datagram)
     }
 }
 
-// Runs a routine of the above in a guard that needs nothing but the datagram: the routines are short enough for
-// anything else to show.
-FILTER_STATUS CalculateChecksum(PVOID ip, ULONG selector)
+// What a call with an unknown selector does: a datagram that cannot be read is told first.
+VOID ReadExtent(PVOID datagram)
 {
-    VOID (*store)(PVOID datagram) = nullptr;
+    const volatile UCHAR* const ip = static_cast<UCHAR*>(datagram);
+    static_cast<VOID>(ip[0]);
+    static_cast<VOID>(ip[IP_TOTAL_LENGTH_OFFSET]);
+}
+
+VOID (*RoutineFor(ULONG selector))(PVOID)
+{
     switch (selector) {
     case IP_HEADER_SELECTOR:
-        store = StoreHeaderChecksum;
-        break;
+        return StoreHeaderChecksum;
     case IP_PROTOCOL_ICMP:
-        store = StoreIcmpChecksum;
-        break;
+        return StoreIcmpChecksum;
     case IP_PROTOCOL_TCP:
-        store = StoreTransportChecksum<TCP_CHECKSUM_OFFSET, IP_PROTOCOL_TCP>;
-        break;
+        return StoreTransportChecksum<TCP_CHECKSUM_OFFSET, IP_PROTOCOL_TCP>;
     case IP_PROTOCOL_UDP:
-        store = StoreTransportChecksum<UDP_CHECKSUM_OFFSET, IP_PROTOCOL_UDP>;
-        break;
+        return StoreTransportChecksum<UDP_CHECKSUM_OFFSET, IP_PROTOCOL_UDP>;
     default:
-        return ip == nullptr ? FILTER_ERROR_INVALID_ARGUMENT : FILTER_ERROR_UNSUPPORTED_PROTOCOL;
+        return ReadExtent;
     }
+}
+
+// In a guard that needs nothing but the datagram: the routines are short enough for anything else to show.
+FILTER_STATUS CalculateChecksum(PVOID ip, ULONG selector)
+{
     if (__builtin_expect(ip == nullptr, 0)) {
         return FILTER_ERROR_INVALID_ARGUMENT;
     }
-    const NTSTATUS code = CallGuarded(store, ip);
-    return __builtin_expect(code == 0, 1) ? FILTER_STATUS_SUCCESS
-                                          : ExceptionStatus("Filter_CalculatePacketCheckSum", code);
+    const auto routine = RoutineFor(selector);
+    const NTSTATUS code = CallGuarded(routine, ip);
+    if (__builtin_expect(code != 0, 0)) {
+        return ExceptionStatus("Filter_CalculatePacketCheckSum", code);
+    }
+    return routine != ReadExtent ? FILTER_STATUS_SUCCESS : FILTER_ERROR_UNSUPPORTED_PROTOCOL;
 }
 
 } // namespace

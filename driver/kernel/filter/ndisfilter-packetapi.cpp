@@ -96,14 +96,16 @@ constexpr ULONG DNS_PORT = 53;
 constexpr ULONG UDP_HEADER_SIZE = 8;
 
 // A traced parse says what it finds; any other one is spared the questions whether to.
-template <BOOLEAN TRACED> VOID TraceHeader(PCSTR format, const UCHAR* header)
+template <BOOLEAN TRACED>
+VOID TraceHeader(PCSTR format, const UCHAR* header)
 {
     if constexpr (TRACED) {
         DbgPrint(format, header);
     }
 }
 
-template <BOOLEAN TRACED> VOID ParseUdp(FilterPacket& packet, UCHAR* udp)
+template <BOOLEAN TRACED>
+VOID ParseUdp(FilterPacket& packet, UCHAR* udp)
 {
     packet.m_pUdp = udp;
     TraceHeader<TRACED>("pPacket->m_pUdp = 0x%p\n", udp);
@@ -117,7 +119,8 @@ template <BOOLEAN TRACED> VOID ParseUdp(FilterPacket& packet, UCHAR* udp)
     }
 }
 
-template <BOOLEAN TRACED> VOID ParseIp(FilterPacket& packet, UCHAR* ip)
+template <BOOLEAN TRACED>
+VOID ParseIp(FilterPacket& packet, UCHAR* ip)
 {
     packet.m_pIp = ip;
     TraceHeader<TRACED>("pPacket->m_pIp = 0x%p\n", ip);
@@ -146,7 +149,8 @@ template <BOOLEAN TRACED> VOID ParseIp(FilterPacket& packet, UCHAR* ip)
     }
 }
 
-template <BOOLEAN TRACED> VOID ParseFrame(FilterPacket& packet, UCHAR* frame)
+template <BOOLEAN TRACED>
+VOID ParseFrame(FilterPacket& packet, UCHAR* frame)
 {
     SetFrameWithoutHeaders(packet, frame);
     switch (ReadBe16(frame + ETHERTYPE_OFFSET)) {
@@ -229,7 +233,8 @@ FILTER_STATUS Filter_InitPacketHeader(FilterPacket* pPacket, UCHAR* pFrame)
     if (__builtin_expect(pPacket != nullptr && pFrame == nullptr && !TraceEnabled(TRACE_PACKET), 1)) {
         // As below, without what a guarded call needs that is given more than a packet and answers more than a code.
         const NTSTATUS code = CallGuarded(ParseOwnFrame, pPacket);
-        return __builtin_expect(code == 0, 1) ? FILTER_STATUS_SUCCESS : ExceptionStatus("Filter_InitPacketHeader", code);
+        return __builtin_expect(code == 0, 1) ? FILTER_STATUS_SUCCESS
+                                              : ExceptionStatus("Filter_InitPacketHeader", code);
     }
     const CallTrace trace = {.Name = "Filter_InitPacketHeader",
                              .Area = TRACE_PACKET,

@@ -82,12 +82,14 @@ VOID PrintEnter(const CallTrace& trace);
 VOID PrintLeave(const CallTrace& trace, FILTER_STATUS status);
 
 // The body of an exported function, as its guard runs it: with all it needs in one place.
-template <class Body> struct GuardedCall {
+template <class Body>
+struct GuardedCall {
     Body Run;
     FILTER_STATUS Status;
 };
 
-template <class Body> __attribute__((noinline)) VOID RunGuardedCall(PVOID context)
+template <class Body>
+__attribute__((noinline)) VOID RunGuardedCall(PVOID context)
 {
     GuardedCall<Body>& call = *static_cast<GuardedCall<Body>*>(context);
     call.Status = call.Run();
@@ -105,7 +107,8 @@ __attribute__((always_inline)) inline FILTER_STATUS TracedCall(const CallTrace& 
     }
     const NTSTATUS code = CallGuarded(RunGuardedCall<Body>, &call);
     if (__builtin_expect(code != 0, 0)) {
-        call.Status = ExceptionStatus(trace.ExceptionName != nullptr ? trace.ExceptionName : trace.Name, code);
+        call.Status =
+            ExceptionStatus(trace.ExceptionName != nullptr ? trace.ExceptionName : trace.Name, code);
     }
     if (TraceEnabled(trace.Area)) {
         PrintLeave(CallTrace(trace), call.Status);
