@@ -21,9 +21,10 @@ struct Slot {
     void Set(ULONG value) const { __atomic_store_n(count, value, __ATOMIC_RELAXED); }
 };
 
-Slot SlotOf(NDIS_RW_LOCK* lock, uint32_t processor)
+// Of the processor that the thread owns.
+Slot SlotOf(NDIS_RW_LOCK* lock, const ThreadState& thread)
 {
-    return {&lock->Reader[processor].Count};
+    return {&lock->Reader[static_cast<ptrdiff_t>(thread.processor) - 1].Count};
 }
 
 [[gnu::noinline]] void WaitForWriter(NDIS_RW_LOCK* lock, Slot slot)
@@ -98,7 +99,7 @@ void FinishRead(ThreadState& thread, NDIS_RW_LOCK* lock, PLOCK_STATE state, cons
 [[gnu::noinline]] void GiveWay(NDIS_RW_LOCK* lock, PLOCK_STATE state, const void* site, KIRQL oldIrql)
 {
     ThreadState& thread = t_thread;
-    Slot slot = SlotOf(lock, CurrentProcessor(thread));
+    Slot slot = SlotOf(lock, thread);
     if (__atomic_load_n(&lock->WriterThread, __ATOMIC_RELAXED) == &thread) {
         __atomic_store_n(slot.count, 0, __ATOMIC_RELEASE);
         state->OldIrql = oldIrql;
@@ -112,7 +113,7 @@ void FinishRead(ThreadState& thread, NDIS_RW_LOCK* lock, PLOCK_STATE state, cons
 [[gnu::noinline]] void AcquireRead(NDIS_RW_LOCK* lock, PLOCK_STATE state, const void* site, KIRQL oldIrql)
 {
     ThreadState& thread = t_thread;
-    Slot slot = SlotOf(lock, CurrentProcessor(thread));
+    Slot slot = SlotOf(lock, thread);
     ULONG count = slot.Get();
     if (count != 0) {
         slot.Set(count + 1); // only this thread runs on the processor, so it reads the lock already
@@ -144,7 +145,7 @@ void FinishRead(ThreadState& thread, NDIS_RW_LOCK* lock, PLOCK_STATE state, cons
         return;
     }
     if (held->kind == LockKind::Read) {
-        Slot slot = SlotOf(lock, CurrentProcessor(thread));
+        Slot slot = SlotOf(lock, thread);
         __atomic_store_n(slot.count, slot.Get() - 1, __ATOMIC_RELEASE);
     } else if (!held->refused) {
         __atomic_store_n(&lock->WriterThread, nullptr, __ATOMIC_RELAXED);
@@ -170,17 +171,16 @@ VOID NdisAcquireReadWriteLock(PNDIS_RW_LOCK Lock, BOOLEAN fWrite, PLOCK_STATE Lo
 {
     ThreadState& thread = t_thread;
     const void* site = __builtin_return_address(0);
-    if (__builtin_expect(fWrite || thread.irql < DISPATCH_LEVEL || Lock->Signature != kSignature, 0))
+    if (__builtin_expect(fWrite || thread.irql != DISPATCH_LEVEL || Lock->Signature != kSignature, 0))
         return AcquireAny(Lock, fWrite, LockState, site);
-    Slot slot = SlotOf(Lock, CurrentProcessor(thread));
+    Slot slot = SlotOf(Lock, thread);
     if (__builtin_expect(slot.Get() != 0 || thread.heldCount == kMaxHeldLocks, 0))
         return AcquireRead(Lock, LockState, site, thread.irql);
     __atomic_exchange_n(slot.count, 1, __ATOMIC_SEQ_CST);
     if (__builtin_expect(__atomic_load_n(&Lock->Writer, __ATOMIC_ACQUIRE) != 0, 0))
-        return GiveWay(Lock, LockState, site, thread.irql);
+        return GiveWay(Lock, LockState, site, DISPATCH_LEVEL);
     NoteHeld(thread, Lock, LockKind::Read, site, false);
-    LockState->LockState = kStateRead;
-    LockState->OldIrql = thread.irql;
+    *LockState = {kStateRead, DISPATCH_LEVEL};
 }
 
 VOID NdisReleaseReadWriteLock(PNDIS_RW_LOCK Lock, PLOCK_STATE LockState)
@@ -194,6 +194,6 @@ VOID NdisReleaseReadWriteLock(PNDIS_RW_LOCK Lock, PLOCK_STATE LockState)
         return ReleaseAny(Lock, LockState);
     __atomic_store_n(&thread.heldCount, count - 1, __ATOMIC_RELAXED);
     LockState->LockState = kStateReleased;
-    Slot slot = SlotOf(Lock, CurrentProcessor(thread));
+    Slot slot = SlotOf(Lock, thread);
     __atomic_store_n(slot.count, slot.Get() - 1, __ATOMIC_RELEASE);
 }

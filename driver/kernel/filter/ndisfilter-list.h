@@ -67,6 +67,7 @@ template <class Record> class RecordList
     class Iterator
     {
       public:
+        Iterator() = default; // to be assigned to
         explicit Iterator(PLIST_ENTRY link) : link_(link), next_(link->Flink)
         {
         }

@@ -224,6 +224,11 @@ VOID Filter_ClearPacketReleaseCallback(FilterPacket* pPacket)
     Filter_SetPacketReleaseCallback(pPacket, nullptr, nullptr);
 }
 
+VOID ParsePacket(FilterPacket* pPacket)
+{
+    ParseFrame<FALSE>(*pPacket, pPacket->m_Data);
+}
+
 FILTER_STATUS Filter_InitPacketHeader(FilterPacket* pPacket, UCHAR* pFrame)
 {
     if (__builtin_expect(pPacket != nullptr && pFrame == nullptr && !TraceEnabled(TRACE_PACKET), 1)) {
