@@ -155,6 +155,14 @@ void FinishRead(ThreadState& thread, NDIS_RW_LOCK* lock, PLOCK_STATE state, cons
     LowerTo(thread, state->OldIrql, "NdisReleaseReadWriteLock");
 }
 
+// With its address in a register: else each access finds the thread's memory anew.
+inline ThreadState& ThisThread()
+{
+    ThreadState* thread = &t_thread;
+    asm("" : "+r"(thread));
+    return *thread;
+}
+
 } // namespace
 
 VOID NdisInitializeReadWriteLock(PNDIS_RW_LOCK Lock)
@@ -169,7 +177,7 @@ VOID NdisInitializeReadWriteLock(PNDIS_RW_LOCK Lock)
 
 VOID NdisAcquireReadWriteLock(PNDIS_RW_LOCK Lock, BOOLEAN fWrite, PLOCK_STATE LockState)
 {
-    ThreadState& thread = t_thread;
+    ThreadState& thread = ThisThread();
     const void* site = __builtin_return_address(0);
     if (__builtin_expect(fWrite || thread.irql != DISPATCH_LEVEL || Lock->Signature != kSignature, 0))
         return AcquireAny(Lock, fWrite, LockState, site);
@@ -185,7 +193,7 @@ VOID NdisAcquireReadWriteLock(PNDIS_RW_LOCK Lock, BOOLEAN fWrite, PLOCK_STATE Lo
 
 VOID NdisReleaseReadWriteLock(PNDIS_RW_LOCK Lock, PLOCK_STATE LockState)
 {
-    ThreadState& thread = t_thread;
+    ThreadState& thread = ThisThread();
     uint32_t count = thread.heldCount;
     if (__builtin_expect(count == 0 || LockState->OldIrql != thread.irql, 0))
         return ReleaseAny(Lock, LockState);

@@ -38,22 +38,22 @@ ULONG PositionOf(const RecordList<PacketFilter>& chain, const PacketFilter& filt
     return position;
 }
 
-// One packet's passage: `before`, the filters, and what their verdict makes of the packet. `before` runs with the chain
-// locked and answers FALSE to have the packet left as it is.
+// One packet's passage: the start of its route, the filters, and what their verdict makes of the packet.
+//
+// A route tells its itinerary, and what starts it: Start(packet) runs with the chain locked and answers FALSE to have
+// the packet left as it is.
 //
 // All of it runs in one guard, because a guard costs as much as several filters that bypass. When something faults, a
 // new guard takes the passage up behind it, so that an exception costs only who raised it.
 //
 // A plain passage is what a frame meets nearly always, the whole chain with nothing traced: it tests for neither.
-template <BOOLEAN Plain, class Before>
+template <BOOLEAN Plain, class Route>
 class Passage
 {
   public:
-    Passage(const Itinerary& itinerary, FilterPacket* packet, Before before)
-        : itinerary_(itinerary), packet_(packet), before_(before)
-    {}
+    Passage(const Route& route, FilterPacket* packet) : route_(route), packet_(packet) {}
 
-    // FALSE when `before` answered so.
+    // FALSE when the start answered so.
     BOOLEAN Run()
     {
         for (;;) {
@@ -80,10 +80,10 @@ class Passage
     VOID Proceed()
     {
         if (stage_ == Stage::First) {
-            lock_.Acquire(Global().m_PacketFilterLock[itinerary_.Type]);
-            next_ = Chain().begin();
+            lock_.Acquire(Global().m_PacketFilterLock[Way().Type]);
+            next_ = Chain().First();
             stage_ = Stage::Filters;
-            if (!before_(packet_)) {
+            if (!route_.Start(packet_)) {
                 lock_.Release();
                 stage_ = Stage::Refused;
                 return;
@@ -104,10 +104,9 @@ class Passage
     FILTER_RESULT RunFilters(ULONG slot)
     {
         FilterPacket* const packet = packet_;
-        const auto end = Chain().end();
-        for (auto next = next_; next != end;) {
-            PacketFilter* const filter = &*next;
-            ++next;
+        for (auto next = next_; next != Chain().End();) {
+            PacketFilter* const filter = next.Get();
+            next = next.Next();
             next_ = next; // where a new guard takes up when the filter faults
             if (!Plain) {
                 const BOOLEAN chosen = Chosen(*filter);
@@ -136,17 +135,17 @@ class Passage
     // Applies the method to the filter reached; may end the walk.
     BOOLEAN Chosen(const PacketFilter& filter)
     {
-        const BOOLEAN isGiven = &filter == itinerary_.Given;
+        const BOOLEAN isGiven = &filter == Way().Given;
         if (!active_) {
             active_ = isGiven;
-            return isGiven && itinerary_.Method != FILTER_METHOD_START_AFTER_THIS_FILTER;
+            return isGiven && Way().Method != FILTER_METHOD_START_AFTER_THIS_FILTER;
         }
-        if (isGiven && itinerary_.Method == FILTER_METHOD_STOP_AT_THIS_FILTER) {
-            next_ = Chain().end();
+        if (isGiven && Way().Method == FILTER_METHOD_STOP_AT_THIS_FILTER) {
+            next_ = Chain().End();
             return FALSE;
         }
-        if (isGiven && itinerary_.Method == FILTER_METHOD_START_UNTIL_THIS_FILTER) {
-            next_ = Chain().end();
+        if (isGiven && Way().Method == FILTER_METHOD_START_UNTIL_THIS_FILTER) {
+            next_ = Chain().End();
         }
         return TRUE;
     }
@@ -207,7 +206,7 @@ class Passage
     VOID Deliver()
     {
         FilterAdapter* const adapter = packet_->m_hAdapter;
-        if (LeadsToProtocol(itinerary_.Type)) {
+        if (LeadsToProtocol(Way().Type)) {
             Plain ? DeliverToHook<TO_PROTOCOL>(adapter, packet_)
                   : Filter_IndicatePacketToProtocolEx(adapter, packet_);
         } else {
@@ -219,40 +218,39 @@ class Passage
     // As the exported delivery does, which has a guard of its own.
     VOID ReportDeliveryException(NTSTATUS code) const
     {
-        PrintException(
-            LeadsToProtocol(itinerary_.Type) ? TO_PROTOCOL.Trace.ExceptionName : TO_ADAPTER.Trace.Name, code);
+        PrintException(LeadsToProtocol(Way().Type) ? TO_PROTOCOL.Trace.ExceptionName : TO_ADAPTER.Trace.Name,
+                       code);
     }
 
     VOID ReportException(NTSTATUS code) const
     {
-        DbgPrint("  %s: exception, code = %d, pPacket=0x%p\n", itinerary_.Name, code, packet_);
+        DbgPrint("  %s: exception, code = %d, pPacket=0x%p\n", Way().Name, code, packet_);
     }
 
-    const RecordList<PacketFilter>& Chain() const { return Global().m_PacketFilterList[itinerary_.Type]; }
+    const Itinerary& Way() const { return route_.Way(); }
+    const RecordList<PacketFilter>& Chain() const { return Global().m_PacketFilterList[Way().Type]; }
 
     VOID TraceFilter(const PacketFilter& filter) const
     {
         if (TraceEnabled(TRACE_PACKET)) {
-            DbgPrint("  %s: %s->Filter[%d] - %*.*s, pPacket=0x%p\n", itinerary_.Name,
-                     Filter_TypeString(itinerary_.Type), PositionOf(Chain(), filter),
-                     filter.m_FilterName.Length, filter.m_FilterName.Length, filter.m_FilterName.Buffer,
-                     packet_);
+            DbgPrint("  %s: %s->Filter[%d] - %*.*s, pPacket=0x%p\n", Way().Name,
+                     Filter_TypeString(Way().Type), PositionOf(Chain(), filter), filter.m_FilterName.Length,
+                     filter.m_FilterName.Length, filter.m_FilterName.Buffer, packet_);
         }
     }
 
     VOID TraceVerdict(FILTER_RESULT result) const
     {
         if (!Plain && TraceEnabled(TRACE_PACKET)) {
-            DbgPrint("  %s: %s, pPacket=0x%p\n", itinerary_.Name, Filter_ResultString(result), packet_);
+            DbgPrint("  %s: %s, pPacket=0x%p\n", Way().Name, Filter_ResultString(result), packet_);
         }
     }
 
-    const Itinerary& itinerary_;
+    const Route route_;
     FilterPacket* const packet_;
-    const Before before_;
     LateReadLock lock_;
-    RecordList<PacketFilter>::Iterator next_;
-    BOOLEAN active_ = itinerary_.StartsActive(); // filters run from here on
+    RecordList<PacketFilter>::Place next_;
+    BOOLEAN active_ = Way().StartsActive(); // filters run from here on
     Stage stage_ = Stage::First;
 };
 
@@ -287,27 +285,42 @@ VOID TraceLeaveEx()
     Trace(TRACE_PACKET, "Leave Filter_InvokeFiltersEx\n");
 }
 
+// Starts with the chain.
+struct ChainRoute {
+    const Itinerary& Chosen;
+
+    const Itinerary& Way() const { return Chosen; }
+    BOOLEAN Start(FilterPacket*) const { return TRUE; }
+};
+
+// Starts if the chain holds the given filter.
+struct GivenRoute {
+    const Itinerary& Chosen;
+
+    const Itinerary& Way() const { return Chosen; }
+    BOOLEAN Start(FilterPacket*) const
+    {
+        if (!Global().m_PacketFilterList[Way().Type].Contains(Way().Given)) {
+            return FALSE;
+        }
+        TraceChainEx(Way().Type, Way().Method);
+        return TRUE;
+    }
+};
+
 VOID RunChain(const Itinerary& itinerary, FilterPacket* packet)
 {
-    constexpr auto nothing = [](FilterPacket*) -> BOOLEAN { return TRUE; };
     if (itinerary.IsWhole() && !TraceEnabled(TRACE_PACKET)) {
-        Passage<TRUE, decltype(nothing)>(itinerary, packet, nothing).Run();
+        Passage<TRUE, ChainRoute>({itinerary}, packet).Run();
     } else {
-        Passage<FALSE, decltype(nothing)>(itinerary, packet, nothing).Run();
+        Passage<FALSE, ChainRoute>({itinerary}, packet).Run();
     }
 }
 
 // The same if the chain holds the given filter; FALSE, with the packet untouched, if not.
 BOOLEAN RunChainOf(const Itinerary& itinerary, FilterPacket* packet)
 {
-    const auto find = [&itinerary](FilterPacket*) -> BOOLEAN {
-        if (!Global().m_PacketFilterList[itinerary.Type].Contains(itinerary.Given)) {
-            return FALSE;
-        }
-        TraceChainEx(itinerary.Type, itinerary.Method);
-        return TRUE;
-    };
-    return Passage<FALSE, decltype(find)>(itinerary, packet, find).Run();
+    return Passage<FALSE, GivenRoute>({itinerary}, packet).Run();
 }
 
 // How a frame comes in from the hook driver.
@@ -327,30 +340,26 @@ constexpr Arrival SENT = {{.Name = INVOKE, .Type = FILTER_TYPE_OUTGOING_PACKET},
                           "\\/ Outgoing Packet",
                           &FilterAdapter::m_pUpperEthrLog};
 
-// Parse, mark, dump, record; then the chain and the delivery.
+// Starts with the frame: parse, mark, dump, record.
 template <BOOLEAN Plain, const Arrival& ARRIVAL>
-VOID FilterArrived(FilterPacket* packet)
-{
-    constexpr auto arrive = [](FilterPacket* arrived) -> BOOLEAN {
+struct ArrivalRoute {
+    static constexpr const Itinerary& Way() { return ARRIVAL.Chain; }
+    static BOOLEAN Start(FilterPacket* packet)
+    {
         if (Plain) {
-            ParsePacket(arrived);
+            ParsePacket(packet);
         } else {
-            Filter_InitPacketHeader(arrived, nullptr);
+            Filter_InitPacketHeader(packet, nullptr);
         }
-        arrived->m_nDirection = ARRIVAL.Direction;
-        DumpWhenEnabled(ARRIVAL.Title, arrived);
-        RecordAdapterFrame(ARRIVAL.Log, arrived);
+        packet->m_nDirection = ARRIVAL.Direction;
+        DumpWhenEnabled(ARRIVAL.Title, packet);
+        RecordAdapterFrame(ARRIVAL.Log, packet);
         if (!Plain) {
-            TraceEnter(ARRIVAL.Chain.Type, arrived);
+            TraceEnter(Way().Type, packet);
         }
         return TRUE;
-    };
-    PrefetchPacket(packet);
-    Passage<Plain, decltype(arrive)>(ARRIVAL.Chain, packet, arrive).Run();
-    if (!Plain) {
-        TraceLeave();
     }
-}
+};
 
 // What is traced is decided once a frame: most often nothing, and then its road looks at the debug mask no more.
 template <const Arrival& ARRIVAL>
@@ -358,13 +367,14 @@ VOID FilterFromHook(PCSTR enter, PCSTR leave, FilterPacket* packet)
 {
     if (!TraceEnabled(TRACE_HOOK | TRACE_PACKET)) {
         if (packet != nullptr) {
-            FilterArrived<TRUE, ARRIVAL>(packet);
+            Passage<TRUE, ArrivalRoute<TRUE, ARRIVAL>>({}, packet).Run();
         }
         return;
     }
     Trace(TRACE_HOOK, enter);
     if (packet != nullptr) {
-        FilterArrived<FALSE, ARRIVAL>(packet);
+        Passage<FALSE, ArrivalRoute<FALSE, ARRIVAL>>({}, packet).Run();
+        TraceLeave();
     }
     Trace(TRACE_HOOK, leave);
 }

@@ -30,15 +30,6 @@ constexpr UCHAR IP_PROTOCOL_UDP = 17;
 // What Filter_InitPacketHeader does with the frame in the packet's own buffer, without its trace lines and its guard.
 VOID ParsePacket(FilterPacket* pPacket);
 
-// Asks for the lines of a packet that every frame's road touches, all at once.
-inline VOID PrefetchPacket(const FilterPacket* packet)
-{
-    __builtin_prefetch(&packet->m_nProtocol, 1);
-    __builtin_prefetch(&packet->m_pDns, 1);
-    __builtin_prefetch(&packet->m_hAdapter, 1);
-    __builtin_prefetch(packet->m_Data + ETHERTYPE_OFFSET);
-}
-
 // Prints the packet; title and adapter are given.
 VOID DumpPacket(PCSTR pszTitle, FilterPacket* pPacket);
 
