@@ -6,6 +6,8 @@
 
 #include <ndis.h>
 
+#include <cstring>
+
 using namespace kernel;
 
 namespace
@@ -14,6 +16,8 @@ namespace
 constexpr ULONG kSignature = 0x4B4C5752; // "RWLK"
 
 enum : USHORT { kStateRead = 1, kStateWrite = 2, kStateRefused = 3, kStateReleased = 0 };
+
+constexpr LOCK_STATE kReadAtDispatch = {kStateRead, DISPATCH_LEVEL};
 
 struct Slot {
     ULONG* count;
@@ -188,7 +192,7 @@ VOID NdisAcquireReadWriteLock(PNDIS_RW_LOCK Lock, BOOLEAN fWrite, PLOCK_STATE Lo
     if (__builtin_expect(__atomic_load_n(&Lock->Writer, __ATOMIC_ACQUIRE) != 0, 0))
         return GiveWay(Lock, LockState, site, DISPATCH_LEVEL);
     NoteHeld(thread, Lock, LockKind::Read, site, false);
-    *LockState = {kStateRead, DISPATCH_LEVEL};
+    memcpy(LockState, &kReadAtDispatch, sizeof(LOCK_STATE)); // one store, with the padding
 }
 
 VOID NdisReleaseReadWriteLock(PNDIS_RW_LOCK Lock, PLOCK_STATE LockState)

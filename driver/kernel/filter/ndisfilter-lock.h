@@ -25,38 +25,6 @@ template <BOOLEAN Write> class RwLockGuard
 using ReadLock = RwLockGuard<FALSE>;
 using WriteLock = RwLockGuard<TRUE>;
 
-// A read lock that is taken and released inside a guard, but lies outside it: an exception between the two leaves it to
-// whoever takes up the work, and in the end to the destructor.
-class LateReadLock
-{
-  public:
-    LateReadLock() = default;
-    ~LateReadLock()
-    {
-        if (lock_ != nullptr) {
-            Release();
-        }
-    }
-    LateReadLock(const LateReadLock&) = delete;
-    LateReadLock& operator=(const LateReadLock&) = delete;
-
-    VOID Acquire(NDIS_RW_LOCK& lock)
-    {
-        NdisAcquireReadWriteLock(&lock, FALSE, &state_);
-        lock_ = &lock;
-    }
-    VOID Release()
-    {
-        NDIS_RW_LOCK* const lock = lock_;
-        lock_ = nullptr;
-        NdisReleaseReadWriteLock(lock, &state_);
-    }
-
-  private:
-    NDIS_RW_LOCK* lock_ = nullptr;
-    LOCK_STATE state_;
-};
-
 class SpinLock
 {
   public:

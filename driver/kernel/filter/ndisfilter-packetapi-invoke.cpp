@@ -53,38 +53,43 @@ class Passage
   public:
     Passage(const Route& route, FilterPacket* packet) : route_(route), packet_(packet) {}
 
-    // FALSE when the start answered so.
+    // FALSE when the start answered so. The chain's lock is released in the end, whatever faults.
     BOOLEAN Run()
     {
-        for (;;) {
-            const NTSTATUS code =
-                CallGuarded([](PVOID passage) { static_cast<Passage*>(passage)->Proceed(); }, this);
-            if (__builtin_expect(stage_ == Stage::Done, 1)) {
-                return TRUE;
-            }
-            if (stage_ == Stage::Refused) {
-                return FALSE;
-            }
-            if (stage_ == Stage::Delivery) {
-                ReportDeliveryException(code);
-                return TRUE;
-            }
-            ReportException(code);
-        }
+        const NTSTATUS code = RunInGuard();
+        return __builtin_expect(stage_ == Stage::Done, 1) ? TRUE : TakeUp(code);
     }
 
   private:
     // What runs, or is next to run.
     enum class Stage : UCHAR { First, Filters, Delivery, Done, Refused };
 
+    NTSTATUS RunInGuard()
+    {
+        return CallGuarded([](PVOID passage) { static_cast<Passage*>(passage)->Proceed(); }, this);
+    }
+
+    // Behind a start that answered FALSE, or a fault.
+    __attribute__((noinline, cold)) BOOLEAN TakeUp(NTSTATUS code)
+    {
+        while (stage_ == Stage::Filters) {
+            ReportException(code);
+            code = RunInGuard();
+        }
+        if (stage_ == Stage::Delivery) {
+            ReportDeliveryException(code);
+        }
+        return stage_ != Stage::Refused;
+    }
+
     VOID Proceed()
     {
         if (stage_ == Stage::First) {
-            lock_.Acquire(Global().m_PacketFilterLock[Way().Type]);
+            NdisAcquireReadWriteLock(&ChainLock(), FALSE, &lockState_);
             next_ = Chain().First();
             stage_ = Stage::Filters;
             if (!route_.Start(packet_)) {
-                lock_.Release();
+                NdisReleaseReadWriteLock(&ChainLock(), &lockState_);
                 stage_ = Stage::Refused;
                 return;
             }
@@ -94,7 +99,7 @@ class Passage
                                           ? RunFilters<TRUE>(processor)
                                           : RunFilters<FALSE>(FILTER_SHARED_SLOT);
         stage_ = Stage::Delivery;
-        lock_.Release();
+        NdisReleaseReadWriteLock(&ChainLock(), &lockState_);
         Conclude(verdict);
         stage_ = Stage::Done;
     }
@@ -104,7 +109,8 @@ class Passage
     FILTER_RESULT RunFilters(ULONG slot)
     {
         FilterPacket* const packet = packet_;
-        for (auto next = next_; next != Chain().End();) {
+        const auto end = Chain().End();
+        for (auto next = next_; next != end;) {
             PacketFilter* const filter = next.Get();
             next = next.Next();
             next_ = next; // where a new guard takes up when the filter faults
@@ -120,14 +126,16 @@ class Passage
             Count<OwnSlot>(counters.m_PacketProcess);
             const FILTER_RESULT result = filter->m_pfFilterProc(
                 filter->m_hFilterDriver, filter->m_pDriverContext, filter, filter->m_pFilterContext, packet);
-            if (__builtin_expect(result == FILTER_RESULT_BYPASS, 1)) {
-                TraceVerdict(result);
-                Count<OwnSlot>(counters.m_PacketBypass);
-            } else if (result <= FILTER_RESULT_CAPTURE) {
+            if (__builtin_expect(result != FILTER_RESULT_BYPASS, 0)) {
+                if (result > FILTER_RESULT_CAPTURE) {
+                    continue;
+                }
                 TraceVerdict(result);
                 CountVerdict<OwnSlot>(result, counters);
                 return result;
             }
+            TraceVerdict(result);
+            Count<OwnSlot>(counters.m_PacketBypass);
         }
         return FILTER_RESULT_BYPASS;
     }
@@ -228,6 +236,7 @@ class Passage
     }
 
     const Itinerary& Way() const { return route_.Way(); }
+    NDIS_RW_LOCK& ChainLock() const { return Global().m_PacketFilterLock[Way().Type]; }
     const RecordList<PacketFilter>& Chain() const { return Global().m_PacketFilterList[Way().Type]; }
 
     VOID TraceFilter(const PacketFilter& filter) const
@@ -248,7 +257,7 @@ class Passage
 
     const Route route_;
     FilterPacket* const packet_;
-    LateReadLock lock_;
+    LOCK_STATE lockState_; // of the chain's lock; no object of the guarded code may hold it, see the guard
     RecordList<PacketFilter>::Place next_;
     BOOLEAN active_ = Way().StartsActive(); // filters run from here on
     Stage stage_ = Stage::First;
@@ -352,8 +361,10 @@ struct ArrivalRoute {
             Filter_InitPacketHeader(packet, nullptr);
         }
         packet->m_nDirection = ARRIVAL.Direction;
-        DumpWhenEnabled(ARRIVAL.Title, packet);
-        RecordAdapterFrame(ARRIVAL.Log, packet);
+        if (const FilterAdapter* const adapter = packet->m_hAdapter; adapter != nullptr) {
+            DumpWhenEnabled(ARRIVAL.Title, packet);
+            RecordFrame(adapter->*ARRIVAL.Log, packet);
+        }
         if (!Plain) {
             TraceEnter(Way().Type, packet);
         }
