@@ -257,7 +257,7 @@ class Passage
 
     const Route route_;
     FilterPacket* const packet_;
-    LOCK_STATE lockState_; // of the chain's lock; no object of the guarded code may hold it, see the guard
+    LOCK_STATE lockState_; // of the chain's lock: a guard runs no destructor of a holder inside it
     RecordList<PacketFilter>::Place next_;
     BOOLEAN active_ = Way().StartsActive(); // filters run from here on
     Stage stage_ = Stage::First;
