@@ -155,7 +155,7 @@ VOID KeLowerIrql(KIRQL NewIrql)
 ULONG KeGetCurrentProcessorNumber(VOID)
 {
     int processor = t_thread.processor;
-    return processor == 0 ? 0 : static_cast<ULONG>(processor - 1);
+    return static_cast<ULONG>(processor - (processor != 0));
 }
 
 namespace machine

@@ -6,6 +6,8 @@
 
 #include <ndis.h>
 
+#include <cstring>
+
 using namespace kernel;
 
 namespace
@@ -15,15 +17,18 @@ constexpr ULONG kSignature = 0x4B4C5752; // "RWLK"
 
 enum : USHORT { kStateRead = 1, kStateWrite = 2, kStateRefused = 3, kStateReleased = 0 };
 
+constexpr LOCK_STATE kReadAtDispatch = {kStateRead, DISPATCH_LEVEL};
+
 struct Slot {
     ULONG* count;
     ULONG Get() const { return __atomic_load_n(count, __ATOMIC_RELAXED); }
     void Set(ULONG value) const { __atomic_store_n(count, value, __ATOMIC_RELAXED); }
 };
 
-Slot SlotOf(NDIS_RW_LOCK* lock, uint32_t processor)
+// Of the processor that the thread owns.
+Slot SlotOf(NDIS_RW_LOCK* lock, const ThreadState& thread)
 {
-    return {&lock->Reader[processor].Count};
+    return {&lock->Reader[static_cast<ptrdiff_t>(thread.processor) - 1].Count};
 }
 
 [[gnu::noinline]] void WaitForWriter(NDIS_RW_LOCK* lock, Slot slot)
@@ -98,7 +103,7 @@ void FinishRead(ThreadState& thread, NDIS_RW_LOCK* lock, PLOCK_STATE state, cons
 [[gnu::noinline]] void GiveWay(NDIS_RW_LOCK* lock, PLOCK_STATE state, const void* site, KIRQL oldIrql)
 {
     ThreadState& thread = t_thread;
-    Slot slot = SlotOf(lock, CurrentProcessor(thread));
+    Slot slot = SlotOf(lock, thread);
     if (__atomic_load_n(&lock->WriterThread, __ATOMIC_RELAXED) == &thread) {
         __atomic_store_n(slot.count, 0, __ATOMIC_RELEASE);
         state->OldIrql = oldIrql;
@@ -112,7 +117,7 @@ void FinishRead(ThreadState& thread, NDIS_RW_LOCK* lock, PLOCK_STATE state, cons
 [[gnu::noinline]] void AcquireRead(NDIS_RW_LOCK* lock, PLOCK_STATE state, const void* site, KIRQL oldIrql)
 {
     ThreadState& thread = t_thread;
-    Slot slot = SlotOf(lock, CurrentProcessor(thread));
+    Slot slot = SlotOf(lock, thread);
     ULONG count = slot.Get();
     if (count != 0) {
         slot.Set(count + 1); // only this thread runs on the processor, so it reads the lock already
@@ -144,7 +149,7 @@ void FinishRead(ThreadState& thread, NDIS_RW_LOCK* lock, PLOCK_STATE state, cons
         return;
     }
     if (held->kind == LockKind::Read) {
-        Slot slot = SlotOf(lock, CurrentProcessor(thread));
+        Slot slot = SlotOf(lock, thread);
         __atomic_store_n(slot.count, slot.Get() - 1, __ATOMIC_RELEASE);
     } else if (!held->refused) {
         __atomic_store_n(&lock->WriterThread, nullptr, __ATOMIC_RELAXED);
@@ -152,6 +157,14 @@ void FinishRead(ThreadState& thread, NDIS_RW_LOCK* lock, PLOCK_STATE state, cons
     }
     state->LockState = kStateReleased;
     LowerTo(thread, state->OldIrql, "NdisReleaseReadWriteLock");
+}
+
+// With its address in a register: else each access finds the thread's memory anew.
+inline ThreadState& ThisThread()
+{
+    ThreadState* thread = &t_thread;
+    asm("" : "+r"(thread));
+    return *thread;
 }
 
 } // namespace
@@ -168,24 +181,23 @@ VOID NdisInitializeReadWriteLock(PNDIS_RW_LOCK Lock)
 
 VOID NdisAcquireReadWriteLock(PNDIS_RW_LOCK Lock, BOOLEAN fWrite, PLOCK_STATE LockState)
 {
-    ThreadState& thread = t_thread;
+    ThreadState& thread = ThisThread();
     const void* site = __builtin_return_address(0);
-    if (__builtin_expect(fWrite || thread.irql < DISPATCH_LEVEL || Lock->Signature != kSignature, 0))
+    if (__builtin_expect(fWrite || thread.irql != DISPATCH_LEVEL || Lock->Signature != kSignature, 0))
         return AcquireAny(Lock, fWrite, LockState, site);
-    Slot slot = SlotOf(Lock, CurrentProcessor(thread));
+    Slot slot = SlotOf(Lock, thread);
     if (__builtin_expect(slot.Get() != 0 || thread.heldCount == kMaxHeldLocks, 0))
         return AcquireRead(Lock, LockState, site, thread.irql);
     __atomic_exchange_n(slot.count, 1, __ATOMIC_SEQ_CST);
     if (__builtin_expect(__atomic_load_n(&Lock->Writer, __ATOMIC_ACQUIRE) != 0, 0))
-        return GiveWay(Lock, LockState, site, thread.irql);
+        return GiveWay(Lock, LockState, site, DISPATCH_LEVEL);
     NoteHeld(thread, Lock, LockKind::Read, site, false);
-    LockState->LockState = kStateRead;
-    LockState->OldIrql = thread.irql;
+    memcpy(LockState, &kReadAtDispatch, sizeof(LOCK_STATE)); // one store, with the padding
 }
 
 VOID NdisReleaseReadWriteLock(PNDIS_RW_LOCK Lock, PLOCK_STATE LockState)
 {
-    ThreadState& thread = t_thread;
+    ThreadState& thread = ThisThread();
     uint32_t count = thread.heldCount;
     if (__builtin_expect(count == 0 || LockState->OldIrql != thread.irql, 0))
         return ReleaseAny(Lock, LockState);
@@ -194,6 +206,6 @@ VOID NdisReleaseReadWriteLock(PNDIS_RW_LOCK Lock, PLOCK_STATE LockState)
         return ReleaseAny(Lock, LockState);
     __atomic_store_n(&thread.heldCount, count - 1, __ATOMIC_RELAXED);
     LockState->LockState = kStateReleased;
-    Slot slot = SlotOf(Lock, CurrentProcessor(thread));
+    Slot slot = SlotOf(Lock, thread);
     __atomic_store_n(slot.count, slot.Get() - 1, __ATOMIC_RELEASE);
 }

@@ -11,7 +11,7 @@ namespace kernel
 
 enum class LockKind : uint8_t { Spin, Read, Write };
 
-struct HeldLock {
+struct alignas(32) HeldLock {
     const void* lock;
     const void* site; // where it was acquired
     LockKind kind;

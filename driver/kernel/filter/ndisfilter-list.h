@@ -102,6 +102,29 @@ template <class Record> class RecordList
         PLIST_ENTRY next_;
     };
 
+    // A place in a list that stays as it is for as long as somebody walks it.
+    class Place
+    {
+      public:
+        Place() = default; // to be assigned to
+        explicit Place(const LIST_ENTRY* link) : link_(link) {}
+        Record* Get() const { return FromLink(const_cast<PLIST_ENTRY>(link_)); }
+        Place Next() const { return Place(link_->Flink); }
+        bool operator==(const Place& other) const { return link_ == other.link_; }
+
+      private:
+        const LIST_ENTRY* link_;
+    };
+
+    Place First() const
+    {
+        return Place(m_Head.Flink);
+    }
+    Place End() const
+    {
+        return Place(&m_Head);
+    }
+
     Iterator begin() const
     {
         return Iterator(m_Head.Flink);

@@ -1,5 +1,5 @@
-// Delivery to the hook driver, the injection and indication operations, and the two queues with their workers.
-#include "ndisfilter-packetapi.h"
+// The injection and indication operations, and the two queues with their workers.
+#include "ndisfilter-packetapi-deliver.h"
 
 namespace
 {
@@ -7,49 +7,6 @@ namespace
 constexpr UINT QUEUE_POLL_MS = 10; // bounds how late a worker notices the stop flag
 constexpr ULONG METHOD_MASK = 0x0FFFFFFF;
 constexpr ULONG SIGNAL_SIZE_OFFSET = 12; // where a block has its packet size
-
-// One of the two final deliveries.
-struct Delivery {
-    CallTrace Trace;
-    HOOK_INJECT_PACKET NdisHookAPI::*Function;
-    PCSTR Title; // of the dump
-    PVOID FilterAdapter::*Log;
-};
-
-constexpr Delivery TO_ADAPTER = {{.Name = "Filter_InjectPacketToAdapterEx", .Area = TRACE_PACKET},
-                                 &NdisHookAPI::Hook_InjectPacketToAdapter,
-                                 "VV Inject To Adapter",
-                                 &FilterAdapter::m_pLowerEthrLog};
-// Its exception line carries another name than its trace lines.
-constexpr Delivery TO_PROTOCOL = {{.Name = "Filter_IndicatePacketToProtocolEx",
-                                   .Area = TRACE_PACKET,
-                                   .ExceptionName = "Filter_InjectPacketToProtocolEx"},
-                                  &NdisHookAPI::Hook_InjectPacketToProtocol,
-                                  "AA Indicate To Protocol",
-                                  &FilterAdapter::m_pUpperEthrLog};
-
-FILTER_STATUS DeliverToHook(const Delivery& delivery, FilterAdapter* adapter, FilterPacket* packet)
-{
-    return TracedCall(delivery.Trace, [&]() -> FILTER_STATUS {
-        if (packet == nullptr) {
-            return FILTER_ERROR_INVALID_ARGUMENT;
-        }
-        if (adapter == nullptr) {
-            Filter_ReleasePacket(packet);
-            return FILTER_ERROR_INVALID_ARGUMENT;
-        }
-        const HOOK_INJECT_PACKET inject = BoundHookFunction(delivery.Function);
-        if (inject == nullptr) {
-            Filter_ReleasePacket(packet);
-            return FILTER_ERROR_INTERFACE_NOT_ACTIVE;
-        }
-        packet->m_hAdapter = adapter;
-        DumpWhenEnabled(delivery.Title, packet);
-        RecordFrame(adapter->*delivery.Log, packet);
-        // From here on the packet is the hook driver's, whatever it answers.
-        return inject(adapter, packet) == 0 ? FILTER_STATUS_SUCCESS : FILTER_ERROR_INTERNAL_ERROR;
-    });
-}
 
 // The tests that all injections share, then the operation itself. `target` is the adapter or filter given.
 template <class Operation>
@@ -187,12 +144,12 @@ VOID ResetEventOfEmptyQueue(ULONG queue)
 
 FILTER_STATUS Filter_InjectPacketToAdapterEx(FilterAdapter* hAdapter, FilterPacket* pPacket)
 {
-    return DeliverToHook(TO_ADAPTER, hAdapter, pPacket);
+    return TracedCall(TO_ADAPTER.Trace, [&] { return DeliverToHook<TO_ADAPTER>(hAdapter, pPacket); });
 }
 
 FILTER_STATUS Filter_IndicatePacketToProtocolEx(FilterAdapter* hAdapter, FilterPacket* pPacket)
 {
-    return DeliverToHook(TO_PROTOCOL, hAdapter, pPacket);
+    return TracedCall(TO_PROTOCOL.Trace, [&] { return DeliverToHook<TO_PROTOCOL>(hAdapter, pPacket); });
 }
 
 FILTER_STATUS Filter_InjectPacketToAdapter(FilterAdapter* hAdapter, FilterPacket* pPacket)

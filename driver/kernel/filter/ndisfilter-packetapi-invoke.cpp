@@ -2,189 +2,278 @@
 //
 // The road of a received frame: hook driver -> NdisFilter_FilterReceivedPacket -> Filter_InvokeFilters -> the
 // incoming chain -> Filter_IndicatePacketToProtocolEx -> hook driver. Sent frames take the mirror road.
-#include "ndisfilter-packetapi.h"
+#include "ndisfilter-packetapi-deliver.h"
 
 namespace
 {
 
-// One walk over a chain whose lock the caller holds. The filters run inside one guard; when one faults, a new guard
-// takes the walk up behind it, so that an exception costs only the filter that raised it.
-class ChainWalk
+constexpr PCSTR INVOKE = "Filter_InvokeFilters";
+constexpr PCSTR INVOKE_EX = "Filter_InvokeFiltersEx";
+
+// Which filters of a chain a packet meets, and what the trace lines call it.
+struct Itinerary {
+    PCSTR Name;
+    FILTER_TYPE Type;
+    FILTER_METHOD Method = FILTER_METHOD_START_FROM_FIRST_FILTER;
+    const PacketFilter* Given = nullptr; // the filter that the method speaks of
+
+    BOOLEAN IsWhole() const { return Method == FILTER_METHOD_START_FROM_FIRST_FILTER; }
+    BOOLEAN StartsActive() const
+    {
+        return IsWhole() || Method == FILTER_METHOD_START_UNTIL_THIS_FILTER ||
+               Method == FILTER_METHOD_STOP_AT_THIS_FILTER;
+    }
+};
+
+// From 0.
+ULONG PositionOf(const RecordList<PacketFilter>& chain, const PacketFilter& filter)
+{
+    ULONG position = 0;
+    for (const PacketFilter& entry : chain) {
+        if (&entry == &filter) {
+            break;
+        }
+        position++;
+    }
+    return position;
+}
+
+// One packet's passage: the start of its route, the filters, and what their verdict makes of the packet.
+//
+// A route tells its itinerary, and what starts it: Start(packet) runs with the chain locked and answers FALSE to have
+// the packet left as it is.
+//
+// All of it runs in one guard, because a guard costs as much as several filters that bypass. When something faults, a
+// new guard takes the passage up behind it, so that an exception costs only who raised it.
+//
+// A plain passage is what a frame meets nearly always, the whole chain with nothing traced: it tests for neither.
+template <BOOLEAN Plain, class Route>
+class Passage
 {
   public:
-    // `given` and `method` choose the part of the chain; START_FROM_FIRST runs all of it.
-    ChainWalk(PCSTR name, FILTER_TYPE type, FilterPacket* packet, FILTER_METHOD method, const PacketFilter* given)
-        : name_(name), type_(type), packet_(packet), method_(method), given_(given),
-          next_(Global().m_PacketFilterList[type].begin()), end_(Global().m_PacketFilterList[type].end()),
-          slot_(CounterSlot(KeGetCurrentProcessorNumber())),
-          active_(method == FILTER_METHOD_START_FROM_FIRST_FILTER || method == FILTER_METHOD_START_UNTIL_THIS_FILTER ||
-                  method == FILTER_METHOD_STOP_AT_THIS_FILTER)
-    {
-    }
+    Passage(const Route& route, FilterPacket* packet) : route_(route), packet_(packet) {}
 
-    // The verdict that ended the walk; FILTER_RESULT_BYPASS when none did.
-    FILTER_RESULT Run()
+    // FALSE when the start answered so. The chain's lock is released in the end, whatever faults.
+    BOOLEAN Run()
     {
-        while (!ended_ && next_ != end_) {
-            const NTSTATUS code = Guarded([&] { RunUntilVerdict(); });
-            if (!ended_) {
-                DbgPrint("  %s: exception, code = %d, pPacket=0x%p\n", name_, code, packet_);
-            }
-        }
-        if (verdict_ != FILTER_RESULT_BYPASS) {
-            SettleVerdict();
-        }
-        return verdict_;
+        const NTSTATUS code = RunInGuard();
+        return __builtin_expect(stage_ == Stage::Done, 1) ? TRUE : TakeUp(code);
     }
 
   private:
-    static ULONG CounterSlot(ULONG processor)
+    // What runs, or is next to run.
+    enum class Stage : UCHAR { First, Filters, Delivery, Done, Refused };
+
+    NTSTATUS RunInGuard()
     {
-        return processor < FILTER_SHARED_SLOT ? processor : FILTER_SHARED_SLOT;
+        return CallGuarded([](PVOID passage) { static_cast<Passage*>(passage)->Proceed(); }, this);
     }
 
-    VOID Count(ULONG& counter) const
+    // Behind a start that answered FALSE, or a fault.
+    __attribute__((noinline, cold)) BOOLEAN TakeUp(NTSTATUS code)
     {
-        if (slot_ != FILTER_SHARED_SLOT) {
+        while (stage_ == Stage::Filters) {
+            ReportException(code);
+            code = RunInGuard();
+        }
+        if (stage_ == Stage::Delivery) {
+            ReportDeliveryException(code);
+        }
+        return stage_ != Stage::Refused;
+    }
+
+    VOID Proceed()
+    {
+        if (stage_ == Stage::First) {
+            NdisAcquireReadWriteLock(&ChainLock(), FALSE, &lockState_);
+            next_ = Chain().First();
+            stage_ = Stage::Filters;
+            if (!route_.Start(packet_)) {
+                NdisReleaseReadWriteLock(&ChainLock(), &lockState_);
+                stage_ = Stage::Refused;
+                return;
+            }
+        }
+        const ULONG processor = KeGetCurrentProcessorNumber(); // it stays so while the lock is held
+        const FILTER_RESULT verdict = __builtin_expect(processor < FILTER_SHARED_SLOT, 1)
+                                          ? RunFilters<TRUE>(processor)
+                                          : RunFilters<FALSE>(FILTER_SHARED_SLOT);
+        stage_ = Stage::Delivery;
+        NdisReleaseReadWriteLock(&ChainLock(), &lockState_);
+        Conclude(verdict);
+        stage_ = Stage::Done;
+    }
+
+    // Runs filters until one gives a verdict other than bypass or the walk ends, and answers the verdict.
+    template <BOOLEAN OwnSlot>
+    FILTER_RESULT RunFilters(ULONG slot)
+    {
+        FilterPacket* const packet = packet_;
+        const auto end = Chain().End();
+        for (auto next = next_; next != end;) {
+            PacketFilter* const filter = next.Get();
+            next = next.Next();
+            next_ = next; // where a new guard takes up when the filter faults
+            if (!Plain) {
+                const BOOLEAN chosen = Chosen(*filter);
+                next = next_;
+                if (!chosen) {
+                    continue;
+                }
+                TraceFilter(*filter);
+            }
+            PacketFilterCounters& counters = filter->m_pCounters[slot];
+            Count<OwnSlot>(counters.m_PacketProcess);
+            const FILTER_RESULT result = filter->m_pfFilterProc(
+                filter->m_hFilterDriver, filter->m_pDriverContext, filter, filter->m_pFilterContext, packet);
+            if (__builtin_expect(result != FILTER_RESULT_BYPASS, 0)) {
+                if (result > FILTER_RESULT_CAPTURE) {
+                    continue;
+                }
+                TraceVerdict(result);
+                CountVerdict<OwnSlot>(result, counters);
+                return result;
+            }
+            TraceVerdict(result);
+            Count<OwnSlot>(counters.m_PacketBypass);
+        }
+        return FILTER_RESULT_BYPASS;
+    }
+
+    // Applies the method to the filter reached; may end the walk.
+    BOOLEAN Chosen(const PacketFilter& filter)
+    {
+        const BOOLEAN isGiven = &filter == Way().Given;
+        if (!active_) {
+            active_ = isGiven;
+            return isGiven && Way().Method != FILTER_METHOD_START_AFTER_THIS_FILTER;
+        }
+        if (isGiven && Way().Method == FILTER_METHOD_STOP_AT_THIS_FILTER) {
+            next_ = Chain().End();
+            return FALSE;
+        }
+        if (isGiven && Way().Method == FILTER_METHOD_START_UNTIL_THIS_FILTER) {
+            next_ = Chain().End();
+        }
+        return TRUE;
+    }
+
+    template <BOOLEAN OwnSlot>
+    static VOID Count(ULONG& counter)
+    {
+        if (OwnSlot) {
             StoreRelaxed(counter, LoadRelaxed(counter) + 1);
         } else {
             InterlockedIncrement(reinterpret_cast<LONG*>(&counter));
         }
     }
 
-    // Runs filters until one gives a verdict other than bypass or the walk ends.
-    VOID RunUntilVerdict()
+    template <BOOLEAN OwnSlot>
+    VOID CountVerdict(FILTER_RESULT verdict, PacketFilterCounters& counters)
     {
-        while (PacketFilter* const filter = TakeNext()) {
-            PacketFilterCounters& counters = filter->m_pCounters[slot_];
-            Count(counters.m_PacketProcess);
-            const FILTER_RESULT result = filter->m_pfFilterProc(filter->m_hFilterDriver, filter->m_pDriverContext,
-                                                                filter, filter->m_pFilterContext, packet_);
-            if (result == FILTER_RESULT_BYPASS) {
-                TraceVerdict(result);
-                Count(counters.m_PacketBypass);
-            } else if (result <= FILTER_RESULT_CAPTURE) {
-                verdict_ = result;
-                judge_ = filter;
-                break;
-            }
-        }
-        ended_ = TRUE;
-    }
-
-    // The next filter to run, or nullptr at the end of the walk. The walk stands behind it before it runs.
-    PacketFilter* TakeNext()
-    {
-        while (next_ != end_) {
-            PacketFilter& filter = *next_;
-            ++next_;
-            const ULONG index = index_++;
-            if (!Chosen(filter)) {
-                continue;
-            }
-            if (TraceEnabled(TRACE_PACKET)) {
-                DbgPrint("  %s: %s->Filter[%d] - %*.*s, pPacket=0x%p\n", name_, Filter_TypeString(type_), index,
-                         filter.m_FilterName.Length, filter.m_FilterName.Length, filter.m_FilterName.Buffer, packet_);
-            }
-            return &filter;
-        }
-        return nullptr;
-    }
-
-    // Applies the method to the filter reached; may end the walk.
-    BOOLEAN Chosen(const PacketFilter& filter)
-    {
-        const BOOLEAN isGiven = &filter == given_;
-        if (!active_) {
-            active_ = isGiven;
-            return isGiven && method_ != FILTER_METHOD_START_AFTER_THIS_FILTER;
-        }
-        if (isGiven && method_ == FILTER_METHOD_STOP_AT_THIS_FILTER) {
-            next_ = end_;
-            return FALSE;
-        }
-        if (isGiven && method_ == FILTER_METHOD_START_UNTIL_THIS_FILTER) {
-            next_ = end_;
-        }
-        return TRUE;
-    }
-
-    VOID SettleVerdict()
-    {
-        PacketFilterCounters& counters = judge_->m_pCounters[slot_];
-        TraceVerdict(verdict_);
-        switch (verdict_) {
+        switch (verdict) {
         case FILTER_RESULT_DISCARD:
             DumpDiscarded();
-            Count(counters.m_PacketDiscard);
+            Count<OwnSlot>(counters.m_PacketDiscard);
             break;
         case FILTER_RESULT_CONSUME:
-            Count(counters.m_PacketConsume); // the packet is the filter's by now: it is not touched
+            Count<OwnSlot>(counters.m_PacketConsume); // the packet is the filter's by now: it is not touched
             break;
         default:
-            Count(counters.m_PacketCapture);
+            Count<OwnSlot>(counters.m_PacketCapture);
             break;
         }
     }
 
-    // Guarded: the chain is locked, and a fault must come back through its release.
+    // In a guard of its own: a fault does not change the verdict.
     VOID DumpDiscarded()
     {
         const NTSTATUS code = Guarded([&] { DumpWhenEnabled("DD Filter Discard", packet_); });
         if (code != 0) {
-            DbgPrint("  %s: exception, code = %d, pPacket=0x%p\n", name_, code, packet_);
+            ReportException(code);
+        }
+    }
+
+    // What becomes of the packet; no chain lock is held any more.
+    VOID Conclude(FILTER_RESULT verdict)
+    {
+        switch (verdict) {
+        case FILTER_RESULT_CONSUME:
+            break;
+        case FILTER_RESULT_DISCARD:
+        case FILTER_RESULT_CAPTURE:
+            Filter_ReleasePacket(packet_);
+            break;
+        default:
+            TraceVerdict(verdict);
+            Deliver();
+            break;
+        }
+    }
+
+    VOID Deliver()
+    {
+        FilterAdapter* const adapter = packet_->m_hAdapter;
+        if (LeadsToProtocol(Way().Type)) {
+            Plain ? DeliverToHook<TO_PROTOCOL>(adapter, packet_)
+                  : Filter_IndicatePacketToProtocolEx(adapter, packet_);
+        } else {
+            Plain ? DeliverToHook<TO_ADAPTER>(adapter, packet_)
+                  : Filter_InjectPacketToAdapterEx(adapter, packet_);
+        }
+    }
+
+    // As the exported delivery does, which has a guard of its own.
+    VOID ReportDeliveryException(NTSTATUS code) const
+    {
+        PrintException(LeadsToProtocol(Way().Type) ? TO_PROTOCOL.Trace.ExceptionName : TO_ADAPTER.Trace.Name,
+                       code);
+    }
+
+    VOID ReportException(NTSTATUS code) const
+    {
+        DbgPrint("  %s: exception, code = %d, pPacket=0x%p\n", Way().Name, code, packet_);
+    }
+
+    const Itinerary& Way() const { return route_.Way(); }
+    NDIS_RW_LOCK& ChainLock() const { return Global().m_PacketFilterLock[Way().Type]; }
+    const RecordList<PacketFilter>& Chain() const { return Global().m_PacketFilterList[Way().Type]; }
+
+    VOID TraceFilter(const PacketFilter& filter) const
+    {
+        if (TraceEnabled(TRACE_PACKET)) {
+            DbgPrint("  %s: %s->Filter[%d] - %*.*s, pPacket=0x%p\n", Way().Name,
+                     Filter_TypeString(Way().Type), PositionOf(Chain(), filter), filter.m_FilterName.Length,
+                     filter.m_FilterName.Length, filter.m_FilterName.Buffer, packet_);
         }
     }
 
     VOID TraceVerdict(FILTER_RESULT result) const
     {
-        if (TraceEnabled(TRACE_PACKET)) {
-            DbgPrint("  %s: %s, pPacket=0x%p\n", name_, Filter_ResultString(result), packet_);
+        if (!Plain && TraceEnabled(TRACE_PACKET)) {
+            DbgPrint("  %s: %s, pPacket=0x%p\n", Way().Name, Filter_ResultString(result), packet_);
         }
     }
 
-    const PCSTR name_;
-    const FILTER_TYPE type_;
+    const Route route_;
     FilterPacket* const packet_;
-    const FILTER_METHOD method_;
-    const PacketFilter* const given_;
-    RecordList<PacketFilter>::Iterator next_;
-    const RecordList<PacketFilter>::Iterator end_;
-    const ULONG slot_; // of the counters: this processor's until the chain's lock is released
-    BOOLEAN active_;        // filters run from here on
-    BOOLEAN ended_ = FALSE; // not by an exception
-    ULONG index_ = 0;       // position in the chain
-    FILTER_RESULT verdict_ = FILTER_RESULT_BYPASS;
-    PacketFilter* judge_ = nullptr; // who gave the verdict
+    LOCK_STATE lockState_; // of the chain's lock: a guard runs no destructor of a holder inside it
+    RecordList<PacketFilter>::Place next_;
+    BOOLEAN active_ = Way().StartsActive(); // filters run from here on
+    Stage stage_ = Stage::First;
 };
 
-VOID Deliver(FILTER_TYPE type, FilterPacket* packet)
+VOID TraceEnter(FILTER_TYPE type, FilterPacket* packet)
 {
-    if (type == FILTER_TYPE_INCOMING_PACKET || type == FILTER_TYPE_INJECT_TO_PROTOCOL) {
-        Filter_IndicatePacketToProtocolEx(packet->m_hAdapter, packet);
-    } else {
-        Filter_InjectPacketToAdapterEx(packet->m_hAdapter, packet);
+    if (TraceEnabled(TRACE_PACKET)) {
+        DbgPrint("Enter Filter_InvokeFilters: Filter=%s, pPacket=0x%p\n", Filter_TypeString(type), packet);
     }
 }
 
-// What becomes of a packet behind the chain; no chain lock is held any more.
-VOID Conclude(PCSTR name, FILTER_TYPE type, FilterPacket* packet, FILTER_RESULT verdict)
+VOID TraceLeave()
 {
-    switch (verdict) {
-    case FILTER_RESULT_CONSUME:
-        break;
-    case FILTER_RESULT_DISCARD:
-    case FILTER_RESULT_CAPTURE:
-        Filter_ReleasePacket(packet);
-        break;
-    default:
-        Trace(TRACE_PACKET, "  %s: FILTER_RESULT_BYPASS, pPacket=0x%p\n", name, packet);
-        Deliver(type, packet);
-        break;
-    }
+    Trace(TRACE_PACKET, "Leave Filter_InvokeFilters\n");
 }
-
-constexpr PCSTR INVOKE_EX = "Filter_InvokeFiltersEx";
 
 VOID TraceEnterEx(FilterPacket* packet)
 {
@@ -205,70 +294,119 @@ VOID TraceLeaveEx()
     Trace(TRACE_PACKET, "Leave Filter_InvokeFiltersEx\n");
 }
 
-VOID RunChain(PCSTR name, FILTER_TYPE type, FilterPacket* packet, FILTER_METHOD method, const PacketFilter* given)
-{
-    FILTER_RESULT verdict;
+// Starts with the chain.
+struct ChainRoute {
+    const Itinerary& Chosen;
+
+    const Itinerary& Way() const { return Chosen; }
+    BOOLEAN Start(FilterPacket*) const { return TRUE; }
+};
+
+// Starts if the chain holds the given filter.
+struct GivenRoute {
+    const Itinerary& Chosen;
+
+    const Itinerary& Way() const { return Chosen; }
+    BOOLEAN Start(FilterPacket*) const
     {
-        const ReadLock lock(Global().m_PacketFilterLock[type]);
-        verdict = ChainWalk(name, type, packet, method, given).Run();
+        if (!Global().m_PacketFilterList[Way().Type].Contains(Way().Given)) {
+            return FALSE;
+        }
+        TraceChainEx(Way().Type, Way().Method);
+        return TRUE;
     }
-    Conclude(name, type, packet, verdict);
+};
+
+VOID RunChain(const Itinerary& itinerary, FilterPacket* packet)
+{
+    if (itinerary.IsWhole() && !TraceEnabled(TRACE_PACKET)) {
+        Passage<TRUE, ChainRoute>({itinerary}, packet).Run();
+    } else {
+        Passage<FALSE, ChainRoute>({itinerary}, packet).Run();
+    }
 }
 
 // The same if the chain holds the given filter; FALSE, with the packet untouched, if not.
-BOOLEAN RunChainOf(PCSTR name, FILTER_TYPE type, FilterPacket* packet, FILTER_METHOD method,
-                   const PacketFilter* given)
+BOOLEAN RunChainOf(const Itinerary& itinerary, FilterPacket* packet)
 {
-    FILTER_RESULT verdict;
-    {
-        const ReadLock lock(Global().m_PacketFilterLock[type]);
-        if (!Global().m_PacketFilterList[type].Contains(given)) {
-            return FALSE;
-        }
-        TraceChainEx(type, method);
-        verdict = ChainWalk(name, type, packet, method, given).Run();
-    }
-    Conclude(name, type, packet, verdict);
-    return TRUE;
+    return Passage<FALSE, GivenRoute>({itinerary}, packet).Run();
 }
 
-// A frame that the hook driver hands in: parse, mark, dump, record, filter.
-VOID FilterHookPacket(FilterPacket* packet, ULONG direction, PCSTR title, PVOID FilterAdapter::*log, FILTER_TYPE type)
+// How a frame comes in from the hook driver.
+struct Arrival {
+    Itinerary Chain;
+    ULONG Direction;
+    PCSTR Title; // of the dump
+    PVOID FilterAdapter::*Log;
+};
+
+constexpr Arrival RECEIVED = {{.Name = INVOKE, .Type = FILTER_TYPE_INCOMING_PACKET},
+                              NDIS_FILTER_DIRECTION_TO_PROTOCOL,
+                              "/\\ Incoming Packet",
+                              &FilterAdapter::m_pLowerEthrLog};
+constexpr Arrival SENT = {{.Name = INVOKE, .Type = FILTER_TYPE_OUTGOING_PACKET},
+                          NDIS_FILTER_DIRECTION_TO_ADAPTER,
+                          "\\/ Outgoing Packet",
+                          &FilterAdapter::m_pUpperEthrLog};
+
+// Starts with the frame: parse, mark, dump, record.
+template <BOOLEAN Plain, const Arrival& ARRIVAL>
+struct ArrivalRoute {
+    static constexpr const Itinerary& Way() { return ARRIVAL.Chain; }
+    static BOOLEAN Start(FilterPacket* packet)
+    {
+        if (Plain) {
+            ParsePacket(packet);
+        } else {
+            Filter_InitPacketHeader(packet, nullptr);
+        }
+        packet->m_nDirection = ARRIVAL.Direction;
+        if (const FilterAdapter* const adapter = packet->m_hAdapter; adapter != nullptr) {
+            DumpWhenEnabled(ARRIVAL.Title, packet);
+            RecordFrame(adapter->*ARRIVAL.Log, packet);
+        }
+        if (!Plain) {
+            TraceEnter(Way().Type, packet);
+        }
+        return TRUE;
+    }
+};
+
+// What is traced is decided once a frame: most often nothing, and then its road looks at the debug mask no more.
+template <const Arrival& ARRIVAL>
+VOID FilterFromHook(PCSTR enter, PCSTR leave, FilterPacket* packet)
 {
-    Filter_InitPacketHeader(packet, nullptr);
-    packet->m_nDirection = direction;
-    DumpWhenEnabled(title, packet);
-    RecordAdapterFrame(log, packet);
-    Filter_InvokeFilters(type, packet);
+    if (!TraceEnabled(TRACE_HOOK | TRACE_PACKET)) {
+        if (packet != nullptr) {
+            Passage<TRUE, ArrivalRoute<TRUE, ARRIVAL>>({}, packet).Run();
+        }
+        return;
+    }
+    Trace(TRACE_HOOK, enter);
+    if (packet != nullptr) {
+        Passage<FALSE, ArrivalRoute<FALSE, ARRIVAL>>({}, packet).Run();
+        TraceLeave();
+    }
+    Trace(TRACE_HOOK, leave);
 }
 
 } // namespace
 
 VOID NdisFilter_FilterReceivedPacket(FilterPacket* pPacket)
 {
-    Trace(TRACE_HOOK, "Enter NdisFilter_FilterReceivedPacket\n");
-    if (pPacket != nullptr) {
-        FilterHookPacket(pPacket, NDIS_FILTER_DIRECTION_TO_PROTOCOL, "/\\ Incoming Packet",
-                         &FilterAdapter::m_pLowerEthrLog, FILTER_TYPE_INCOMING_PACKET);
-    }
-    Trace(TRACE_HOOK, "Leave NdisFilter_FilterReceivedPacket\n");
+    FilterFromHook<RECEIVED>("Enter NdisFilter_FilterReceivedPacket\n",
+                             "Leave NdisFilter_FilterReceivedPacket\n", pPacket);
 }
 
 VOID NdisFilter_FilterSendPacket(FilterPacket* pPacket)
 {
-    Trace(TRACE_HOOK, "Enter NdisFilter_FilterSendPacket\n");
-    if (pPacket != nullptr) {
-        FilterHookPacket(pPacket, NDIS_FILTER_DIRECTION_TO_ADAPTER, "\\/ Outgoing Packet",
-                         &FilterAdapter::m_pUpperEthrLog, FILTER_TYPE_OUTGOING_PACKET);
-    }
-    Trace(TRACE_HOOK, "Leave NdisFilter_FilterSendPacket\n");
+    FilterFromHook<SENT>("Enter NdisFilter_FilterSendPacket\n", "Leave NdisFilter_FilterSendPacket\n",
+                         pPacket);
 }
 
 VOID Filter_InvokeFilters(FILTER_TYPE nType, FilterPacket* pPacket)
 {
-    if (TraceEnabled(TRACE_PACKET)) {
-        DbgPrint("Enter Filter_InvokeFilters: Filter=%s, pPacket=0x%p\n", Filter_TypeString(nType), pPacket);
-    }
+    TraceEnter(nType, pPacket);
     if (pPacket == nullptr) {
         return;
     }
@@ -276,8 +414,8 @@ VOID Filter_InvokeFilters(FILTER_TYPE nType, FilterPacket* pPacket)
         Filter_ReleasePacket(pPacket);
         return;
     }
-    RunChain("Filter_InvokeFilters", nType, pPacket, FILTER_METHOD_START_FROM_FIRST_FILTER, nullptr);
-    Trace(TRACE_PACKET, "Leave Filter_InvokeFilters\n");
+    RunChain({.Name = INVOKE, .Type = nType}, pPacket);
+    TraceLeave();
 }
 
 VOID Filter_InvokeFiltersEx(FILTER_METHOD nMethod, PacketFilter* hPacketFilter, FilterPacket* pPacket)
@@ -292,7 +430,7 @@ VOID Filter_InvokeFiltersEx(FILTER_METHOD nMethod, PacketFilter* hPacketFilter, 
     if (static_cast<ULONG>(type) >= FILTER_TYPE_COUNT) {
         Filter_ReleasePacket(pPacket);
     } else {
-        RunChain(INVOKE_EX, type, pPacket, nMethod, hPacketFilter);
+        RunChain({.Name = INVOKE_EX, .Type = type, .Method = nMethod, .Given = hPacketFilter}, pPacket);
     }
     TraceLeaveEx();
 }
@@ -300,11 +438,12 @@ VOID Filter_InvokeFiltersEx(FILTER_METHOD nMethod, PacketFilter* hPacketFilter, 
 VOID InvokeQueuedFilter(FILTER_METHOD nMethod, PacketFilter* hPacketFilter, FilterPacket* pPacket)
 {
     TraceEnterEx(pPacket);
-    FILTER_TYPE type = FILTER_TYPE_INCOMING_PACKET;
-    while (type < FILTER_TYPE_COUNT && !RunChainOf(INVOKE_EX, type, pPacket, nMethod, hPacketFilter)) {
-        type++;
+    Itinerary itinerary = {
+        .Name = INVOKE_EX, .Type = FILTER_TYPE_INCOMING_PACKET, .Method = nMethod, .Given = hPacketFilter};
+    while (itinerary.Type < FILTER_TYPE_COUNT && !RunChainOf(itinerary, pPacket)) {
+        itinerary.Type++;
     }
-    if (type == FILTER_TYPE_COUNT) {
+    if (itinerary.Type == FILTER_TYPE_COUNT) {
         Filter_IsValidFilter(hPacketFilter); // for what it prints
         TraceChainEx(FILTER_TYPE_INVALID, nMethod);
         Filter_ReleasePacket(pPacket);

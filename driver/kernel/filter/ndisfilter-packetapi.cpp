@@ -125,14 +125,14 @@ VOID ParseIp(FilterPacket& packet, UCHAR* ip)
     packet.m_pIp = ip;
     TraceHeader<TRACED>("pPacket->m_pIp = 0x%p\n", ip);
     packet.m_nProtocol = ip[IP_PROTOCOL_OFFSET];
-    if (FragmentOffset(ip) > 0) {
+    if (__builtin_expect(FragmentOffset(ip) > 0, 0)) {
         if constexpr (TRACED) {
             DbgPrint(" - IP Fragment\n");
         }
         return;
     }
     UCHAR* const transport = ip + IpHeaderSize(ip);
-    switch (packet.m_nProtocol) {
+    switch (__builtin_expect(packet.m_nProtocol, IP_PROTOCOL_TCP)) {
     case IP_PROTOCOL_UDP:
         ParseUdp<TRACED>(packet, transport);
         break;
@@ -153,7 +153,7 @@ template <BOOLEAN TRACED>
 VOID ParseFrame(FilterPacket& packet, UCHAR* frame)
 {
     SetFrameWithoutHeaders(packet, frame);
-    switch (ReadBe16(frame + ETHERTYPE_OFFSET)) {
+    switch (__builtin_expect(ReadBe16(frame + ETHERTYPE_OFFSET), ETHERTYPE_IP)) {
     case ETHERTYPE_ARP:
         packet.m_pArp = frame + ETHERNET_HEADER_SIZE;
         TraceHeader<TRACED>("pPacket->m_pArp = 0x%p\n", packet.m_pArp);
@@ -226,6 +226,11 @@ VOID Filter_SetPacketReleaseCallback(FilterPacket* pPacket, FILTER_RELEASE_CALLB
 VOID Filter_ClearPacketReleaseCallback(FilterPacket* pPacket)
 {
     Filter_SetPacketReleaseCallback(pPacket, nullptr, nullptr);
+}
+
+__attribute__((flatten)) VOID ParsePacket(FilterPacket* pPacket)
+{
+    ParseFrame<FALSE>(*pPacket, pPacket->m_Data);
 }
 
 FILTER_STATUS Filter_InitPacketHeader(FilterPacket* pPacket, UCHAR* pFrame)

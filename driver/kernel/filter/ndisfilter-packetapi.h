@@ -11,7 +11,7 @@ constexpr ULONG ETHERTYPE_IP = 0x0800;
 constexpr ULONG ETHERTYPE_ARP = 0x0806;
 constexpr ULONG ETHERTYPE_RARP = 0x8035;
 
-constexpr ULONG IP_HEADER_SIZE = 20;         // without options
+constexpr ULONG IP_HEADER_SIZE = 20; // without options
 constexpr ULONG IP_LONGEST_HEADER_SIZE = 60;
 constexpr ULONG IP_TOTAL_LENGTH_OFFSET = 2;
 constexpr ULONG IP_IDENTIFICATION_OFFSET = 4;
@@ -26,6 +26,9 @@ constexpr ULONG IP_FRAGMENT_OFFSET_MASK = 0x1FFF; // in units of 8 bytes
 constexpr UCHAR IP_PROTOCOL_ICMP = 1;
 constexpr UCHAR IP_PROTOCOL_TCP = 6;
 constexpr UCHAR IP_PROTOCOL_UDP = 17;
+
+// What Filter_InitPacketHeader does with the frame in the packet's own buffer, without its trace lines and its guard.
+VOID ParsePacket(FilterPacket* pPacket);
 
 // Prints the packet; title and adapter are given.
 VOID DumpPacket(PCSTR pszTitle, FilterPacket* pPacket);

@@ -41,8 +41,8 @@ struct NdisFilterDeviceExtension {
     NDIS_RW_LOCK m_FilterDriverLock;
     RecordList<FilterDriver> m_FilterDriverList;
 
+    RecordList<PacketFilter> m_PacketFilterList[FILTER_TYPE_COUNT]; // away from what every injected packet writes
     NDIS_RW_LOCK m_PacketFilterLock[FILTER_TYPE_COUNT];
-    RecordList<PacketFilter> m_PacketFilterList[FILTER_TYPE_COUNT];
 
     HANDLE m_hInjectPacketThread[INJECT_QUEUE_COUNT];
     NDIS_RW_LOCK m_InjectedPacketLock[INJECT_QUEUE_COUNT];
