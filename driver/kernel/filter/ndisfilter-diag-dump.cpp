@@ -129,7 +129,7 @@ VOID DumpInjection()
     for (ULONG i = 0; i < INJECT_QUEUE_COUNT; i++) {
         PrintPlaces("m_InjectPacketEvent", i, &global.m_InjectPacketEvent[i]);
     }
-    print("- m_nInjectPacketCount = %d\n", static_cast<LONG>(Filter_GetInjectPacketCount()));
+    print("- m_nInjectPacketCount = %d\n", LoadRelaxed(global.m_nInjectPacketCount));
     print("- m_nInjectPacketMax = %d\n", LoadRelaxed(global.m_nInjectPacketMax));
 }
 

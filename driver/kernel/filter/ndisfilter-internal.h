@@ -88,7 +88,6 @@ VOID InvokeQueuedFilter(FILTER_METHOD nMethod, PacketFilter* hPacketFilter, Filt
 
 // ---- ndisfilter-packetapi-inject
 VOID InjectedPacketThread(PVOID pContext); // pContext: the queue's index
-VOID CountTakenPacket(ULONG queue);         // a packet leaves its queue; called by whoever serves it
 
 // ---- ndisfilter-ethrlog
 VOID NdisFilter_StartEthrLog();   // for every adapter of the table

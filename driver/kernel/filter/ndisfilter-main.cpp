@@ -76,13 +76,12 @@ VOID InitializeInjection()
 {
     NdisFilterDeviceExtension& global = Global();
     global.m_nInjectPacketMax = DEFAULT_INJECT_PACKET_MAX;
-    global.m_nInjectPacketsQueued = 0;
+    global.m_nInjectPacketCount = 0;
     for (ULONG queue = 0; queue < INJECT_QUEUE_COUNT; queue++) {
         NdisInitializeReadWriteLock(&global.m_InjectedPacketLock[queue]);
         global.m_InjectedPacketList[queue].Initialize();
         NdisInitializeEvent(&global.m_InjectPacketEvent[queue]);
         global.m_hInjectPacketThread[queue] = nullptr;
-        global.m_InjectPacketsTaken[queue].m_nCount = 0;
     }
     for (ULONG queue = 0; queue < INJECT_QUEUE_COUNT; queue++) {
         const PVOID context = reinterpret_cast<PVOID>(static_cast<ULONG_PTR>(queue));
@@ -97,9 +96,9 @@ VOID InitializeInjection()
 VOID ReleaseQueuedPackets()
 {
     NdisFilterDeviceExtension& global = Global();
-    for (ULONG queue = 0; queue < INJECT_QUEUE_COUNT; queue++) {
-        while (FilterPacket* packet = global.m_InjectedPacketList[queue].TakeFirst()) {
-            CountTakenPacket(queue);
+    for (RecordList<FilterPacket>& queue : global.m_InjectedPacketList) {
+        while (FilterPacket* packet = queue.TakeFirst()) {
+            InterlockedDecrement(&global.m_nInjectPacketCount);
             Filter_ReleasePacket(packet);
         }
     }

@@ -43,7 +43,7 @@ VOID QueuePacket(FilterPacket* packet, ULONG origin, PacketFilter* filter)
     {
         const WriteLock lock(global.m_InjectedPacketLock[queue]);
         global.m_InjectedPacketList[queue].Append(*packet);
-        InterlockedIncrement(&global.m_nInjectPacketsQueued);
+        InterlockedIncrement(&global.m_nInjectPacketCount);
     }
     NdisSetEvent(&global.m_InjectPacketEvent[queue]);
 }
@@ -124,7 +124,7 @@ VOID DrainQueue(ULONG queue)
     taken.Initialize();
     for (TakeQueuedPackets(queue, taken); !taken.IsEmpty(); TakeQueuedPackets(queue, taken)) {
         while (FilterPacket* const packet = taken.TakeFirst()) {
-            CountTakenPacket(queue);
+            InterlockedDecrement(&Global().m_nInjectPacketCount);
             ProcessQueuedPacket(packet);
         }
     }
@@ -223,24 +223,12 @@ FILTER_STATUS Filter_IndicateSignalToApplication(PVOID pSignal)
 
 ULONG Filter_GetInjectPacketCount(VOID)
 {
-    // Those that have left first: each has been queued before.
-    NdisFilterDeviceExtension& global = Global();
-    ULONG taken = 0;
-    for (const auto& queue : global.m_InjectPacketsTaken) {
-        taken += static_cast<ULONG>(LoadAcquire(queue.m_nCount));
-    }
-    return static_cast<ULONG>(InterlockedCompareExchange(&global.m_nInjectPacketsQueued, 0, 0)) - taken;
+    return static_cast<ULONG>(InterlockedCompareExchange(&Global().m_nInjectPacketCount, 0, 0));
 }
 
 VOID Filter_SetPendingPacketLimit(ULONG nLimit)
 {
     StoreRelaxed(g_nPendingPacketLimit, nLimit);
-}
-
-VOID CountTakenPacket(ULONG queue)
-{
-    LONG& count = Global().m_InjectPacketsTaken[queue].m_nCount;
-    StoreRelease(count, static_cast<LONG>(static_cast<ULONG>(LoadRelaxed(count)) + 1));
 }
 
 VOID InjectedPacketThread(PVOID pContext)

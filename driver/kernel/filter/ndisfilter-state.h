@@ -41,20 +41,16 @@ struct NdisFilterDeviceExtension {
     NDIS_RW_LOCK m_FilterDriverLock;
     RecordList<FilterDriver> m_FilterDriverList;
 
-    RecordList<PacketFilter> m_PacketFilterList[FILTER_TYPE_COUNT]; // away from what every injected packet writes
     NDIS_RW_LOCK m_PacketFilterLock[FILTER_TYPE_COUNT];
+    RecordList<PacketFilter> m_PacketFilterList[FILTER_TYPE_COUNT];
+    UCHAR m_Padding[64]; // each frame reads the lists, each injected packet writes what follows
 
     HANDLE m_hInjectPacketThread[INJECT_QUEUE_COUNT];
     NDIS_RW_LOCK m_InjectedPacketLock[INJECT_QUEUE_COUNT];
     RecordList<FilterPacket> m_InjectedPacketList[INJECT_QUEUE_COUNT];
     NDIS_EVENT m_InjectPacketEvent[INJECT_QUEUE_COUNT];
-    LONG m_nInjectPacketsQueued; // ever, on both queues, interlocked; see Filter_GetInjectPacketCount
-    ULONG m_nInjectPacketMax;    // set by a control request, read by nobody
-    struct {
-        UCHAR m_Padding[60]; // producers and workers do not write the same cache lines
-        LONG m_nCount;       // packets that have left the queue, ever; written by whoever serves it
-    } m_InjectPacketsTaken[INJECT_QUEUE_COUNT];
-    UCHAR m_InjectPadding[60];
+    LONG m_nInjectPacketCount; // packets on both queues and those that a worker has not come to, interlocked
+    ULONG m_nInjectPacketMax;  // set by a control request, read by nobody
 
     NDIS_RW_LOCK m_InterfaceLock;
     RecordList<FilterInterface> m_InterfaceList;
