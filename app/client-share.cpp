@@ -83,7 +83,7 @@ void FetchAhead(const SharedBlock& block)
 void FetchAheadForWriting(SharedBlock& block)
 {
     for (size_t offset = 0; offset < kFetchedAhead; offset += 64) {
-        asm volatile("prefetchw %0" : : "m"(*(reinterpret_cast<char*>(&block) + offset)));
+        __builtin_prefetch(reinterpret_cast<char*>(&block) + offset, 1);
     }
 }
 
@@ -92,7 +92,7 @@ void FetchAheadForWriting(SharedBlock& block)
 void PauseBetweenLooks()
 {
     for (int i = 0; i < 8; ++i) {
-        _mm_pause(); // some fifty nanoseconds
+        _mm_pause();
     }
 }
 
@@ -405,6 +405,9 @@ int32_t Share::Flush(const Deadline& deadline, size_t* left)
                 return NDISFILTER_BAD_RING;
             }
             *left = InFlight(read, inputWrite_);
+            if (const int32_t announced = AnswerToAnnouncement(0); announced < 0) {
+                return announced;
+            }
         }
         if (*left == 0) {
             return NDISFILTER_SUCCESS;
@@ -462,7 +465,9 @@ size_t Share::TakeBlocks(ndisfilter_block* blocks, size_t capacity, int32_t* sta
     }
     size_t count = 0;
     for (; count < capacity && outputRead_ != write; outputRead_ = Next(outputRead_)) {
-        FetchAhead(memory_->m_OutputBlocks[Next(outputRead_)]);
+        if (const uint32_t next = Next(outputRead_); next != write) {
+            FetchAhead(memory_->m_OutputBlocks[next]);
+        }
         CopyBlock(outputRead_, blocks[count++]);
     }
     if (count > 0) {

@@ -161,7 +161,8 @@ typedef struct ndisfilter_frame {
  * room, at most `timeout_ms` (0: not at all). `*sent` is the number of frames that were put, also on failure.
  * TIMEOUT: not all of them. BAD_FRAME_SIZE: up to such a frame. BAD_RING, NO_SHARE.
  *
- * The driver can miss an announcement, so the library announces again, for as long as a frame of its is not taken.
+ * The driver can miss an announcement, so the library announces again, for as long as a frame of its is not taken. It
+ * does not wait for the answer: that the driver refused one is told by the next ndisfilter_send or ndisfilter_flush.
  */
 int32_t ndisfilter_send(ndisfilter_client* client, const ndisfilter_frame* frames, size_t count, uint32_t timeout_ms,
                         size_t* sent);

@@ -35,11 +35,11 @@ inline VOID FetchAhead(const volatile VOID* memory, SIZE_T size)
     }
 }
 
-// The same for memory that will be written, by an instruction that old processors pass over.
+// The same for memory that will be written.
 inline VOID FetchAheadForWriting(volatile VOID* memory, SIZE_T size)
 {
     for (SIZE_T offset = 0; offset < size; offset += CACHE_LINE) {
-        __asm__ volatile("prefetchw %0" : : "m"(*(static_cast<volatile CHAR*>(memory) + offset)));
+        __builtin_prefetch(const_cast<CHAR*>(static_cast<volatile CHAR*>(memory) + offset), 1);
     }
 }
 

@@ -103,8 +103,8 @@ __attribute__((noinline)) USHORT ChecksumInParts(const UCHAR* p, ULONG size, ULO
                               : AddWords(AddWords(seed, p, field), p + behind, size - behind));
 }
 
-// The same in one piece where it can be: the field is added, too, and then its complement. That makes zero of what is
-// not zero only together with a sum of zero, whose two forms the checksum tells apart.
+// The same in one piece where it can be: the field is added, too, and then its complement. Together they are 0xFFFF, the
+// other form of zero in one's complement, which changes the sum only where all else is zero: that goes the other way.
 __attribute__((always_inline)) inline USHORT Checksum(const UCHAR* p, ULONG size, ULONG field, ULONGLONG seed)
 {
     if (__builtin_expect(size >= field + sizeof(USHORT), 1)) {
@@ -175,6 +175,7 @@ VOID ReadExtent(PVOID datagram)
     const volatile UCHAR* const ip = static_cast<UCHAR*>(datagram);
     static_cast<VOID>(ip[0]);
     static_cast<VOID>(ip[IP_TOTAL_LENGTH_OFFSET]);
+    static_cast<VOID>(ip[IP_TOTAL_LENGTH_OFFSET + 1]);
 }
 
 VOID (*RoutineFor(ULONG selector))(PVOID)

@@ -2,7 +2,8 @@
 //
 // A guard runs no destructors of the frames that it abandons, in any build. So nothing that may fault runs inside one
 // while a lock or a reference taken inside it is held: locks are taken outside, and code of clients and pointers of
-// callers are touched in an inner guard.
+// callers are touched in an inner guard. Where the holder of a lock outlives the guard, a second guard may go on with it
+// and release it.
 //
 // The only place in the driver that knows its platform.
 #pragma once

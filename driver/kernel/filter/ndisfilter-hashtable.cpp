@@ -120,27 +120,32 @@ __attribute__((noinline)) VOID EndItem(HashItem* item)
     ReleaseTable(&table);
 }
 
-VOID TraceItemRelease(HashItem* item)
+// FALSE: that was its end.
+BOOLEAN TraceItemRelease(HashItem* item)
 {
     const PCSTR name =
         item->m_pHashTable->pItemName; // of an item that others may free as soon as it is released
     const LONG count = Decrement(item->m_RefCount);
-    if (count != 0) {
-        Trace(TRACE_HASH, "  pHashItem[0x%p/%s]->m_RefCount -- = %d\n", item, name, count);
-    } else {
+    if (count == 0) {
         EndItem(item);
+        return FALSE;
     }
+    Trace(TRACE_HASH, "  pHashItem[0x%p/%s]->m_RefCount -- = %d\n", item, name, count);
+    return TRUE;
 }
 
-// Drops some of the references that the caller has, each with its own trace line.
+// Drops some references, each with its own trace line. A caller that never had one of them does not keep the item from
+// its end.
 inline VOID ReleaseItem(HashItem* item, LONG references = 1)
 {
     if (TraceEnabled(TRACE_HASH)) {
-        for (LONG i = 0; i < references; i++) {
-            TraceItemRelease(item);
+        for (LONG i = 0; i < references && TraceItemRelease(item); i++) {
         }
-    } else if (InterlockedExchangeAdd(reinterpret_cast<volatile LONG*>(&item->m_RefCount), -references) ==
-               references) {
+        return;
+    }
+    const LONG before =
+        InterlockedExchangeAdd(reinterpret_cast<volatile LONG*>(&item->m_RefCount), -references);
+    if (before > 0 && before <= references) {
         EndItem(item);
     }
 }
@@ -167,7 +172,7 @@ LIST_ENTRY* BucketOf(HashTable& table, ULONG hashValue)
     return &table.m_Buckets[hashValue & table.m_HashMask];
 }
 
-// The number of items changes under the table's lock only, and is read without it.
+// The number of items changes under the table's lock only, which callers of the Ex variants hold, and is read without it.
 VOID CountItems(HashTable& table, LONG change)
 {
     StoreRelaxed(table.m_nItemCount, LoadRelaxed(table.m_nItemCount) + static_cast<ULONG>(change));
@@ -183,7 +188,7 @@ VOID LinkItem(HashTable* table, HashItem* item)
         ReferenceItem(item);
         ReferenceItem(item);
     } else {
-        StoreRelaxed(item->m_RefCount, 2);
+        InterlockedExchangeAdd(reinterpret_cast<volatile LONG*>(&item->m_RefCount), 2);
     }
     InsertTailList(&table->m_ItemList, &item->m_ListEntry);
     InsertHeadList(BucketOf(*table, item->m_HashValue), &item->m_BucketEntry);

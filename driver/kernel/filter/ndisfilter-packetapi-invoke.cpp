@@ -1,7 +1,8 @@
 // Running a chain of packet filters over a packet, and what the verdicts make of it.
 //
-// The road of a received frame: hook driver -> NdisFilter_FilterReceivedPacket -> Filter_InvokeFilters -> the
-// incoming chain -> Filter_IndicatePacketToProtocolEx -> hook driver. Sent frames take the mirror road.
+// The road of a received frame: hook driver -> NdisFilter_FilterReceivedPacket -> the incoming chain -> hook driver. Sent
+// frames take the mirror road. What Filter_InvokeFilters and Filter_IndicatePacketToProtocolEx do is on it, in one guard;
+// a frame whose passage is traced goes through the delivery itself.
 #include "ndisfilter-packetapi-deliver.h"
 
 namespace
@@ -40,8 +41,8 @@ ULONG PositionOf(const RecordList<PacketFilter>& chain, const PacketFilter& filt
 
 // One packet's passage: the start of its route, the filters, and what their verdict makes of the packet.
 //
-// A route tells its itinerary, and what starts it: Start(packet) runs with the chain locked and answers FALSE to have
-// the packet left as it is.
+// A route tells its itinerary, and what comes first: Parse(packet) and Arrive(packet), for a frame that comes in from the
+// hook driver, and with the chain locked Admits(), which answers FALSE to have the packet left as it is.
 //
 // All of it runs in one guard, because a guard costs as much as several filters that bypass. When something faults, a
 // new guard takes the passage up behind it, so that an exception costs only who raised it.
@@ -53,7 +54,7 @@ class Passage
   public:
     Passage(const Route& route, FilterPacket* packet) : route_(route), packet_(packet) {}
 
-    // FALSE when the start answered so. The chain's lock is released in the end, whatever faults.
+    // FALSE when the route did not admit the packet. The chain's lock is released in the end, whatever faults.
     BOOLEAN Run()
     {
         const NTSTATUS code = RunInGuard();
@@ -62,18 +63,24 @@ class Passage
 
   private:
     // What runs, or is next to run.
-    enum class Stage : UCHAR { First, Filters, Delivery, Done, Refused };
+    enum class Stage : UCHAR { Parse, Arrival, Chain, Filters, Delivery, Done, Refused };
 
     NTSTATUS RunInGuard()
     {
         return CallGuarded([](PVOID passage) { static_cast<Passage*>(passage)->Proceed(); }, this);
     }
 
-    // Behind a start that answered FALSE, or a fault.
+    // Behind a route that did not admit the packet, or a fault.
     __attribute__((noinline, cold)) BOOLEAN TakeUp(NTSTATUS code)
     {
-        while (stage_ == Stage::Filters) {
-            ReportException(code);
+        while (stage_ < Stage::Delivery) {
+            if (stage_ == Stage::Parse) {
+                PrintException("Filter_InitPacketHeader", code);
+                stage_ = Stage::Arrival;
+            } else {
+                ReportException(code);
+                stage_ = stage_ == Stage::Arrival ? Stage::Chain : stage_;
+            }
             code = RunInGuard();
         }
         if (stage_ == Stage::Delivery) {
@@ -84,11 +91,21 @@ class Passage
 
     VOID Proceed()
     {
-        if (stage_ == Stage::First) {
+        if constexpr (Route::ARRIVES) {
+            if (stage_ == Stage::Parse) {
+                route_.Parse(packet_);
+                stage_ = Stage::Arrival;
+            }
+            if (stage_ == Stage::Arrival) {
+                route_.Arrive(packet_);
+                stage_ = Stage::Chain;
+            }
+        }
+        if (stage_ == Stage::Chain) {
             NdisAcquireReadWriteLock(&ChainLock(), FALSE, &lockState_);
             next_ = Chain().First();
             stage_ = Stage::Filters;
-            if (!route_.Start(packet_)) {
+            if (!route_.Admits()) {
                 NdisReleaseReadWriteLock(&ChainLock(), &lockState_);
                 stage_ = Stage::Refused;
                 return;
@@ -260,7 +277,7 @@ class Passage
     LOCK_STATE lockState_; // of the chain's lock: a guard runs no destructor of a holder inside it
     RecordList<PacketFilter>::Place next_;
     BOOLEAN active_ = Way().StartsActive(); // filters run from here on
-    Stage stage_ = Stage::First;
+    Stage stage_ = Route::ARRIVES ? Stage::Parse : Stage::Chain;
 };
 
 VOID TraceEnter(FILTER_TYPE type, FilterPacket* packet)
@@ -294,20 +311,22 @@ VOID TraceLeaveEx()
     Trace(TRACE_PACKET, "Leave Filter_InvokeFiltersEx\n");
 }
 
-// Starts with the chain.
+// For any packet.
 struct ChainRoute {
+    static constexpr BOOLEAN ARRIVES = FALSE;
     const Itinerary& Chosen;
 
     const Itinerary& Way() const { return Chosen; }
-    BOOLEAN Start(FilterPacket*) const { return TRUE; }
+    static BOOLEAN Admits() { return TRUE; }
 };
 
-// Starts if the chain holds the given filter.
+// If the chain holds the given filter.
 struct GivenRoute {
+    static constexpr BOOLEAN ARRIVES = FALSE;
     const Itinerary& Chosen;
 
     const Itinerary& Way() const { return Chosen; }
-    BOOLEAN Start(FilterPacket*) const
+    BOOLEAN Admits() const
     {
         if (!Global().m_PacketFilterList[Way().Type].Contains(Way().Given)) {
             return FALSE;
@@ -349,17 +368,22 @@ constexpr Arrival SENT = {{.Name = INVOKE, .Type = FILTER_TYPE_OUTGOING_PACKET},
                           "\\/ Outgoing Packet",
                           &FilterAdapter::m_pUpperEthrLog};
 
-// Starts with the frame: parse, mark, dump, record.
+// For a frame, which is parsed, marked, dumped and recorded before.
 template <BOOLEAN Plain, const Arrival& ARRIVAL>
 struct ArrivalRoute {
+    static constexpr BOOLEAN ARRIVES = TRUE;
+
     static constexpr const Itinerary& Way() { return ARRIVAL.Chain; }
-    static BOOLEAN Start(FilterPacket* packet)
+    static VOID Parse(FilterPacket* packet)
     {
         if (Plain) {
             ParsePacket(packet);
         } else {
             Filter_InitPacketHeader(packet, nullptr);
         }
+    }
+    static VOID Arrive(FilterPacket* packet)
+    {
         packet->m_nDirection = ARRIVAL.Direction;
         if (const FilterAdapter* const adapter = packet->m_hAdapter; adapter != nullptr) {
             DumpWhenEnabled(ARRIVAL.Title, packet);
@@ -368,8 +392,8 @@ struct ArrivalRoute {
         if (!Plain) {
             TraceEnter(Way().Type, packet);
         }
-        return TRUE;
     }
+    static BOOLEAN Admits() { return TRUE; }
 };
 
 // What is traced is decided once a frame: most often nothing, and then its road looks at the debug mask no more.
