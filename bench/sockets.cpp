@@ -2,16 +2,11 @@
 // a kernel client that waits for each request, by one that works with completions, and by ordinary programs
 // that do the same with blocking calls and with poll. All check every byte. Also: connections opened and
 // closed, and the memory that one costs.
-//
-// Ends with the ratios. Exits with 1 when a byte was wrong or a request failed.
 #include "machine.h"
+#include "support/contest.h"
 #include "support/echo-client.h"
 
-#include <benchmark/benchmark.h>
-
 #include <algorithm>
-#include <cstdlib>
-#include <map>
 
 #include <malloc.h>
 #include <poll.h>
@@ -27,19 +22,15 @@ constexpr size_t kConnections = 1000;
 
 const echo::Pattern* g_pattern;
 const echo::Server* g_server;
-std::map<std::string, std::vector<double>> g_seconds;
 
 [[noreturn]] void Fail(const char* what, long value)
 {
-    std::fprintf(stderr, "bench-sockets: %s: 0x%lx\n", what, value & 0xFFFFFFFF);
-    std::exit(1);
+    bench::Fail(what + (": " + std::to_string(value)));
 }
 
 void Check(const char* what, NTSTATUS status)
 {
-    if (!NT_SUCCESS(status)) {
-        Fail(what, status);
-    }
+    bench::Check(what, NT_SUCCESS(status) ? 0 : status);
 }
 
 int ConnectSocket()
@@ -131,26 +122,13 @@ void KernelExchange(bool callbacks)
     }
 }
 
-void Exchange(benchmark::State& state, const char* name, void (*run)())
+void Exchange(benchmark::State& state, void (*run)())
 {
     for (auto _ : state) {
-        LARGE_INTEGER frequency;
-        const LARGE_INTEGER begin = KeQueryPerformanceCounter(&frequency);
         run();
-        const LARGE_INTEGER end = KeQueryPerformanceCounter(nullptr);
-        const double seconds =
-            static_cast<double>(end.QuadPart - begin.QuadPart) / static_cast<double>(frequency.QuadPart);
-        state.SetIterationTime(seconds);
-        g_seconds[name].push_back(seconds);
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kBytes));
-}
-
-double Median(std::vector<double> values)
-{
-    const auto middle = values.begin() + static_cast<ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
+    bench::SetOperations(state, static_cast<double>(state.iterations()) * (kBytes / kBlock));
+    bench::SetWork(state, kBytes); // compared
 }
 
 void PlainConnections(benchmark::State& state)
@@ -164,52 +142,44 @@ void PlainConnections(benchmark::State& state)
             close(descriptor);
         }
     }
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kConnections));
+    bench::SetOperations(state, static_cast<double>(state.iterations()) * kConnections);
+    bench::SetWork(state, kConnections);
 }
 
 // Memory of this process alone: what stands in the host's sockets is the same for a plain one.
-void KernelConnections(benchmark::State& state)
+void KernelConnections(benchmark::State& state, bool memory)
 {
-    size_t memory = 0;
-    size_t pool = 0;
+    double bytes = 0;
     for (auto _ : state) {
         std::vector<echo::Connection> connections(kConnections);
         const size_t before = mallinfo2().uordblks;
-        const size_t poolBefore = machine::TakeCensus().poolBytes;
         for (echo::Connection& connection : connections) {
             Check("opening", connection.Open());
             Check("connecting", connection.Connect(g_server->tcpPort));
         }
-        memory = mallinfo2().uordblks - before;
-        pool = machine::TakeCensus().poolBytes - poolBefore;
+        bytes = static_cast<double>(mallinfo2().uordblks - before);
         for (echo::Connection& connection : connections) {
             connection.Close();
         }
     }
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kConnections));
-    state.counters["heap/connection"] = static_cast<double>(memory) / kConnections;
-    state.counters["pool/connection"] = static_cast<double>(pool) / kConnections;
-    state.counters["records"] = sizeof(KS_TRANSPORT_ADDRESS) + sizeof(KS_CONNECTION_ENDPOINT);
+    bench::SetWork(state, kConnections);
+    if (memory) {
+        bench::SetValue(state, bytes / kConnections);
+    } else {
+        bench::SetOperations(state, static_cast<double>(state.iterations()) * kConnections);
+    }
+}
+
+template <class Run>
+void Add(const char* name, const Run& run)
+{
+    benchmark::RegisterBenchmark(name, run)->UseRealTime();
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    // Repetitions in random order, so that a disturbed second falls on all; the command line may say
-    // otherwise.
-    std::vector<char*> arguments(argv, argv + argc);
-    std::string defaults[] = {"--benchmark_repetitions=9", "--benchmark_enable_random_interleaving=true",
-                              "--benchmark_report_aggregates_only=true", "--benchmark_min_time=0.05"};
-    int position = 1;
-    for (std::string& argument : defaults) {
-        arguments.insert(arguments.begin() + position++, argument.data());
-    }
-    int count = static_cast<int>(arguments.size());
-    benchmark::Initialize(&count, arguments.data());
-    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
-        return 2;
-    }
     rlimit files;
     getrlimit(RLIMIT_NOFILE, &files);
     files.rlim_cur = files.rlim_max;
@@ -219,43 +189,22 @@ int main(int argc, char** argv)
     g_server = &server;
     g_pattern = &pattern;
     if (server.tcpPort == 0) {
-        Fail("the echo server did not start", 0);
+        bench::Fail("the echo server did not start");
     }
     Check("LoadTransport", machine::LoadTransport());
 
-    struct Subject {
-        const char* name;
-        void (*run)();
-    };
-    const Subject subjects[] = {{"plain, blocking", PlainBlocking},
-                                {"kernel, waiting", [] { KernelExchange(false); }},
-                                {"plain, poll", PlainPolling},
-                                {"kernel, callbacks", [] { KernelExchange(true); }}};
-    for (const Subject& subject : subjects) {
-        benchmark::RegisterBenchmark(subject.name, Exchange, subject.name, subject.run)
-            ->Iterations(1)
-            ->UseManualTime()
-            ->Unit(benchmark::kMillisecond);
-    }
-    benchmark::RegisterBenchmark("plain, 1000 connections", PlainConnections)->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("kernel, 1000 connections", KernelConnections)
-        ->Unit(benchmark::kMillisecond);
-    benchmark::RunSpecifiedBenchmarks();
+    Add("exchange/framework/waiting", [](auto& state) { Exchange(state, [] { KernelExchange(false); }); });
+    Add("exchange/plain program/waiting", [](auto& state) { Exchange(state, PlainBlocking); });
+    Add("exchange/framework/callbacks", [](auto& state) { Exchange(state, [] { KernelExchange(true); }); });
+    Add("exchange/plain program/callbacks", [](auto& state) { Exchange(state, PlainPolling); });
+    Add("connection/framework/open and close", [](auto& state) { KernelConnections(state, false); });
+    Add("connection/plain program/open and close", [](auto& state) { PlainConnections(state); });
+    Add("connection/framework/memory", [](auto& state) { KernelConnections(state, true); });
+    const int result = bench::Run(argc, argv);
 
-    for (const auto& [kernel, plain] :
-         {std::pair{"kernel, waiting", "plain, blocking"}, std::pair{"kernel, callbacks", "plain, poll"}}) {
-        if (g_seconds.contains(kernel) && g_seconds.contains(plain)) {
-            const double megabytes = static_cast<double>(kBytes) / 1e6;
-            const double kernelTime = Median(g_seconds[kernel]);
-            const double plainTime = Median(g_seconds[plain]);
-            std::printf("%s: %.0f MB/s each way, %.2f times the throughput of %s, %.0f MB/s (medians)\n",
-                        kernel, megabytes / kernelTime, plainTime / kernelTime, plain, megabytes / plainTime);
-        }
-    }
     Check("UnloadTransport", machine::UnloadTransport());
     for (const machine::Violation& violation : machine::TakeViolations()) {
-        std::fprintf(stderr, "bench-sockets: %s: %s\n", violation.rule.c_str(), violation.detail.c_str());
-        return 1;
+        bench::Fail(violation.rule + ": " + violation.detail);
     }
-    return 0;
+    return result;
 }
