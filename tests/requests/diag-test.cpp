@@ -76,6 +76,7 @@ TEST_F(DiagTest, TheHelpAndItsRefusals)
     EXPECT_EQ(Ask("filter nonsense"), kHelp);
     EXPECT_EQ(Ask("filter show nonsense"), "unsupport command show\n");
     EXPECT_EQ(Ask("filter shows info"), "unsupport command shows\n");
+    EXPECT_EQ(Ask("filter %s%n %p"), "unsupport command %s%n\n"); // no word is a format
     // Not the framework's: nobody answers, and the request succeeds all the same.
     for (const char* command :
          {"filter", "filter ", "driver other", "driver filter more", "other show info", " x"}) {
