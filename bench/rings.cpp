@@ -347,7 +347,7 @@ void ToDriver(benchmark::State& state)
         const auto start = Clock::now();
         size_t sent = 0;
         while (sent < kFrames) {
-            sent += client.Send(batch.Next(sent, kBatch));
+            sent += client.Send(batch.Next(sent, std::min<size_t>(kBatch, kFrames - sent)));
         }
         client.Flush();
         Count(state, SecondsSince(start), sent);

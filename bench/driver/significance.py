@@ -57,7 +57,7 @@ def print_comparison(base, before, after):
     print(f"{'benchmark':<52} {base[:12]:>12} {'now':>12} {'change':>9} {'p':>8}")
     for name in names:
         old, new = (statistics.median(values) for values in series[name])
-        print(f"{name:<52} {old:>12.2f} {new:>12.2f} {100 * (new / old - 1):>+8.1f}% {p_values[name]:>8.4f}"
+        print(f"{name:<52} {old:>12.2f} {new:>12.2f} {100 * (new / old - 1) if old else 0.0:>+8.1f}% {p_values[name]:>8.4f}"
               f"{'  CHANGED' if name in changed else ''}")
     for name in sorted(before[0].keys() ^ after[0].keys()):
         print(f"{name:<52} only {'before' if name in before[0] else 'now'}")
