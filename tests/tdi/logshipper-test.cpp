@@ -78,7 +78,7 @@ TEST(LogShipperTest, AServerThatReadsNothingHoldsUpNoUnload)
     const HostSocket server(SOCK_STREAM);
     server.TakeLittle(); // a tenth of a megabyte fills the connection
     const std::string output =
-        RunLab(server.Port(), true, " --repeat 600 --set-dword logshipper.LogPatience=200");
+        RunLab(server.Port(), true, " --repeat 600 --rate 100000 --set-dword logshipper.LogPatience=200");
     EXPECT_THAT(output, testing::HasSubstr("logshipper: cannot reach the log server, status 0xC0000241"));
     EXPECT_THAT(output, testing::Not(testing::HasSubstr(" 0 lines handed to the transport")));
     EXPECT_THAT(output, testing::HasSubstr("exit code 0"));
