@@ -2,6 +2,7 @@
 // which only parses the headers, calls the same filter procedures directly and hands the packet over, and beside what
 // one would build of the standard library's parts: a pthread_rwlock, shared atomic counters and sigsetjmp guards.
 #include "framework.h"
+#include "parse-by-hand.h"
 
 #include <hostguard.h>
 
@@ -175,42 +176,6 @@ class Framework
     FilterDriver* driver_ = nullptr;
 };
 
-uint32_t Be16(const uint8_t* p)
-{
-    return static_cast<uint32_t>(p[0]) << 8 | p[1];
-}
-
-// The least that finds all headers of a frame.
-void BareParse(FilterPacket& packet)
-{
-    uint8_t* const frame = packet.m_Data;
-    uint8_t *arp = nullptr, *ip = nullptr, *tcp = nullptr, *udp = nullptr, *icmp = nullptr;
-    switch (Be16(frame + 12)) {
-    case 0x0806:
-        arp = frame + 14;
-        break;
-    case 0x0800: {
-        ip = frame + 14;
-        uint8_t* const transport = ip + 4 * (ip[0] & 0xF);
-        packet.m_nProtocol = ip[9];
-        if ((Be16(ip + 6) & 0x1FFF) == 0) {
-            (ip[9] == 6 ? tcp : ip[9] == 17 ? udp : icmp) = transport;
-        }
-        break;
-    }
-    default:
-        break;
-    }
-    packet.m_pEthernet = frame;
-    packet.m_pArp = arp;
-    packet.m_pIp = ip;
-    packet.m_pTcp = tcp;
-    packet.m_pUdp = udp;
-    packet.m_pIcmp = icmp;
-    packet.m_pDhcp = nullptr;
-    packet.m_pDns = nullptr;
-}
-
 struct BareFilter {
     BareFilter* next;
     FILTER_PROC procedure;
@@ -250,7 +215,7 @@ class BareLoop : FilterList<BareFilter>
     using FilterList::FilterList;
     void Send(FilterPacket& packet) const
     {
-        BareParse(packet);
+        bench::ParseByHand(packet);
         for (const BareFilter* filter = First(); filter != nullptr; filter = filter->next) {
             if (filter->procedure(nullptr, nullptr, nullptr, filter->context, &packet) !=
                 FILTER_RESULT_BYPASS) {
@@ -286,7 +251,7 @@ class SharedLoop : FilterList<SharedFilter>
 
     void Send(FilterPacket& packet)
     {
-        BareParse(packet);
+        bench::ParseByHand(packet);
         bool pass = true;
         pthread_rwlock_rdlock(&lock_);
         for (SharedFilter* filter = First(); filter != nullptr && pass; filter = filter->next) {
