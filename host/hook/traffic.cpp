@@ -20,7 +20,7 @@ constexpr UCHAR kAbsentByte = 0xDB; // where the rest of a frame belongs that is
 template <class Body>
 NTSTATUS CallGuarded(Body& body)
 {
-    return HostCallGuarded([](void* context) { (*static_cast<Body*>(context))(); }, &body);
+    return HostCallGuarded(&body, [](void* context) { (*static_cast<Body*>(context))(); });
 }
 
 bool FillPacket(HookState& state, FilterPacket* packet, VirtualAdapter& adapter,

@@ -176,9 +176,9 @@ TEST_F(RulesTest, OfPool)
     ExpectRules("pool-overrun");
     // Large blocks lie between guard pages.
     block = NewBlock(32 * PAGE_SIZE);
-    EXPECT_EQ(HostCallGuarded(WriteUnchecked, block - 1), STATUS_ACCESS_VIOLATION);
-    EXPECT_EQ(HostCallGuarded(WriteUnchecked, block + 32 * PAGE_SIZE), STATUS_ACCESS_VIOLATION);
-    EXPECT_EQ(HostCallGuarded(WriteUnchecked, block + 32 * PAGE_SIZE - 1), 0);
+    EXPECT_EQ(HostCallGuarded(block - 1, WriteUnchecked), STATUS_ACCESS_VIOLATION);
+    EXPECT_EQ(HostCallGuarded(block + 32 * PAGE_SIZE, WriteUnchecked), STATUS_ACCESS_VIOLATION);
+    EXPECT_EQ(HostCallGuarded(block + 32 * PAGE_SIZE - 1, WriteUnchecked), 0);
     ExFreePool(block);
     // A write behind a free is seen when the block leaves the quarantine, which is bounded.
     block = NewBlock(64);
@@ -276,7 +276,7 @@ TEST_F(RulesTest, OfViewsInAProcess)
         const auto mapUser = [](void* described) {
             MmMapLockedPages(static_cast<MDL*>(described), UserMode);
         };
-        EXPECT_EQ(HostCallGuarded(mapUser, mdl), STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_EQ(HostCallGuarded(mdl, mapUser), STATUS_INSUFFICIENT_RESOURCES);
     });
     ExpectRules("view-of-shared-pages");
     IoFreeMdl(mdl);
