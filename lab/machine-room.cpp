@@ -37,7 +37,8 @@ void SetRegistry(const std::vector<Setting>& settings)
 
 } // namespace
 
-MachineRoom::MachineRoom(const std::vector<Setting>& settings, uint32_t packetLimit, bool sockets) : sockets_(sockets)
+MachineRoom::MachineRoom(const std::vector<Setting>& settings, uint32_t packetLimit, bool sockets)
+    : sockets_(sockets)
 {
     machine::PrintViolations(false); // they are part of the report
     SetRegistry(settings);
