@@ -221,7 +221,12 @@ KIRQL KeGetCurrentIrql(VOID);
 KIRQL KfRaiseIrql(KIRQL NewIrql);
 KIRQL KeRaiseIrqlToDpcLevel(VOID);
 VOID KeLowerIrql(KIRQL NewIrql);
-ULONG KeGetCurrentProcessorNumber(VOID);
+// Of the calling thread: the processor that it owns at DISPATCH_LEVEL, else the last one it owned. The kernel writes it.
+extern __thread ULONG HostProcessorNumber __attribute__((tls_model("initial-exec")));
+FORCEINLINE ULONG KeGetCurrentProcessorNumber(VOID)
+{
+    return HostProcessorNumber;
+}
 #define KeRaiseIrql(NewIrql, OldIrql) *(OldIrql) = KfRaiseIrql(NewIrql)
 
 VOID KeInitializeSpinLock(PKSPIN_LOCK SpinLock);
