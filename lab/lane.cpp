@@ -39,6 +39,7 @@ Lane::Lane(const LaneOptions& options) : options_(options), roundsLeft_(options.
         return;
     }
     reader_.emplace(options.capture);
+    fileSize_ = reader_->FileSize();
     if (options.rounds > 1 && !reader_->IsRegularFile()) {
         throw LabError(ExitCode::Usage,
                        fmt::format("{}: cannot be read more than once (--repeat, --loop), it is not a file",

@@ -70,7 +70,7 @@ class Lane
     size_t DeliverBatch(hook::Side side, hook::Frames frames);
 
     // For the progress line, from any thread.
-    uint64_t FileSize() const { return reader_.has_value() ? reader_->FileSize() : 0; }
+    uint64_t FileSize() const { return fileSize_; } // as it was at first; 0: none, or no file
     uint64_t Position() const
     {
         return position_.load(std::memory_order_relaxed);
@@ -99,6 +99,7 @@ class Lane
     FilterAdapter* adapter_ = nullptr;
     std::unique_ptr<CaptureWriter> writers_[2]; // by hook::Side
     Outlet outlets_[2];                         // by hook::Side
+    uint64_t fileSize_ = 0;
     std::atomic<uint64_t> time_ = 0;            // of the frame replayed last
     std::atomic<uint64_t> position_ = 0;
     std::atomic<uint64_t> framesTaken_ = 0;
