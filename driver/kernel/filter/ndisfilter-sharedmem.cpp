@@ -6,6 +6,7 @@
 // Mapped fields are written for the program to read; ring indexes and input blocks are read from the mapping, each
 // once, checked, then used.
 #include "ndisfilter-internal.h"
+#include "ndisfilter-sharedmem-process.h"
 
 #include <stddef.h>
 
@@ -14,6 +15,7 @@ namespace
 
 PMDL s_pMdl;                // of the whole mapping
 PVOID s_pUserModeAddress;   // of the present user mapping, nullptr when there is none
+MappingProcess s_Process;   // where that is
 ULONG s_nOutputCount;       // what m_nCount of the output ring shows
 KEVENT s_ShareGate;         // serialises starting and stopping the share
 MappedMemoryHead s_HookRecord; // what the hook driver gets as the MappedMemory to store the address into
@@ -351,6 +353,8 @@ PVOID NdisFilter_MapMemoryToUserSpace(MappedMemory* pMappedMemory)
     s_pUserModeAddress = map != nullptr ? MapThroughHook(map, pMappedMemory) : MapIntoCurrentProcess(pMappedMemory);
     if (s_pUserModeAddress == nullptr) {
         Trace(TRACE_SHARE, "  MmMapLockedPages fails\n");
+    } else {
+        s_Process.Remember();
     }
     Trace(TRACE_SHARE, "Leave NdisFilter_MapMemoryToUserSpace\n");
     return s_pUserModeAddress;
@@ -368,12 +372,13 @@ VOID NdisFilter_UnmapMemoryToUserSpace(MappedMemory* pMappedMemory)
     }
     const HOOK_MM_UNMAP_LOCKED_PAGES unmap = LoadAcquire(Global().m_NdisHookAPI.Hook_MmUnmapLockedPages);
     if (unmap != nullptr) {
-        unmap(s_pMdl, s_pUserModeAddress);
+        s_Process.Run([unmap] { unmap(s_pMdl, s_pUserModeAddress); });
         Trace(TRACE_SHARE, "  Hook_MmUnmapLockedPages() complete\n");
     } else {
-        MmUnmapLockedPages(s_pUserModeAddress, s_pMdl);
+        s_Process.Run([] { MmUnmapLockedPages(s_pUserModeAddress, s_pMdl); });
         Trace(TRACE_SHARE, "  MmUnmapLockedPages() complete\n");
     }
+    s_Process.Forget();
     s_pUserModeAddress = nullptr;
     StoreRelaxed(pMappedMemory->m_pUserModeVirtualAddress, 0);
 }
