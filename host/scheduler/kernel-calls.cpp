@@ -82,12 +82,12 @@ void __wrap_KeReleaseSpinLock(void* lock, uint8_t irql)
 
 void __wrap_KeAcquireSpinLockAtDpcLevel(void* lock)
 {
-    Taking(lock, SITE, [&] { __real_KeAcquireSpinLockAtDpcLevel(lock); });
+    Undividedly([&] { __real_KeAcquireSpinLockAtDpcLevel(lock); });
 }
 
 void __wrap_KeReleaseSpinLockFromDpcLevel(void* lock)
 {
-    Leaving(lock, SITE, [&] { __real_KeReleaseSpinLockFromDpcLevel(lock); });
+    Undividedly([&] { __real_KeReleaseSpinLockFromDpcLevel(lock); });
 }
 
 uint8_t __wrap_KeRaiseIrqlToDpcLevel()

@@ -84,6 +84,26 @@ ThreadMask MaskOf(uint32_t id)
     return ThreadMask{1} << id;
 }
 
+struct View {
+    uintptr_t begin = 0;
+    size_t size = 0;
+    uintptr_t original = 0;
+};
+std::array<View, 4> g_views;
+size_t g_viewCount = 0;
+
+const void* OriginalOf(const void* object)
+{
+    const auto address = reinterpret_cast<uintptr_t>(object);
+    for (size_t i = 0; i < g_viewCount; ++i) {
+        const View& view = g_views[i];
+        if (address - view.begin < view.size) {
+            return reinterpret_cast<const void*>(address - view.begin + view.original);
+        }
+    }
+    return object;
+}
+
 Use* FindUse(const void* object)
 {
     auto at = (reinterpret_cast<uintptr_t>(object) >> 2) * 0x9E3779B97F4A7C15ull >> 50;
@@ -104,7 +124,7 @@ Use* FindUse(const void* object)
 
 void NoteUse(Operation operation, const void* object, const void* site)
 {
-    Use* use = FindUse(object);
+    Use* use = FindUse(OriginalOf(object));
     if (use == nullptr) { // too many: better a switch too much
         g_director.shared(site);
         return;
@@ -327,6 +347,18 @@ void SwitchPoint(Operation operation, const void* object, const void* site)
     if (change) {
         NoteChange();
     }
+}
+
+void Alias(const void* view, size_t size, const void* original)
+{
+    if (g_viewCount < g_views.size()) {
+        g_views[g_viewCount++] = {reinterpret_cast<uintptr_t>(view), size, reinterpret_cast<uintptr_t>(original)};
+    }
+}
+
+void ForgetAliases()
+{
+    g_viewCount = 0;
 }
 
 void NoteChange()

@@ -29,6 +29,10 @@ void Activate();
 // the release of a lock. `site`: the code that does it.
 void SwitchPoint(Operation operation, const void* object, const void* site);
 
+// Memory that is mapped at two addresses is one object: `view` shows what lies at `original`.
+void Alias(const void* view, size_t size, const void* original);
+void ForgetAliases();
+
 // Notes what this thread has done to an object, without giving others a turn.
 void NoteChange();
 

@@ -31,6 +31,7 @@ Options g_options;
 
 FilterAdapter* g_adapter = nullptr;
 
+constexpr uint32_t kPackets = 64; // more than a run needs on all its processors
 constexpr uint64_t kShortSeeds = 300;
 constexpr uint64_t kAllSeeds = 20'000;
 
@@ -52,6 +53,18 @@ void StartKernelThreads()
     NdisSetTimer(&timer, 1);
     machine::AdvanceClock(1);
     Require(machine::WaitIdle(), "the machine comes to rest");
+}
+
+// Lets the pool of packets grow to its limit.
+void FillPacketPool()
+{
+    std::vector<FilterPacket*> packets;
+    while (FilterPacket* const packet = Filter_AllocatePacket(g_adapter)) {
+        packets.push_back(packet);
+    }
+    for (FilterPacket* packet : packets) {
+        Filter_ReleasePacket(packet);
+    }
 }
 
 std::string Problems()
@@ -109,11 +122,12 @@ void LoadMachine()
     machine::StopClock(0);
     machine::SetRegistryDword("NdisFilter", "Start", 3);
     RequireStatus(machine::LoadDriver("NdisFilter", DriverEntry), STATUS_SUCCESS, "loading the framework");
-    RequireStatus(hook::Load(), STATUS_SUCCESS, "loading the hook driver");
+    RequireStatus(hook::Load({.packetLimit = kPackets}), STATUS_SUCCESS, "loading the hook driver");
     RequireStatus(hook::Bind(), STATUS_SUCCESS, "binding");
     g_adapter = hook::AddAdapter({.name = "{RACES}", .address = support::kOwnMac});
     hook::OpenAdapter(g_adapter);
     StartKernelThreads();
+    FillPacketPool();
 }
 
 FilterAdapter* Adapter()
@@ -126,7 +140,7 @@ void Race::Prepare()
     // All time-outs of the machine's own threads begin now, whatever the run before did.
     machine::AdvanceClock(1000);
     Require(machine::WaitIdle(), "the machine comes to rest");
-    before_ = machine::TakeCensus();
+    census_ = machine::TakeCensus();
     Begin();
     Require(machine::WaitIdle(), "the machine comes to rest before the race");
 }
@@ -145,9 +159,9 @@ void Race::Check()
         scheduler::Fail("rule: %s", problems.c_str());
     }
     const machine::Census after = machine::TakeCensus();
-    if (!(after == before_)) {
+    if (!(after == census_)) {
         scheduler::Fail("left over: %s\nbefore: %s", machine::DescribeCensus(after).c_str(),
-                        machine::DescribeCensus(before_).c_str());
+                        machine::DescribeCensus(census_).c_str());
     }
 }
 

@@ -58,9 +58,11 @@ class Race : public scheduler::Scene
   protected:
     virtual void Begin() {}
     virtual void End() {} // what the contract says about the outcome, and clearing up
+    // What is left over at this moment is what the contract leaves until the unload.
+    void AcceptLeftovers() { census_ = machine::TakeCensus(); }
 
   private:
-    machine::Census before_;
+    machine::Census census_;
 };
 
 struct Depths {
