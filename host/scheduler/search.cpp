@@ -46,6 +46,7 @@ struct Switch {
 constexpr size_t kMaxSites = 1 << 13;
 constexpr size_t kMaxDeviations = 1 << 14;
 constexpr size_t kMaxSwitches = 4096;
+constexpr uint32_t kSwitchesTold = 40;
 constexpr unsigned kSecondsPerRun = 60;
 constexpr int kFailed = 3;
 
@@ -353,13 +354,14 @@ std::vector<std::string> NamesOf(const std::vector<const void*>& sites)
 std::string StoryOf(const Slate& slate)
 {
     std::vector<const void*> sites;
-    for (uint32_t i = 0; i < slate.switchCount; ++i) {
+    for (uint32_t i = slate.switchCount - std::min(slate.switchCount, kSwitchesTold); i < slate.switchCount; ++i) {
         sites.push_back(slate.switches[i].site);
     }
     const std::vector<std::string> names = NamesOf(sites);
-    std::string story;
-    for (uint32_t i = 0; i < slate.switchCount; ++i) {
-        const Switch& at = slate.switches[i];
+    const uint32_t first = slate.switchCount - static_cast<uint32_t>(sites.size());
+    std::string story = first == 0 ? "" : "  ...\n";
+    for (uint32_t i = 0; i < sites.size(); ++i) {
+        const Switch& at = slate.switches[first + i];
         story += "  step " + std::to_string(at.step) + ": thread " + std::to_string(at.from) + " " +
                  NameOf(at.operation) + (at.site != nullptr ? " in " + names[i] : "") + "; on with thread " +
                  std::to_string(at.to) + "\n";
@@ -441,9 +443,11 @@ SearchResult Search(const SceneMaker& maker, const SearchPlan& plan)
     Shared<Board> board;
     Shared<Slate> slates(plan.jobs);
     SearchResult result;
-    bool going = InProcesses(plan.jobs, maker, board[0], slates, result, [&](Runner& runner, uint32_t job) {
+    SearchResult byChance;
+    InProcesses(plan.jobs, maker, board[0], slates, byChance, [&](Runner& runner, uint32_t job) {
         runner.TrySeeds(plan.firstSeed, plan.seeds, job, plan.jobs);
     });
+    bool going = true;
     for (uint32_t sites = ~0u; going && sites != board[0].siteCount;) {
         sites = board[0].siteCount;
         board[0].schedules = 0;
@@ -451,6 +455,10 @@ SearchResult Search(const SceneMaker& maker, const SearchPlan& plan)
         going = InProcesses(plan.jobs, maker, board[0], slates, result, [&](Runner& runner, uint32_t job) {
             runner.ExploreAll(plan.depth, job, plan.jobs);
         });
+        going = going && !byChance.failed;
+    }
+    if (byChance.failed && !result.failed) { // the exhaustive search gives the shorter schedule when it finds one
+        result = byChance;
     }
     result.schedules = board[0].schedules;
     result.seeds = board[0].seeds;

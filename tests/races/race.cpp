@@ -7,7 +7,11 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <thread>
+
+#include <unistd.h>
 
 // The entry routine of the framework, which is linked in.
 extern "C" int32_t DriverEntry(void* driverObject, void* registryPath);
@@ -25,6 +29,7 @@ struct Options {
     uint64_t firstSeed = 1;
     std::string only;
     std::string replay;
+    std::string directory; // for the drives C of the processes
     uint32_t jobs = std::max(1u, std::thread::hardware_concurrency());
 };
 Options g_options;
@@ -32,6 +37,7 @@ Options g_options;
 FilterAdapter* g_adapter = nullptr;
 
 constexpr uint32_t kPackets = 64; // more than a run needs on all its processors
+constexpr int kProcessors = 16;
 constexpr uint64_t kShortSeeds = 300;
 constexpr uint64_t kAllSeeds = 20'000;
 
@@ -65,6 +71,15 @@ void FillPacketPool()
     for (FilterPacket* packet : packets) {
         Filter_ReleasePacket(packet);
     }
+}
+
+void LoadHook()
+{
+    RequireStatus(hook::Load({.packetLimit = kPackets}), STATUS_SUCCESS, "loading the hook driver");
+    RequireStatus(hook::Bind(), STATUS_SUCCESS, "binding");
+    g_adapter = hook::AddAdapter({.name = "{RACES}", .address = support::kOwnMac});
+    hook::OpenAdapter(g_adapter);
+    FillPacketPool();
 }
 
 std::string Problems()
@@ -116,18 +131,41 @@ void Client::Deregister()
     handle_ = nullptr;
 }
 
-void LoadMachine()
+void LoadKernel()
 {
     machine::PrintViolations(false);
     machine::StopClock(0);
+    std::filesystem::create_directory(DriveC());
+    machine::SetDriveC(DriveC());
     machine::SetRegistryDword("NdisFilter", "Start", 3);
-    RequireStatus(machine::LoadDriver("NdisFilter", DriverEntry), STATUS_SUCCESS, "loading the framework");
-    RequireStatus(hook::Load({.packetLimit = kPackets}), STATUS_SUCCESS, "loading the hook driver");
-    RequireStatus(hook::Bind(), STATUS_SUCCESS, "binding");
-    g_adapter = hook::AddAdapter({.name = "{RACES}", .address = support::kOwnMac});
-    hook::OpenAdapter(g_adapter);
     StartKernelThreads();
-    FillPacketPool();
+    for (int processor = 0; processor < kProcessors; ++processor) {
+        const machine::AtDispatch used(processor); // from now on each run finds as many
+    }
+}
+
+void LoadDrivers()
+{
+    RequireStatus(machine::LoadDriver("NdisFilter", DriverEntry), STATUS_SUCCESS, "loading the framework");
+    LoadHook();
+}
+
+void LoadMachine()
+{
+    LoadKernel();
+    LoadDrivers();
+    Require(machine::WaitIdle(), "the machine comes to rest");
+}
+
+void ReloadHook()
+{
+    RequireStatus(hook::Unload(), STATUS_SUCCESS, "unloading the hook driver");
+    LoadHook();
+}
+
+std::string DriveC()
+{
+    return g_options.directory + "/" + std::to_string(getpid());
 }
 
 FilterAdapter* Adapter()
@@ -215,5 +253,9 @@ int main(int argc, char** argv)
     if (!g_options.only.empty()) {
         GTEST_FLAG_SET(filter, "*." + g_options.only);
     }
-    return RUN_ALL_TESTS();
+    std::string directory = (std::filesystem::temp_directory_path() / "ndisfilter-races-XXXXXX").string();
+    g_options.directory = mkdtemp(directory.data());
+    const int result = RUN_ALL_TESTS();
+    std::filesystem::remove_all(directory);
+    return result;
 }

@@ -38,14 +38,19 @@ class Client
     Client& operator=(const Client&) = delete;
     FilterDriver* Handle() const { return handle_; }
     void Deregister();
+    void Forget() { handle_ = nullptr; } // the framework's unload has freed it
 
   private:
     FilterDriver* handle_ = nullptr;
 };
 
-// One adapter, the framework and the hook driver; the clock stands still.
-void LoadMachine();
+// The kernel alone; the clock stands still. Then the framework, and the hook driver with one adapter.
+void LoadKernel();
+void LoadDrivers();
+void LoadMachine(); // all of them
+void ReloadHook();
 FilterAdapter* Adapter();
+std::string DriveC(); // a directory of this process's own
 
 // Nothing may be left over at the end of a run, no rule of the kernel broken.
 class Race : public scheduler::Scene
