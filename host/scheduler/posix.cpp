@@ -184,14 +184,18 @@ int pthread_create(pthread_t* handle, const pthread_attr_t* attributes, void* (*
     if (Self() == nullptr) {
         return REAL(pthread_create)(handle, attributes, routine, argument);
     }
-    Start* const start = StartThread(routine, argument);
+    int detached = PTHREAD_CREATE_JOINABLE;
+    if (attributes != nullptr) {
+        pthread_attr_getdetachstate(attributes, &detached);
+    }
+    Start* const start = StartThread(routine, argument, detached == PTHREAD_CREATE_JOINABLE);
     Thread* const thread = start->thread;
     const int error = REAL(pthread_create)(handle, attributes, RunThread, start);
     if (error != 0) {
         ForgetThread(start);
         return error;
     }
-    SetDescription(thread, static_cast<uintptr_t>(*handle));
+    SetHandle(thread, static_cast<uintptr_t>(*handle));
     SwitchPoint(Operation::Start, thread, __builtin_return_address(0));
     return 0;
 }
@@ -203,8 +207,21 @@ int pthread_join(pthread_t handle, void** result)
         while (thread != nullptr && !HasEnded(thread)) {
             Block(EndKeyOf(thread), 0, __builtin_return_address(0));
         }
+        if (thread != nullptr) {
+            NobodyJoins(thread);
+        }
     }
     return REAL(pthread_join)(handle, result);
+}
+
+int pthread_detach(pthread_t handle) noexcept
+{
+    if (Self() != nullptr) {
+        if (Thread* const thread = FindByHandle(static_cast<uintptr_t>(handle))) {
+            NobodyJoins(thread);
+        }
+    }
+    return REAL(pthread_detach)(handle);
 }
 
 int sched_yield() noexcept

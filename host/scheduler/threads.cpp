@@ -39,6 +39,7 @@ struct Thread {
     uint64_t seen = 0;    // changes of others, when it yielded
     uint32_t undivided = 0;
     uintptr_t handle = 0;
+    bool joinable = false; // somebody may wait for its end yet
     struct {
         const void* object = nullptr;
         const void* site = nullptr;
@@ -446,13 +447,14 @@ uint64_t Now()
     return g_now;
 }
 
-Start* StartThread(void* (*routine)(void*), void* argument)
+Start* StartThread(void* (*routine)(void*), void* argument, bool joinable)
 {
     for (uint32_t id = 0; id < kMaxThreads; ++id) {
         Thread& thread = g_threads[id];
-        if (thread.state == State::Unused || thread.state == State::Ended) {
+        if (thread.state == State::Unused || (thread.state == State::Ended && !thread.joinable)) {
             thread = {};
             thread.state = State::Ready;
+            thread.joinable = joinable;
             g_threadCount = std::max(g_threadCount, id + 1);
             return new Start{routine, argument, &thread};
         }
@@ -473,6 +475,7 @@ void* RunThread(void* start)
 void ForgetThread(Start* start)
 {
     start->thread->state = State::Ended;
+    start->thread->joinable = false;
     delete start;
 }
 
@@ -486,15 +489,20 @@ bool HasEnded(const Thread* thread)
     return thread->state == State::Ended;
 }
 
-void SetDescription(Thread* thread, uintptr_t handle)
+void SetHandle(Thread* thread, uintptr_t handle)
 {
     thread->handle = handle;
+}
+
+void NobodyJoins(Thread* thread)
+{
+    thread->joinable = false;
 }
 
 Thread* FindByHandle(uintptr_t handle)
 {
     for (uint32_t id = 0; id < g_threadCount; ++id) {
-        if (g_threads[id].state != State::Unused && g_threads[id].handle == handle) {
+        if (g_threads[id].joinable && g_threads[id].handle == handle) {
             return &g_threads[id];
         }
     }

@@ -65,12 +65,13 @@ struct Start {
     void* argument;
     Thread* thread;
 };
-Start* StartThread(void* (*routine)(void*), void* argument);
+Start* StartThread(void* (*routine)(void*), void* argument, bool joinable);
 void* RunThread(void* start);
 void ForgetThread(Start* start); // the host could not make it
 const void* EndKeyOf(const Thread* thread);
 bool HasEnded(const Thread* thread);
-void SetDescription(Thread* thread, uintptr_t handle);
+void SetHandle(Thread* thread, uintptr_t handle);
+void NobodyJoins(Thread* thread); // any more: its place is free when it has ended
 Thread* FindByHandle(uintptr_t handle);
 
 // ------------------------------------------------------------------------------------------------ what a search does
