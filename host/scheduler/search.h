@@ -1,7 +1,8 @@
 // Runs a scene under many schedules: exhaustively up to a number of deviations from the plain order, and by seeds.
 //
 // The plain order lets a thread run until it waits, then the next one in line. A deviation lets another thread that can
-// run go on instead, at a switch point (a preemption) or where the running thread waits. A depth of d covers every
+// run go on instead, at a switch point (a preemption) or where the running thread waits; the one it was preferred to then
+// comes last. A depth of d covers every
 // schedule with at most d deviations at switch points whose operation meets another thread's on the same object with a
 // change; which ones do is found out on the way, and the search begins anew until none is added.
 //

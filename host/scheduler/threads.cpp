@@ -35,6 +35,7 @@ struct Thread {
     uint64_t deadline = 0;
     bool timedOut = false;
     uint64_t ticket = 0;  // order of waiting
+    uint32_t behind = 0; // order of those that come last: others were preferred to them, or they gave way
     uint64_t changes = 0; // its own
     uint64_t seen = 0;    // changes of others, when it yielded
     uint32_t undivided = 0;
@@ -62,6 +63,7 @@ uint64_t g_changes = 0;     // of all
 uint64_t g_tickets = 0;
 uint64_t g_vainChanges = 0;
 uint32_t g_vainLooks = 0;
+uint32_t g_lastBehind = 0;
 uint64_t g_now = 0;
 uint64_t g_runBegin = 0;
 pthread_key_t g_endKey;
@@ -251,19 +253,34 @@ void WaitForTurn(Thread& thread)
     __atomic_store_n(&thread.turn, 0, __ATOMIC_RELAXED);
 }
 
+// Whoever others were preferred to comes last, so that one preemption is enough for all that may happen meanwhile.
+uint32_t NextInLine(ThreadMask candidates, uint32_t self)
+{
+    uint32_t next = kMaxThreads;
+    for (uint32_t i = 1; i < kMaxThreads; ++i) {
+        const uint32_t id = (self + i) % kMaxThreads;
+        if ((candidates & MaskOf(id)) != 0 &&
+            (next == kMaxThreads || g_threads[id].behind < g_threads[next].behind)) {
+            next = id;
+        }
+    }
+    return next;
+}
+
 // Lets somebody run on, maybe the calling thread itself. `mayChoose`: whether a switch here can make a difference.
 uint32_t NextThread(Operation operation, const void* site, bool mayChoose)
 {
     const uint32_t self = IdOf(t_self);
     const ThreadMask candidates = SomebodyWhoCanRun();
-    uint32_t usual = self;
-    while ((candidates & MaskOf(usual)) == 0) {
-        usual = (usual + 1) % kMaxThreads;
-    }
+    const uint32_t usual = (candidates & MaskOf(self)) != 0 ? self : NextInLine(candidates, self);
     if (!g_directed || !mayChoose || std::has_single_bit(candidates)) {
         return usual;
     }
-    return g_director.choose({g_step, candidates, usual, operation, site});
+    const uint32_t chosen = g_director.choose({g_step, candidates, usual, operation, site});
+    if (chosen != usual) {
+        g_threads[usual].behind = ++g_lastBehind;
+    }
+    return chosen;
 }
 
 void Step()
@@ -290,6 +307,17 @@ void SwitchTo(uint32_t next, Operation operation, const void* site)
     TellSwitch(next, operation, site);
     GiveTurn(g_threads[next]);
     WaitForTurn(thread);
+}
+
+// Whoever waits in a line waits in the order of the threads, so that a run does not depend on those before it.
+void LineUp()
+{
+    for (uint32_t id = 0; id < g_threadCount; ++id) {
+        g_threads[id].ticket = id;
+        g_threads[id].behind = 0;
+    }
+    g_tickets = kMaxThreads;
+    g_lastBehind = 0;
 }
 
 void EndOfThread(void*)
@@ -411,6 +439,7 @@ void Yield(const void* site)
     thread.state = State::Yielded;
     thread.site = site;
     thread.seen = g_changes - thread.changes;
+    thread.behind = ++g_lastBehind;
     Step();
     SwitchTo(NextThread(Operation::Yield, site, true), Operation::Yield, site);
 }
@@ -516,11 +545,7 @@ void SetDirector(Director director)
 
 void BeginRun()
 {
-    // Whoever waits in a line waits in the order of the threads, so that a run does not depend on those before it.
-    for (uint32_t id = 0; id < g_threadCount; ++id) {
-        g_threads[id].ticket = id;
-    }
-    g_tickets = kMaxThreads;
+    LineUp();
     ++g_run;
     g_step = 0;
     g_runBegin = g_now;
@@ -530,6 +555,7 @@ void BeginRun()
 void EndRun()
 {
     g_directed = false;
+    LineUp();
 }
 
 uint32_t StepsOfRun()

@@ -63,14 +63,13 @@ class ReadersAndWriters : public LockRace
     {
         return {[this] {
                     Enter(FALSE);
-                    Enter(FALSE);
+                    Enter(TRUE);
                 },
                 [this] { Enter(TRUE); },
                 [this] {
                     const machine::AtDispatch raised; // the short road
                     Enter(FALSE);
-                },
-                [this] { Enter(TRUE); }};
+                }};
     }
 };
 
@@ -128,7 +127,7 @@ class ProducerAndConsumer : public Race
 
 TEST(Races, SetEventAgainstReset)
 {
-    Search<ProducerAndConsumer>({.shortly = 3, .fully = 4});
+    Search<ProducerAndConsumer>({.shortly = 3, .fully = 5});
 }
 
 // Of two who wait for a synchronization event each set lets one go.

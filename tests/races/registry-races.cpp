@@ -112,7 +112,7 @@ class QueuedForFilter : public FilterRace
 
 TEST(Races, QueuedPacketAgainstFilterDeregistration)
 {
-    Search<QueuedForFilter>({.shortly = 2, .fully = 3});
+    Search<QueuedForFilter>({.shortly = 1, .fully = 2});
 }
 
 class OneName : public Race

@@ -147,7 +147,7 @@ class ParkAndWrite : public SharingRace
 
 TEST(Races, ParkingAgainstWriting)
 {
-    Search<ParkAndWrite>({.shortly = 3, .fully = 4});
+    Search<ParkAndWrite>({.shortly = 2, .fully = 4});
 }
 
 class ParkAndCancel : public SharingRace
@@ -196,7 +196,7 @@ class ParkAndClose : public SharingRace
 
 TEST(Races, ParkingAgainstStopShare)
 {
-    Search<ParkAndClose>({.shortly = 2, .fully = 3});
+    Search<ParkAndClose>({.shortly = 1, .fully = 2});
 }
 
 // No time passes: a block that its announcement does not bring to the thread stays where it is.
@@ -265,7 +265,7 @@ class BlockBeforeIndex : public SharingRace
 
 TEST(Races, BlockBeforeItsIndex)
 {
-    Search<BlockBeforeIndex>({.shortly = 2, .fully = 3});
+    Search<BlockBeforeIndex>({.shortly = 2, .fully = 4});
 }
 
 } // namespace

@@ -89,7 +89,7 @@ class DeleteFindEnumerate : public TableRace
 
 TEST(Races, HashDeletionAgainstFindAndEnumeration)
 {
-    Search<DeleteFindEnumerate>({.shortly = 2, .fully = 3});
+    Search<DeleteFindEnumerate>({.shortly = 2, .fully = 4});
 }
 
 // Two who found one item delete it, an enumeration deletes what it comes to.
@@ -144,7 +144,7 @@ class DestroyAndFind : public TableRace
 
 TEST(Races, HashTableEndAgainstFind)
 {
-    Search<DestroyAndFind>({.shortly = 3, .fully = 3});
+    Search<DestroyAndFind>({.shortly = 3, .fully = 4});
 }
 
 struct Block {
@@ -215,7 +215,7 @@ class ReleaseAndDeregister : public InterfaceRace
 
 TEST(Races, InterfaceReleaseAgainstDeregistration)
 {
-    Search<ReleaseAndDeregister>({.shortly = 2, .fully = 3});
+    Search<ReleaseAndDeregister>({.shortly = 2, .fully = 4});
 }
 
 // The owner departs as a whole: copies become invalid, and their references stay with the framework until its unload.
@@ -248,7 +248,7 @@ class ReleaseAndDepart : public InterfaceRace
 
 TEST(Races, InterfaceReleaseAgainstDriverDeregistration)
 {
-    Search<ReleaseAndDepart>({.shortly = 2, .fully = 3});
+    Search<ReleaseAndDepart>({.shortly = 2, .fully = 4});
 }
 
 } // namespace

@@ -56,7 +56,7 @@ class FreeTimer : public TimerRace
 
 TEST(Races, FreeTimerAgainstCallback)
 {
-    Search<FreeTimer>({.shortly = 2, .fully = 2});
+    Search<FreeTimer>({.shortly = 1, .fully = 2});
 }
 
 // What expired before the stop may still call; nothing expires behind it.
@@ -104,7 +104,7 @@ class DeregisterWithTimer : public TimerRace
 
 TEST(Races, DeregistrationAgainstCallback)
 {
-    Search<DeregisterWithTimer>({.shortly = 2, .fully = 2});
+    Search<DeregisterWithTimer>({.shortly = 1, .fully = 2});
 }
 
 class FreeTwice : public TimerRace
