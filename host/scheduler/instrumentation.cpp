@@ -41,7 +41,8 @@ void Look(const volatile void* memory, size_t size, Operation operation, const v
     for (uintptr_t at = begin; at < begin + size; at = at / kGranule * kGranule + kGranule) {
         if (__builtin_expect(IsFreed(at), 0)) {
             Fail("freed memory: thread %u %s %zu bytes at %p, at %p", IdOf(Self()),
-                 operation == Operation::Read ? "reads" : "writes", size, const_cast<const void*>(memory), site);
+                 operation == Operation::Read ? "reads" : "writes", size, const_cast<const void*>(memory),
+                 site);
         }
     }
     for (size_t i = 0; i < g_watchedCount; ++i) {
@@ -106,22 +107,22 @@ void __tsan_init() {}
 void __tsan_func_entry(void*) {}
 void __tsan_func_exit() {}
 
-#define PLAIN(size) \
-    void __tsan_read##size(void* memory) \
-    { \
-        Look(memory, size, Operation::Read, __builtin_return_address(0)); \
-    } \
-    void __tsan_write##size(void* memory) \
-    { \
-        Look(memory, size, Operation::Write, __builtin_return_address(0)); \
-    } \
-    void __tsan_unaligned_read##size(void* memory) \
-    { \
-        Look(memory, size, Operation::Read, __builtin_return_address(0)); \
-    } \
-    void __tsan_unaligned_write##size(void* memory) \
-    { \
-        Look(memory, size, Operation::Write, __builtin_return_address(0)); \
+#define PLAIN(size)                                                                                          \
+    void __tsan_read##size(void* memory)                                                                     \
+    {                                                                                                        \
+        Look(memory, size, Operation::Read, __builtin_return_address(0));                                    \
+    }                                                                                                        \
+    void __tsan_write##size(void* memory)                                                                    \
+    {                                                                                                        \
+        Look(memory, size, Operation::Write, __builtin_return_address(0));                                   \
+    }                                                                                                        \
+    void __tsan_unaligned_read##size(void* memory)                                                           \
+    {                                                                                                        \
+        Look(memory, size, Operation::Read, __builtin_return_address(0));                                    \
+    }                                                                                                        \
+    void __tsan_unaligned_write##size(void* memory)                                                          \
+    {                                                                                                        \
+        Look(memory, size, Operation::Write, __builtin_return_address(0));                                   \
     }
 PLAIN(1)
 PLAIN(2)
@@ -151,54 +152,60 @@ void __tsan_vptr_read(void** memory)
 }
 
 // All orders are the strongest: one thread runs at a time.
-#define ATOMIC(bits, Type) \
-    Type __tsan_atomic##bits##_load(const volatile Type* memory, int) \
-    { \
-        Arrive(memory, sizeof(Type), Operation::Read, __builtin_return_address(0)); \
-        const Type value = __atomic_load_n(memory, __ATOMIC_SEQ_CST); \
-        if (Self() != nullptr) { \
-            NoteLoad(const_cast<const Type*>(memory), static_cast<uint64_t>(value), __builtin_return_address(0)); \
-        } \
-        return value; \
-    } \
-    void __tsan_atomic##bits##_store(volatile Type* memory, Type value, int) \
-    { \
-        Arrive(memory, sizeof(Type), Operation::Write, __builtin_return_address(0)); \
-        __atomic_store_n(memory, value, __ATOMIC_SEQ_CST); \
-    } \
-    Type __tsan_atomic##bits##_exchange(volatile Type* memory, Type value, int) \
-    { \
-        Arrive(memory, sizeof(Type), Operation::Write, __builtin_return_address(0)); \
-        return __atomic_exchange_n(memory, value, __ATOMIC_SEQ_CST); \
-    } \
-    int __tsan_atomic##bits##_compare_exchange_strong(volatile Type* memory, Type* expected, Type value, int, int) \
-    { \
-        Arrive(memory, sizeof(Type), Operation::Write, __builtin_return_address(0)); \
-        return __atomic_compare_exchange_n(memory, expected, value, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST); \
-    } \
-    int __tsan_atomic##bits##_compare_exchange_weak(volatile Type* memory, Type* expected, Type value, int, int) \
-    { \
-        Arrive(memory, sizeof(Type), Operation::Write, __builtin_return_address(0)); \
-        return __atomic_compare_exchange_n(memory, expected, value, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST); \
-    } \
-    Type __tsan_atomic##bits##_compare_exchange_val(volatile Type* memory, Type expected, Type value, int, int) \
-    { \
-        Arrive(memory, sizeof(Type), Operation::Write, __builtin_return_address(0)); \
-        __atomic_compare_exchange_n(memory, &expected, value, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST); \
-        return expected; \
+#define ATOMIC(bits, Type)                                                                                   \
+    Type __tsan_atomic##bits##_load(const volatile Type* memory, int)                                        \
+    {                                                                                                        \
+        Arrive(memory, sizeof(Type), Operation::Read, __builtin_return_address(0));                          \
+        const Type value = __atomic_load_n(memory, __ATOMIC_SEQ_CST);                                        \
+        if (Self() != nullptr) {                                                                             \
+            NoteLoad(const_cast<const Type*>(memory), static_cast<uint64_t>(value),                          \
+                     __builtin_return_address(0));                                                           \
+        }                                                                                                    \
+        return value;                                                                                        \
+    }                                                                                                        \
+    void __tsan_atomic##bits##_store(volatile Type* memory, Type value, int)                                 \
+    {                                                                                                        \
+        Arrive(memory, sizeof(Type), Operation::Write, __builtin_return_address(0));                         \
+        __atomic_store_n(memory, value, __ATOMIC_SEQ_CST);                                                   \
+    }                                                                                                        \
+    Type __tsan_atomic##bits##_exchange(volatile Type* memory, Type value, int)                              \
+    {                                                                                                        \
+        Arrive(memory, sizeof(Type), Operation::Write, __builtin_return_address(0));                         \
+        return __atomic_exchange_n(memory, value, __ATOMIC_SEQ_CST);                                         \
+    }                                                                                                        \
+    int __tsan_atomic##bits##_compare_exchange_strong(volatile Type* memory, Type* expected, Type value,     \
+                                                      int, int)                                              \
+    {                                                                                                        \
+        Arrive(memory, sizeof(Type), Operation::Write, __builtin_return_address(0));                         \
+        return __atomic_compare_exchange_n(memory, expected, value, false, __ATOMIC_SEQ_CST,                 \
+                                           __ATOMIC_SEQ_CST);                                                \
+    }                                                                                                        \
+    int __tsan_atomic##bits##_compare_exchange_weak(volatile Type* memory, Type* expected, Type value, int,  \
+                                                    int)                                                     \
+    {                                                                                                        \
+        Arrive(memory, sizeof(Type), Operation::Write, __builtin_return_address(0));                         \
+        return __atomic_compare_exchange_n(memory, expected, value, false, __ATOMIC_SEQ_CST,                 \
+                                           __ATOMIC_SEQ_CST);                                                \
+    }                                                                                                        \
+    Type __tsan_atomic##bits##_compare_exchange_val(volatile Type* memory, Type expected, Type value, int,   \
+                                                    int)                                                     \
+    {                                                                                                        \
+        Arrive(memory, sizeof(Type), Operation::Write, __builtin_return_address(0));                         \
+        __atomic_compare_exchange_n(memory, &expected, value, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);    \
+        return expected;                                                                                     \
     }
-#define ATOMIC_CHANGE(bits, Type, name) \
-    Type __tsan_atomic##bits##_##name(volatile Type* memory, Type value, int) \
-    { \
-        Arrive(memory, sizeof(Type), Operation::Write, __builtin_return_address(0)); \
-        return __atomic_##name(memory, value, __ATOMIC_SEQ_CST); \
+#define ATOMIC_CHANGE(bits, Type, name)                                                                      \
+    Type __tsan_atomic##bits##_##name(volatile Type* memory, Type value, int)                                \
+    {                                                                                                        \
+        Arrive(memory, sizeof(Type), Operation::Write, __builtin_return_address(0));                         \
+        return __atomic_##name(memory, value, __ATOMIC_SEQ_CST);                                             \
     }
-#define ATOMICS(bits, Type) \
-    ATOMIC(bits, Type) \
-    ATOMIC_CHANGE(bits, Type, fetch_add) \
-    ATOMIC_CHANGE(bits, Type, fetch_sub) \
-    ATOMIC_CHANGE(bits, Type, fetch_and) \
-    ATOMIC_CHANGE(bits, Type, fetch_or) \
+#define ATOMICS(bits, Type)                                                                                  \
+    ATOMIC(bits, Type)                                                                                       \
+    ATOMIC_CHANGE(bits, Type, fetch_add)                                                                     \
+    ATOMIC_CHANGE(bits, Type, fetch_sub)                                                                     \
+    ATOMIC_CHANGE(bits, Type, fetch_and)                                                                     \
+    ATOMIC_CHANGE(bits, Type, fetch_or)                                                                      \
     ATOMIC_CHANGE(bits, Type, fetch_xor)
 ATOMICS(8, uint8_t)
 ATOMICS(16, uint16_t)

@@ -29,14 +29,14 @@ Function* Real(Function*, const char* name, const char* version = nullptr)
 }
 
 // The function of libc behind the one of that name here.
-#define REAL(name, ...) \
-    ([] { \
-        static auto* const function = Real(static_cast<decltype(&::name)>(nullptr), #name __VA_OPT__(, ) __VA_ARGS__); \
-        return function; \
+#define REAL(name, ...)                                                                                      \
+    ([] {                                                                                                    \
+        static auto* const function =                                                                        \
+            Real(static_cast<decltype(&::name)>(nullptr), #name __VA_OPT__(, ) __VA_ARGS__);                 \
+        return function;                                                                                     \
     }())
 
 #define CONDITION_VERSION "GLIBC_2.3.2"
-
 
 uint64_t Nanoseconds(const timespec& time)
 {
@@ -68,7 +68,8 @@ int Unlock(pthread_mutex_t* mutex)
     return error;
 }
 
-int WaitForCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* limit, const void* site)
+int WaitForCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* limit,
+                     const void* site)
 {
     Unlock(mutex);
     const bool woken = Block(condition, limit != nullptr ? Nanoseconds(*limit) : 0, site);
@@ -103,8 +104,7 @@ extern "C" {
 
 int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
 {
-    return Self() == nullptr ? REAL(pthread_mutex_lock)(mutex)
-                             : Lock(mutex, __builtin_return_address(0));
+    return Self() == nullptr ? REAL(pthread_mutex_lock)(mutex) : Lock(mutex, __builtin_return_address(0));
 }
 
 int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept
@@ -119,9 +119,8 @@ int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept
 
 int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex)
 {
-    return Self() == nullptr
-               ? REAL(pthread_cond_wait, CONDITION_VERSION)(condition, mutex)
-               : WaitForCondition(condition, mutex, nullptr, __builtin_return_address(0));
+    return Self() == nullptr ? REAL(pthread_cond_wait, CONDITION_VERSION)(condition, mutex)
+                             : WaitForCondition(condition, mutex, nullptr, __builtin_return_address(0));
 }
 
 int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* limit)
@@ -130,7 +129,8 @@ int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, co
                              : WaitForCondition(condition, mutex, limit, __builtin_return_address(0));
 }
 
-int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, const timespec* limit)
+int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                           const timespec* limit)
 {
     return Self() == nullptr ? REAL(pthread_cond_clockwait)(condition, mutex, clock, limit)
                              : WaitForCondition(condition, mutex, limit, __builtin_return_address(0));

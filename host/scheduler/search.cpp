@@ -200,8 +200,8 @@ class Runner
         scene->Check();
         const uint64_t steps = StepsOfRun();
         board_.steps += steps;
-        for (uint64_t longest = board_.longest; steps > longest &&
-                                                !board_.longest.compare_exchange_weak(longest, steps);) {
+        for (uint64_t longest = board_.longest;
+             steps > longest && !board_.longest.compare_exchange_weak(longest, steps);) {
         }
         if (!random_ && next_ != plan_.size()) {
             Fail("the run does not come to step %u of the schedule", plan_[next_].step);
@@ -252,7 +252,8 @@ class Runner
             if (!prefix.empty() && point.step <= prefix.back().step) {
                 continue;
             }
-            for (ThreadMask mask = point.candidates & ~(ThreadMask{1} << point.usual); mask != 0; mask &= mask - 1) {
+            for (ThreadMask mask = point.candidates & ~(ThreadMask{1} << point.usual); mask != 0;
+                 mask &= mask - 1) {
                 const Deviation deviation = {point.step, static_cast<uint32_t>(std::countr_zero(mask))};
                 // The first deviation decides which of the processes does the rest.
                 if (prefix.empty() && (deviation.step * 31 + deviation.thread) % jobs_ != job_) {
@@ -302,7 +303,8 @@ std::string Text(const Slate& slate)
     std::string text;
     for (uint32_t i = 0; i < slate.deviationCount; ++i) {
         const Deviation& deviation = slate.deviations[i];
-        text += (text.empty() ? "" : " ") + std::to_string(deviation.step) + ":" + std::to_string(deviation.thread);
+        text += (text.empty() ? "" : " ") + std::to_string(deviation.step) + ":" +
+                std::to_string(deviation.thread);
     }
     return text.empty() ? "plain" : text;
 }
@@ -330,8 +332,9 @@ std::vector<std::string> NamesOf(const std::vector<const void*>& sites)
     std::string command = "addr2line -Cfpse /proc/" + std::to_string(getpid()) + "/exe";
     for (const void* site : sites) {
         char offset[32];
-        snprintf(offset, sizeof(offset), " 0x%zx",
-                 static_cast<size_t>(static_cast<const char*>(site) - static_cast<const char*>(info.dli_fbase)));
+        snprintf(
+            offset, sizeof(offset), " 0x%zx",
+            static_cast<size_t>(static_cast<const char*>(site) - static_cast<const char*>(info.dli_fbase)));
         command += offset;
     }
     FILE* const output = popen((command + " 2>/dev/null").c_str(), "r");
@@ -354,7 +357,8 @@ std::vector<std::string> NamesOf(const std::vector<const void*>& sites)
 std::string StoryOf(const Slate& slate)
 {
     std::vector<const void*> sites;
-    for (uint32_t i = slate.switchCount - std::min(slate.switchCount, kSwitchesTold); i < slate.switchCount; ++i) {
+    for (uint32_t i = slate.switchCount - std::min(slate.switchCount, kSwitchesTold); i < slate.switchCount;
+         ++i) {
         sites.push_back(slate.switches[i].site);
     }
     const std::vector<std::string> names = NamesOf(sites);
@@ -370,8 +374,8 @@ std::string StoryOf(const Slate& slate)
 }
 
 // Runs `work` in `jobs` processes. False, with the result filled in, when one of them failed.
-bool InProcesses(uint32_t jobs, const SceneMaker& maker, Board& board, Shared<Slate>& slates, SearchResult& result,
-                 const std::function<void(Runner&, uint32_t job)>& work)
+bool InProcesses(uint32_t jobs, const SceneMaker& maker, Board& board, Shared<Slate>& slates,
+                 SearchResult& result, const std::function<void(Runner&, uint32_t job)>& work)
 {
     fflush(nullptr);
     std::vector<pid_t> children;
@@ -403,8 +407,9 @@ bool InProcesses(uint32_t jobs, const SceneMaker& maker, Board& board, Shared<Sl
             if (WIFEXITED(status) && WEXITSTATUS(status) == kFailed) {
                 result.reason = slate.reason;
             } else if (WIFSIGNALED(status)) {
-                result.reason = WTERMSIG(status) == SIGALRM ? "no end: somebody waits past the scheduler"
-                                                            : std::string("crash: ") + strsignal(WTERMSIG(status));
+                result.reason = WTERMSIG(status) == SIGALRM
+                                    ? "no end: somebody waits past the scheduler"
+                                    : std::string("crash: ") + strsignal(WTERMSIG(status));
             } else {
                 result.reason = "the process ended";
             }
@@ -428,9 +433,7 @@ SearchResult Replay(const SceneMaker& maker, const std::string& schedule)
     Shared<Board> board;
     Shared<Slate> slates;
     SearchResult result;
-    InProcesses(1, maker, board[0], slates, result, [&](Runner& runner, uint32_t) {
-        runner.Follow(plan);
-    });
+    InProcesses(1, maker, board[0], slates, result, [&](Runner& runner, uint32_t) { runner.Follow(plan); });
     if (!result.failed) {
         result.story = StoryOf(slates[0]);
     }
@@ -457,7 +460,8 @@ SearchResult Search(const SceneMaker& maker, const SearchPlan& plan)
         });
         going = going && !byChance.failed;
     }
-    if (byChance.failed && !result.failed) { // the exhaustive search gives the shorter schedule when it finds one
+    if (byChance.failed &&
+        !result.failed) { // the exhaustive search gives the shorter schedule when it finds one
         result = byChance;
     }
     result.schedules = board[0].schedules;

@@ -22,23 +22,23 @@ class Scene
 {
   public:
     virtual ~Scene() = default;
-    virtual void Prepare() {}                                     // in the plain order, as Check
-    virtual std::vector<std::function<void()>> Threads() = 0;     // that meet
-    virtual void Settle() {}                                      // after their end, still in the order of the schedule
-    virtual void Check() {}                                       // calls Fail when the contract is broken
+    virtual void Prepare() {}                                 // in the plain order, as Check
+    virtual std::vector<std::function<void()>> Threads() = 0; // that meet
+    virtual void Settle() {} // after their end, still in the order of the schedule
+    virtual void Check() {}  // calls Fail when the contract is broken
 };
 
 struct SceneMaker {
     std::function<void()> load; // once in a process, before the first scene
     std::function<std::unique_ptr<Scene>()> make;
-    bool divideLocks = false;   // the locks of the kernel are part of what is searched
+    bool divideLocks = false; // the locks of the kernel are part of what is searched
 };
 
 struct SearchPlan {
     uint32_t depth = 1;
     uint64_t seeds = 0; // schedules by chance
     uint64_t firstSeed = 1;
-    uint32_t jobs = 1;  // processes at a time
+    uint32_t jobs = 1; // processes at a time
 };
 
 struct SearchResult {
@@ -49,9 +49,9 @@ struct SearchResult {
     bool failedAgain = false;
     uint64_t schedules = 0; // of the exhaustive part, without repetitions
     uint64_t seeds = 0;
-    uint64_t steps = 0;     // switch points of all runs
-    uint64_t longest = 0;   // switch points of one run
-    uint64_t choices = 0;   // places in the plain run where the search may deviate
+    uint64_t steps = 0;   // switch points of all runs
+    uint64_t longest = 0; // switch points of one run
+    uint64_t choices = 0; // places in the plain run where the search may deviate
     uint32_t passes = 0;
 };
 

@@ -20,10 +20,10 @@ namespace
 
 enum class State : uint8_t { Unused, Ready, Blocked, Yielded, Ended };
 
-constexpr uint32_t kLongestRun = 2'000'000; // switch points of a run before it counts as endless
-constexpr uint32_t kSameLoads = 3;          // loads of one value in a row that make a loop
+constexpr uint32_t kLongestRun = 2'000'000;       // switch points of a run before it counts as endless
+constexpr uint32_t kSameLoads = 3;                // loads of one value in a row that make a loop
 constexpr uint64_t kLongestTime = 60'000'000'000; // of the run's clock, in nanoseconds
-constexpr uint32_t kVainLooks = 8; // of waiting loops in a row, when nobody else can run
+constexpr uint32_t kVainLooks = 8;                // of waiting loops in a row, when nobody else can run
 
 } // namespace
 
@@ -35,7 +35,7 @@ struct Thread {
     uint64_t deadline = 0;
     bool timedOut = false;
     uint64_t ticket = 0;  // order of waiting
-    uint32_t behind = 0; // order of those that come last: others were preferred to them, or they gave way
+    uint32_t behind = 0;  // order of those that come last: others were preferred to them, or they gave way
     uint64_t changes = 0; // its own
     uint64_t seen = 0;    // changes of others, when it yielded
     uint32_t undivided = 0;
@@ -337,8 +337,8 @@ void EndOfThread(void*)
 
 const char* NameOf(Operation operation)
 {
-    static const char* const names[] = {"before a read",     "before a write", "before taking a lock",
-                                        "behind an unlock",  "waits",          "gives way",
+    static const char* const names[] = {"before a read",       "before a write", "before taking a lock",
+                                        "behind an unlock",    "waits",          "gives way",
                                         "has started another", "has ended"};
     return names[static_cast<size_t>(operation)];
 }
@@ -381,7 +381,8 @@ void SwitchPoint(Operation operation, const void* object, const void* site)
 void Alias(const void* view, size_t size, const void* original)
 {
     if (g_viewCount < g_views.size()) {
-        g_views[g_viewCount++] = {reinterpret_cast<uintptr_t>(view), size, reinterpret_cast<uintptr_t>(original)};
+        g_views[g_viewCount++] = {reinterpret_cast<uintptr_t>(view), size,
+                                  reinterpret_cast<uintptr_t>(original)};
     }
 }
 
@@ -461,7 +462,8 @@ Undivided::~Undivided()
 void NoteLoad(const void* object, uint64_t value, const void* site)
 {
     auto& load = t_self->load;
-    if (load.object == object && load.site == site && load.value == value && load.changes == t_self->changes) {
+    if (load.object == object && load.site == site && load.value == value &&
+        load.changes == t_self->changes) {
         if (++load.count >= kSameLoads) {
             load.count = 0;
             Yield(site);

@@ -79,7 +79,8 @@ Thread* FindByHandle(uintptr_t handle);
 struct ChoicePoint {
     uint32_t step;         // switch points of the run before it
     ThreadMask candidates; // those that can run
-    uint32_t usual;        // who runs when nothing is planned: the running thread while it can, else the next in line
+    uint32_t
+        usual; // who runs when nothing is planned: the running thread while it can, else the next in line
     Operation operation;
     const void* site;
 };

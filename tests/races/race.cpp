@@ -55,7 +55,8 @@ void StartKernelThreads()
         }
     }
     NDIS_TIMER timer;
-    NdisInitializeTimer(&timer, [](PVOID, PVOID, PVOID, PVOID) {}, nullptr);
+    NdisInitializeTimer(
+        &timer, [](PVOID, PVOID, PVOID, PVOID) {}, nullptr);
     NdisSetTimer(&timer, 1);
     machine::AdvanceClock(1);
     Require(machine::WaitIdle(), "the machine comes to rest");
@@ -115,7 +116,8 @@ Client::Client(std::string name)
 {
     const auto length = static_cast<USHORT>(name.size());
     const STRING counted = {length, length, name.data()};
-    RequireStatus(Filter_RegisterDriver(&counted, this, 1, 0, &handle_), FILTER_STATUS_SUCCESS, "the registration");
+    RequireStatus(Filter_RegisterDriver(&counted, this, 1, 0, &handle_), FILTER_STATUS_SUCCESS,
+                  "the registration");
 }
 
 Client::~Client()
@@ -222,7 +224,8 @@ void Search(const scheduler::SceneMaker& maker, const Depths& depths)
     plan.jobs = g_options.jobs;
     const scheduler::SearchResult result = scheduler::Search(maker, plan);
     const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
-    printf("%-34s depth %u: %7llu schedules, %6llu by chance; %4llu choices in the plain one, up to %5llu of %9llu "
+    printf("%-34s depth %u: %7llu schedules, %6llu by chance; %4llu choices in the plain one, up to %5llu of "
+           "%9llu "
            "switch points; %u passes, %.1f s\n",
            name.c_str(), plan.depth, static_cast<unsigned long long>(result.schedules),
            static_cast<unsigned long long>(result.seeds), static_cast<unsigned long long>(result.choices),

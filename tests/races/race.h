@@ -81,7 +81,9 @@ void Search(const scheduler::SceneMaker& maker, const Depths& depths);
 template <class Scene>
 void Search(const Depths& depths, bool divideLocks = false)
 {
-    Search({.load = LoadMachine, .make = [] { return std::make_unique<Scene>(); }, .divideLocks = divideLocks}, depths);
+    Search(
+        {.load = LoadMachine, .make = [] { return std::make_unique<Scene>(); }, .divideLocks = divideLocks},
+        depths);
 }
 
 } // namespace races

@@ -34,15 +34,16 @@ class FilterRace : public Race
         const auto length = static_cast<USHORT>(name.size());
         const STRING counted = {length, length, name.data()};
         PacketFilter* filter = nullptr;
-        RequireStatus(Filter_RegisterFilter(client.Handle(), &counted, Procedure, this, FILTER_TYPE_INCOMING_PACKET,
-                                            order, &filter),
+        RequireStatus(Filter_RegisterFilter(client.Handle(), &counted, Procedure, this,
+                                            FILTER_TYPE_INCOMING_PACKET, order, &filter),
                       FILTER_STATUS_SUCCESS, "Filter_RegisterFilter");
         return filter;
     }
 
     void Receive()
     {
-        Require(hook::DeliverReceived(Adapter(), support::UdpFrame()) == hook::Accepted::Yes, "a frame is accepted");
+        Require(hook::DeliverReceived(Adapter(), support::UdpFrame()) == hook::Accepted::Yes,
+                "a frame is accepted");
         ++received_;
     }
 

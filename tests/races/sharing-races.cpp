@@ -26,8 +26,9 @@ class SharingRace : public Race
         file_ = process_->Open("\\\\.\\NdisFilter");
         uint32_t value = 1;
         uint64_t address = 0;
-        RequireStatus(file_->Control(IOCTL_NDIS_FILTER_START_SHARE, {reinterpret_cast<uint8_t*>(&value), 4},
-                                     {reinterpret_cast<uint8_t*>(&address), 8})
+        RequireStatus(file_
+                          ->Control(IOCTL_NDIS_FILTER_START_SHARE, {reinterpret_cast<uint8_t*>(&value), 4},
+                                    {reinterpret_cast<uint8_t*>(&address), 8})
                           .status,
                       STATUS_SUCCESS, "START_SHARE");
         Require(address != NDIS_FILTER_SHARE_FAILED, "the memory is mapped");
@@ -82,15 +83,18 @@ class SharingRace : public Race
         block.m_nAdapterId = adapterId_;
         block.m_nDirection = direction;
         block.m_nPacketSize = static_cast<uint32_t>(frame.size());
-        memcpy(reinterpret_cast<uint8_t*>(&block) + offsetof(SharedBlock, m_Data), frame.data(), frame.size());
-        __atomic_store_n(&memory_->KernelModeInput.m_iWrite, (at + 1) % NDIS_FILTER_BLOCK_COUNT, __ATOMIC_SEQ_CST);
+        memcpy(reinterpret_cast<uint8_t*>(&block) + offsetof(SharedBlock, m_Data), frame.data(),
+               frame.size());
+        __atomic_store_n(&memory_->KernelModeInput.m_iWrite, (at + 1) % NDIS_FILTER_BLOCK_COUNT,
+                         __ATOMIC_SEQ_CST);
         RequireStatus(Control(IOCTL_NDIS_FILTER_WRITE_SHARE), STATUS_SUCCESS, "WRITE_SHARE");
     }
 
     bool OutputIsEmpty() const
     {
         const SharedRing& ring = memory_->KernelModeOutput;
-        return __atomic_load_n(&ring.m_iRead, __ATOMIC_SEQ_CST) == __atomic_load_n(&ring.m_iWrite, __ATOMIC_SEQ_CST);
+        return __atomic_load_n(&ring.m_iRead, __ATOMIC_SEQ_CST) ==
+               __atomic_load_n(&ring.m_iWrite, __ATOMIC_SEQ_CST);
     }
 
     std::unique_ptr<machine::Process> process_;
@@ -111,17 +115,19 @@ class CompleteCancelStop : public SharingRace
     }
     Bodies Threads() override
     {
-        return {[this] {
-                    uint8_t signal[NDIS_FILTER_SIGNAL_SIZE] = {};
-                    Filter_IndicateSignalToApplication(signal);
-                },
-                [this] { read_->Cancel(); },
-                [this] { RequireStatus(Control(IOCTL_NDIS_FILTER_STOP_SHARE), STATUS_SUCCESS, "STOP_SHARE"); }};
+        return {
+            [this] {
+                uint8_t signal[NDIS_FILTER_SIGNAL_SIZE] = {};
+                Filter_IndicateSignalToApplication(signal);
+            },
+            [this] { read_->Cancel(); },
+            [this] { RequireStatus(Control(IOCTL_NDIS_FILTER_STOP_SHARE), STATUS_SUCCESS, "STOP_SHARE"); }};
     }
     void End() override
     {
         const int32_t status = ReadResult();
-        Require(status == STATUS_SUCCESS || status == STATUS_CANCELLED, "a parked read succeeds, or is cancelled");
+        Require(status == STATUS_SUCCESS || status == STATUS_CANCELLED,
+                "a parked read succeeds, or is cancelled");
         SharingRace::End();
     }
 };
@@ -189,7 +195,8 @@ class ParkAndClose : public SharingRace
     void End() override
     {
         const int32_t status = ReadResult();
-        Require(status == STATUS_SUCCESS || status == STATUS_UNSUCCESSFUL, "a read of a share that ends is completed");
+        Require(status == STATUS_SUCCESS || status == STATUS_UNSUCCESSFUL,
+                "a read of a share that ends is completed");
         SharingRace::End();
     }
 };
@@ -214,7 +221,8 @@ class AnnounceAndReset : public SharingRace
     {
         const SharedRing& ring = memory_->KernelModeInput;
         Require(__atomic_load_n(&ring.m_iRead, __ATOMIC_SEQ_CST) == 3, "every announced block is served");
-        Require(__atomic_load_n(&memory_->KernelModeOutput.m_iWrite, __ATOMIC_SEQ_CST) == 1, "a frame looped back");
+        Require(__atomic_load_n(&memory_->KernelModeOutput.m_iWrite, __ATOMIC_SEQ_CST) == 1,
+                "a frame looped back");
         const hook::Balance after = hook::TakeBalance();
         Require(after.deliveredToProtocols == before_.deliveredToProtocols + 1 &&
                     after.deliveredToAdapter == before_.deliveredToAdapter + 1,

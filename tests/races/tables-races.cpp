@@ -103,7 +103,8 @@ class DeleteTwice : public TableRace
             }
         };
         return {remove, remove, [this] {
-                    Filter_EnumHashTable(table_, [](PVOID, HashItem* item) { Filter_DeleteHashItem(item); }, nullptr);
+                    Filter_EnumHashTable(
+                        table_, [](PVOID, HashItem* item) { Filter_DeleteHashItem(item); }, nullptr);
                 }};
     }
     void End() override
@@ -161,8 +162,8 @@ class InterfaceRace : public Race
         user_ = std::make_unique<Client>("user");
         snprintf(text_, sizeof(text_), "%07u", ++number_); // an interface that is left over keeps its name
         const Block block = {sizeof(Block), 42};
-        RequireStatus(Filter_RegisterInterface(owner_->Handle(), &name_, &block, &interface_), FILTER_STATUS_SUCCESS,
-                      "Filter_RegisterInterface");
+        RequireStatus(Filter_RegisterInterface(owner_->Handle(), &name_, &block, &interface_),
+                      FILTER_STATUS_SUCCESS, "Filter_RegisterInterface");
         RequireStatus(Query(&held_), FILTER_STATUS_SUCCESS, "Filter_QueryInterface");
     }
     void End() override
@@ -189,7 +190,8 @@ class ReleaseAndDeregister : public InterfaceRace
         return {[this] { RequireStatus(Release(held_), FILTER_STATUS_SUCCESS, "Filter_ReleaseInterface"); },
                 [this] {
                     const FILTER_STATUS status = Filter_DeregisterInterface(owner_->Handle(), interface_);
-                    Require(status == FILTER_STATUS_SUCCESS || status == FILTER_ERROR_INTERFACE_ARE_REFERENCED,
+                    Require(status == FILTER_STATUS_SUCCESS ||
+                                status == FILTER_ERROR_INTERFACE_ARE_REFERENCED,
                             "an interface goes, or is referenced");
                 },
                 [this] {
@@ -225,7 +227,8 @@ class ReleaseAndDepart : public InterfaceRace
     {
         return {[this] {
                     const FILTER_STATUS status = Release(held_);
-                    Require(status == FILTER_STATUS_SUCCESS || status == FILTER_ERROR_INVALID_FILTER_INTERFACE,
+                    Require(status == FILTER_STATUS_SUCCESS ||
+                                status == FILTER_ERROR_INVALID_FILTER_INTERFACE,
                             "a copy is released, or invalid");
                     released_ = status == FILTER_STATUS_SUCCESS;
                 },

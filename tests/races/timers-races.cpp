@@ -14,8 +14,8 @@ class TimerRace : public Race
     void Begin() override
     {
         client_ = std::make_unique<Client>();
-        RequireStatus(Filter_InitializeTimer(client_->Handle(), Callback, this, TRUE, &timer_), FILTER_STATUS_SUCCESS,
-                      "Filter_InitializeTimer");
+        RequireStatus(Filter_InitializeTimer(client_->Handle(), Callback, this, TRUE, &timer_),
+                      FILTER_STATUS_SUCCESS, "Filter_InitializeTimer");
         Filter_StartTimer(timer_, 10);
     }
     void End() override
@@ -64,8 +64,9 @@ class StopTimer : public TimerRace
 {
     Bodies Threads() override
     {
-        return {[] { machine::AdvanceClock(10); },
-                [this] { RequireStatus(Filter_StopTimer(timer_), FILTER_STATUS_SUCCESS, "Filter_StopTimer"); }};
+        return {
+            [] { machine::AdvanceClock(10); },
+            [this] { RequireStatus(Filter_StopTimer(timer_), FILTER_STATUS_SUCCESS, "Filter_StopTimer"); }};
     }
     void End() override
     {
@@ -116,7 +117,8 @@ class FreeTwice : public TimerRace
             if (status == FILTER_STATUS_SUCCESS) {
                 ++successes_;
             } else {
-                Require(status == FILTER_ERROR_TIMER_HANDLER_NOT_FOUND || status == FILTER_ERROR_INVALID_TIMER_HANDLE,
+                Require(status == FILTER_ERROR_TIMER_HANDLER_NOT_FOUND ||
+                            status == FILTER_ERROR_INVALID_TIMER_HANDLE,
                         "who comes second is told so");
             }
         };

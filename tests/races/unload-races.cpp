@@ -18,8 +18,8 @@ class Unload : public Race
     {
         LoadDrivers();
         client_.emplace("client");
-        RequireStatus(Filter_InitializeTimer(client_->Handle(), Callback, this, TRUE, &timer_), FILTER_STATUS_SUCCESS,
-                      "Filter_InitializeTimer");
+        RequireStatus(Filter_InitializeTimer(client_->Handle(), Callback, this, TRUE, &timer_),
+                      FILTER_STATUS_SUCCESS, "Filter_InitializeTimer");
         Filter_StartTimer(timer_, 5);
         process_ = std::make_unique<machine::Process>();
         file_ = process_->Open("\\\\.\\NdisFilter");
@@ -33,27 +33,28 @@ class Unload : public Race
 
     Bodies Threads() override
     {
-        return {[this] { // the adapters' traffic, until the hook driver takes it away
-                    hook::DeliverReceived(Adapter(), support::UdpFrame());
-                    if (FilterPacket* const packet = Filter_AllocatePacket(Adapter())) {
-                        Filter_InjectPacketFromApplication(Adapter(), packet, NDIS_FILTER_DIRECTION_TO_PROTOCOL);
-                    }
-                    hook::Unbind();
-                    const machine::Status status = machine::UnloadDriver("NdisFilter");
-                    Require(status == STATUS_SUCCESS || status == STATUS_PENDING, "an unload is done, or waits");
-                    ++ended_;
-                },
-                [this] { // the program
-                    read_->Cancel();
-                    file_->Close();
-                    ++ended_;
-                },
-                [this] { // the threads of the framework look every 10 ms whether they are to end
-                    while (ended_ != 2) {
-                        machine::AdvanceClock(5);
-                        std::this_thread::yield();
-                    }
-                }};
+        return {
+            [this] { // the adapters' traffic, until the hook driver takes it away
+                hook::DeliverReceived(Adapter(), support::UdpFrame());
+                if (FilterPacket* const packet = Filter_AllocatePacket(Adapter())) {
+                    Filter_InjectPacketFromApplication(Adapter(), packet, NDIS_FILTER_DIRECTION_TO_PROTOCOL);
+                }
+                hook::Unbind();
+                const machine::Status status = machine::UnloadDriver("NdisFilter");
+                Require(status == STATUS_SUCCESS || status == STATUS_PENDING, "an unload is done, or waits");
+                ++ended_;
+            },
+            [this] { // the program
+                read_->Cancel();
+                file_->Close();
+                ++ended_;
+            },
+            [this] { // the threads of the framework look every 10 ms whether they are to end
+                while (ended_ != 2) {
+                    machine::AdvanceClock(5);
+                    std::this_thread::yield();
+                }
+            }};
     }
 
     void End() override
@@ -88,7 +89,8 @@ class Unload : public Race
 
 TEST(Races, UnloadAgainstEverything)
 {
-    Search({.load = LoadKernel, .make = [] { return std::make_unique<Unload>(); }}, {.shortly = 1, .fully = 1});
+    Search({.load = LoadKernel, .make = [] { return std::make_unique<Unload>(); }},
+           {.shortly = 1, .fully = 1});
 }
 
 } // namespace
