@@ -16,6 +16,9 @@
 #include <string_view>
 #include <vector>
 
+struct _DRIVER_OBJECT; // of the kernel headers, for the type of entry routines
+struct _UNICODE_STRING;
+
 namespace machine
 {
 
@@ -23,8 +26,8 @@ using Status = int32_t; // NTSTATUS; negative values are errors
 
 // ---------------------------------------------------------------------------------------------------- drivers
 
-// The entry routine of a driver: NTSTATUS DriverEntry(DRIVER_OBJECT*, UNICODE_STRING*).
-using DriverEntry = Status (*)(void* driverObject, void* registryPath);
+// The entry routine of a driver.
+using DriverEntry = Status (*)(_DRIVER_OBJECT* driver, _UNICODE_STRING* registryPath);
 
 // Loads a driver that is linked into this program under a service name, for instance "NdisFilter". The registry
 // path handed to it is \Registry\Machine\System\CurrentControlSet\Services\<service>. Returns what the entry routine
