@@ -24,9 +24,11 @@ namespace
 constexpr char kService[] = "NdisFilter";
 constexpr int64_t kMidday2024 = 133'480'872'000'000'000; // 1 January 2024, 12:00 UTC
 
-// So that none is made while inputs run.
-void FillPacketPool(FilterAdapter* adapter)
+// What the hook driver makes at its first use, so that none is made while inputs run.
+void FillPools(FilterAdapter* adapter)
 {
+    const support::Bytes frame = support::UdpFrame();
+    Require(hook::DeliverReceived(adapter, frame, {.presentBytes = 14}) == hook::Accepted::Yes, "a first frame");
     std::vector<FilterPacket*> packets(256);
     for (FilterPacket*& packet : packets) {
         packet = Filter_AllocatePacket(adapter);
@@ -66,7 +68,7 @@ Machine::Machine()
         hook::OpenAdapter(adapters[i]);
         RequireEqual(Filter_AdapterToId(adapters[i], &adapterIds[i]), FILTER_STATUS_SUCCESS, "its identifier");
     }
-    FillPacketPool(adapters[0]);
+    FillPools(adapters[0]);
     Require(machine::WaitIdle(), "the machine comes to rest");
     Accept();
 }
@@ -104,7 +106,7 @@ FilterPacket* MakePacket(FilterAdapter* adapter, std::span<const uint8_t> frame)
 {
     FilterPacket* packet = Filter_AllocatePacket(adapter);
     Require(packet != nullptr && frame.size() <= sizeof(packet->m_Data), "a packet");
-    std::memcpy(packet->m_Data, frame.data(), frame.size());
+    std::copy(frame.begin(), frame.end(), packet->m_Data);
     packet->m_nBytesRead = packet->m_nPacketSize = static_cast<ULONG>(frame.size());
     Filter_InitPacketHeader(packet, nullptr);
     return packet;

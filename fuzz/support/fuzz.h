@@ -13,6 +13,7 @@
 #include <hook/virtual-adapters.h>
 #include <machine.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <iterator>
@@ -38,7 +39,7 @@ class Input
     {
         Number number{};
         const auto bytes = Take(sizeof(number));
-        std::memcpy(&number, bytes.data(), bytes.size());
+        std::copy(bytes.begin(), bytes.end(), reinterpret_cast<uint8_t*>(&number));
         return number;
     }
     uint8_t Byte() { return Get<uint8_t>(); }
