@@ -13,8 +13,9 @@ namespace
 
 constexpr uint32_t kForgedCode = NDIS_FILTER_CTL_CODE(0xA00);
 constexpr uint32_t kTextOffset = offsetof(Diag, m_Text);
-constexpr std::string_view kStarts[] = {"",        "client ", "filter ",     "driver",  "filter show ",
-                                        "driver ", "CLIENT ", "client show", "filter show filter"};
+constexpr std::string_view kStarts[] = {"", "client ", "filter ", "driver", "filter show ", "driver ", "CLIENT "};
+constexpr std::string_view kWords[] = {"",       "help",  "info",  "hookapi", "shmem",  "adapter",
+                                       "driver", "filter", "timer", "ioctl",   "show ", "show filter "};
 
 // The reply as it is laid down: a text that does not fit into what is left, reckoned without the record's head, takes
 // one from the bytes used; what is written ends with the output.
@@ -104,8 +105,10 @@ class Fixture : public Machine
     {
         const uint32_t length = input.Below(1200);
         const bool forged = input.Below(8) == 7;
-        const std::string_view start = forged ? "" : input.OneOf(kStarts);
-        support::Bytes line(start.begin(), start.end());
+        support::Bytes line;
+        for (const std::string_view part : {input.OneOf(kStarts), input.OneOf(kWords)}) {
+            line.insert(line.end(), part.begin(), forged ? part.begin() : part.end());
+        }
         const auto rest = input.Take(input.Size());
         line.insert(line.end(), rest.begin(), rest.end());
 

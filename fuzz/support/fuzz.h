@@ -51,6 +51,11 @@ class Input
     {
         return std::data(table)[Below(static_cast<uint32_t>(std::size(table)))];
     }
+    template <class List>
+    typename List::iterator At(List& list)
+    {
+        return std::next(list.begin(), Below(static_cast<uint32_t>(list.size())));
+    }
     // The next bytes, as many as there are.
     std::span<const uint8_t> Take(size_t count)
     {
