@@ -196,6 +196,16 @@ struct Violation {
 std::vector<Violation> TakeViolations(); // those since the last call; empties the list
 void PrintViolations(bool on);           // default on
 
+// Drivers read memory that they share with programs by ReadULongAcquire and RtlCopyVolatileMemory, and announce with
+// WriteULongRelease what they have written there. Builds without NDEBUG check that no byte is read twice in one
+// operation, which is what a thread does under the lock that it has taken last, or while it holds none: up to the next
+// lock or request. In them an observer is told of each such access just before it happens, on the thread that makes it,
+// at any IRQL; it may change the memory, as a program would. One at a time; null: none.
+enum class SharedAccess { Read, Announce };
+using SharedAccessObserver = void (*)(SharedAccess access, const volatile void* address, size_t size);
+void ObserveSharedAccess(SharedAccessObserver observer);
+bool ChecksSharedAccess(); // false in builds with NDEBUG
+
 // Counts of everything that a driver can leave behind.
 struct Census {
     size_t threads = 0, threadHandles = 0, poolBlocks = 0, poolBytes = 0, lookasideLists = 0, mdls = 0, views = 0;

@@ -118,6 +118,9 @@ class Machine
     machine::Census before_;
 };
 
+// From now on the framework may read these bytes by the kernel's functions for memory that programs may change alone.
+void ForbidPlainLoads(const void* begin, size_t size);
+
 // Registers a client driver.
 FilterDriver* RegisterDriver(const char* name, void* context = nullptr);
 
