@@ -165,7 +165,8 @@ class Fixture : public Machine
     {
         const bool owns = filter->driver == driver;
         RequireEqual(Filter_DeregisterFilter(drivers_[driver], filter->handle),
-                     owns ? FILTER_STATUS_SUCCESS : FILTER_ERROR_INVALID_FILTER_OWNER, "deregistering a filter");
+                     owns ? FILTER_STATUS_SUCCESS : FILTER_ERROR_INVALID_FILTER_OWNER,
+                     "deregistering a filter");
         if (owns) {
             filters_.erase(filter);
         }
@@ -173,7 +174,8 @@ class Fixture : public Machine
 
     void Depart(size_t driver)
     {
-        RequireEqual(Filter_DeregisterDriver(drivers_[driver]), FILTER_STATUS_SUCCESS, "deregistering a driver");
+        RequireEqual(Filter_DeregisterDriver(drivers_[driver]), FILTER_STATUS_SUCCESS,
+                     "deregistering a driver");
         filters_.remove_if([driver](const Filter& filter) { return filter.driver == driver; });
         Register(driver);
     }
@@ -261,9 +263,10 @@ class Fixture : public Machine
     {
         const bool received = input_->Flag();
         const support::Bytes frame = support::UdpFrame();
-        const hook::Accepted accepted = received ? hook::DeliverReceived(adapters[0], frame)
-                                                 : hook::DeliverSent(adapters[0], frame);
-        Require(accepted == (bound_ ? hook::Accepted::Yes : hook::Accepted::NotBound), "frames are taken while bound");
+        const hook::Accepted accepted =
+            received ? hook::DeliverReceived(adapters[0], frame) : hook::DeliverSent(adapters[0], frame);
+        Require(accepted == (bound_ ? hook::Accepted::Yes : hook::Accepted::NotBound),
+                "frames are taken while bound");
         if (bound_) {
             ExpectChain(received ? FILTER_TYPE_INCOMING_PACKET : FILTER_TYPE_OUTGOING_PACKET, nullptr);
         }
@@ -333,7 +336,8 @@ class Fixture : public Machine
             break;
         case 7: {
             const ULONG direction = input_->Below(5);
-            if (direction == NDIS_FILTER_DIRECTION_TO_ADAPTER || direction == NDIS_FILTER_DIRECTION_TO_PROTOCOL) {
+            if (direction == NDIS_FILTER_DIRECTION_TO_ADAPTER ||
+                direction == NDIS_FILTER_DIRECTION_TO_PROTOCOL) {
                 chain(direction == NDIS_FILTER_DIRECTION_TO_ADAPTER ? FILTER_TYPE_INJECT_TO_ADAPTER
                                                                     : FILTER_TYPE_INJECT_TO_PROTOCOL);
             } else {
@@ -394,7 +398,8 @@ class Fixture : public Machine
         }
         const std::string_view value = text.substr(equals + 2);
         if (text.find("m_FilterName ") != text.npos) {
-            shown_.push_back(static_cast<uint32_t>(std::stoul(std::string(value.substr(value.find("filter ") + 7)))));
+            shown_.push_back(
+                static_cast<uint32_t>(std::stoul(std::string(value.substr(value.find("filter ") + 7)))));
         }
         for (const std::string_view name : kNames) {
             if (text.find(name) != text.npos) {
@@ -454,10 +459,12 @@ class Fixture : public Machine
     std::vector<uint32_t> shown_;
 };
 
-FILTER_RESULT RunFilter(FilterDriver*, PVOID driverContext, PacketFilter* handle, PVOID context, FilterPacket* packet)
+FILTER_RESULT RunFilter(FilterDriver*, PVOID driverContext, PacketFilter* handle, PVOID context,
+                        FilterPacket* packet)
 {
     const auto& filter = *static_cast<const Filter*>(context);
-    Require(handle == filter.handle && KeGetCurrentIrql() == DISPATCH_LEVEL, "a filter is called as it was registered");
+    Require(handle == filter.handle && KeGetCurrentIrql() == DISPATCH_LEVEL,
+            "a filter is called as it was registered");
     return static_cast<Fixture*>(driverContext)->Visit(filter, packet);
 }
 

@@ -16,25 +16,38 @@ constexpr uint32_t kHandlersCode = NDIS_FILTER_CTL_CODE(0xA00); // nobody's but 
 constexpr uint32_t kHooksCode = NDIS_FILTER_CTL_CODE(0xA01);    // the hook driver's
 
 constexpr uint32_t kCodes[] = {
-    IOCTL_NDIS_FILTER_DIAG,           IOCTL_NDIS_FILTER_GET_VERSION,
-    IOCTL_NDIS_FILTER_START_SHARE,    IOCTL_NDIS_FILTER_STOP_SHARE,
-    IOCTL_NDIS_FILTER_READ_SHARE,     IOCTL_NDIS_FILTER_WRITE_SHARE,
-    IOCTL_NDIS_FILTER_GET_EVENT,      IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES,
-    IOCTL_NDIS_FILTER_CLEAR_EVENT,    IOCTL_NDIS_FILTER_START_ETHRLOG,
-    IOCTL_NDIS_FILTER_STOP_ETHRLOG,   IOCTL_NDIS_FILTER_SET_IPCONFIG,
-    IOCTL_NDIS_FILTER_GET_IPCONFIG,   IOCTL_NDIS_FILTER_SET_MEDIA_STATUS,
-    IOCTL_NDIS_FILTER_GET_DBGFLAG,    IOCTL_NDIS_FILTER_GET_MEDIA_STATUS,
-    IOCTL_NDIS_FILTER_GET_ADAPTER,    IOCTL_NDIS_FILTER_SET_PACKET_DUMP,
-    kHandlersCode,                    IOCTL_NDIS_FILTER_GET_PACKET_DUMP,
-    kHooksCode,                       IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE,
-    NDIS_FILTER_CTL_CODE(0x900),      IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION,
-    IOCTL_NDIS_FILTER_GET_VERSION + 1, IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL,
+    IOCTL_NDIS_FILTER_DIAG,
+    IOCTL_NDIS_FILTER_GET_VERSION,
+    IOCTL_NDIS_FILTER_START_SHARE,
+    IOCTL_NDIS_FILTER_STOP_SHARE,
+    IOCTL_NDIS_FILTER_READ_SHARE,
+    IOCTL_NDIS_FILTER_WRITE_SHARE,
+    IOCTL_NDIS_FILTER_GET_EVENT,
+    IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES,
+    IOCTL_NDIS_FILTER_CLEAR_EVENT,
+    IOCTL_NDIS_FILTER_START_ETHRLOG,
+    IOCTL_NDIS_FILTER_STOP_ETHRLOG,
+    IOCTL_NDIS_FILTER_SET_IPCONFIG,
+    IOCTL_NDIS_FILTER_GET_IPCONFIG,
+    IOCTL_NDIS_FILTER_SET_MEDIA_STATUS,
+    IOCTL_NDIS_FILTER_GET_DBGFLAG,
+    IOCTL_NDIS_FILTER_GET_MEDIA_STATUS,
+    IOCTL_NDIS_FILTER_GET_ADAPTER,
+    IOCTL_NDIS_FILTER_SET_PACKET_DUMP,
+    kHandlersCode,
+    IOCTL_NDIS_FILTER_GET_PACKET_DUMP,
+    kHooksCode,
+    IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE,
+    NDIS_FILTER_CTL_CODE(0x900),
+    IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION,
+    IOCTL_NDIS_FILTER_GET_VERSION + 1,
+    IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL,
 };
 
 // Lengths of records, and one byte less and more.
-constexpr uint16_t kLengths[] = {0,   1,   2,   3,   4,   5,   6,   7,   8,    9,    10,   11,  39, 40,
-                                 41,  223, 224, 225, 227, 228, 229, 282, 1023, 1024, 1025, 1035, 1036, 1037,
-                                 9027, 9028, 9029, 9156};
+constexpr uint16_t kLengths[] = {0,    1,    2,    3,    4,    5,    6,    7,    8,    9,   10,
+                                 11,   39,   40,   41,   223,  224,  225,  227,  228,  229, 282,
+                                 1023, 1024, 1025, 1035, 1036, 1037, 9027, 9028, 9029, 9156};
 
 struct Answer {
     NTSTATUS status;
@@ -56,12 +69,13 @@ class Fixture : public Machine
     Fixture() : driver_(RegisterDriver("client"))
     {
         IoCtrlHandler* handler = nullptr;
-        RequireEqual(Filter_RegisterIoControl(driver_, HandleRequest, nullptr, &handler), FILTER_STATUS_SUCCESS,
-                     "registering a handler");
-        hook::SetIoControlHandler([](uint32_t code, const void*, uint32_t, void*, uint32_t, uint32_t* returned) {
-            *returned = nextAnswer.claimed;
-            return code == kHooksCode ? nextAnswer.status : STATUS_NOT_SUPPORTED;
-        });
+        RequireEqual(Filter_RegisterIoControl(driver_, HandleRequest, nullptr, &handler),
+                     FILTER_STATUS_SUCCESS, "registering a handler");
+        hook::SetIoControlHandler(
+            [](uint32_t code, const void*, uint32_t, void*, uint32_t, uint32_t* returned) {
+                *returned = nextAnswer.claimed;
+                return code == kHooksCode ? nextAnswer.status : STATUS_NOT_SUPPORTED;
+            });
         for (int i = 0; i < 8; ++i) { // the lookaside list keeps a few
             Filter_ReportEventEx(0, 0, 0, nullptr);
         }

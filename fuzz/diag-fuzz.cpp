@@ -13,8 +13,9 @@ namespace
 
 constexpr uint32_t kForgedCode = NDIS_FILTER_CTL_CODE(0xA00);
 constexpr uint32_t kTextOffset = offsetof(Diag, m_Text);
-constexpr std::string_view kStarts[] = {"", "client ", "filter ", "driver", "filter show ", "driver ", "CLIENT "};
-constexpr std::string_view kWords[] = {"",       "help",  "info",  "hookapi", "shmem",  "adapter",
+constexpr std::string_view kStarts[] = {"",        "client ", "filter ", "driver", "filter show ",
+                                        "driver ", "CLIENT "};
+constexpr std::string_view kWords[] = {"",       "help",   "info",  "hookapi", "shmem", "adapter",
                                        "driver", "filter", "timer", "ioctl",   "show ", "show filter "};
 
 // The reply as it is laid down: a text that does not fit into what is left, reckoned without the record's head, takes
@@ -34,7 +35,8 @@ struct Reply {
         const uint64_t offset = kTextOffset + uint64_t{used};
         if (offset < size) {
             const size_t room = size - static_cast<size_t>(offset);
-            std::copy_n(printed.begin(), std::min(printed.size(), room), text.begin() + static_cast<long>(offset));
+            std::copy_n(printed.begin(), std::min(printed.size(), room),
+                        text.begin() + static_cast<long>(offset));
             if (printed.size() < room) {
                 text[static_cast<size_t>(offset) + printed.size()] = '\0';
             }
@@ -116,7 +118,8 @@ class Fixture : public Machine
         expected = &reply;
         support::Bytes output(length);
         const auto result = handle_->Control(forged ? kForgedCode : IOCTL_NDIS_FILTER_DIAG, line, output);
-        Require(result.status != STATUS_SUCCESS || result.information <= length, "no more than the output holds");
+        Require(result.status != STATUS_SUCCESS || result.information <= length,
+                "no more than the output holds");
         if (reply.answered) {
             CheckReply(reply, output, result);
         }
@@ -126,7 +129,8 @@ class Fixture : public Machine
                            const machine::Request::Result& result)
     {
         RequireEqual(result.status, STATUS_SUCCESS, "the status of an answered line");
-        const auto bytes = static_cast<uint32_t>(sizeof(Diag) + reply.used); // less than its head in front of the text
+        const auto bytes =
+            static_cast<uint32_t>(sizeof(Diag) + reply.used); // less than its head in front of the text
         RequireEqual(result.information, std::min(bytes, reply.size), "bytes returned");
         for (size_t i = sizeof(Diag); i < result.information; ++i) {
             RequireEqual(static_cast<char>(output[i]), reply.text[i], "a byte of the reply");

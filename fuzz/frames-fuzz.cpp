@@ -108,7 +108,8 @@ void CheckChecksum(Input& input)
         const uint16_t checksum = Fold(sum);
         std::memcpy(&expected[layout.field], &checksum, sizeof(checksum));
     }
-    Require(datagram.Copy() == expected, "the datagram with the checksum of RFC 1071, and nothing else changed");
+    Require(datagram.Copy() == expected,
+            "the datagram with the checksum of RFC 1071, and nothing else changed");
 }
 
 // --------------------------------------------------------------------------------------------------- packets
@@ -147,8 +148,8 @@ void CheckHeaders(const FilterPacket& packet, const uint8_t* frame)
 {
     const Headers headers = Parse(frame);
     const std::pair<const UCHAR*, int> places[] = {
-        {packet.m_pArp, headers.arp},   {packet.m_pIp, headers.ip},     {packet.m_pTcp, headers.tcp},
-        {packet.m_pUdp, headers.udp},   {packet.m_pIcmp, headers.icmp}, {packet.m_pDhcp, headers.dhcp},
+        {packet.m_pArp, headers.arp}, {packet.m_pIp, headers.ip},     {packet.m_pTcp, headers.tcp},
+        {packet.m_pUdp, headers.udp}, {packet.m_pIcmp, headers.icmp}, {packet.m_pDhcp, headers.dhcp},
         {packet.m_pDns, headers.dns},
     };
     Require(packet.m_pEthernet == frame, "the frame that was parsed");
@@ -219,7 +220,8 @@ FILTER_RESULT Filter(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket* p
     Filter_TransferPacketData(packet);
     RequireEqual(packet->m_nBytesRead, packet->m_nPacketSize, "bytes read");
     if (!packet->m_bDirty) {
-        Require(std::equal(expectation.frame.begin(), expectation.frame.end(), packet->m_Data), "the whole frame");
+        Require(std::equal(expectation.frame.begin(), expectation.frame.end(), packet->m_Data),
+                "the whole frame");
     }
     const FILTER_RESULT verdict = choices.Below(4);
     expectation.kept = verdict == FILTER_RESULT_CONSUME ? packet : nullptr;
@@ -266,8 +268,9 @@ class Fixture : public Machine
         for (const FILTER_TYPE type : {FILTER_TYPE_INCOMING_PACKET, FILTER_TYPE_OUTGOING_PACKET}) {
             const STRING name = Counted("filter");
             PacketFilter* filter = nullptr;
-            RequireEqual(Filter_RegisterFilter(driver, &name, Filter, nullptr, type, FILTER_ORDER_FIRST, &filter),
-                         FILTER_STATUS_SUCCESS, "registering a filter");
+            RequireEqual(
+                Filter_RegisterFilter(driver, &name, Filter, nullptr, type, FILTER_ORDER_FIRST, &filter),
+                FILTER_STATUS_SUCCESS, "registering a filter");
         }
         for (const auto& address : kAddresses) {
             Filter_SetAdapterPacketDump(address.data(), TRUE);

@@ -75,7 +75,8 @@ class Fixture : public Machine
         if (event == FILTER_IF_EVENT_DEREGISTERING && withdrawn_ != nullptr) {
             Query(driver, index, FILTER_ERROR_INTERFACE_NOT_FOUND);
             if (input_->Flag()) {
-                ReleaseAll([&](const Reference& one) { return one.of == withdrawn_ && one.driver == driver; });
+                ReleaseAll(
+                    [&](const Reference& one) { return one.of == withdrawn_ && one.driver == driver; });
             }
         }
     }
@@ -169,7 +170,7 @@ class Fixture : public Machine
         Interface* entry = Named(name);
         FILTER_STATUS expected = forced;
         if (forced == FILTER_STATUS_SUCCESS) {
-            expected = entry == nullptr  ? FILTER_ERROR_INTERFACE_NOT_FOUND
+            expected = entry == nullptr ? FILTER_ERROR_INTERFACE_NOT_FOUND
                        : !entry->active ? FILTER_ERROR_INTERFACE_ARE_INVALID
                                         : FILTER_STATUS_SUCCESS;
         }
@@ -190,8 +191,9 @@ class Fixture : public Machine
     void Release(AReference at, size_t driver)
     {
         const Reference reference = *at;
-        const FILTER_STATUS expected = reference.driver == driver ? FILTER_STATUS_SUCCESS
-                                                                  : FILTER_ERROR_INVALID_INTERFACE_REFERENCE_OWNER;
+        const FILTER_STATUS expected = reference.driver == driver
+                                           ? FILTER_STATUS_SUCCESS
+                                           : FILTER_ERROR_INVALID_INTERFACE_REFERENCE_OWNER;
         RequireEqual(Filter_ReleaseInterface(drivers_[driver], reference.copy), expected, "releasing");
         if (expected == FILTER_STATUS_SUCCESS) {
             references_.erase(at);
@@ -217,8 +219,8 @@ class Fixture : public Machine
     void Withdraw(std::list<Interface>::iterator at, size_t driver)
     {
         if (at->owner != driver) {
-            RequireEqual(Filter_DeregisterInterface(drivers_[driver], at->handle), FILTER_ERROR_INVALID_INTERFACE_OWNER,
-                         "withdrawing another driver's interface");
+            RequireEqual(Filter_DeregisterInterface(drivers_[driver], at->handle),
+                         FILTER_ERROR_INVALID_INTERFACE_OWNER, "withdrawing another driver's interface");
             return;
         }
         Expect(FILTER_IF_EVENT_DEREGISTERING, at->name);
@@ -241,8 +243,8 @@ class Fixture : public Machine
     {
         const auto found = std::find(listeners_.begin(), listeners_.end(), driver);
         IfEventHandler* handler = nullptr;
-        const FILTER_STATUS status = Filter_RegisterIfEventHandler(
-            drivers_[driver], OnEvent, reinterpret_cast<void*>(driver), &handler);
+        const FILTER_STATUS status = Filter_RegisterIfEventHandler(drivers_[driver], OnEvent,
+                                                                   reinterpret_cast<void*>(driver), &handler);
         if (found == listeners_.end()) {
             RequireEqual(status, FILTER_STATUS_SUCCESS, "registering a handler");
             handlers_[driver] = handler;
@@ -256,10 +258,11 @@ class Fixture : public Machine
     void StopListening(size_t driver)
     {
         if (std::erase(listeners_, driver) != 0) {
-            RequireEqual(Filter_DeregisterIfEventHandler(drivers_[(driver + 1) % kDrivers], handlers_[driver]),
-                         FILTER_ERROR_INVALID_EVENT_HANDLER_OWNER, "taking back another driver's handler");
-            RequireEqual(Filter_DeregisterIfEventHandler(drivers_[driver], handlers_[driver]), FILTER_STATUS_SUCCESS,
-                         "taking back a handler");
+            RequireEqual(
+                Filter_DeregisterIfEventHandler(drivers_[(driver + 1) % kDrivers], handlers_[driver]),
+                FILTER_ERROR_INVALID_EVENT_HANDLER_OWNER, "taking back another driver's handler");
+            RequireEqual(Filter_DeregisterIfEventHandler(drivers_[driver], handlers_[driver]),
+                         FILTER_STATUS_SUCCESS, "taking back a handler");
         }
     }
 

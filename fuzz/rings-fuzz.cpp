@@ -20,8 +20,8 @@ constexpr uint32_t kBlocks = NDIS_FILTER_BLOCK_COUNT;
 constexpr uint32_t kStarts[] = {0, 1, 255, 509, 510, 511};
 constexpr uint32_t kWords[] = {0, 1, 2, 3, 4, 6, 7, 9, 41}; // of a block: its fields, and bytes of its frame
 constexpr uint32_t kHeaderWords = offsetof(SharedMemory, m_OutputBlocks) / 4;
-constexpr uint32_t kValues[] = {0,    1,    2,    3,    4,          13,         14,         60,  510,
-                                511,  512,  513,  1519, 1520,       1521,       1648,       1649, 1684,
+constexpr uint32_t kValues[] = {0,    1,    2,     3,          4,          13,         14,        60,   510,
+                                511,  512,  513,   1519,       1520,       1521,       1648,      1649, 1684,
                                 2496, 4096, 65535, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 0xFFFFFE00};
 
 struct Change {
@@ -90,11 +90,13 @@ class Fixture : public Machine
     {
         Require(machine::ChecksSharedAccess(), "a build that checks the driver's reads");
         Start();
-        const auto begin = uint64_t{memory_->KernelModeOutput.m_pkBlockBase} - offsetof(SharedMemory, m_OutputBlocks);
+        const auto begin =
+            uint64_t{memory_->KernelModeOutput.m_pkBlockBase} - offsetof(SharedMemory, m_OutputBlocks);
         ForbidPlainLoads(reinterpret_cast<const void*>(begin), sizeof(SharedMemory));
         hook::SetSink(adapters[0], hook::Side::Protocols,
                       [this](std::span<const uint8_t> frame, const hook::Delivery& delivery) {
-                          whole_ += delivery.origin == hook::Origin::Received && frame.size() == frame_.size() &&
+                          whole_ += delivery.origin == hook::Origin::Received &&
+                                    frame.size() == frame_.size() &&
                                     std::equal(frame.begin(), frame.end(), frame_.begin());
                       });
         machine::ObserveSharedAccess(OnAccess);
@@ -135,12 +137,12 @@ class Fixture : public Machine
             uint32_t* const words = reinterpret_cast<uint32_t*>(memory_);
             access += 1 + input.Byte() % 24;
             const uint32_t value = input.Byte();
-            plan.changes[i] = {
-                scribbles ? 0 : access,
-                place < kHeaderWords ? words + place
-                                     : WordOf(place % 2 != 0 ? memory_->m_InputBlocks : memory_->m_OutputBlocks,
-                                              place / 2 % 4, kWords[place / 8 % std::size(kWords)]),
-                value < std::size(kValues) ? kValues[value] : first_ + value % 8};
+            plan.changes[i] = {scribbles ? 0 : access,
+                               place < kHeaderWords
+                                   ? words + place
+                                   : WordOf(place % 2 != 0 ? memory_->m_InputBlocks : memory_->m_OutputBlocks,
+                                            place / 2 % 4, kWords[place / 8 % std::size(kWords)]),
+                               value < std::size(kValues) ? kValues[value] : first_ + value % 8};
         }
         plan.accesses = 0;
         return scribbles && plan.count != 0;
@@ -180,7 +182,8 @@ class Fixture : public Machine
             break;
         case 6:
             whole_ = 0;
-            Require(hook::DeliverReceived(adapters[0], frame_) == hook::Accepted::Yes, "other traffic is taken");
+            Require(hook::DeliverReceived(adapters[0], frame_) == hook::Accepted::Yes,
+                    "other traffic is taken");
             RequireEqual(whole_.load(), 1u, "other traffic that passes whole");
             break;
         default:
@@ -199,8 +202,8 @@ class Fixture : public Machine
         case 1: {
             static constexpr std::string_view kLine = "filter show shmem";
             support::Bytes output(2000);
-            device_->Control(IOCTL_NDIS_FILTER_DIAG, {reinterpret_cast<const uint8_t*>(kLine.data()), kLine.size()},
-                             output);
+            device_->Control(IOCTL_NDIS_FILTER_DIAG,
+                             {reinterpret_cast<const uint8_t*>(kLine.data()), kLine.size()}, output);
             break;
         }
         case 2:
@@ -227,13 +230,15 @@ class Fixture : public Machine
             block.m_nDirection = input.Below(5);
             block.m_nPacketSize = input.Flag() ? input.OneOf(kValues) : input.Byte();
             const auto frame = input.Take(input.Byte() % 64);
-            std::copy(frame.begin(), frame.end(), reinterpret_cast<uint8_t*>(&block) + offsetof(SharedBlock, m_Data));
+            std::copy(frame.begin(), frame.end(),
+                      reinterpret_cast<uint8_t*>(&block) + offsetof(SharedBlock, m_Data));
             allGood = allGood && IsGood(block);
             good += allGood ? 1 : 0;
         }
         __atomic_store_n(&memory_->KernelModeInput.m_iWrite, static_cast<int32_t>((write + count) % kBlocks),
                          __ATOMIC_RELEASE);
-        const bool inOrder = plan.count == 0 && memory_->KernelModeInput.m_iRead == static_cast<int32_t>(write % kBlocks);
+        const bool inOrder =
+            plan.count == 0 && memory_->KernelModeInput.m_iRead == static_cast<int32_t>(write % kBlocks);
         Announce();
         if (scribbles_) {
             return; // the thread may find new blocks for ever
@@ -263,7 +268,8 @@ class Fixture : public Machine
 
     void Announce()
     {
-        RequireEqual(device_->Control(IOCTL_NDIS_FILTER_WRITE_SHARE, {}, {}).status, STATUS_SUCCESS, "announcing");
+        RequireEqual(device_->Control(IOCTL_NDIS_FILTER_WRITE_SHARE, {}, {}).status, STATUS_SUCCESS,
+                     "announcing");
     }
 
     // Blocks are made nobody's again: an index that goes astray in the next input ends at the first of them.

@@ -51,7 +51,8 @@ BOOLEAN CompareItem(HashItem* hashItem, const VOID* key)
 class Tables
 {
   public:
-    Tables(Input& input, const char* name) : input_(input), size_(input.OneOf(kSizes)), compares_(!input.Flag())
+    Tables(Input& input, const char* name)
+        : input_(input), size_(input.OneOf(kSizes)), compares_(!input.Flag())
     {
         table_ = Filter_CreateHashTable(name, size_, FreeItem, compares_ ? CompareItem : nullptr);
         Require(table_ != nullptr, "a table");
@@ -146,12 +147,14 @@ class Tables
         item->record = new Record{.item = {}, .model = item, .key = item->key};
         HashItem* hashItem = &item->record->item;
         hashItem->m_HashValue = item->value;
-        HashItem* result = UseEx() ? Filter_InsertHashItemEx(table_, hashItem) : Filter_InsertHashItem(table_, hashItem);
+        HashItem* result =
+            UseEx() ? Filter_InsertHashItemEx(table_, hashItem) : Filter_InsertHashItem(table_, hashItem);
         Require(result == hashItem, "the item inserted");
         item->linked = true;
         item->held = 1;
         all_.push_back(item);
-        if (enumerating_ && !bucket_) { // a new item is the last one, and not visited when there was none to go on with
+        if (enumerating_ &&
+            !bucket_) { // a new item is the last one, and not visited when there was none to go on with
             walk_.push_back(item);
         }
         ++count_;
@@ -167,7 +170,8 @@ class Tables
         for (Item* item : all_) { // the newest is the last
             expected = item->value == value && (!compares_ || item->key == key) ? item : expected;
         }
-        Require(found == (expected != nullptr ? &expected->record->item : nullptr), "the newest item that matches");
+        Require(found == (expected != nullptr ? &expected->record->item : nullptr),
+                "the newest item that matches");
         if (expected != nullptr) {
             ++expected->held;
         }
@@ -243,7 +247,9 @@ class Tables
         next_ = walk_.begin();
         enumerating_ = true;
         bucket_ = bucket;
-        const auto routine = [](PVOID context, HashItem* item) { static_cast<Tables*>(context)->Visit(item); };
+        const auto routine = [](PVOID context, HashItem* item) {
+            static_cast<Tables*>(context)->Visit(item);
+        };
         if (bucket) {
             Filter_EnumHashTableEx(table_, value, routine, this);
         } else {
@@ -305,9 +311,9 @@ class Tables
     HashTable* table_;
     LOCK_STATE lock_;
     bool locked_ = false, enumerating_ = false, bucket_ = false; // what is enumerated
-    std::list<Item> items_; // all that there ever were
-    std::list<Item*> all_;  // in the table, the oldest first
-    uint32_t count_ = 0;    // a clean does not change what the table answers
+    std::list<Item> items_;                                      // all that there ever were
+    std::list<Item*> all_;                                       // in the table, the oldest first
+    uint32_t count_ = 0; // a clean does not change what the table answers
     std::list<Item*> walk_;
     std::list<Item*>::iterator next_ = walk_.end();
     Item* current_ = nullptr;

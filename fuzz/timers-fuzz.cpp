@@ -139,9 +139,10 @@ class Fixture : public Machine
     void Free(Timer* timer)
     {
         const size_t other = (timer->driver + 1) % kDrivers;
-        RequireEqual(Filter_FreeTimer(drivers_[other], timer->handle), FILTER_ERROR_INVALID_TIMER_HANDLER_OWNER,
-                     "freeing the timer of another driver");
-        RequireEqual(Filter_FreeTimer(drivers_[timer->driver], timer->handle), FILTER_STATUS_SUCCESS, "freeing");
+        RequireEqual(Filter_FreeTimer(drivers_[other], timer->handle),
+                     FILTER_ERROR_INVALID_TIMER_HANDLER_OWNER, "freeing the timer of another driver");
+        RequireEqual(Filter_FreeTimer(drivers_[timer->driver], timer->handle), FILTER_STATUS_SUCCESS,
+                     "freeing");
         RequireEqual(timer->calls.load(), timer->expected, "callbacks of a timer that is freed");
         timers_.remove_if([timer](const auto& one) { return one.get() == timer; });
     }
@@ -153,7 +154,8 @@ class Fixture : public Machine
         Require(machine::WaitIdle(), "the machine comes to rest");
         timers_.remove_if([driver](const auto& timer) {
             if (timer->driver == driver) {
-                RequireEqual(timer->calls.load(), timer->expected, "callbacks of a timer that goes with its driver");
+                RequireEqual(timer->calls.load(), timer->expected,
+                             "callbacks of a timer that goes with its driver");
             }
             return timer->driver == driver;
         });

@@ -23,9 +23,15 @@ namespace
 constexpr size_t kSteps = 24, kRecords = 2;
 constexpr NTSTATUS kUntouched = 0x12345678;
 const PCWSTR kDevices[] = {L"\\Device\\Tcp", L"\\Device\\Udp", L"\\Device\\Nobody"};
-constexpr NTSTATUS kStatuses[] = {STATUS_SUCCESS,       STATUS_SUCCESS,         STATUS_INSUFFICIENT_RESOURCES,
-                                  STATUS_CANCELLED,     STATUS_ACCESS_DENIED,   STATUS_INVALID_HANDLE,
-                                  STATUS_UNSUCCESSFUL,  STATUS_BUFFER_OVERFLOW, STATUS_DELETE_PENDING,
+constexpr NTSTATUS kStatuses[] = {STATUS_SUCCESS,
+                                  STATUS_SUCCESS,
+                                  STATUS_INSUFFICIENT_RESOURCES,
+                                  STATUS_CANCELLED,
+                                  STATUS_ACCESS_DENIED,
+                                  STATUS_INVALID_HANDLE,
+                                  STATUS_UNSUCCESSFUL,
+                                  STATUS_BUFFER_OVERFLOW,
+                                  STATUS_DELETE_PENDING,
                                   STATUS_INVALID_DEVICE_REQUEST};
 
 // A data request with the memory it needs until it has ended.
@@ -40,13 +46,17 @@ struct Request {
     PKS_TRANSPORT_ADDRESS closes = nullptr; // by its callback
     std::atomic<uint32_t> completions = 0;
 
-    bool HasEnded() const { return hasCallback ? completions != 0 : KeReadStateEvent(const_cast<PKEVENT>(&event)) != 0; }
+    bool HasEnded() const
+    {
+        return hasCallback ? completions != 0 : KeReadStateEvent(const_cast<PKEVENT>(&event)) != 0;
+    }
 };
 
 VOID NTAPI OnCompletion(PVOID context, PIO_STATUS_BLOCK result, ULONG extra)
 {
     auto* request = static_cast<Request*>(context);
-    Require(result == &request->result && result->Status != kUntouched && extra == 0, "a completion tells its result");
+    Require(result == &request->result && result->Status != kUntouched && extra == 0,
+            "a completion tells its result");
     if (request->closes != nullptr) {
         KS_CloseTransportAddress(request->closes);
     }
@@ -94,12 +104,13 @@ class Fixture : public Machine
         const uint8_t choice = input_->Byte() % 16; // the network's own sockets are slow
         const NTSTATUS status = input_->OneOf(kStatuses);
         if (choice == 0 && !always) {
-            machine::AnswerTransportRequest(kind, 0, TransportAnswer::AtOnce, status); // forgets an answer that is left
+            machine::AnswerTransportRequest(kind, 0, TransportAnswer::AtOnce,
+                                            status); // forgets an answer that is left
             return;
         }
         const TransportAnswer answer = choice >= 13 && mayBeHeld ? TransportAnswer::Held
-                                       : choice >= 12           ? TransportAnswer::Later
-                                                                : TransportAnswer::AtOnce;
+                                       : choice >= 12            ? TransportAnswer::Later
+                                                                 : TransportAnswer::AtOnce;
         const uint64_t which = always ? 1 : 1 + input_->Byte() / 192;
         machine::AnswerTransportRequest(kind, which, answer, status);
     }
@@ -125,8 +136,8 @@ class Fixture : public Machine
         case 5:
             if (address.open) {
                 Plan(TransportRequest::SetEventHandler, false);
-                KS_SetEventHandlers(&address.record, this, nullptr, nullptr, input_->Flag() ? OnError : nullptr, nullptr,
-                                    nullptr, nullptr);
+                KS_SetEventHandlers(&address.record, this, nullptr, nullptr,
+                                    input_->Flag() ? OnError : nullptr, nullptr, nullptr, nullptr);
             }
             break;
         case 6:
@@ -176,7 +187,8 @@ class Fixture : public Machine
         const NTSTATUS status = KS_OpenTransportAddress(
             input_->OneOf(kDevices), reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address.record);
         RequireEqual(address.record.Status, status, "the status in the record");
-        RequireEqual(Count(address), NT_SUCCESS(status) ? 1u : 0u, "references of an address that was opened");
+        RequireEqual(Count(address), NT_SUCCESS(status) ? 1u : 0u,
+                     "references of an address that was opened");
         address.open = NT_SUCCESS(status);
     }
 
@@ -191,7 +203,8 @@ class Fixture : public Machine
         const NTSTATUS status =
             KS_OpenConnectionEndpoint(input_->OneOf(kDevices), &address.record, &endpoint.record, &endpoint);
         RequireEqual(endpoint.record.AssociateStatus, status, "the status in the record");
-        RequireEqual(Count(endpoint), NT_SUCCESS(status) ? 1u : 0u, "references of an endpoint that was opened");
+        RequireEqual(Count(endpoint), NT_SUCCESS(status) ? 1u : 0u,
+                     "references of an endpoint that was opened");
         if (requests_.empty()) { // else one may end at any moment
             RequireEqual(Count(address), before + (NT_SUCCESS(status) ? 1 : 0), "references of its address");
         }
@@ -235,11 +248,12 @@ class Fixture : public Machine
 
     void SendData(Address& address, Endpoint& endpoint)
     {
-        static constexpr TransportRequest kKinds[] = {TransportRequest::SendDatagram, TransportRequest::ReceiveDatagram,
-                                                      TransportRequest::Send, TransportRequest::Receive,
-                                                      TransportRequest::Disconnect};
+        static constexpr TransportRequest kKinds[] = {
+            TransportRequest::SendDatagram, TransportRequest::ReceiveDatagram, TransportRequest::Send,
+            TransportRequest::Receive, TransportRequest::Disconnect};
         const TransportRequest kind = input_->OneOf(kKinds);
-        const bool datagram = kind == TransportRequest::SendDatagram || kind == TransportRequest::ReceiveDatagram;
+        const bool datagram =
+            kind == TransportRequest::SendDatagram || kind == TransportRequest::ReceiveDatagram;
         if (!(datagram ? address.open : endpoint.open)) {
             return;
         }
@@ -278,25 +292,27 @@ class Fixture : public Machine
             RequireEqual(status, request.result.Status, "the status of a request that was waited for");
             KeSetEvent(&request.event, IO_NO_INCREMENT, FALSE);
         }
-        Require(request.sent || (status != STATUS_PENDING && !NT_SUCCESS(status)), "what was not sent has failed");
+        Require(request.sent || (status != STATUS_PENDING && !NT_SUCCESS(status)),
+                "what was not sent has failed");
     }
 
-    NTSTATUS Send(TransportRequest kind, Address& address, Endpoint& endpoint, Request& request, PKEVENT event,
-                  KS_COMPLETION completion, ULONG flags)
+    NTSTATUS Send(TransportRequest kind, Address& address, Endpoint& endpoint, Request& request,
+                  PKEVENT event, KS_COMPLETION completion, ULONG flags)
     {
         switch (kind) {
         case TransportRequest::SendDatagram:
-            return KS_SendDatagramOnAddress(&address.record, event, completion, &request, &request.result, request.mdl,
-                                            &request.information);
+            return KS_SendDatagramOnAddress(&address.record, event, completion, &request, &request.result,
+                                            request.mdl, &request.information);
         case TransportRequest::ReceiveDatagram:
             return KS_ReceiveDatagramOnAddress(&address.record, event, completion, &request, &request.result,
-                                               request.mdl, nullptr, (flags & 1) != 0 ? &request.information : nullptr,
-                                               flags);
+                                               request.mdl, nullptr,
+                                               (flags & 1) != 0 ? &request.information : nullptr, flags);
         case TransportRequest::Send:
-            return KS_SendOnEndpoint(&endpoint.record, event, completion, &request, &request.result, request.mdl, flags);
+            return KS_SendOnEndpoint(&endpoint.record, event, completion, &request, &request.result,
+                                     request.mdl, flags);
         case TransportRequest::Receive:
-            return KS_ReceiveOnEndpoint(&endpoint.record, event, completion, &request, &request.result, request.mdl,
-                                        flags);
+            return KS_ReceiveOnEndpoint(&endpoint.record, event, completion, &request, &request.result,
+                                        request.mdl, flags);
         default:
             return KS_Disconnect(&endpoint.record, event, completion, &request, &request.result, flags);
         }
@@ -316,13 +332,16 @@ class Fixture : public Machine
         while (sum > 0xFFFF) {
             sum = (sum & 0xFFFF) + (sum >> 16);
         }
-        RequireEqual(KS_in_cksum(bytes.get(), static_cast<ULONG>(given.size())), static_cast<USHORT>(~sum), "a checksum");
+        RequireEqual(KS_in_cksum(bytes.get(), static_cast<ULONG>(given.size())), static_cast<USHORT>(~sum),
+                     "a checksum");
 
         PFILE_FULL_EA_INFORMATION attribute = nullptr;
         ULONG size = 0;
         const auto nameLength = static_cast<ULONG>(given.size());
-        const NTSTATUS status = KS_BuildEaBuffer(nameLength, bytes.get(), nameLength, bytes.get(), &attribute, &size);
-        RequireEqual(status, given.size() > 255 ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS, "an extended attribute");
+        const NTSTATUS status =
+            KS_BuildEaBuffer(nameLength, bytes.get(), nameLength, bytes.get(), &attribute, &size);
+        RequireEqual(status, given.size() > 255 ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS,
+                     "an extended attribute");
         if (attribute != nullptr) {
             RequireEqual(size, 2 * nameLength + 9, "its size");
             ExFreePool(attribute);

@@ -28,7 +28,8 @@ constexpr int64_t kMidday2024 = 133'480'872'000'000'000; // 1 January 2024, 12:0
 void FillPools(FilterAdapter* adapter)
 {
     const support::Bytes frame = support::UdpFrame();
-    Require(hook::DeliverReceived(adapter, frame, {.presentBytes = 14}) == hook::Accepted::Yes, "a first frame");
+    Require(hook::DeliverReceived(adapter, frame, {.presentBytes = 14}) == hook::Accepted::Yes,
+            "a first frame");
     std::vector<FilterPacket*> packets(256);
     for (FilterPacket*& packet : packets) {
         packet = Filter_AllocatePacket(adapter);
@@ -66,7 +67,8 @@ Machine::Machine()
         adapters[i] = hook::AddAdapter(options);
         Require(adapters[i] != nullptr, "an adapter");
         hook::OpenAdapter(adapters[i]);
-        RequireEqual(Filter_AdapterToId(adapters[i], &adapterIds[i]), FILTER_STATUS_SUCCESS, "its identifier");
+        RequireEqual(Filter_AdapterToId(adapters[i], &adapterIds[i]), FILTER_STATUS_SUCCESS,
+                     "its identifier");
     }
     FillPools(adapters[0]);
     Require(machine::WaitIdle(), "the machine comes to rest");

@@ -5,13 +5,15 @@
 namespace
 {
 
-uintptr_t forbiddenBegin = 0, forbiddenSize = 0; // set while no other thread of the framework has anything to do
+uintptr_t forbiddenBegin = 0,
+          forbiddenSize = 0; // set while no other thread of the framework has anything to do
 
 inline void Check(const void* address)
 {
     if (__builtin_expect(reinterpret_cast<uintptr_t>(address) - forbiddenBegin < forbiddenSize, 0)) {
         fuzz::Fail("a plain read of shared memory, at offset %zu, by %p",
-                   static_cast<size_t>(reinterpret_cast<uintptr_t>(address) - forbiddenBegin), __builtin_return_address(0));
+                   static_cast<size_t>(reinterpret_cast<uintptr_t>(address) - forbiddenBegin),
+                   __builtin_return_address(0));
     }
 }
 
@@ -28,11 +30,25 @@ void ForbidPlainLoads(const void* begin, size_t size)
 
 } // namespace fuzz
 
-extern "C"
+extern "C" {
+void __sanitizer_cov_load1(const void* address)
 {
-void __sanitizer_cov_load1(const void* address) { Check(address); }
-void __sanitizer_cov_load2(const void* address) { Check(address); }
-void __sanitizer_cov_load4(const void* address) { Check(address); }
-void __sanitizer_cov_load8(const void* address) { Check(address); }
-void __sanitizer_cov_load16(const void* address) { Check(address); }
+    Check(address);
+}
+void __sanitizer_cov_load2(const void* address)
+{
+    Check(address);
+}
+void __sanitizer_cov_load4(const void* address)
+{
+    Check(address);
+}
+void __sanitizer_cov_load8(const void* address)
+{
+    Check(address);
+}
+void __sanitizer_cov_load16(const void* address)
+{
+    Check(address);
+}
 }

@@ -278,9 +278,7 @@ struct Client {
     static NTSTATUS Entry(PDRIVER_OBJECT driver, PUNICODE_STRING)
     {
         TA_IP_ADDRESS local = echo::Loopback(0);
-        driver->DriverUnload = [](PDRIVER_OBJECT) {
-            KS_CloseTransportAddress(&address);
-        };
+        driver->DriverUnload = [](PDRIVER_OBJECT) { KS_CloseTransportAddress(&address); };
         completions = 0;
         const NTSTATUS status =
             KS_OpenTransportAddress(L"\\Device\\Udp", reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address);
