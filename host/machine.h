@@ -16,6 +16,9 @@
 #include <string_view>
 #include <vector>
 
+struct _DRIVER_OBJECT; // of the kernel headers, for the type of entry routines
+struct _UNICODE_STRING;
+
 namespace machine
 {
 
@@ -23,8 +26,8 @@ using Status = int32_t; // NTSTATUS; negative values are errors
 
 // ---------------------------------------------------------------------------------------------------- drivers
 
-// The entry routine of a driver: NTSTATUS DriverEntry(DRIVER_OBJECT*, UNICODE_STRING*).
-using DriverEntry = Status (*)(void* driverObject, void* registryPath);
+// The entry routine of a driver.
+using DriverEntry = Status (*)(_DRIVER_OBJECT* driver, _UNICODE_STRING* registryPath);
 
 // Loads a driver that is linked into this program under a service name, for instance "NdisFilter". The registry
 // path handed to it is \Registry\Machine\System\CurrentControlSet\Services\<service>. Returns what the entry routine
@@ -192,6 +195,16 @@ struct Violation {
 
 std::vector<Violation> TakeViolations(); // those since the last call; empties the list
 void PrintViolations(bool on);           // default on
+
+// Drivers read memory that they share with programs by ReadULongAcquire and RtlCopyVolatileMemory, and announce with
+// WriteULongRelease what they have written there. Builds without NDEBUG check that no byte is read twice in one
+// operation, which is what a thread does under the lock that it has taken last, or while it holds none: up to the next
+// lock or request. In them an observer is told of each such access just before it happens, on the thread that makes it,
+// at any IRQL; it may change the memory, as a program would. One at a time; null: none.
+enum class SharedAccess { Read, Announce };
+using SharedAccessObserver = void (*)(SharedAccess access, const volatile void* address, size_t size);
+void ObserveSharedAccess(SharedAccessObserver observer);
+bool ChecksSharedAccess(); // false in builds with NDEBUG
 
 // Counts of everything that a driver can leave behind.
 struct Census {

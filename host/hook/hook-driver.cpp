@@ -444,8 +444,7 @@ void SetIoControlHandler(IoControlHandler handler)
 
 } // namespace hook
 
-int32_t HookDriverEntry(void* driverObject, void* registryPath)
+int32_t HookDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath)
 {
-    return hook::LoadDriver(static_cast<PDRIVER_OBJECT>(driverObject),
-                            static_cast<PUNICODE_STRING>(registryPath));
+    return hook::LoadDriver(driver, registryPath);
 }

@@ -23,7 +23,7 @@ struct FilterAdapter;
 struct FilterPacket;
 
 // The driver's entry routine, a machine::DriverEntry. Reads the registry value PacketLimit.
-extern "C" int32_t HookDriverEntry(void* driverObject, void* registryPath);
+extern "C" int32_t HookDriverEntry(_DRIVER_OBJECT* driver, _UNICODE_STRING* registryPath);
 
 namespace hook
 {
