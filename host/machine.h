@@ -159,8 +159,8 @@ class Process
     std::shared_ptr<State> state_;
 };
 
-// A handle of a process to a device. Closing it sends cleanup and close, in that order; pending requests of the
-// handle are cancelled behind the cleanup.
+// A handle of a process to a device. Closing it cancels its pending requests; closing the last one of a file sends
+// cleanup and close as well, the one before the cancellations and the other behind them.
 class File
 {
   public:
@@ -168,6 +168,9 @@ class File
     File(const File&) = delete;
     File& operator=(const File&) = delete;
     void Close();
+    // Another handle of the same file, as DuplicateHandle or inheritance gives one to a process. Null when this one is
+    // closed.
+    std::unique_ptr<File> DuplicateFor(Process& process);
     // METHOD_BUFFERED device control; the call waits for the completion. On an error status nothing is copied back.
     Request::Result Control(uint32_t code, std::span<const uint8_t> input, std::span<uint8_t> output);
     // The same without waiting.
@@ -209,6 +212,7 @@ bool ChecksSharedAccess(); // false in builds with NDEBUG
 // Counts of everything that a driver can leave behind.
 struct Census {
     size_t threads = 0, threadHandles = 0, poolBlocks = 0, poolBytes = 0, lookasideLists = 0, mdls = 0, views = 0;
+    size_t processReferences = 0; // of drivers
     size_t devices = 0, links = 0, drivers = 0, files = 0, requests = 0, timers = 0, workItems = 0, locksHeld = 0;
     bool operator==(const Census&) const = default;
 };

@@ -308,6 +308,20 @@ HANDLE PsGetCurrentThreadId(VOID);
 VOID KeEnterCriticalRegion(VOID);
 VOID KeLeaveCriticalRegion(VOID);
 PEPROCESS IoGetCurrentProcess(VOID);
+
+// Where a thread was before it attached to a process; the caller's memory until the detach.
+typedef struct _KAPC_STATE {
+    LIST_ENTRY ApcListHead[2]; // the first one's Flink: the state of the attachment around this one, or null
+    PKPROCESS Process;
+    BOOLEAN KernelApcInProgress;
+    BOOLEAN KernelApcPending;
+    BOOLEAN UserApcPending;
+} KAPC_STATE, *PKAPC_STATE, *PRKAPC_STATE;
+
+// From the one to the other the calling thread runs in the address space of the process. They nest.
+VOID KeStackAttachProcess(PRKPROCESS Process, PRKAPC_STATE ApcState);
+VOID KeUnstackDetachProcess(PRKAPC_STATE ApcState);
+
 #define PsGetCurrentProcess IoGetCurrentProcess
 #define PsGetCurrentThread() ((PETHREAD)KeGetCurrentThread())
 

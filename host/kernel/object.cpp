@@ -74,14 +74,22 @@ POBJECT_TYPE TypeOfObject(const void* body, const char* function)
     return HeaderOf(body)->type;
 }
 
-void ReferenceObject(void* body)
+LONG_PTR ReferenceObject(void* body)
 {
-    ObfReferenceObject(body);
+    return HeaderOf(body)->references.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
-void DereferenceObject(void* body)
+LONG_PTR DereferenceObject(void* body)
 {
-    ObfDereferenceObject(body);
+    POBJECT_TYPE type = HeaderOf(body)->type;
+    LONG_PTR left = HeaderOf(body)->references.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    if (left == 0) {
+        if (type->destroy != nullptr)
+            type->destroy(body);
+        HeaderOf(body)->magic = 0;
+        std::free(HeaderOf(body));
+    }
+    return left;
 }
 
 HANDLE CreateHandle(void* body)
@@ -107,9 +115,12 @@ using namespace kernel;
 
 LONG_PTR ObfReferenceObject(PVOID Object)
 {
-    if (TypeOfObject(Object, "ObReferenceObject") == nullptr)
+    POBJECT_TYPE type = TypeOfObject(Object, "ObReferenceObject");
+    if (type == nullptr)
         return 0;
-    return HeaderOf(Object)->references.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (type->countsReferences)
+        Live().processReferences++;
+    return ReferenceObject(Object);
 }
 
 LONG_PTR ObfDereferenceObject(PVOID Object)
@@ -117,14 +128,9 @@ LONG_PTR ObfDereferenceObject(PVOID Object)
     POBJECT_TYPE type = TypeOfObject(Object, "ObDereferenceObject");
     if (type == nullptr)
         return 0;
-    LONG_PTR left = HeaderOf(Object)->references.fetch_sub(1, std::memory_order_acq_rel) - 1;
-    if (left == 0) {
-        if (type->destroy != nullptr)
-            type->destroy(Object);
-        HeaderOf(Object)->magic = 0;
-        std::free(HeaderOf(Object));
-    }
-    return left;
+    if (type->countsReferences)
+        Live().processReferences--;
+    return DereferenceObject(Object);
 }
 
 NTSTATUS ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK, POBJECT_TYPE ObjectType, KPROCESSOR_MODE,

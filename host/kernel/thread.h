@@ -36,6 +36,8 @@ struct ThreadState {
 #endif
     PKTHREAD thread;   // created when first asked for
     PEPROCESS process; // set by the I/O manager while it acts for a user process; null: the system process
+    PKAPC_STATE attachment; // of KeStackAttachProcess, the innermost one; null: not attached
+    PEPROCESS attached;     // the process attached to
 };
 
 extern __thread ThreadState t_thread __attribute__((tls_model("initial-exec")));

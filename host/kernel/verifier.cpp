@@ -114,6 +114,7 @@ Census TakeCensus()
     census.lookasideLists = live.lookasideLists;
     census.mdls = live.mdls;
     census.views = live.views;
+    census.processReferences = live.processReferences;
     census.devices = live.devices;
     census.links = live.links;
     census.drivers = live.drivers;
@@ -143,6 +144,7 @@ std::string DescribeCensus(const Census& census)
     add(census.lookasideLists, "lookaside list", "lookaside lists");
     add(census.mdls, "MDL", "MDLs");
     add(census.views, "user view", "user views");
+    add(census.processReferences, "reference of a process", "references of processes");
     add(census.devices, "device", "devices");
     add(census.links, "symbolic link", "symbolic links");
     add(census.drivers, "driver", "drivers");

@@ -299,9 +299,28 @@ TEST_F(RulesTest, OfViewsInAProcess)
     IoFreeMdl(mdl);
     ExFreePool(block);
     describe(kLarge);
-    InRequest(*file, map);
+    const PEPROCESS system = IoGetCurrentProcess();
+    PEPROCESS owner = nullptr;
+    const auto mapForOwner = [&] {
+        owner = IoGetCurrentProcess();
+        map();
+    };
+    InRequest(*file, mapForOwner);
     unmap(); // from the system process
     ExpectRules("view-of-other-process");
+    InRequest(*file, mapForOwner);
+    KAPC_STATE outer, inner;
+    KeStackAttachProcess(owner, &outer);
+    KeStackAttachProcess(system, &inner);
+    EXPECT_EQ(IoGetCurrentProcess(), system);
+    KeUnstackDetachProcess(&outer);
+    ExpectRules("process-not-attached");
+    KeUnstackDetachProcess(&inner);
+    EXPECT_EQ(IoGetCurrentProcess(), owner);
+    unmap();
+    machine::CheckReturnToUser("a request");
+    ExpectRules("process-left-attached");
+    EXPECT_EQ(IoGetCurrentProcess(), system);
     IoFreeMdl(mdl);
     ExFreePool(block);
 }
@@ -386,6 +405,7 @@ TEST_F(RulesTest, OfUnloading)
         KEVENT end;
         HANDLE handle = nullptr;
         IRP* irp = nullptr;
+        PEPROCESS process = IoGetCurrentProcess();
     };
     std::optional<Left> left;
     unload = [&] {
@@ -405,11 +425,13 @@ TEST_F(RulesTest, OfUnloading)
         };
         PsCreateSystemThread(&left->handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, wait, &left->end);
         left->irp = IoAllocateIrp(1, FALSE);
+        ObReferenceObject(left->process);
     };
     ASSERT_EQ(Load(), STATUS_SUCCESS);
     EXPECT_EQ(machine::UnloadDriver(kService), STATUS_SUCCESS);
     EXPECT_THAT(ExpectRules("link-left", "device-left", "thread-left", "handle-left", "pool-left",
-                            "lookaside-left", "mdl-left", "request-left", "timer-left"),
+                            "lookaside-left", "mdl-left", "process-reference-left", "request-left",
+                            "timer-left"),
                 testing::HasSubstr("Probe"));
     BOOLEAN cancelled = FALSE;
     NdisCancelTimer(&left->timer, &cancelled);
@@ -417,6 +439,7 @@ TEST_F(RulesTest, OfUnloading)
     KeSetEvent(&left->end, 0, FALSE);
     ASSERT_TRUE(machine::WaitIdle());
     ZwClose(left->handle);
+    ObDereferenceObject(left->process);
     IoFreeIrp(left->irp);
     IoFreeMdl(left->mdl);
     ExFreePool(left->block);

@@ -7,6 +7,7 @@
 // once, checked, then used.
 #include "ndisfilter-internal.h"
 #include "ndisfilter-shared-fields.h"
+#include "ndisfilter-sharedmem-process.h"
 
 #include <stddef.h>
 
@@ -15,6 +16,7 @@ namespace
 
 PMDL s_pMdl;                // of the whole mapping
 PVOID s_pUserModeAddress;   // of the present user mapping, nullptr when there is none
+MappingProcess s_Process;   // where that is
 ULONG s_nOutputCount;       // what m_nCount of the output ring shows
 KEVENT s_ShareGate;         // serialises starting and stopping the share
 MappedMemoryHead s_HookRecord; // what the hook driver gets as the MappedMemory to store the address into
@@ -352,6 +354,8 @@ PVOID NdisFilter_MapMemoryToUserSpace(MappedMemory* pMappedMemory)
     s_pUserModeAddress = map != nullptr ? MapThroughHook(map, pMappedMemory) : MapIntoCurrentProcess(pMappedMemory);
     if (s_pUserModeAddress == nullptr) {
         Trace(TRACE_SHARE, "  MmMapLockedPages fails\n");
+    } else {
+        s_Process.Remember();
     }
     Trace(TRACE_SHARE, "Leave NdisFilter_MapMemoryToUserSpace\n");
     return s_pUserModeAddress;
@@ -369,12 +373,13 @@ VOID NdisFilter_UnmapMemoryToUserSpace(MappedMemory* pMappedMemory)
     }
     const HOOK_MM_UNMAP_LOCKED_PAGES unmap = LoadAcquire(Global().m_NdisHookAPI.Hook_MmUnmapLockedPages);
     if (unmap != nullptr) {
-        unmap(s_pMdl, s_pUserModeAddress);
+        s_Process.Run([unmap] { unmap(s_pMdl, s_pUserModeAddress); });
         Trace(TRACE_SHARE, "  Hook_MmUnmapLockedPages() complete\n");
     } else {
-        MmUnmapLockedPages(s_pUserModeAddress, s_pMdl);
+        s_Process.Run([] { MmUnmapLockedPages(s_pUserModeAddress, s_pMdl); });
         Trace(TRACE_SHARE, "  MmUnmapLockedPages() complete\n");
     }
+    s_Process.Forget();
     s_pUserModeAddress = nullptr;
     StoreRelaxed(pMappedMemory->m_pUserModeVirtualAddress, 0);
 }

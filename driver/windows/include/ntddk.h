@@ -1,6 +1,6 @@
 /*
  * The kernel headers of mingw-w64, with what they lack or get wrong mended. In front of the tool chain's own on the
- * include path; a Microsoft driver kit needs none of this.
+ * include path; a Microsoft driver kit needs none of this, but for the attaching to a process, which is in its ntifs.h.
  */
 #ifndef NDISFILTER_WINDOWS_NTDDK_H
 #define NDISFILTER_WINDOWS_NTDDK_H
@@ -59,6 +59,17 @@ FORCEINLINE ULONG KeGetCurrentProcessorNumber(VOID)
 {
     return KeGetCurrentProcessorNumberEx(NULL);
 }
+
+typedef struct _KAPC_STATE {
+    LIST_ENTRY ApcListHead[2];
+    PKPROCESS Process;
+    BOOLEAN KernelApcInProgress;
+    BOOLEAN KernelApcPending;
+    BOOLEAN UserApcPending;
+} KAPC_STATE, *PKAPC_STATE;
+
+__declspec(dllimport) VOID NTAPI KeStackAttachProcess(PKPROCESS process, PKAPC_STATE state);
+__declspec(dllimport) VOID NTAPI KeUnstackDetachProcess(PKAPC_STATE state);
 
 __declspec(dllimport) int __cdecl _vsnprintf(char* buffer, size_t count, const char* format, va_list arguments);
 __declspec(dllimport) int __cdecl _snprintf(char* buffer, size_t count, const char* format, ...);
