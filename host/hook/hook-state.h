@@ -138,7 +138,8 @@ FilterPacket* HookAllocatePacket(FilterAdapter* adapter, PCSTR file, ULONG line)
 VOID HookFreePacket(FilterPacket* packet, PCSTR file, ULONG line);
 ULONG HookInjectPacketToAdapter(FilterAdapter* adapter, FilterPacket* packet);
 ULONG HookInjectPacketToProtocol(FilterAdapter* adapter, FilterPacket* packet);
-void RefusePacket(FilterAdapter* adapter, FilterPacket* packet); // takes a delivery over without looking at it
+// Takes a delivery over without looking at it.
+void RefusePacket(FilterAdapter* adapter, FilterPacket* packet);
 
 // requests.cpp
 bool StartWorker(HookState& state);

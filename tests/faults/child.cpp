@@ -101,8 +101,8 @@ std::string Finish(const Child& child, unsigned seconds)
 
 } // namespace
 
-std::vector<ChildResult> RunChildren(size_t count, const std::function<std::string(size_t)>& work, unsigned jobs,
-                                     unsigned seconds)
+std::vector<ChildResult> RunChildren(size_t count, const std::function<std::string(size_t)>& work,
+                                     unsigned jobs, unsigned seconds)
 {
     std::vector<ChildResult> results(count);
     std::vector<Child> running;

@@ -15,7 +15,7 @@ struct ChildResult {
 };
 
 // Works on 0 to count - 1 in forked processes. The work answers a text; what it leaves behind goes with its process.
-std::vector<ChildResult> RunChildren(size_t count, const std::function<std::string(size_t)>& work, unsigned jobs,
-                                     unsigned seconds);
+std::vector<ChildResult> RunChildren(size_t count, const std::function<std::string(size_t)>& work,
+                                     unsigned jobs, unsigned seconds);
 
 } // namespace faults

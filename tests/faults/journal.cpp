@@ -2,7 +2,6 @@
 
 #include <machine.h>
 
-
 namespace faults
 {
 namespace

@@ -17,8 +17,8 @@ namespace faults
 
 struct Entry {
     std::string name;
-    int64_t answer = 0;  // status, value, or whether a pointer was answered
-    bool made = true;    // what the call was to bring about is there
+    int64_t answer = 0; // status, value, or whether a pointer was answered
+    bool made = true;   // what the call was to bring about is there
     bool startsUp = false;
     std::vector<uint64_t> calls; // of each kind, up to its end and that of what it set off
 };
@@ -34,7 +34,7 @@ class Journal
     static void Made(bool made); // of the entry ended last
     static void StartUpIsOver();
     static const std::vector<Entry>& Entries();
-    static int HitEntry();    // -1: the point was not reached
+    static int HitEntry(); // -1: the point was not reached
 };
 
 template <class Answer>

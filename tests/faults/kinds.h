@@ -17,7 +17,7 @@ struct Point {
 };
 
 size_t KindCount();
-std::string NameOf(size_t kind); // "pool", "hook AllocatePacket raised", "transport Send later"
+std::string NameOf(size_t kind);           // "pool", "hook AllocatePacket raised", "transport Send later"
 size_t KindNamed(const std::string& name); // KindCount() when there is none
 
 uint64_t CallsOf(size_t kind); // so far

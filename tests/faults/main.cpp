@@ -48,7 +48,8 @@ std::vector<std::vector<Point>> PairsOf(const std::vector<Point>& points)
 
 int main(int argc, char** argv)
 {
-    CLI::App app("Fails each call that may fail, once, in a scenario that uses every export and control request.");
+    CLI::App app(
+        "Fails each call that may fail, once, in a scenario that uses every export and control request.");
     RunOptions options;
     options.jobs = std::max(1u, std::thread::hardware_concurrency());
     bool json = false;
@@ -58,7 +59,8 @@ int main(int argc, char** argv)
     app.add_option("--jobs", options.jobs, "runs at a time")->check(CLI::Range(1, 64));
     app.add_option("--seconds", options.seconds, "that one run may take")->check(CLI::Range(1, 3600));
     app.add_flag("--json", json, "the report for programs");
-    app.add_flag("--scenario", scenarioOnly, "only the run without faults, and the check that nothing is missing");
+    app.add_flag("--scenario", scenarioOnly,
+                 "only the run without faults, and the check that nothing is missing");
     app.add_flag("--verbose", verbose, "each point, not only those that are bad");
     app.add_option("--point", only, "only one point, KIND:N as the report names it");
     CLI11_PARSE(app, argc, argv);

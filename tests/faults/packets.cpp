@@ -12,10 +12,10 @@ namespace
 
 const Bytes& Frame()
 {
-    static const Bytes frame =
-        support::EthernetFrame(support::kEtherTypeIpv4,
-                               support::Ipv4Packet(support::kProtocolTcp,
-                                                   support::TcpSegment(1000, 80, 0x18, support::Counting(200))));
+    static const Bytes frame = support::EthernetFrame(
+        support::kEtherTypeIpv4,
+        support::Ipv4Packet(support::kProtocolTcp,
+                            support::TcpSegment(1000, 80, 0x18, support::Counting(200))));
     return frame;
 }
 
@@ -63,22 +63,21 @@ void UseTraffic(World& world)
     if (world.adapter == nullptr) {
         return;
     }
-    Recorded("a received frame", [&] {
-        return static_cast<int>(hook::DeliverReceived(world.adapter, Frame(), {.waitMs = 0}));
-    });
-    Recorded("a sent frame", [&] {
-        return static_cast<int>(hook::DeliverSent(world.adapter, Frame(), {.waitMs = 0}));
-    });
+    Recorded("a received frame",
+             [&] { return static_cast<int>(hook::DeliverReceived(world.adapter, Frame(), {.waitMs = 0})); });
+    Recorded("a sent frame",
+             [&] { return static_cast<int>(hook::DeliverSent(world.adapter, Frame(), {.waitMs = 0})); });
     Recorded("a received frame in pieces", [&] {
-        return static_cast<int>(
-            hook::DeliverReceived(world.adapter, Frame(), {.presentBytes = 60, .pieces = {100}, .waitMs = 0}));
+        return static_cast<int>(hook::DeliverReceived(world.adapter, Frame(),
+                                                      {.presentBytes = 60, .pieces = {100}, .waitMs = 0}));
     });
     for (const bool unmapped : {false, true}) {
         if (FilterPacket* packet = Keep(world, unmapped)) {
             CALL(Filter_TransferPacketData, packet);
             CALL(Filter_ModifyPacket, packet);
             if (world.filters[0] != nullptr) {
-                CALL(Filter_InjectPacketFromFilter, FILTER_METHOD_START_AFTER_THIS_FILTER, world.filters[0], packet);
+                CALL(Filter_InjectPacketFromFilter, FILTER_METHOD_START_AFTER_THIS_FILTER, world.filters[0],
+                     packet);
             } else {
                 Release(packet);
             }
@@ -108,7 +107,8 @@ void UsePackets(World& world)
         }
         Release(packet);
     }
-    WithPacket(world, [&](auto* packet) { CALL(Filter_InvokeFilters, FILTER_TYPE_INJECT_TO_ADAPTER, packet); });
+    WithPacket(world,
+               [&](auto* packet) { CALL(Filter_InvokeFilters, FILTER_TYPE_INJECT_TO_ADAPTER, packet); });
     if (PacketFilter* filter = world.filters[0]) {
         WithPacket(world, [&](auto* packet) {
             CALL(Filter_InvokeFiltersEx, FILTER_METHOD_START_FROM_FIRST_FILTER, filter, packet);

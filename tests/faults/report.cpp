@@ -1,5 +1,7 @@
 #include "report.h"
 
+#include "silence.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -39,8 +41,8 @@ Counts Sum(const std::vector<Verdict>& verdicts)
 
 std::string Row(const std::string& name, size_t points, const Counts& counts)
 {
-    return fmt::format("{:<32}{:>7}{:>7}{:>8}{:>7}{:>8}{:>6}\n", name, points, counts[0], counts[1], counts[2],
-                       counts[3], counts[4]);
+    return fmt::format("{:<32}{:>7}{:>7}{:>8}{:>7}{:>8}{:>6}\n", name, points, counts[0], counts[1],
+                       counts[2], counts[3], counts[4]);
 }
 
 std::string Describe(const std::vector<Point>& points, const Verdict& verdict, bool withTrace)
@@ -66,6 +68,16 @@ std::string Describe(const std::vector<Point>& points, const Verdict& verdict, b
 
 void Report::CheckOutcomes()
 {
+    for (size_t i = 0; i < sets.size(); ++i) {
+        Verdict& verdict = verdicts[i];
+        const std::string kind = faults::NameOf(sets[i][0].kind);
+        if ((verdict.outcome == Outcome::Unmade || verdict.outcome == Outcome::Same) &&
+            !MayStaySilent(verdict.call, kind)) {
+            verdict.bad.push_back(
+                fmt::format("{} keeps the failure to itself ({})", verdict.call, NameOf(verdict.outcome)));
+            verdict.outcome = Outcome::Bad;
+        }
+    }
 }
 
 bool Report::IsGood() const
@@ -80,8 +92,8 @@ std::string Report::Text(bool verbose) const
     std::string text = fmt::format("{} calls, exports and control requests missing: {}\n", calls,
                                    missing.empty() ? "none" : fmt::format("{}", fmt::join(missing, " ")));
     if (!sets.empty()) {
-        text += fmt::format("{:<32}{:>7}{:>7}{:>8}{:>7}{:>8}{:>6}\n", "calls that fail", "points", "said", "unmade",
-                            "same", "missed", "bad");
+        text += fmt::format("{:<32}{:>7}{:>7}{:>8}{:>7}{:>8}{:>6}\n", "calls that fail", "points", "said",
+                            "unmade", "same", "missed", "bad");
         std::map<size_t, std::vector<Verdict>> kinds;
         for (size_t i = 0; i < sets.size(); ++i) {
             kinds[sets[i][0].kind].push_back(verdicts[i]);

@@ -11,8 +11,8 @@ namespace
 {
 
 // Answers diagnostics for "client", and declines the rest.
-NTSTATUS Handle(PVOID context, PIRP irp, ULONG code, PVOID input, ULONG inputLength, PVOID output, ULONG outputLength,
-                ULONG_PTR* returned)
+NTSTATUS Handle(PVOID context, PIRP irp, ULONG code, PVOID input, ULONG inputLength, PVOID output,
+                ULONG outputLength, ULONG_PTR* returned)
 {
     if (code == IOCTL_NDIS_FILTER_DIAG) {
         Diag* diag = nullptr;
@@ -23,7 +23,8 @@ NTSTATUS Handle(PVOID context, PIRP irp, ULONG code, PVOID input, ULONG inputLen
             return STATUS_SUCCESS;
         }
     }
-    return CALL(Filter_DefaultIoCtrlHandler, context, irp, code, input, inputLength, output, outputLength, returned);
+    return CALL(Filter_DefaultIoCtrlHandler, context, irp, code, input, inputLength, output, outputLength,
+                returned);
 }
 
 uint32_t IdOf(FilterAdapter* adapter)
@@ -70,7 +71,8 @@ void UseHandlers(World& world)
     Journal::Made(REQUEST(IOCTL_NDIS_FILTER_DIAG, line, reply).information > NDIS_FILTER_DIAG_HEADER_SIZE);
     const std::string own = "filter show filter";
     const std::span<const uint8_t> question(reinterpret_cast<const uint8_t*>(own.data()), own.size());
-    Journal::Made(REQUEST(IOCTL_NDIS_FILTER_DIAG, question, reply).information > NDIS_FILTER_DIAG_HEADER_SIZE);
+    Journal::Made(REQUEST(IOCTL_NDIS_FILTER_DIAG, question, reply).information >
+                  NDIS_FILTER_DIAG_HEADER_SIZE);
     hook::SetIoControlHandler([](uint32_t code, const void*, uint32_t, void*, uint32_t, uint32_t*) {
         return code == NDIS_FILTER_CTL_CODE(0xA00) ? STATUS_SUCCESS : STATUS_NOT_SUPPORTED;
     });
@@ -104,11 +106,10 @@ void UseRequests(World& world)
     REQUEST(IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, {}, Out(list));
     FilterEventHead head = {}; // of an adapter, so that no identifier is spent on it
     head.m_hAdapter = world.adapter;
-    Filter_ReportEventEx(1, 2, sizeof(head), &head);
-    Filter_ReportEventEx(3, 4, sizeof(head), &head);
+    REQUEST(IOCTL_NDIS_FILTER_CLEAR_EVENT);
+    CALL(Filter_ReportEventEx, 1, 2, sizeof(head), &head);
     UserEvent event = {};
     Journal::Made(REQUEST(IOCTL_NDIS_FILTER_GET_EVENT, {}, Out(event)).information == sizeof(event));
-    REQUEST(IOCTL_NDIS_FILTER_CLEAR_EVENT);
     UserIPConfig config = {};
     config.m_nAdapterId = IdOf(world.adapter);
     config.m_nIP = 1;

@@ -28,9 +28,9 @@ enum class Outcome {
 
 struct Verdict {
     Outcome outcome = Outcome::Bad;
-    std::string call;              // under way when the call failed
-    std::string answer;            // "-20 instead of 0"
-    std::vector<std::string> bad;  // what is wrong, each a sentence
+    std::string call;                 // under way when the call failed
+    std::string answer;               // "-20 instead of 0"
+    std::vector<std::string> bad;     // what is wrong, each a sentence
     std::vector<std::string> lasting; // calls of the short pass that the same machine answers otherwise since
     std::vector<std::string> trace;
 };
@@ -44,7 +44,7 @@ struct RunOptions {
 Reference Count(const RunOptions& options, std::string* error);
 
 // One run for each set of points. `startUpOnly`: the short pass takes the place of the scenario behind the start-up.
-std::vector<Verdict> RunAll(const std::vector<std::vector<Point>>& sets, bool startUpOnly, const Reference& reference,
-                            const RunOptions& options);
+std::vector<Verdict> RunAll(const std::vector<std::vector<Point>>& sets, bool startUpOnly,
+                            const Reference& reference, const RunOptions& options);
 
 } // namespace faults

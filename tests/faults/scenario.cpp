@@ -26,12 +26,14 @@ bool StartUp(World& world)
 {
     machine::SetDriveC(world.directory);
     machine::SetRegistryDword(support::kFrameworkService, "GlobalDebugFlag", kTraceEverything);
+    machine::SetRegistryDword(support::kFrameworkService, "PendingPacketLimit", 1000);
     machine::SetRegistryDword(support::kFrameworkService, "Number", 5);
     machine::SetRegistryString(support::kFrameworkService, "Text", "a text");
     if (Recorded("DriverEntry", [] { return support::LoadFramework(); }) < 0) {
         return false;
     }
-    const int32_t hookStatus = Recorded("HookDriverEntry", [] { return hook::Load({.packetLimit = kPackets}); });
+    const int32_t hookStatus =
+        Recorded("HookDriverEntry", [] { return hook::Load({.packetLimit = kPackets}); });
     if (hookStatus >= 0) {
         Recorded("a first adapter", [&] {
             world.adapter = hook::AddAdapter({.name = "{ADAPTER-1} first", .address = support::kOwnMac});
@@ -98,7 +100,8 @@ void UseAgain(World& world)
         };
         for (const auto deliver : {hook::DeliverReceived, hook::DeliverSent}) {
             const uint64_t before = delivered();
-            Recorded("a frame", [&] { return static_cast<int>(deliver(world.adapter, frame, {.waitMs = 0})); });
+            Recorded("a frame",
+                     [&] { return static_cast<int>(deliver(world.adapter, frame, {.waitMs = 0})); });
             Journal::Made(delivered() == before + 1);
         }
         if (FilterPacket* packet = NewPacket(world)) {

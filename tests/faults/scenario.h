@@ -70,8 +70,8 @@ FilterPacket* NewPacket(World& world); // null without one
 void KeepNext();
 FilterPacket* TakeKept();
 
-inline machine::Request::Result Ask(const char* name, World& world, uint32_t code, std::span<const uint8_t> input = {},
-                                    std::span<uint8_t> output = {})
+inline machine::Request::Result Ask(const char* name, World& world, uint32_t code,
+                                    std::span<const uint8_t> input = {}, std::span<uint8_t> output = {})
 {
     Journal::Begin(name);
     const machine::Request::Result result = world.device->Control(code, input, output);
@@ -79,7 +79,7 @@ inline machine::Request::Result Ask(const char* name, World& world, uint32_t cod
     return result;
 }
 // A control request under the name of its code.
-#define REQUEST(Code, ...) faults::Ask(#Code, world, Code __VA_OPT__(,) __VA_ARGS__)
+#define REQUEST(Code, ...) faults::Ask(#Code, world, Code __VA_OPT__(, ) __VA_ARGS__)
 
 template <class Record>
 std::span<const uint8_t> In(const Record& record)

@@ -97,7 +97,8 @@ PMDL DescribeData()
     return Recorded("KS_AllocateAndProbeMdl", [] {
         PMDL mdl = nullptr;
         const auto allocate = [](void* result) {
-            *static_cast<PMDL*>(result) = KS_AllocateAndProbeMdl(g_data, sizeof(kText), FALSE, FALSE, nullptr);
+            *static_cast<PMDL*>(result) =
+                KS_AllocateAndProbeMdl(g_data, sizeof(kText), FALSE, FALSE, nullptr);
         };
         HostCallGuarded(allocate, &mdl);
         return mdl;
@@ -130,8 +131,8 @@ void UseHelpers()
     CALL(KS_TransportAddressLength, Cast(address));
     PFILE_FULL_EA_INFORMATION attribute = nullptr;
     ULONG length = 0;
-    CALL(KS_BuildEaBuffer, TDI_TRANSPORT_ADDRESS_LENGTH, TdiTransportAddress, sizeof(address), &address, &attribute,
-         &length);
+    CALL(KS_BuildEaBuffer, TDI_TRANSPORT_ADDRESS_LENGTH, TdiTransportAddress, sizeof(address), &address,
+         &attribute, &length);
     if (attribute != nullptr) {
         ExFreePool(attribute);
     }
@@ -228,8 +229,8 @@ void UseDatagrams(PMDL mdl)
     }
     const auto completed = [](PVOID, PIO_STATUS_BLOCK, ULONG) {};
     KeInitializeEvent(&received, NotificationEvent, FALSE);
-    const NTSTATUS waiting = CALL(KS_ReceiveDatagramOnAddress, &address, &received, completed, nullptr, &result, mdl,
-                                  nullptr, nullptr, 0);
+    const NTSTATUS waiting = CALL(KS_ReceiveDatagramOnAddress, &address, &received, completed, nullptr,
+                                  &result, mdl, nullptr, nullptr, 0);
     const NTSTATUS sent =
         CALL(KS_SendDatagramOnAddress, &address, nullptr, nullptr, nullptr, nullptr, mdl, &to);
     if (!NT_SUCCESS(sent)) { // the peer hears of the address in another way
