@@ -136,8 +136,14 @@ void DisarmAll()
 
 std::vector<std::string> TraceOf(const Point& point)
 {
-    return IsKernelKind(point.kind) ? machine::FaultTrace(KernelKind(point.kind))
-                                    : std::vector<std::string>{};
+    std::vector<std::string> trace;
+    if (IsKernelKind(point.kind)) {
+        trace = machine::FaultTrace(KernelKind(point.kind));
+        const auto own = [](const std::string& name) { return name.find("6faults") != std::string::npos; };
+        trace.erase(std::find_if(trace.begin(), trace.end(), own),
+                    trace.end()); // the scenario, and who runs it
+    }
+    return trace;
 }
 
 } // namespace faults

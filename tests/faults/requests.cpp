@@ -73,6 +73,10 @@ void UseHandlers(World& world)
     const std::span<const uint8_t> question(reinterpret_cast<const uint8_t*>(own.data()), own.size());
     Journal::Made(REQUEST(IOCTL_NDIS_FILTER_DIAG, question, reply).information >
                   NDIS_FILTER_DIAG_HEADER_SIZE);
+    // Into a reply that is too short each text is formatted apart.
+    const std::string brief = "filter show driver";
+    const std::span<const uint8_t> request(reinterpret_cast<const uint8_t*>(brief.data()), brief.size());
+    REQUEST(IOCTL_NDIS_FILTER_DIAG, request, std::span(reply).first(NDIS_FILTER_DIAG_HEADER_SIZE + 8));
     hook::SetIoControlHandler([](uint32_t code, const void*, uint32_t, void*, uint32_t, uint32_t*) {
         return code == NDIS_FILTER_CTL_CODE(0xA00) ? STATUS_SUCCESS : STATUS_NOT_SUPPORTED;
     });

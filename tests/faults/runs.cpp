@@ -107,6 +107,12 @@ class Run
     }
 
   private:
+    bool HitAtStartUp() const
+    {
+        const int hit = Journal::HitEntry();
+        return points_.size() > 1 || (hit >= 0 && Journal::Entries()[static_cast<size_t>(hit)].startsUp);
+    }
+
     bool Includes(machine::Fault kind) const
     {
         return std::any_of(points_.begin(), points_.end(),
@@ -136,9 +142,10 @@ class Run
     // Every packet that was made has ended, and nothing is left in the hook driver's pool.
     void End()
     {
-        // The queue of a thread that could not be started keeps its packets.
+        // The queue of a worker that could not be started keeps its packets.
+        const bool mayKeep = Includes(machine::Fault::Thread) && HitAtStartUp();
         for (const std::string& line : hook::Outstanding()) {
-            if (!Includes(machine::Fault::Thread)) {
+            if (!mayKeep) {
                 Bad("not given back: " + line);
             }
         }
@@ -221,9 +228,7 @@ class Run
     void UseThisMachineAgain()
     {
         const size_t first = Journal::Entries().size();
-        const int hit = Journal::HitEntry();
-        const bool startUp =
-            points_.size() > 1 || (hit >= 0 && Journal::Entries()[static_cast<size_t>(hit)].startsUp);
+        const bool startUp = HitAtStartUp();
         UseAgain(world_);
         Check("behind the short pass");
         verdict_.lasting = Differences(first);

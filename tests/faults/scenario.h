@@ -75,7 +75,7 @@ inline machine::Request::Result Ask(const char* name, World& world, uint32_t cod
 {
     Journal::Begin(name);
     const machine::Request::Result result = world.device->Control(code, input, output);
-    Journal::End(result.status);
+    Journal::End(result.status < 0 ? result.status : static_cast<int64_t>(result.information));
     return result;
 }
 // A control request under the name of its code.

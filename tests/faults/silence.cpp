@@ -29,6 +29,7 @@ constexpr Silence kSilences[] = {
     // Told otherwise than by the status: a value of 20, an empty reply, the request's record, its completion.
     {"IOCTL_NDIS_FILTER_START_SHARE", "map-pages hook-MmMapLockedPages*"},
     {"IOCTL_NDIS_FILTER_DIAG a-request-of-nobody", "hook-HandleIoControl*"},
+    {"IOCTL_NDIS_FILTER_DIAG", "pool"},
     {"Filter_MakeNdisRequest", "hook-MakeNdisRequest"},
     {"KS_ReceiveDatagramOnAddress", "transport-ReceiveDatagram-later"},
     {"NdisAllocatePacket*", "pool ndis-packet"},
