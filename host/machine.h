@@ -100,7 +100,8 @@ void ReleaseTransportRequests();
 // On: all requests for data and connections complete on the transport's own thread. Off, the default: those that can
 // be completed at once, are, when their sender runs below DISPATCH_LEVEL.
 void CompleteTransportRequestsLater(bool on);
-void ClearTransportAnswers(); // takes back the two above; requests that are held stay
+void ClearTransportAnswers();                      // takes back the two above; requests that are held stay
+uint64_t TransportRequests(TransportRequest kind); // requests of the kind since ClearTransportAnswers
 
 // ------------------------------------------------------------------------------- user processes and requests
 
@@ -237,13 +238,18 @@ enum class Fault {
     Registry,
     File,
     Request,
+    Object,     // finding the object of a handle
+    NdisPacket, // pools of NDIS packets, and packets
     Count
 };
-void FailCall(Fault kind, uint64_t n);    // one call fails; a second FailCall of the kind replaces the first
-void FailAllFrom(Fault kind, uint64_t n); // the n-th and every later call fails
+void FailCall(Fault kind, uint64_t n); // one call fails; a second FailCall of the kind replaces the first
+void FailCalls(Fault kind, uint64_t n, uint64_t second); // two calls fail; n < second
+void FailAllFrom(Fault kind, uint64_t n);                // the n-th and every later call fails
 void ClearFaults();
 uint64_t FaultCalls(Fault kind); // calls of the kind since the last ClearFaults
-bool FaultHit(Fault kind);       // the armed call has happened
+bool FaultHit(Fault kind);       // the armed call has happened; of two the first
+// Who made the armed call: function names, innermost first, as far as the loader knows them. Empty while not hit.
+std::vector<std::string> FaultTrace(Fault kind);
 
 // ------------------------------------------------------------------------------------------------ debug output
 

@@ -126,6 +126,9 @@ NdisHookAPI MakeRecord(const BindOptions& options)
     api.Hook_GetTcpIpBoundAdapters = give(Function::GetTcpIpBoundAdapters, &HookGetTcpIpBoundAdapters);
     api.Hook_MmMapLockedPages = give(Function::MmMapLockedPages, &HookMmMapLockedPages);
     api.Hook_MmUnmapLockedPages = give(Function::MmUnmapLockedPages, &HookMmUnmapLockedPages);
+    if (options.watched) {
+        Watch(api);
+    }
     return api;
 }
 
