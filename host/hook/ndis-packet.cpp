@@ -34,7 +34,7 @@ PNDIS_BUFFER MakeBuffer(HookState& state, PUCHAR address, ULONG length, bool unm
         const auto lock = [](void* pages) {
             MmProbeAndLockPages(static_cast<PMDL>(pages), KernelMode, IoModifyAccess);
         };
-        if (mdl != nullptr && HostCallGuarded(lock, mdl) != STATUS_SUCCESS) {
+        if (mdl != nullptr && HostCallGuarded(mdl, lock) != STATUS_SUCCESS) {
             IoFreeMdl(mdl);
             mdl = nullptr;
         }

@@ -100,7 +100,7 @@ PMDL DescribeData()
             *static_cast<PMDL*>(result) =
                 KS_AllocateAndProbeMdl(g_data, sizeof(kText), FALSE, FALSE, nullptr);
         };
-        HostCallGuarded(allocate, &mdl);
+        HostCallGuarded(&mdl, allocate);
         return mdl;
     });
 }
