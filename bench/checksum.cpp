@@ -46,7 +46,7 @@ void GuardedCall(benchmark::State& state)
     benchmark::DoNotOptimize(routine);
     bench::SetWork(state, 0);
     for (auto _ : state) {
-        benchmark::DoNotOptimize(HostCallGuarded(routine, &state));
+        benchmark::DoNotOptimize(HostCallGuarded(&state, routine));
     }
 }
 

@@ -402,7 +402,7 @@ void RegisterHostKernel()
         benchmark::DoNotOptimize(g_slot.writer.load(std::memory_order_acquire));
         g_slot.readers.fetch_sub(1);
     });
-    RegisterPart("guard", [] { HostCallGuarded([](void*) {}, nullptr); });
+    RegisterPart("guard", [] { HostCallGuarded(nullptr, [](void*) {}); });
     RegisterPart("processor number", [] { benchmark::DoNotOptimize(KeGetCurrentProcessorNumber()); });
 }
 

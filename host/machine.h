@@ -16,6 +16,9 @@
 #include <string_view>
 #include <vector>
 
+struct _DRIVER_OBJECT; // of the kernel headers, for the type of entry routines
+struct _UNICODE_STRING;
+
 namespace machine
 {
 
@@ -23,8 +26,8 @@ using Status = int32_t; // NTSTATUS; negative values are errors
 
 // ---------------------------------------------------------------------------------------------------- drivers
 
-// The entry routine of a driver: NTSTATUS DriverEntry(DRIVER_OBJECT*, UNICODE_STRING*).
-using DriverEntry = Status (*)(void* driverObject, void* registryPath);
+// The entry routine of a driver.
+using DriverEntry = Status (*)(_DRIVER_OBJECT* driver, _UNICODE_STRING* registryPath);
 
 // Loads a driver that is linked into this program under a service name, for instance "NdisFilter". The registry
 // path handed to it is \Registry\Machine\System\CurrentControlSet\Services\<service>. Returns what the entry routine
@@ -97,7 +100,8 @@ void ReleaseTransportRequests();
 // On: all requests for data and connections complete on the transport's own thread. Off, the default: those that can
 // be completed at once, are, when their sender runs below DISPATCH_LEVEL.
 void CompleteTransportRequestsLater(bool on);
-void ClearTransportAnswers(); // takes back the two above; requests that are held stay
+void ClearTransportAnswers();                      // takes back the two above; requests that are held stay
+uint64_t TransportRequests(TransportRequest kind); // requests of the kind since ClearTransportAnswers
 
 // ------------------------------------------------------------------------------- user processes and requests
 
@@ -156,8 +160,8 @@ class Process
     std::shared_ptr<State> state_;
 };
 
-// A handle of a process to a device. Closing it sends cleanup and close, in that order; pending requests of the
-// handle are cancelled behind the cleanup.
+// A handle of a process to a device. Closing it cancels its pending requests; closing the last one of a file sends
+// cleanup and close as well, the one before the cancellations and the other behind them.
 class File
 {
   public:
@@ -165,6 +169,9 @@ class File
     File(const File&) = delete;
     File& operator=(const File&) = delete;
     void Close();
+    // Another handle of the same file, as DuplicateHandle or inheritance gives one to a process. Null when this one is
+    // closed.
+    std::unique_ptr<File> DuplicateFor(Process& process);
     // METHOD_BUFFERED device control; the call waits for the completion. On an error status nothing is copied back.
     Request::Result Control(uint32_t code, std::span<const uint8_t> input, std::span<uint8_t> output);
     // The same without waiting.
@@ -193,9 +200,20 @@ struct Violation {
 std::vector<Violation> TakeViolations(); // those since the last call; empties the list
 void PrintViolations(bool on);           // default on
 
+// Drivers read memory that they share with programs by ReadULongAcquire and RtlCopyVolatileMemory, and announce with
+// WriteULongRelease what they have written there. Builds without NDEBUG check that no byte is read twice in one
+// operation, which is what a thread does under the lock that it has taken last, or while it holds none: up to the next
+// lock or request. In them an observer is told of each such access just before it happens, on the thread that makes it,
+// at any IRQL; it may change the memory, as a program would. One at a time; null: none.
+enum class SharedAccess { Read, Announce };
+using SharedAccessObserver = void (*)(SharedAccess access, const volatile void* address, size_t size);
+void ObserveSharedAccess(SharedAccessObserver observer);
+bool ChecksSharedAccess(); // false in builds with NDEBUG
+
 // Counts of everything that a driver can leave behind.
 struct Census {
     size_t threads = 0, threadHandles = 0, poolBlocks = 0, poolBytes = 0, lookasideLists = 0, mdls = 0, views = 0;
+    size_t processReferences = 0; // of drivers
     size_t devices = 0, links = 0, drivers = 0, files = 0, requests = 0, timers = 0, workItems = 0, locksHeld = 0;
     bool operator==(const Census&) const = default;
 };
@@ -220,13 +238,18 @@ enum class Fault {
     Registry,
     File,
     Request,
+    Object,     // finding the object of a handle
+    NdisPacket, // pools of NDIS packets, and packets
     Count
 };
-void FailCall(Fault kind, uint64_t n);    // one call fails; a second FailCall of the kind replaces the first
-void FailAllFrom(Fault kind, uint64_t n); // the n-th and every later call fails
+void FailCall(Fault kind, uint64_t n); // one call fails; a second FailCall of the kind replaces the first
+void FailCalls(Fault kind, uint64_t n, uint64_t second); // two calls fail; n < second
+void FailAllFrom(Fault kind, uint64_t n);                // the n-th and every later call fails
 void ClearFaults();
 uint64_t FaultCalls(Fault kind); // calls of the kind since the last ClearFaults
-bool FaultHit(Fault kind);       // the armed call has happened
+bool FaultHit(Fault kind);       // the armed call has happened; of two the first
+// Who made the armed call: function names, innermost first, as far as the loader knows them. Empty while not hit.
+std::vector<std::string> FaultTrace(Fault kind);
 
 // ------------------------------------------------------------------------------------------------ debug output
 

@@ -10,14 +10,15 @@
 #include <utility>
 
 #include <fmt/format.h>
+#include <stdio_ext.h>
 
 namespace lab
 {
 namespace
 {
 
-constexpr size_t kFirstFrames = 1000;     // looked at for the adapter's address
-constexpr size_t kReadAhead = 256 * 1024; // bytes that are read at once
+constexpr size_t kFirstFrames = 1000;    // looked at for the adapter's address
+constexpr size_t kReadAhead = 64 * 1024; // bytes that are read at once
 
 [[noreturn]] void Fail(const std::string& path, const std::string& message)
 {
@@ -42,10 +43,11 @@ FrameBatch::FrameBatch(size_t capacity)
 
 void FrameBatch::Add(std::span<const uint8_t> bytes, uint64_t time)
 {
-    uint8_t* const place = &memory_[count_ * kLongestFrame];
+    uint8_t* const place = memory_.data() + used_; // one behind the other: what is small stays in the caches
     if (!bytes.empty()) {
         std::memcpy(place, bytes.data(), bytes.size());
     }
+    used_ += bytes.size();
     frames_[count_] = {place, bytes.size()};
     times_[count_] = time;
     ++count_;
@@ -63,6 +65,7 @@ void CaptureReader::Open()
         Fail(path_, fmt::format("cannot open it: {}", std::strerror(errno)));
     }
     std::setvbuf(file, nullptr, _IOFBF, kReadAhead);
+    __fsetlocking(file, FSETLOCKING_BYCALLER); // one thread at a time reads; libpcap reads two pieces a frame
     std::error_code error;
     if (std::filesystem::is_directory(path_, error)) {
         std::fclose(file);

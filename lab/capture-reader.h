@@ -29,9 +29,12 @@ class FrameBatch
         uint64_t time = 0; // nanoseconds since 1 January 1970
     };
     explicit FrameBatch(size_t capacity);
-    bool IsFull() const { return count_ == times_.size(); }
+    FrameBatch(FrameBatch&&) = default;
+    FrameBatch& operator=(FrameBatch&&) = default;
+    size_t Capacity() const { return times_.size(); }
+    bool IsFull() const { return count_ == Capacity(); }
     size_t Size() const { return count_; }
-    void Clear() { count_ = 0; }
+    void Clear() { count_ = used_ = 0; }
     void Add(std::span<const uint8_t> bytes, uint64_t time); // at most kLongestFrame bytes; not when full
     Frame operator[](size_t index) const { return {frames_[index], times_[index]}; }
     // Those from `first` on; what their times are is left out.
@@ -42,6 +45,7 @@ class FrameBatch
 
   private:
     size_t count_ = 0;
+    size_t used_ = 0; // bytes of the memory
     std::vector<uint8_t> memory_;
     std::vector<std::span<const uint8_t>> frames_; // in that memory
     std::vector<uint64_t> times_;

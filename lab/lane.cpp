@@ -13,6 +13,8 @@ namespace
 {
 
 constexpr MacAddress kDefaultAddress = {0x02, 0, 0, 0, 0, 0x01};
+constexpr size_t kBatchFrames = 512; // enough to be worth the hand-over between two threads
+constexpr size_t kPipeBatchFrames = 64;
 
 // The frame that this thread is handing to the framework, where times matter. What comes out meanwhile on the same
 // thread is that frame.
@@ -37,6 +39,7 @@ Lane::Lane(const LaneOptions& options) : options_(options), roundsLeft_(options.
         return;
     }
     reader_.emplace(options.capture);
+    fileSize_ = reader_->FileSize();
     if (options.rounds > 1 && !reader_->IsRegularFile()) {
         throw LabError(ExitCode::Usage,
                        fmt::format("{}: cannot be read more than once (--repeat, --loop), it is not a file",
@@ -147,12 +150,9 @@ bool Lane::StartNextRound()
     return true;
 }
 
-bool Lane::TakeBatch(FrameBatch& batch)
+// The thread's: the next frames, of as many rounds as are asked for.
+bool Lane::Fill(FrameBatch& batch)
 {
-    if (!reader_.has_value()) {
-        return false;
-    }
-    std::lock_guard lock(mutex_);
     while (!finished_ && !batch.IsFull()) {
         const size_t before = batch.Size();
         const bool more = reader_->Read(batch);
@@ -161,11 +161,33 @@ bool Lane::TakeBatch(FrameBatch& batch)
             finished_ = !StartNextRound();
         }
     }
-    framesTaken_ += batch.Size();
     const uint64_t roundsDone = options_.rounds - roundsLeft_;
     position_.store(roundsDone * reader_->FileSize() + (finished_ ? 0 : reader_->Position()),
                     std::memory_order_relaxed);
     return batch.Size() > 0;
+}
+
+void Lane::StartReading()
+{
+    if (reader_.has_value()) {
+        // Whoever feeds a pipe waits for what comes out of it.
+        readAhead_.emplace([this](FrameBatch& batch) { return Fill(batch); },
+                           reader_->IsRegularFile() ? kBatchFrames : kPipeBatchFrames);
+    }
+}
+
+bool Lane::TakeBatch(FrameBatch& batch)
+{
+    if (!readAhead_.has_value() || !readAhead_->Take(batch)) {
+        return false;
+    }
+    framesTaken_ += batch.Size();
+    return true;
+}
+
+void Lane::EndReading()
+{
+    readAhead_.reset();
 }
 
 bool Lane::IsSent(std::span<const uint8_t> frame) const

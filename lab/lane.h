@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -16,6 +15,7 @@
 
 #include "capture-reader.h"
 #include "capture-writer.h"
+#include "read-ahead.h"
 #include "report.h"
 
 namespace lab
@@ -52,8 +52,11 @@ class Lane
     // Makes the adapter; the hook driver must be bound. Throws LabError.
     void OpenAdapter();
 
-    // Takes the next frames, from any worker. False when the capture is through.
+    // Starts to read the capture, on a thread of its own. Before the first batch is taken.
+    void StartReading();
+    // Exchanges the batch for the next frames, from any worker. False when the capture is through.
     bool TakeBatch(FrameBatch& batch);
+    void EndReading(); // when no worker is left
     // Hands a frame to the framework, from any worker.
     hook::BatchResult Deliver(const FrameBatch& batch, size_t first, size_t most,
                               const hook::FrameOptions& options);
@@ -67,14 +70,14 @@ class Lane
     size_t DeliverBatch(hook::Side side, hook::Frames frames);
 
     // For the progress line, from any thread.
-    uint64_t FileSize() const { return reader_.has_value() ? reader_->FileSize() : 0; }
+    uint64_t FileSize() const { return fileSize_; } // as it was at first; 0: none, or no file
     uint64_t Position() const
     {
         return position_.load(std::memory_order_relaxed);
     } // bytes read, of all rounds
     uint64_t FramesTaken() const { return framesTaken_.load(std::memory_order_relaxed); }
 
-    // When no worker is left.
+    // When the reading has ended.
     const std::optional<std::string>& Failure() const
     {
         return failure_;
@@ -83,6 +86,7 @@ class Lane
     void AddNotes(std::vector<std::string>& notes) const;
 
   private:
+    bool Fill(FrameBatch& batch);
     bool StartNextRound();
     bool IsSent(std::span<const uint8_t> frame) const;
     bool IsWritten() const { return writers_[0] != nullptr || writers_[1] != nullptr; }
@@ -95,16 +99,19 @@ class Lane
     FilterAdapter* adapter_ = nullptr;
     std::unique_ptr<CaptureWriter> writers_[2]; // by hook::Side
     Outlet outlets_[2];                         // by hook::Side
+    uint64_t fileSize_ = 0;
     std::atomic<uint64_t> time_ = 0;            // of the frame replayed last
     std::atomic<uint64_t> position_ = 0;
     std::atomic<uint64_t> framesTaken_ = 0;
 
-    std::mutex mutex_;                    // of the rest
+    // The thread's while it reads.
     std::optional<CaptureReader> reader_; // nothing: there is no capture
     bool finished_ = false;
     uint64_t roundsLeft_;
-    uint64_t roundFrames_ = 0; // taken in this round
+    uint64_t roundFrames_ = 0; // read in this round
     std::optional<std::string> failure_;
+
+    std::optional<ReadAhead> readAhead_; // last: it uses the rest
 };
 
 } // namespace lab

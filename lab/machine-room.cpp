@@ -7,7 +7,7 @@
 #include <machine.h>
 
 // The entry routine of the framework, which is linked into the lab.
-extern "C" int32_t DriverEntry(void* driverObject, void* registryPath);
+extern "C" int32_t DriverEntry(_DRIVER_OBJECT* driver, _UNICODE_STRING* registryPath);
 
 namespace lab
 {
@@ -37,7 +37,8 @@ void SetRegistry(const std::vector<Setting>& settings)
 
 } // namespace
 
-MachineRoom::MachineRoom(const std::vector<Setting>& settings, uint32_t packetLimit, bool sockets) : sockets_(sockets)
+MachineRoom::MachineRoom(const std::vector<Setting>& settings, uint32_t packetLimit, bool sockets)
+    : sockets_(sockets)
 {
     machine::PrintViolations(false); // they are part of the report
     SetRegistry(settings);

@@ -165,8 +165,9 @@ void AddSessionOptions(CLI::App& command, Arguments& arguments)
             "Where the drivers' debug output goes; - is standard output (default: standard error with "
             "--debug-mask, else nowhere)")
         ->option_text("FILE");
-    command.add_flag("--sockets", options.sockets,
-                     "Drivers find \\Device\\Tcp and \\Device\\Udp: sockets on this computer's loopback addresses");
+    command.add_flag(
+        "--sockets", options.sockets,
+        "Drivers find \\Device\\Tcp and \\Device\\Udp: sockets on this computer's loopback addresses");
     command.add_flag("--quiet", options.quiet, "Neither progress nor remarks on standard error; errors only");
     command.add_flag("--json", arguments.json, "Print one JSON object instead of the table");
 }

@@ -12,7 +12,6 @@ namespace lab
 namespace
 {
 
-constexpr size_t kBatchFrames = 64;
 constexpr uint32_t kPacketWaitMs = 200; // between two looks at what moves
 constexpr auto kStallLimit = std::chrono::seconds(5);
 constexpr auto kStopLatency = std::chrono::milliseconds(50);
@@ -87,12 +86,11 @@ bool Traffic::DeliverAll(Lane& lane, const FrameBatch& batch)
 
 void Traffic::Work(size_t worker)
 {
-    FrameBatch batch(kBatchFrames);
+    FrameBatch batch(0); // the lanes' batches take its place
     // Workers start at different lanes and go round, so that several captures progress alike.
     size_t finished = 0;
     for (size_t turn = worker; finished < lanes_.size() && !MustStop(); ++turn) {
         Lane& lane = *lanes_[turn % lanes_.size()];
-        batch.Clear();
         if (!lane.TakeBatch(batch)) {
             ++finished;
             continue;
@@ -108,6 +106,9 @@ void Traffic::Run(Report& report)
 {
     start_ = Clock::now();
     report.started = true;
+    for (const auto& lane : lanes_) {
+        lane->StartReading();
+    }
     {
         const Progress progress(options_.progress, lanes_, options_.repeat);
         std::vector<std::jthread> workers;
@@ -118,6 +119,7 @@ void Traffic::Run(Report& report)
     report.seconds = std::chrono::duration<double>(Clock::now() - start_).count();
 
     for (const auto& lane : lanes_) {
+        lane->EndReading();
         if (lane->Failure().has_value()) {
             report.Fail(ExitCode::Capture, *lane->Failure());
         }

@@ -86,13 +86,11 @@ VOID HookMmMapLockedPages(PMDL mdl, ULONG, MappedMemory* mappedMemory)
         PMDL mdl;
         PVOID address;
     } mapping = {mdl, nullptr};
-    const NTSTATUS code = HostCallGuarded(
-        [](void* context) {
-            auto* job = static_cast<Mapping*>(context);
-            job->address = MmMapLockedPagesSpecifyCache(job->mdl, UserMode, MmCached, nullptr, FALSE,
-                                                        NormalPagePriority);
-        },
-        &mapping);
+    const NTSTATUS code = HostCallGuarded(&mapping, [](void* context) {
+        auto* job = static_cast<Mapping*>(context);
+        job->address =
+            MmMapLockedPagesSpecifyCache(job->mdl, UserMode, MmCached, nullptr, FALSE, NormalPagePriority);
+    });
     mappedMemory->m_pUserModeVirtualAddress =
         code == STATUS_SUCCESS ? reinterpret_cast<ULONG_PTR>(mapping.address) : 0;
 }
@@ -128,6 +126,9 @@ NdisHookAPI MakeRecord(const BindOptions& options)
     api.Hook_GetTcpIpBoundAdapters = give(Function::GetTcpIpBoundAdapters, &HookGetTcpIpBoundAdapters);
     api.Hook_MmMapLockedPages = give(Function::MmMapLockedPages, &HookMmMapLockedPages);
     api.Hook_MmUnmapLockedPages = give(Function::MmUnmapLockedPages, &HookMmUnmapLockedPages);
+    if (options.watched) {
+        Watch(api);
+    }
     return api;
 }
 
@@ -348,14 +349,12 @@ std::string DescribePlace(PCSTR file, ULONG line)
         PCSTR from;
         char text[200];
     } reading = {file, {}};
-    const NTSTATUS code = HostCallGuarded(
-        [](void* context) {
-            auto* job = static_cast<Reading*>(context);
-            for (size_t i = 0; i + 1 < sizeof(job->text) && job->from[i] != 0; ++i) {
-                job->text[i] = job->from[i];
-            }
-        },
-        &reading);
+    const NTSTATUS code = HostCallGuarded(&reading, [](void* context) {
+        auto* job = static_cast<Reading*>(context);
+        for (size_t i = 0; i + 1 < sizeof(job->text) && job->from[i] != 0; ++i) {
+            job->text[i] = job->from[i];
+        }
+    });
     if (code != STATUS_SUCCESS) {
         return "a module that is unloaded, line " + std::to_string(line);
     }
@@ -448,8 +447,7 @@ void SetIoControlHandler(IoControlHandler handler)
 
 } // namespace hook
 
-int32_t HookDriverEntry(void* driverObject, void* registryPath)
+int32_t HookDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath)
 {
-    return hook::LoadDriver(static_cast<PDRIVER_OBJECT>(driverObject),
-                            static_cast<PUNICODE_STRING>(registryPath));
+    return hook::LoadDriver(driver, registryPath);
 }

@@ -20,7 +20,7 @@ constexpr UCHAR kAbsentByte = 0xDB; // where the rest of a frame belongs that is
 template <class Body>
 NTSTATUS CallGuarded(Body& body)
 {
-    return HostCallGuarded([](void* context) { (*static_cast<Body*>(context))(); }, &body);
+    return HostCallGuarded(&body, [](void* context) { (*static_cast<Body*>(context))(); });
 }
 
 bool FillPacket(HookState& state, FilterPacket* packet, VirtualAdapter& adapter,
@@ -307,6 +307,20 @@ ULONG InjectPacket(FilterAdapter* adapter, FilterPacket* packet)
 }
 
 } // namespace
+
+void RefusePacket(FilterAdapter*, FilterPacket* packet)
+{
+    if (packet == nullptr || !CheckOut(packet, "Hook_InjectPacket", nullptr, 0)) {
+        return;
+    }
+    ProcessorScope scope;
+    if (HookState* state = scope.State(); state != nullptr) {
+        HeaderOf(packet)->freedFile = "a delivery that was to fail";
+        HeaderOf(packet)->freedLine = 0;
+        Add(state->counts[scope.Number()].refused, 1);
+        RetirePacket(*state, scope, packet);
+    }
+}
 
 Accepted DeliverReceived(FilterAdapter* adapter, std::span<const uint8_t> frame, const FrameOptions& options)
 {

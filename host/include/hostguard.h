@@ -9,8 +9,8 @@ EXTERN_C_START
 // raised with ExRaiseStatus or ExRaiseAccessViolation, or the code of a fault (0xC0000005 access violation,
 // 0xC0000006 in-page error, 0xC0000094 integer division by zero, 0xC000001D illegal instruction). The frames
 // below the guard are abandoned: their destructors do not run. Guards nest; the innermost guard of the thread
-// takes the exception. A fault outside any guard ends the process as if there were no guards. Any IRQL; the
-// IRQL is not restored.
-NTSTATUS HostCallGuarded(void (*routine)(void* context), void* context);
+// takes the exception. A fault outside any guard ends the process as if there were no guards, and so does one in
+// code that was built without unwind tables. Any IRQL; the IRQL is not restored.
+NTSTATUS HostCallGuarded(void* context, void (*routine)(void* context));
 
 EXTERN_C_END

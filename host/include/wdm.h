@@ -134,6 +134,31 @@ FORCEINLINE PVOID InterlockedCompareExchangePointer(PVOID volatile* Destination,
     return Comparand;
 }
 
+// Of memory that a program may change at any moment. Builds with NDEBUG have them in line;
+// in all others the kernel checks that no operation reads the same memory twice.
+#ifdef NDEBUG
+FORCEINLINE ULONG ReadULongAcquire(ULONG const volatile* Source)
+{
+    return __atomic_load_n(Source, __ATOMIC_ACQUIRE);
+}
+
+FORCEINLINE VOID WriteULongRelease(ULONG volatile* Destination, ULONG Value)
+{
+    __atomic_store_n(Destination, Value, __ATOMIC_RELEASE);
+}
+
+// The fence is the compiler's alone: it makes no second copy out of the source later on.
+FORCEINLINE VOID RtlCopyVolatileMemory(VOID volatile* Destination, VOID const volatile* Source, SIZE_T Length)
+{
+    memcpy((PVOID)Destination, (const VOID*)Source, Length);
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
+}
+#else
+ULONG ReadULongAcquire(ULONG const volatile* Source);
+VOID WriteULongRelease(ULONG volatile* Destination, ULONG Value);
+VOID RtlCopyVolatileMemory(VOID volatile* Destination, VOID const volatile* Source, SIZE_T Length);
+#endif
+
 #define KeMemoryBarrier() __atomic_thread_fence(__ATOMIC_SEQ_CST)
 #define YieldProcessor() __builtin_ia32_pause()
 
@@ -221,7 +246,12 @@ KIRQL KeGetCurrentIrql(VOID);
 KIRQL KfRaiseIrql(KIRQL NewIrql);
 KIRQL KeRaiseIrqlToDpcLevel(VOID);
 VOID KeLowerIrql(KIRQL NewIrql);
-ULONG KeGetCurrentProcessorNumber(VOID);
+// Of the calling thread: the processor that it owns at DISPATCH_LEVEL, else the last one it owned. The kernel writes it.
+extern __thread ULONG HostProcessorNumber __attribute__((tls_model("initial-exec")));
+FORCEINLINE ULONG KeGetCurrentProcessorNumber(VOID)
+{
+    return HostProcessorNumber;
+}
 #define KeRaiseIrql(NewIrql, OldIrql) *(OldIrql) = KfRaiseIrql(NewIrql)
 
 VOID KeInitializeSpinLock(PKSPIN_LOCK SpinLock);
@@ -278,6 +308,20 @@ HANDLE PsGetCurrentThreadId(VOID);
 VOID KeEnterCriticalRegion(VOID);
 VOID KeLeaveCriticalRegion(VOID);
 PEPROCESS IoGetCurrentProcess(VOID);
+
+// Where a thread was before it attached to a process; the caller's memory until the detach.
+typedef struct _KAPC_STATE {
+    LIST_ENTRY ApcListHead[2]; // the first one's Flink: the state of the attachment around this one, or null
+    PKPROCESS Process;
+    BOOLEAN KernelApcInProgress;
+    BOOLEAN KernelApcPending;
+    BOOLEAN UserApcPending;
+} KAPC_STATE, *PKAPC_STATE, *PRKAPC_STATE;
+
+// From the one to the other the calling thread runs in the address space of the process. They nest.
+VOID KeStackAttachProcess(PRKPROCESS Process, PRKAPC_STATE ApcState);
+VOID KeUnstackDetachProcess(PRKAPC_STATE ApcState);
+
 #define PsGetCurrentProcess IoGetCurrentProcess
 #define PsGetCurrentThread() ((PETHREAD)KeGetCurrentThread())
 

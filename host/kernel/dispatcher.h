@@ -1,4 +1,4 @@
-// The heart of waiting: one lock guards every dispatcher object (events, timers, threads), the waiting
+// The heart of waiting: one lock guards every dispatcher object (events, timers, threads, processes), the waiting
 // threads, the clock, deferred calls and work items, as the dispatcher lock of a real kernel does. It is a
 // leaf among the kernel's locks: nothing is called out while it is held.
 #pragma once
@@ -18,6 +18,7 @@ namespace kernel
 enum : UCHAR {
     kNotificationEvent = 0,
     kSynchronizationEvent = 1,
+    kProcessObject = 3,
     kThreadObject = 6,
     kNotificationTimer = 8,
     kSynchronizationTimer = 9,

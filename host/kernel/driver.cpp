@@ -79,12 +79,19 @@ struct Kind {
     const char* rule;
 };
 constexpr Kind kKinds[] = {
-    {&machine::Census::threads, "thread-left"},  {&machine::Census::threadHandles, "handle-left"},
-    {&machine::Census::poolBlocks, "pool-left"}, {&machine::Census::lookasideLists, "lookaside-left"},
-    {&machine::Census::mdls, "mdl-left"},        {&machine::Census::views, "view-left"},
-    {&machine::Census::devices, "device-left"},  {&machine::Census::links, "link-left"},
-    {&machine::Census::files, "file-left"},      {&machine::Census::requests, "request-left"},
-    {&machine::Census::timers, "timer-left"},    {&machine::Census::workItems, "work-item-left"},
+    {&machine::Census::threads, "thread-left"},
+    {&machine::Census::threadHandles, "handle-left"},
+    {&machine::Census::poolBlocks, "pool-left"},
+    {&machine::Census::lookasideLists, "lookaside-left"},
+    {&machine::Census::mdls, "mdl-left"},
+    {&machine::Census::views, "view-left"},
+    {&machine::Census::processReferences, "process-reference-left"},
+    {&machine::Census::devices, "device-left"},
+    {&machine::Census::links, "link-left"},
+    {&machine::Census::files, "file-left"},
+    {&machine::Census::requests, "request-left"},
+    {&machine::Census::timers, "timer-left"},
+    {&machine::Census::workItems, "work-item-left"},
     {&machine::Census::locksHeld, "lock-left"},
 };
 

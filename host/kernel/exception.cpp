@@ -1,7 +1,6 @@
-// Exception guards. HostCallGuarded is a small routine in assembly that saves the registers a callee must
-// keep and links its frame into the thread's guards. A fault handler puts the stack pointer and the
-// instruction pointer of the faulting context back to the innermost frame, so that recovery does not depend
-// on how the faulting code was built.
+// Exception guards. HostCallGuarded costs a call and leaves nothing behind for the case of a fault: as on Windows, the
+// fault handler finds the innermost guard by unwinding the stack with the tables that compilers write for every
+// function, and puts the faulting context back into it.
 //
 // The thread sanitizer keeps its own record of calls and signal masks, which only sigsetjmp and siglongjmp
 // restore; its build uses those.
@@ -16,6 +15,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <ucontext.h>
+#include <unwind.h>
 
 namespace
 {
@@ -60,27 +60,25 @@ struct Guard {
 
 __thread Guard* t_guard;
 
-[[noreturn]] void JumpToGuard(NTSTATUS code)
+// Returns when there is no guard.
+void JumpToGuard(NTSTATUS code)
 {
+    if (t_guard == nullptr)
+        return;
     t_guard->code = code;
     siglongjmp(t_guard->jump, 1);
 }
 
 void HandleFault(int signal, siginfo_t* info, void*)
 {
-    if (t_guard == nullptr || info->si_code <= 0)
-        return PassOn(signal, info);
-    JumpToGuard(CodeOf(signal));
-}
-
-bool IsGuarded()
-{
-    return t_guard != nullptr;
+    if (info->si_code > 0)
+        JumpToGuard(CodeOf(signal));
+    PassOn(signal, info);
 }
 
 } // namespace
 
-NTSTATUS HostCallGuarded(void (*routine)(void*), void* context)
+NTSTATUS HostCallGuarded(void* context, void (*routine)(void*))
 {
     Guard guard;
     guard.outer = t_guard;
@@ -100,11 +98,23 @@ void kernel::ForgetGuards()
 
 #else
 
+namespace
+{
+
+// What a guard needs to go on: the registers that a callee keeps and its stack pointer. host_guard_resume knows the
+// order.
+struct GuardFrame {
+    uint64_t rbx, rbp, r12, r13, r14, r15, rsp;
+};
+
+} // namespace
+
 extern "C" {
-// The innermost guard's frame: the stack pointer under which the outer guard's frame is saved.
-__attribute__((used, visibility("hidden"), tls_model("initial-exec"))) __thread void* host_guard_frame;
+// Where the guarded routine returns to, and where an exception goes on: its code in eax, the stack as at the return.
+__attribute__((visibility("hidden"))) extern char host_guard_return[];
 __attribute__((visibility("hidden"))) extern char host_guard_recover[];
-__attribute__((visibility("hidden"), noreturn)) void host_guard_raise(NTSTATUS code);
+__attribute__((visibility("hidden"), noreturn)) void host_guard_resume(const GuardFrame* frame,
+                                                                       NTSTATUS code);
 }
 
 asm(R"(
@@ -114,109 +124,115 @@ asm(R"(
     .type HostCallGuarded, @function
 HostCallGuarded:
     .cfi_startproc
-    pushq %rbp
+    subq $8, %rsp
     .cfi_adjust_cfa_offset 8
-    .cfi_rel_offset %rbp, 0
-    pushq %rbx
-    .cfi_adjust_cfa_offset 8
-    .cfi_rel_offset %rbx, 0
-    pushq %r12
-    .cfi_adjust_cfa_offset 8
-    .cfi_rel_offset %r12, 0
-    pushq %r13
-    .cfi_adjust_cfa_offset 8
-    .cfi_rel_offset %r13, 0
-    pushq %r14
-    .cfi_adjust_cfa_offset 8
-    .cfi_rel_offset %r14, 0
-    pushq %r15
-    .cfi_adjust_cfa_offset 8
-    .cfi_rel_offset %r15, 0
-    movq host_guard_frame@gottpoff(%rip), %rdx
-    pushq %fs:(%rdx)
-    .cfi_adjust_cfa_offset 8
-    movq %rsp, %fs:(%rdx)
-    movq %rdi, %rax
-    movq %rsi, %rdi
-    call *%rax
+    call *%rsi
+    .globl host_guard_return
+    .hidden host_guard_return
+host_guard_return:
     xorl %eax, %eax
-    movq host_guard_frame@gottpoff(%rip), %rdx
-    popq %fs:(%rdx)
-    .cfi_adjust_cfa_offset -8
-    .cfi_remember_state
-    addq $48, %rsp
-    .cfi_adjust_cfa_offset -48
-    ret
-
-    # The code of the exception comes in eax, the frame in rsp.
     .globl host_guard_recover
     .hidden host_guard_recover
 host_guard_recover:
-    .cfi_restore_state
-    .cfi_adjust_cfa_offset 8
-    movq host_guard_frame@gottpoff(%rip), %rdx
-    popq %fs:(%rdx)
-    .cfi_adjust_cfa_offset -8
-    popq %r15
-    .cfi_adjust_cfa_offset -8
-    popq %r14
-    .cfi_adjust_cfa_offset -8
-    popq %r13
-    .cfi_adjust_cfa_offset -8
-    popq %r12
-    .cfi_adjust_cfa_offset -8
-    popq %rbx
-    .cfi_adjust_cfa_offset -8
-    popq %rbp
+    addq $8, %rsp
     .cfi_adjust_cfa_offset -8
     ret
     .cfi_endproc
     .size HostCallGuarded, . - HostCallGuarded
 
-    .globl host_guard_raise
-    .hidden host_guard_raise
-    .type host_guard_raise, @function
-host_guard_raise:
-    movl %edi, %eax
-    movq host_guard_frame@gottpoff(%rip), %rdx
-    movq %fs:(%rdx), %rsp
+    .globl host_guard_resume
+    .hidden host_guard_resume
+    .type host_guard_resume, @function
+host_guard_resume:
+    movl %esi, %eax
+    movq (%rdi), %rbx
+    movq 8(%rdi), %rbp
+    movq 16(%rdi), %r12
+    movq 24(%rdi), %r13
+    movq 32(%rdi), %r14
+    movq 40(%rdi), %r15
+    movq 48(%rdi), %rsp
     jmp host_guard_recover
-    .size host_guard_raise, . - host_guard_raise
+    .size host_guard_resume, . - host_guard_resume
 )");
 
 namespace
 {
 
-[[noreturn]] void JumpToGuard(NTSTATUS code)
+_Unwind_Reason_Code LookForGuard(_Unwind_Context* context, void* found)
 {
+    if (_Unwind_GetIP(context) != reinterpret_cast<uintptr_t>(host_guard_return))
+        return _URC_NO_REASON;
+    // The numbers of the System V ABI for x86-64.
+    *static_cast<GuardFrame*>(found) = {
+        .rbx = _Unwind_GetGR(context, 3),
+        .rbp = _Unwind_GetGR(context, 6),
+        .r12 = _Unwind_GetGR(context, 12),
+        .r13 = _Unwind_GetGR(context, 13),
+        .r14 = _Unwind_GetGR(context, 14),
+        .r15 = _Unwind_GetGR(context, 15),
+        .rsp = _Unwind_GetCFA(context),
+    };
+    return _URC_NORMAL_STOP;
+}
+
+// The innermost guard among the callers. A fault handler's callers are those of the faulting instruction.
+bool FindGuard(GuardFrame* frame)
+{
+    frame->rsp = 0;
+    _Unwind_Backtrace(LookForGuard, frame);
+    return frame->rsp != 0;
+}
+
+// A call to where there is no code faults in no function at all; such a context is put back to its call.
+void ReturnFromNowhere(greg_t* registers)
+{
+    if (_Unwind_FindEnclosingFunction(reinterpret_cast<void*>(registers[REG_RIP] + 1)) != nullptr)
+        return;
+    registers[REG_RIP] = *reinterpret_cast<const greg_t*>(registers[REG_RSP]) - 1;
+    registers[REG_RSP] += 8;
+}
+
+// Returns when there is no guard.
+void JumpToGuard(NTSTATUS code)
+{
+    GuardFrame frame;
+    if (!FindGuard(&frame))
+        return;
     kernel::AbandonFrames();
-    host_guard_raise(code);
+    host_guard_resume(&frame, code);
 }
 
 void HandleFault(int signal, siginfo_t* info, void* context)
 {
-    if (host_guard_frame == nullptr || info->si_code <= 0)
+    greg_t* registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
+    const greg_t instruction = registers[REG_RIP], stack = registers[REG_RSP];
+    if (info->si_code <= 0)
         return PassOn(signal, info);
+    ReturnFromNowhere(registers);
+    GuardFrame frame;
+    if (!FindGuard(&frame)) {
+        registers[REG_RIP] = instruction;
+        registers[REG_RSP] = stack;
+        return PassOn(signal, info);
+    }
     kernel::AbandonFrames();
     constexpr greg_t kDirectionFlag = 0x400, kAlignmentCheckFlag = 0x40000;
-    greg_t* registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
+    registers[REG_RBX] = static_cast<greg_t>(frame.rbx);
+    registers[REG_RBP] = static_cast<greg_t>(frame.rbp);
+    registers[REG_R12] = static_cast<greg_t>(frame.r12);
+    registers[REG_R13] = static_cast<greg_t>(frame.r13);
+    registers[REG_R14] = static_cast<greg_t>(frame.r14);
+    registers[REG_R15] = static_cast<greg_t>(frame.r15);
+    registers[REG_RSP] = static_cast<greg_t>(frame.rsp);
     registers[REG_RAX] = static_cast<greg_t>(static_cast<ULONG>(CodeOf(signal)));
-    registers[REG_RSP] = reinterpret_cast<greg_t>(host_guard_frame);
     registers[REG_RIP] = reinterpret_cast<greg_t>(host_guard_recover);
     registers[REG_EFL] &= ~(kDirectionFlag | kAlignmentCheckFlag);
 }
 
-bool IsGuarded()
-{
-    return host_guard_frame != nullptr;
-}
-
 } // namespace
 
-void kernel::ForgetGuards()
-{
-    host_guard_frame = nullptr;
-}
+void kernel::ForgetGuards() {}
 
 #endif
 
@@ -238,11 +254,9 @@ __attribute__((constructor)) void InstallFaultHandlers()
 
 VOID ExRaiseStatus(NTSTATUS Status)
 {
-    if (!IsGuarded()) {
-        kernel::Report("unhandled-exception", "ExRaiseStatus", "status %08X", static_cast<ULONG>(Status));
-        abort();
-    }
     JumpToGuard(Status);
+    kernel::Report("unhandled-exception", "ExRaiseStatus", "status %08X", static_cast<ULONG>(Status));
+    abort();
 }
 
 VOID ExRaiseAccessViolation(VOID)

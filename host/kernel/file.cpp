@@ -85,7 +85,7 @@ void DestroyFile(void* body)
     kernel::CloseDevice(file->DeviceObject);
 }
 
-// No handle is ever duplicated: this was the only one.
+// No handle of the kernel is ever duplicated: this was the only one.
 void CloseFileHandle(void* body)
 {
     kernel::CleanupFile(static_cast<FILE_OBJECT*>(body));

@@ -7,6 +7,8 @@
 #include <time.h>
 #include <unistd.h>
 
+__thread ULONG HostProcessorNumber;
+
 namespace kernel
 {
 
@@ -24,6 +26,7 @@ bool TryEnter(ThreadState& thread, uint32_t number)
     if (g_processors[number].taken.exchange(1, std::memory_order_acquire) != 0)
         return false;
     thread.processor = static_cast<int>(number) + 1;
+    HostProcessorNumber = number;
     // A writer that scans reader slots loads the limit after it has set its mark. Raising the limit before
     // any slot of this processor is used makes one of the two see the other.
     uint32_t limit = g_processorLimit.load();
@@ -150,12 +153,6 @@ KIRQL KeRaiseIrqlToDpcLevel(VOID)
 VOID KeLowerIrql(KIRQL NewIrql)
 {
     LowerTo(t_thread, NewIrql, "KeLowerIrql");
-}
-
-ULONG KeGetCurrentProcessorNumber(VOID)
-{
-    int processor = t_thread.processor;
-    return static_cast<ULONG>(processor - (processor != 0));
 }
 
 namespace machine

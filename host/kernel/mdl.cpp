@@ -134,16 +134,19 @@ void UnmapFromKernel(MDL* mdl)
 
 } // namespace
 
-void EndViews(uint32_t processId)
+void EndViews(uint32_t processId, bool handlesLeft)
 {
     Views& views = AllViews();
     std::lock_guard lock(views.mutex);
-    std::erase_if(views.list, [processId](const View& view) {
+    std::erase_if(views.list, [=](const View& view) {
         if (view.process != processId) {
             return false;
         }
-        Report("view-left-in-process", "process end", "process %u ended with %zu bytes still mapped at %p",
-               processId, view.length, view.address);
+        if (!handlesLeft) {
+            Report("view-left-in-process", "process end",
+                   "process %u ended with %zu bytes still mapped at %p", processId, view.length,
+                   view.address);
+        }
         Unmap(view);
         return true;
     });

@@ -74,14 +74,22 @@ POBJECT_TYPE TypeOfObject(const void* body, const char* function)
     return HeaderOf(body)->type;
 }
 
-void ReferenceObject(void* body)
+LONG_PTR ReferenceObject(void* body)
 {
-    ObfReferenceObject(body);
+    return HeaderOf(body)->references.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
-void DereferenceObject(void* body)
+LONG_PTR DereferenceObject(void* body)
 {
-    ObfDereferenceObject(body);
+    POBJECT_TYPE type = HeaderOf(body)->type;
+    LONG_PTR left = HeaderOf(body)->references.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    if (left == 0) {
+        if (type->destroy != nullptr)
+            type->destroy(body);
+        HeaderOf(body)->magic = 0;
+        std::free(HeaderOf(body));
+    }
+    return left;
 }
 
 HANDLE CreateHandle(void* body)
@@ -101,15 +109,33 @@ HANDLE CreateHandle(void* body)
     return HandleOf(table.bodies.size() - 1);
 }
 
+NTSTATUS FindObject(HANDLE handle, POBJECT_TYPE type, void** body)
+{
+    *body = nullptr;
+    HandleTable& table = Handles();
+    std::lock_guard lock(table.mutex);
+    void** slot = SlotOf(table, handle);
+    if (slot == nullptr)
+        return STATUS_INVALID_HANDLE;
+    if (type != nullptr && HeaderOf(*slot)->type != type)
+        return STATUS_OBJECT_TYPE_MISMATCH;
+    ReferenceObject(*slot);
+    *body = *slot;
+    return STATUS_SUCCESS;
+}
+
 } // namespace kernel
 
 using namespace kernel;
 
 LONG_PTR ObfReferenceObject(PVOID Object)
 {
-    if (TypeOfObject(Object, "ObReferenceObject") == nullptr)
+    POBJECT_TYPE type = TypeOfObject(Object, "ObReferenceObject");
+    if (type == nullptr)
         return 0;
-    return HeaderOf(Object)->references.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (type->countsReferences)
+        Live().processReferences++;
+    return ReferenceObject(Object);
 }
 
 LONG_PTR ObfDereferenceObject(PVOID Object)
@@ -117,31 +143,20 @@ LONG_PTR ObfDereferenceObject(PVOID Object)
     POBJECT_TYPE type = TypeOfObject(Object, "ObDereferenceObject");
     if (type == nullptr)
         return 0;
-    LONG_PTR left = HeaderOf(Object)->references.fetch_sub(1, std::memory_order_acq_rel) - 1;
-    if (left == 0) {
-        if (type->destroy != nullptr)
-            type->destroy(Object);
-        HeaderOf(Object)->magic = 0;
-        std::free(HeaderOf(Object));
-    }
-    return left;
+    if (type->countsReferences)
+        Live().processReferences--;
+    return DereferenceObject(Object);
 }
 
 NTSTATUS ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK, POBJECT_TYPE ObjectType, KPROCESSOR_MODE,
                                    PVOID* Object, POBJECT_HANDLE_INFORMATION)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "ObReferenceObjectByHandle");
-    *Object = nullptr;
-    HandleTable& table = Handles();
-    std::lock_guard lock(table.mutex);
-    void** slot = SlotOf(table, Handle);
-    if (slot == nullptr)
-        return STATUS_INVALID_HANDLE;
-    if (ObjectType != nullptr && HeaderOf(*slot)->type != ObjectType)
-        return STATUS_OBJECT_TYPE_MISMATCH;
-    ReferenceObject(*slot);
-    *Object = *slot;
-    return STATUS_SUCCESS;
+    if (Fails(machine::Fault::Object)) {
+        *Object = nullptr;
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    return FindObject(Handle, ObjectType, Object);
 }
 
 NTSTATUS ZwClose(HANDLE Handle)

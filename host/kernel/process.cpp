@@ -1,6 +1,7 @@
 // User processes, their handles and their requests.
 #include "process.h"
 
+#include "dispatcher.h"
 #include "file.h"
 #include "irp.h"
 #include "machine.h"
@@ -12,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 namespace kernel
 {
@@ -19,8 +21,38 @@ namespace kernel
 namespace
 {
 
-// The identifier and the name that it has on every machine.
-_EPROCESS systemProcess = {.id = 4, .mapPages = {}, .imageName = "System", .searched = {}};
+void DestroyProcess(void* body)
+{
+    static_cast<PEPROCESS>(body)->~_EPROCESS();
+}
+
+_OBJECT_TYPE processType = {"Process", DestroyProcess, nullptr, true};
+
+PEPROCESS NewProcess(uint32_t id, const char* imageName)
+{
+    void* body = CreateObject(&processType, sizeof(_EPROCESS));
+    if (body == nullptr) {
+        throw std::bad_alloc();
+    }
+    auto* process = new (body) _EPROCESS{};
+    InitializeHeader(&process->Header, kProcessObject, sizeof(DISPATCHER_HEADER), false);
+    process->id = id;
+    std::strncpy(process->imageName, imageName, sizeof(process->imageName) - 1);
+    return process;
+}
+
+// With the identifier and the name that it has on every machine. It never ends.
+PEPROCESS SystemProcess()
+{
+    static const PEPROCESS process = NewProcess(4, "System");
+    return process;
+}
+
+// The process that the thread belongs to, attached or not.
+PEPROCESS OwnProcess()
+{
+    return t_thread.process != nullptr ? t_thread.process : SystemProcess();
+}
 
 } // namespace
 
@@ -45,13 +77,42 @@ ProcessScope::~ProcessScope()
 
 PEPROCESS IoGetCurrentProcess(VOID)
 {
-    PEPROCESS process = kernel::t_thread.process;
-    return process != nullptr ? process : &kernel::systemProcess;
+    const kernel::ThreadState& thread = kernel::t_thread;
+    return thread.attachment != nullptr ? thread.attached : kernel::OwnProcess();
 }
 
 HANDLE PsGetCurrentProcessId(VOID)
 {
-    return reinterpret_cast<HANDLE>(static_cast<uintptr_t>(IoGetCurrentProcess()->id));
+    return reinterpret_cast<HANDLE>(static_cast<uintptr_t>(kernel::OwnProcess()->id));
+}
+
+VOID KeStackAttachProcess(PRKPROCESS Process, PRKAPC_STATE ApcState)
+{
+    using namespace kernel;
+    RequireIrqlAtMost(APC_LEVEL, "KeStackAttachProcess");
+    *ApcState = {};
+    if (TypeOfObject(Process, "KeStackAttachProcess") != &processType) {
+        return; // its detach is reported
+    }
+    ThreadState& thread = t_thread;
+    ApcState->ApcListHead[0].Flink = reinterpret_cast<PLIST_ENTRY>(thread.attachment);
+    ApcState->Process = thread.attached;
+    thread.attachment = ApcState;
+    thread.attached = Process;
+}
+
+VOID KeUnstackDetachProcess(PRKAPC_STATE ApcState)
+{
+    using namespace kernel;
+    RequireIrqlAtMost(APC_LEVEL, "KeUnstackDetachProcess");
+    ThreadState& thread = t_thread;
+    if (thread.attachment != ApcState) {
+        Report("process-not-attached", "KeUnstackDetachProcess",
+               "state %p is not that of the thread's innermost attachment", static_cast<void*>(ApcState));
+        return;
+    }
+    thread.attachment = reinterpret_cast<PKAPC_STATE>(ApcState->ApcListHead[0].Flink);
+    thread.attached = ApcState->Process;
 }
 
 namespace machine
@@ -64,14 +125,37 @@ struct Request::State {
     Status refused = STATUS_SUCCESS;
 };
 
-struct Process::State : _EPROCESS {
+namespace
+{
+
+// An open file, which its handles share.
+struct OpenFile {
+    FILE_OBJECT* file = nullptr;
+    std::atomic<size_t> handles{1};
+};
+
+} // namespace
+
+struct Process::State {
+    struct Handle {
+        std::weak_ptr<File::State> file; // expired: closed and given up
+        std::weak_ptr<OpenFile> open;
+    };
+
+    explicit State(uint32_t id) : process(kernel::NewProcess(id, program_invocation_short_name)) {}
+    ~State() { kernel::DereferenceObject(process); }
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+    std::unique_ptr<File> Keep(std::shared_ptr<File::State> file);
+
+    const PEPROCESS process;
     std::mutex mutex;
-    std::vector<std::weak_ptr<File::State>> files;
+    std::vector<Handle> handles; // of files that are open still, perhaps in another process alone
 };
 
 struct File::State {
     std::shared_ptr<Process::State> process;
-    FILE_OBJECT* file = nullptr;
+    std::shared_ptr<OpenFile> open; // referenced by each of its handles
 
     std::mutex mutex;
     std::condition_variable idle;
@@ -94,10 +178,10 @@ std::shared_ptr<Request::State> File::State::Send(kernel::RequestParameters para
         }
         ++sending;
     }
-    parameters.file = file;
+    parameters.file = open->file;
     {
-        const kernel::ProcessScope scope(process.get());
-        request->outcome = kernel::SendRequest(file->DeviceObject, parameters);
+        const kernel::ProcessScope scope(process->process);
+        request->outcome = kernel::SendRequest(open->file->DeviceObject, parameters);
     }
     std::lock_guard lock(mutex);
     std::erase_if(pending, [](const auto& outcome) { return outcome->IsComplete(); });
@@ -109,7 +193,8 @@ std::shared_ptr<Request::State> File::State::Send(kernel::RequestParameters para
     return request;
 }
 
-// The close request follows only when nothing of the handle is under way any more, as each request keeps its file.
+// The cleanup request belongs to the last handle. The close request follows only when nothing of the handles is under
+// way any more, as each request keeps its file.
 void File::State::Close()
 {
     constexpr std::chrono::seconds kPatience{30};
@@ -120,8 +205,10 @@ void File::State::Close()
         }
         closed = true;
     }
-    const kernel::ProcessScope scope(process.get());
-    kernel::CleanupFile(file);
+    const kernel::ProcessScope scope(process->process);
+    if (--open->handles == 0) {
+        kernel::CleanupFile(open->file);
+    }
     std::vector<std::shared_ptr<Outcome>> left;
     {
         std::unique_lock lock(mutex);
@@ -139,7 +226,7 @@ void File::State::Close()
             return; // the file stays open, as its request refers to it
         }
     }
-    kernel::DereferenceObject(file);
+    kernel::DereferenceObject(open->file);
 }
 
 // ---------------------------------------------------------------------------------------------------- requests
@@ -214,6 +301,22 @@ void File::Close()
     state_->Close();
 }
 
+std::unique_ptr<File> File::DuplicateFor(Process& process)
+{
+    auto duplicate = std::make_shared<State>();
+    {
+        std::lock_guard lock(state_->mutex);
+        if (state_->closed) {
+            return nullptr;
+        }
+        duplicate->open = state_->open;
+        ++duplicate->open->handles;
+        kernel::ReferenceObject(duplicate->open->file);
+    }
+    duplicate->process = process.state_;
+    return process.state_->Keep(std::move(duplicate));
+}
+
 Request File::Send(uint32_t code, std::span<const uint8_t> input, size_t outputLength)
 {
     return Request(state_->Send({.major = IRP_MJ_DEVICE_CONTROL,
@@ -263,42 +366,49 @@ Request::Result File::Control(uint32_t code, std::span<const uint8_t> input, std
 
 Process::Process() : Process(nullptr) {}
 
-Process::Process(MapPages mapPages) : state_(std::make_shared<State>())
+Process::Process(MapPages mapPages)
 {
     static std::atomic<uint32_t> next{1000};
-    state_->id = next.fetch_add(4); // as all process identifiers, a multiple of 4
-    state_->mapPages = std::move(mapPages);
-    std::strncpy(state_->imageName, program_invocation_short_name, sizeof(state_->imageName) - 1);
+    state_ = std::make_shared<State>(next.fetch_add(4)); // as all process identifiers, a multiple of 4
+    state_->process->mapPages = std::move(mapPages);
 }
 
 Process::~Process()
 {
-    std::vector<std::weak_ptr<File::State>> files;
+    std::vector<State::Handle> handles;
     {
         std::lock_guard lock(state_->mutex);
-        files.swap(state_->files);
+        handles.swap(state_->handles);
     }
-    for (const auto& weak : files) {
-        if (const auto file = weak.lock()) {
+    bool left = false;
+    for (const auto& handle : handles) {
+        if (const auto file = handle.file.lock()) {
             file->Close();
         }
+        const auto open = handle.open.lock();
+        left = left || (open != nullptr && open->handles != 0);
     }
-    kernel::EndViews(state_->id);
+    kernel::EndViews(state_->process->id, left);
+    state_->process->mapPages =
+        nullptr; // a driver may keep the object longer than what that refers to is there
+    std::lock_guard lock(kernel::TheDispatcher().mutex);
+    kernel::Signal(&state_->process->Header);
 }
 
 uint32_t Process::Id() const
 {
-    return state_->id;
+    return state_->process->id;
 }
 
 std::unique_ptr<File> Process::Open(const std::string& name, Status* status)
 {
     auto file = std::make_shared<File::State>();
     file->process = state_;
+    file->open = std::make_shared<OpenFile>();
     NTSTATUS opened;
     {
-        const kernel::ProcessScope scope(state_.get());
-        opened = kernel::OpenFile(name, UserMode, &file->file);
+        const kernel::ProcessScope scope(state_->process);
+        opened = kernel::OpenFile(name, UserMode, &file->open->file);
     }
     if (status != nullptr) {
         *status = opened;
@@ -306,9 +416,14 @@ std::unique_ptr<File> Process::Open(const std::string& name, Status* status)
     if (!NT_SUCCESS(opened)) {
         return nullptr;
     }
-    std::lock_guard lock(state_->mutex);
-    std::erase_if(state_->files, [](const auto& weak) { return weak.expired(); });
-    state_->files.push_back(file);
+    return state_->Keep(std::move(file));
+}
+
+std::unique_ptr<File> Process::State::Keep(std::shared_ptr<File::State> file)
+{
+    std::lock_guard lock(mutex);
+    std::erase_if(handles, [](const Handle& handle) { return handle.open.expired(); });
+    handles.push_back({file, file->open});
     return std::unique_ptr<File>(new File(std::move(file)));
 }
 

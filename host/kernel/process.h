@@ -7,9 +7,10 @@
 
 #include <cstdint>
 
-// What PEPROCESS points to; opaque to drivers, but for one habit of theirs: they search the system process for its
-// name, in three pages, and read the names of others at the same place.
+// What PEPROCESS points to, an object; opaque to drivers, but for one habit of theirs: they search the system process
+// for its name, in three pages, and read the names of others at the same place.
 struct _EPROCESS {
+    DISPATCHER_HEADER Header; // signalled when the process has ended
     uint32_t id;
     machine::MapPages mapPages; // empty: its memory is this program's
     char imageName[16];         // at most 15 characters
@@ -19,7 +20,7 @@ struct _EPROCESS {
 namespace kernel
 {
 
-// The system process on every thread that no ProcessScope has moved into another.
+// The system process on every thread that no ProcessScope, and no attachment, has moved into another.
 uint32_t CurrentProcessId();
 
 // The calling thread runs in the context of a process while this lives.

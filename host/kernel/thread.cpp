@@ -148,8 +148,15 @@ size_t LocksHeldByAll()
 void CheckReturn(KIRQL expected, const char* what, const void* routine)
 {
     ThreadState& thread = t_thread;
-    if (__builtin_expect(thread.heldCount == 0 && thread.irql == expected && thread.criticalRegions == 0, 1))
+    if (__builtin_expect(thread.heldCount == 0 && thread.irql == expected && thread.criticalRegions == 0 &&
+                             thread.attachment == nullptr,
+                         1))
         return;
+    if (thread.attachment != nullptr) {
+        Report("process-left-attached", what, "attached to a process, routine %s",
+               DescribeSite(routine).text);
+        thread.attachment = nullptr;
+    }
     if (expected == PASSIVE_LEVEL && thread.criticalRegions != 0) {
         Report("critical-region-left", what, "%u regions not left, routine %s", thread.criticalRegions,
                DescribeSite(routine).text);

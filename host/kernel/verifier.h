@@ -22,7 +22,8 @@ bool Fails(machine::Fault kind);
 // Live objects of a kind, for the census: one counter per field of machine::Census that is not derived.
 struct LiveCounters {
     std::atomic<size_t> threads{0}, threadHandles{0}, poolBlocks{0}, poolBytes{0}, lookasideLists{0}, mdls{0},
-        views{0}, devices{0}, links{0}, drivers{0}, files{0}, requests{0}, timers{0}, workItems{0};
+        views{0}, processReferences{0}, devices{0}, links{0}, drivers{0}, files{0}, requests{0}, timers{0},
+        workItems{0};
 };
 LiveCounters& Live();
 

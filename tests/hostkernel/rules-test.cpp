@@ -176,9 +176,9 @@ TEST_F(RulesTest, OfPool)
     ExpectRules("pool-overrun");
     // Large blocks lie between guard pages.
     block = NewBlock(32 * PAGE_SIZE);
-    EXPECT_EQ(HostCallGuarded(WriteUnchecked, block - 1), STATUS_ACCESS_VIOLATION);
-    EXPECT_EQ(HostCallGuarded(WriteUnchecked, block + 32 * PAGE_SIZE), STATUS_ACCESS_VIOLATION);
-    EXPECT_EQ(HostCallGuarded(WriteUnchecked, block + 32 * PAGE_SIZE - 1), 0);
+    EXPECT_EQ(HostCallGuarded(block - 1, WriteUnchecked), STATUS_ACCESS_VIOLATION);
+    EXPECT_EQ(HostCallGuarded(block + 32 * PAGE_SIZE, WriteUnchecked), STATUS_ACCESS_VIOLATION);
+    EXPECT_EQ(HostCallGuarded(block + 32 * PAGE_SIZE - 1, WriteUnchecked), 0);
     ExFreePool(block);
     // A write behind a free is seen when the block leaves the quarantine, which is bounded.
     block = NewBlock(64);
@@ -240,6 +240,23 @@ TEST_F(RulesTest, OfMdlsAndPackets)
     ExpectRules("packet-pool-busy");
 }
 
+TEST_F(RulesTest, OfMemoryThatProgramsMayChange)
+{
+    KSPIN_LOCK lock = 0;
+    KIRQL level;
+    ULONG fields[2] = {1, 2}, copy[2];
+    for (int operation = 0; operation < 2; operation++) { // each of them may read everything once
+        KeAcquireSpinLock(&lock, &level);
+        EXPECT_EQ(ReadULongAcquire(&fields[1]), 2u);
+        RtlCopyVolatileMemory(copy, fields, sizeof(fields[0]));
+        KeReleaseSpinLock(&lock, level);
+    }
+    ReadULongAcquire(&fields[0]);
+    ExpectRules();
+    RtlCopyVolatileMemory(copy, fields, sizeof(fields));
+    machine::ChecksSharedAccess() ? ExpectRules("shared-memory-read-twice") : ExpectRules();
+}
+
 TEST_F(RulesTest, OfViewsInAProcess)
 {
     ASSERT_EQ(Load(), STATUS_SUCCESS);
@@ -276,15 +293,34 @@ TEST_F(RulesTest, OfViewsInAProcess)
         const auto mapUser = [](void* described) {
             MmMapLockedPages(static_cast<MDL*>(described), UserMode);
         };
-        EXPECT_EQ(HostCallGuarded(mapUser, mdl), STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_EQ(HostCallGuarded(mdl, mapUser), STATUS_INSUFFICIENT_RESOURCES);
     });
     ExpectRules("view-of-shared-pages");
     IoFreeMdl(mdl);
     ExFreePool(block);
     describe(kLarge);
-    InRequest(*file, map);
+    const PEPROCESS system = IoGetCurrentProcess();
+    PEPROCESS owner = nullptr;
+    const auto mapForOwner = [&] {
+        owner = IoGetCurrentProcess();
+        map();
+    };
+    InRequest(*file, mapForOwner);
     unmap(); // from the system process
     ExpectRules("view-of-other-process");
+    InRequest(*file, mapForOwner);
+    KAPC_STATE outer, inner;
+    KeStackAttachProcess(owner, &outer);
+    KeStackAttachProcess(system, &inner);
+    EXPECT_EQ(IoGetCurrentProcess(), system);
+    KeUnstackDetachProcess(&outer);
+    ExpectRules("process-not-attached");
+    KeUnstackDetachProcess(&inner);
+    EXPECT_EQ(IoGetCurrentProcess(), owner);
+    unmap();
+    machine::CheckReturnToUser("a request");
+    ExpectRules("process-left-attached");
+    EXPECT_EQ(IoGetCurrentProcess(), system);
     IoFreeMdl(mdl);
     ExFreePool(block);
 }
@@ -369,6 +405,7 @@ TEST_F(RulesTest, OfUnloading)
         KEVENT end;
         HANDLE handle = nullptr;
         IRP* irp = nullptr;
+        PEPROCESS process = IoGetCurrentProcess();
     };
     std::optional<Left> left;
     unload = [&] {
@@ -388,11 +425,13 @@ TEST_F(RulesTest, OfUnloading)
         };
         PsCreateSystemThread(&left->handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, wait, &left->end);
         left->irp = IoAllocateIrp(1, FALSE);
+        ObReferenceObject(left->process);
     };
     ASSERT_EQ(Load(), STATUS_SUCCESS);
     EXPECT_EQ(machine::UnloadDriver(kService), STATUS_SUCCESS);
     EXPECT_THAT(ExpectRules("link-left", "device-left", "thread-left", "handle-left", "pool-left",
-                            "lookaside-left", "mdl-left", "request-left", "timer-left"),
+                            "lookaside-left", "mdl-left", "process-reference-left", "request-left",
+                            "timer-left"),
                 testing::HasSubstr("Probe"));
     BOOLEAN cancelled = FALSE;
     NdisCancelTimer(&left->timer, &cancelled);
@@ -400,6 +439,7 @@ TEST_F(RulesTest, OfUnloading)
     KeSetEvent(&left->end, 0, FALSE);
     ASSERT_TRUE(machine::WaitIdle());
     ZwClose(left->handle);
+    ObDereferenceObject(left->process);
     IoFreeIrp(left->irp);
     IoFreeMdl(left->mdl);
     ExFreePool(left->block);

@@ -79,18 +79,20 @@ TEST(Exceptions, AreCaughtByTheInnermostGuard)
         {STATUS_ACCESS_VIOLATION, [](void*) { support::FaultOnRead(); }},
         {STATUS_INTEGER_DIVIDE_BY_ZERO, [](void*) { support::FaultOnDivision(); }},
         {STATUS_ILLEGAL_INSTRUCTION, [](void*) { asm volatile("ud2"); }},
+        {STATUS_ACCESS_VIOLATION, [](void*) { support::CallNowhere(nullptr); }},
+        {STATUS_ACCESS_VIOLATION, [](void* inner) { support::CallNowhere(inner); }}, // memory that holds no code
         {STATUS_NO_MEMORY, [](void*) { ExRaiseStatus(STATUS_NO_MEMORY); }},
         {STATUS_CANCELLED,
          [](void* inner) {
              *static_cast<NTSTATUS*>(inner) =
-                 HostCallGuarded([](void*) { ExRaiseAccessViolation(); }, nullptr);
+                 HostCallGuarded(nullptr, [](void*) { ExRaiseAccessViolation(); });
              ExRaiseStatus(STATUS_CANCELLED);
          }},
         {0, [](void*) {}},
     };
     NTSTATUS inner = 0;
     for (const auto& [status, routine] : cases) {
-        EXPECT_EQ(HostCallGuarded(routine, &inner), status);
+        EXPECT_EQ(HostCallGuarded(&inner, routine), status);
     }
     EXPECT_EQ(inner, STATUS_ACCESS_VIOLATION);
 }
@@ -98,7 +100,7 @@ TEST(Exceptions, AreCaughtByTheInnermostGuard)
 TEST(ExceptionsDeathTest, OutsideAnyGuardTheyEndTheProcess)
 {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
-    HostCallGuarded([](void*) { support::FaultOnRead(); }, nullptr); // a guard that has ended takes nothing
+    HostCallGuarded(nullptr, [](void*) { support::FaultOnRead(); }); // a guard that has ended takes nothing
     EXPECT_DEATH(ExRaiseStatus(STATUS_NO_MEMORY), "unhandled-exception in ExRaiseStatus: status C0000017");
     EXPECT_DEATH(support::FaultOnRead(), "");
 }

@@ -19,6 +19,8 @@ namespace
 
 using labprotocol::MessageType;
 
+constexpr int32_t kStatusInsufficientResources = static_cast<int32_t>(0xC000009A);
+
 // A connection by hand.
 class RawProgram
 {
@@ -265,6 +267,39 @@ TEST_F(Protocol, AMappingThatFailsOrNeverComesLeavesTheShareFree)
     const auto device = lab_.Open();
     EXPECT_TRUE(Eventually([&] { return StartShare(*device) != nullptr; }));
     EXPECT_EQ(silent.ReceiveBytes().size(), sizeof(labprotocol::Reply) + 8);
+}
+
+TEST_F(Protocol, RequestsAndConnectionsBeyondTheLimitAreRefused)
+{
+    {
+        RawProgram program(lab_);
+        for (uint64_t id = 1; id <= labprotocol::kMostRequests; ++id) {
+            program.SendStart(id); // the first one waits for its mapping, the others for the first
+        }
+        program.SendControl(1000, IOCTL_NDIS_FILTER_GET_VERSION, {}, 0);
+        program.Receive<labprotocol::Map>();
+        const auto reply = program.Receive<labprotocol::Reply>();
+        EXPECT_EQ(reply.id, 1000u);
+        EXPECT_EQ(reply.status, kStatusInsufficientResources);
+    }
+    const auto isServed = [](RawProgram& program) { // it may be disconnected before it has greeted
+        const labprotocol::Hello hello;
+        send(program.Descriptor(), &hello, sizeof(hello), MSG_NOSIGNAL);
+        return !program.IsDisconnected();
+    };
+    {
+        std::vector<std::unique_ptr<RawProgram>> programs;
+        do {
+            programs.push_back(std::make_unique<RawProgram>(lab_, false));
+        } while (programs.size() < 80 && isServed(*programs.back()));
+        EXPECT_GE(programs.size(), 64u); // the first program's connection may still be there
+        EXPECT_LE(programs.size(), 65u);
+    }
+    EXPECT_THAT(lab_.Errors(), testing::HasSubstr("64 programs are connected already"));
+    EXPECT_TRUE(Eventually([&] {
+        RawProgram program(lab_, false);
+        return isServed(program);
+    }));
 }
 
 TEST_F(Protocol, NumbersOfRequestsAreTheProgramsOwn)

@@ -15,6 +15,14 @@ constexpr uint32_t kRead = IOCTL_NDIS_FILTER_READ_SHARE;
 using OwnerTest = SharingTest;
 using ParkedReadTest = SharedTest;
 
+// The framework then maps for itself.
+void BindWithoutMapping()
+{
+    EXPECT_EQ(hook::Unbind(), STATUS_SUCCESS);
+    EXPECT_EQ(hook::Bind({.without = {hook::Function::MmMapLockedPages, hook::Function::MmUnmapLockedPages}}),
+              STATUS_SUCCESS);
+}
+
 TEST_F(OwnerTest, OneHandleAtATimeOwnsTheShare)
 {
     SharingProgram owner, other;
@@ -58,10 +66,7 @@ TEST_F(OwnerTest, AMappingThatFailsLeavesNoOwner)
 {
     for (const bool byHook : {true, false}) {
         if (!byHook) {
-            ASSERT_EQ(hook::Unbind(), STATUS_SUCCESS);
-            ASSERT_EQ(hook::Bind({.without = {hook::Function::MmMapLockedPages,
-                                              hook::Function::MmUnmapLockedPages}}),
-                      STATUS_SUCCESS);
+            BindWithoutMapping();
         }
         SharingProgram failing, other;
         machine::FailCall(machine::Fault::MapPages, 1);
@@ -70,6 +75,47 @@ TEST_F(OwnerTest, AMappingThatFailsLeavesNoOwner)
         EXPECT_EQ(failing.ReadNow(), STATUS_UNSUCCESSFUL);
         ASSERT_NE(other.Start(), NDIS_FILTER_SHARE_FAILED);
         ExpectLoopBack(other);
+    }
+}
+
+class HandedOnTest : public SharingTest
+{
+  protected:
+    HandedOnTest() { plan_ = WithTrace(0x400); }
+};
+
+// Whichever process closes the last handle, or stops the share, or outlives the owner.
+TEST_F(HandedOnTest, AHandleInAnotherProcessEndsTheMappingInTheOwners)
+{
+    enum class End { Close, Stop, OwnerFirst };
+    for (const bool byHook : {true, false}) {
+        if (!byHook) {
+            BindWithoutMapping();
+        }
+        for (const End end : {End::Close, End::Stop, End::OwnerFirst}) {
+            auto owner = std::make_unique<SharingProgram>();
+            SharingProgram heir, next;
+            ASSERT_NE(owner->Start(), NDIS_FILTER_SHARE_FAILED);
+            MappedMemory* const mapping = &owner->Mapping();
+            heir.TakeHandleOf(*owner);
+            if (end == End::Close) {
+                owner->Close();
+                EXPECT_TRUE(MmIsAddressValid(mapping)); // it is not the last
+            } else if (end == End::OwnerFirst) {
+                owner.reset();
+            }
+            EXPECT_EQ(next.Start(), NDIS_FILTER_SHARE_FAILED);
+            EXPECT_EQ(machine::TakeCensus().processReferences, 1u);
+            {
+                const machine::DebugCapture debug;
+                end == End::Stop ? static_cast<void>(heir.Stop()) : heir.Close();
+                EXPECT_TRUE(debug.Contains("MmUnmapLockedPages() complete")); // also without an owner
+            }
+            EXPECT_FALSE(MmIsAddressValid(mapping));
+            EXPECT_EQ(machine::TakeCensus().processReferences, 0u);
+            ASSERT_NE(next.Start(), NDIS_FILTER_SHARE_FAILED);
+            ExpectLoopBack(next);
+        }
     }
 }
 

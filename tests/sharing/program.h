@@ -64,6 +64,8 @@ class SharingProgram
             file_->Close();
         }
     }
+    // The other's handle, too: as given to a child, or by DuplicateHandle.
+    void TakeHandleOf(SharingProgram& other) { file_ = other.Device().DuplicateFor(process_); }
 
     SharedMemory& Memory() { return *memory_; }
     SharedRing& In() { return memory_->KernelModeInput; }

@@ -21,6 +21,11 @@ inline void FaultOnDivision()
                  : "rax", "rcx", "rdx");
 }
 
+__attribute__((noinline, no_sanitize("undefined"))) inline void CallNowhere(void* place)
+{
+    reinterpret_cast<void (*)()>(place)();
+}
+
 // A page with PROT_... rights, all zero.
 void* MapPage(int protection);
 

@@ -76,12 +76,12 @@ TEST(HelperTest, MemoryThatCannotBeLockedLeavesNoDescription)
     irp = IoAllocateIrp(1, FALSE);
     for (secondary = FALSE; secondary <= TRUE; ++secondary) {
         machine::FailCall(machine::Fault::LockPages, 1);
-        EXPECT_EQ(HostCallGuarded(allocate, &mdls[secondary]), STATUS_ACCESS_VIOLATION);
+        EXPECT_EQ(HostCallGuarded(&mdls[secondary], allocate), STATUS_ACCESS_VIOLATION);
         machine::ClearFaults();
         EXPECT_EQ(machine::TakeCensus().mdls, before + secondary);
         EXPECT_EQ(irp->MdlAddress, mdls[0]);
         EXPECT_TRUE(mdls[0] == nullptr || mdls[0]->Next == nullptr);
-        EXPECT_EQ(HostCallGuarded(allocate, &mdls[secondary]), STATUS_SUCCESS);
+        EXPECT_EQ(HostCallGuarded(&mdls[secondary], allocate), STATUS_SUCCESS);
         EXPECT_EQ(MmGetMdlVirtualAddress(mdls[secondary]), data);
         EXPECT_EQ(MmGetMdlByteCount(mdls[secondary]), sizeof(data));
     }

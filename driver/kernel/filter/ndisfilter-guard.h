@@ -31,7 +31,7 @@ inline NTSTATUS CallGuarded(VOID (*routine)(PVOID), PVOID context)
 
 inline NTSTATUS CallGuarded(VOID (*routine)(PVOID), PVOID context)
 {
-    return HostCallGuarded(routine, context);
+    return HostCallGuarded(context, routine);
 }
 
 // For code that reads memory which may have been freed: the tag of a stale handle.

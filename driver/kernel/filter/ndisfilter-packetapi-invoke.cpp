@@ -44,8 +44,8 @@ ULONG PositionOf(const RecordList<PacketFilter>& chain, const PacketFilter& filt
 // A route tells its itinerary, and what comes first: Parse(packet) and Arrive(packet), for a frame that comes in from the
 // hook driver, and with the chain locked Admits(), which answers FALSE to have the packet left as it is.
 //
-// All of it runs in one guard, because a guard costs as much as several filters that bypass. When something faults, a
-// new guard takes the passage up behind it, so that an exception costs only who raised it.
+// All of it runs in one guard. When something faults, a new guard takes the passage up behind it, so that an exception
+// costs only who raised it.
 //
 // A plain passage is what a frame meets nearly always, the whole chain with nothing traced: it tests for neither.
 template <BOOLEAN Plain, class Route>
@@ -57,7 +57,7 @@ class Passage
     // FALSE when the route did not admit the packet. The chain's lock is released in the end, whatever faults.
     BOOLEAN Run()
     {
-        const NTSTATUS code = RunInGuard();
+        const NTSTATUS code = RunInGuard<TRUE>();
         return __builtin_expect(stage_ == Stage::Done, 1) ? TRUE : TakeUp(code);
     }
 
@@ -65,9 +65,11 @@ class Passage
     // What runs, or is next to run.
     enum class Stage : UCHAR { Parse, Arrival, Chain, Filters, Delivery, Done, Refused };
 
+    template <BOOLEAN FromStart>
     NTSTATUS RunInGuard()
     {
-        return CallGuarded([](PVOID passage) { static_cast<Passage*>(passage)->Proceed(); }, this);
+        return CallGuarded([](PVOID passage) { static_cast<Passage*>(passage)->template Proceed<FromStart>(); },
+                           this);
     }
 
     // Behind a route that did not admit the packet, or a fault.
@@ -81,7 +83,7 @@ class Passage
                 ReportException(code);
                 stage_ = stage_ == Stage::Arrival ? Stage::Chain : stage_;
             }
-            code = RunInGuard();
+            code = RunInGuard<FALSE>();
         }
         if (stage_ == Stage::Delivery) {
             ReportDeliveryException(code);
@@ -89,19 +91,21 @@ class Passage
         return stage_ != Stage::Refused;
     }
 
+    // From the stage that was reached.
+    template <BOOLEAN FromStart>
     VOID Proceed()
     {
         if constexpr (Route::ARRIVES) {
-            if (stage_ == Stage::Parse) {
+            if (FromStart || stage_ == Stage::Parse) {
                 route_.Parse(packet_);
                 stage_ = Stage::Arrival;
             }
-            if (stage_ == Stage::Arrival) {
+            if (FromStart || stage_ == Stage::Arrival) {
                 route_.Arrive(packet_);
                 stage_ = Stage::Chain;
             }
         }
-        if (stage_ == Stage::Chain) {
+        if (FromStart || stage_ == Stage::Chain) {
             NdisAcquireReadWriteLock(&ChainLock(), FALSE, &lockState_);
             next_ = Chain().First();
             stage_ = Stage::Filters;
