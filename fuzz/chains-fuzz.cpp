@@ -12,7 +12,7 @@ using namespace fuzz;
 namespace
 {
 
-constexpr size_t kSteps = 40, kDrivers = 2, kMostFilters = 10;
+constexpr size_t kSteps = 24, kDrivers = 2, kMostFilters = 10;
 constexpr FILTER_ORDER kOrders[] = {FILTER_ORDER_FIRST, FILTER_ORDER_LAST, FILTER_ORDER_NEXT, 1, 2, 100};
 constexpr ULONG kMethods[] = {0, 1, 2, 3, 4, 7};
 
@@ -50,7 +50,6 @@ class Fixture : public Machine
         for (size_t i = 0; i < kDrivers; ++i) {
             Register(i);
         }
-        machine::SetDebugSink([this](std::string_view text) { ReadDump(text); });
         Accept();
     }
 
@@ -58,13 +57,19 @@ class Fixture : public Machine
     {
         input_ = &input;
         ends_ = TakeEnds();
+        const bool dumps = input.Below(8) == 0; // most of the time would go into it
         for (size_t step = 0; step < kSteps && !input.IsEmpty(); ++step) {
             Step();
             Require(machine::WaitIdle(), "the machine comes to rest"); // with what was queued
             Require(visited_ == expected_, "the filters that packets meet, in their order");
             visited_.clear();
             expected_.clear();
-            Require(TakeEnds() == ends_, "where packets end");
+        }
+        Require(TakeEnds() == ends_, "where packets end");
+        if (dumps) {
+            machine::SetDebugSink([this](std::string_view text) { ReadDump(text); });
+            CheckCounters();
+            machine::SetDebugSink(nullptr);
         }
         PutBack();
         CheckAtRest();
@@ -393,7 +398,7 @@ class Fixture : public Machine
         static constexpr std::string_view kNames[] = {"m_PacketProcess", "m_PacketBypass", "m_PacketDiscard",
                                                       "m_PacketConsume", "m_PacketCapture"};
         const size_t equals = text.find("= ");
-        if (!dumping_ || equals == text.npos) {
+        if (equals == text.npos) {
             return;
         }
         const std::string_view value = text.substr(equals + 2);
@@ -420,9 +425,7 @@ class Fixture : public Machine
             }
             if (!expected.empty()) {
                 shown_.clear();
-                dumping_ = true;
                 RequireEqual(Filter_DumpFilter(type), FILTER_STATUS_SUCCESS, "dumping a chain");
-                dumping_ = false;
                 Require(shown_ == expected, "the filters of a chain and their counters");
             }
         }
@@ -430,7 +433,6 @@ class Fixture : public Machine
 
     void PutBack()
     {
-        CheckCounters();
         if (!bound_) {
             Bind();
         }
@@ -455,7 +457,6 @@ class Fixture : public Machine
     Ends ends_;
     std::vector<FilterPacket*> kept_;     // by filters
     std::vector<FilterPacket*> stranded_; // released while nobody was bound
-    bool dumping_ = false;
     std::vector<uint32_t> shown_;
 };
 
