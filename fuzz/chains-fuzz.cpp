@@ -60,7 +60,7 @@ class Fixture : public Machine
         const bool dumps = input.Below(8) == 0; // most of the time would go into it
         for (size_t step = 0; step < kSteps && !input.IsEmpty(); ++step) {
             Step();
-            Require(machine::WaitIdle(), "the machine comes to rest"); // with what was queued
+            AwaitRest(); // with what was queued
             Require(visited_ == expected_, "the filters that packets meet, in their order");
             visited_.clear();
             expected_.clear();

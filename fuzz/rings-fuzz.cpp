@@ -101,7 +101,7 @@ class Fixture : public Machine
                       });
         machine::ObserveSharedAccess(OnAccess);
         Announce();
-        Require(machine::WaitIdle(), "the machine comes to rest");
+        AwaitRest();
         Accept();
     }
 
@@ -243,7 +243,7 @@ class Fixture : public Machine
         if (scribbles_) {
             return; // the thread may find new blocks for ever
         }
-        Require(machine::WaitIdle(), "the share's thread comes to rest");
+        AwaitRest();
         if (inOrder) { // up to the first that is refused
             RequireEqual(static_cast<uint32_t>(memory_->KernelModeInput.m_iRead), (write + good) % kBlocks,
                          "blocks that are taken");
@@ -281,7 +281,7 @@ class Fixture : public Machine
             Require(read_->Wait().has_value(), "a read that is cancelled ends");
             read_.reset();
         }
-        Require(machine::WaitIdle(), "the machine comes to rest");
+        AwaitRest();
         for (uint32_t i = 0; i < kSteps * 3 + 4; ++i) {
             memory_->m_InputBlocks[(first_ + i) % kBlocks].m_nAdapterId = 0;
         }

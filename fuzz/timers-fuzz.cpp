@@ -48,7 +48,7 @@ class Fixture : public Machine
         MakeHandle(timer);
         Filter_StartTimer(timer.handle, 1);
         machine::AdvanceClock(1);
-        Require(machine::WaitIdle(), "the machine comes to rest");
+        AwaitRest();
         Filter_FreeTimer(drivers_[0], timer.handle);
         Accept();
     }
@@ -151,7 +151,7 @@ class Fixture : public Machine
     void Depart(size_t driver)
     {
         RequireEqual(Filter_DeregisterDriver(drivers_[driver]), FILTER_STATUS_SUCCESS, "deregistering");
-        Require(machine::WaitIdle(), "the machine comes to rest");
+        AwaitRest();
         timers_.remove_if([driver](const auto& timer) {
             if (timer->driver == driver) {
                 RequireEqual(timer->calls.load(), timer->expected,
@@ -176,7 +176,7 @@ class Fixture : public Machine
         now_ = end;
         // What is freed or deregistered next meets callbacks that are still queued, every other time.
         if (milliseconds % 2 == 0) {
-            Require(machine::WaitIdle(), "the machine comes to rest");
+            AwaitRest();
             for (const auto& timer : timers_) {
                 RequireEqual(timer->calls.load(), timer->expected, "callbacks");
             }

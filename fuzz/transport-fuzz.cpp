@@ -367,7 +367,7 @@ class Fixture : public Machine
     template <class Condition>
     static void Await(const Condition& condition, const char* what)
     {
-        for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10); !condition();) {
+        for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(50); !condition();) {
             Require(std::chrono::steady_clock::now() < end, what);
             std::this_thread::yield();
         }

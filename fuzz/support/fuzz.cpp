@@ -53,6 +53,12 @@ void Fail(const char* format, ...)
     std::abort();
 }
 
+void AwaitRest()
+{
+    constexpr uint32_t kPatience = 50'000; // also of a machine that has much else to do
+    Require(machine::WaitIdle(kPatience), "the machine comes to rest");
+}
+
 Machine::Machine()
 {
     machine::StopClock(kMidday2024);
@@ -71,13 +77,13 @@ Machine::Machine()
                      "its identifier");
     }
     FillPools(adapters[0]);
-    Require(machine::WaitIdle(), "the machine comes to rest");
+    AwaitRest();
     Accept();
 }
 
 void Machine::CheckAtRest()
 {
-    Require(machine::WaitIdle(), "the machine comes to rest");
+    AwaitRest();
     machine::CheckReturnToUser("the end of the input");
     for (const machine::Violation& violation : machine::TakeViolations()) {
         Fail("rule %s broken in %s: %s", violation.rule.c_str(), violation.function.c_str(),

@@ -86,6 +86,9 @@ void RequireEqual(Number is, std::type_identity_t<Number> expected, const char* 
     }
 }
 
+// Until all work that is queued is done and the threads of the kernel have nothing to do.
+void AwaitRest();
+
 // A counted string for the calls that take names; the text is the caller's.
 inline STRING Counted(std::string_view text)
 {
