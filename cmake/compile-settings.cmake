@@ -21,6 +21,10 @@ if(NDISFILTER_SANITIZE)
     add_link_options(-fsanitize=${NDISFILTER_SANITIZE})
 endif()
 
+if(NDISFILTER_COVERAGE)
+    add_link_options(--coverage)
+endif()
+
 # Code that also runs in a real kernel: no C++ runtime. Records overlay raw frames and shared memory, which
 # type-based alias analysis does not allow for.
 add_library(driver-code INTERFACE)
@@ -29,4 +33,5 @@ target_compile_options(driver-code INTERFACE
     -fno-rtti
     -fno-threadsafe-statics
     -fno-strict-aliasing
-    -ffunction-sections)
+    -ffunction-sections
+    $<$<BOOL:${NDISFILTER_COVERAGE}>:--coverage>)

@@ -16,6 +16,9 @@
 #include <string_view>
 #include <vector>
 
+struct _DRIVER_OBJECT; // of the kernel headers, for the type of entry routines
+struct _UNICODE_STRING;
+
 namespace machine
 {
 
@@ -23,8 +26,8 @@ using Status = int32_t; // NTSTATUS; negative values are errors
 
 // ---------------------------------------------------------------------------------------------------- drivers
 
-// The entry routine of a driver: NTSTATUS DriverEntry(DRIVER_OBJECT*, UNICODE_STRING*).
-using DriverEntry = Status (*)(void* driverObject, void* registryPath);
+// The entry routine of a driver.
+using DriverEntry = Status (*)(_DRIVER_OBJECT* driver, _UNICODE_STRING* registryPath);
 
 // Loads a driver that is linked into this program under a service name, for instance "NdisFilter". The registry
 // path handed to it is \Registry\Machine\System\CurrentControlSet\Services\<service>. Returns what the entry routine
@@ -97,7 +100,8 @@ void ReleaseTransportRequests();
 // On: all requests for data and connections complete on the transport's own thread. Off, the default: those that can
 // be completed at once, are, when their sender runs below DISPATCH_LEVEL.
 void CompleteTransportRequestsLater(bool on);
-void ClearTransportAnswers(); // takes back the two above; requests that are held stay
+void ClearTransportAnswers();                      // takes back the two above; requests that are held stay
+uint64_t TransportRequests(TransportRequest kind); // requests of the kind since ClearTransportAnswers
 
 // ------------------------------------------------------------------------------- user processes and requests
 
@@ -196,6 +200,16 @@ struct Violation {
 std::vector<Violation> TakeViolations(); // those since the last call; empties the list
 void PrintViolations(bool on);           // default on
 
+// Drivers read memory that they share with programs by ReadULongAcquire and RtlCopyVolatileMemory, and announce with
+// WriteULongRelease what they have written there. Builds without NDEBUG check that no byte is read twice in one
+// operation, which is what a thread does under the lock that it has taken last, or while it holds none: up to the next
+// lock or request. In them an observer is told of each such access just before it happens, on the thread that makes it,
+// at any IRQL; it may change the memory, as a program would. One at a time; null: none.
+enum class SharedAccess { Read, Announce };
+using SharedAccessObserver = void (*)(SharedAccess access, const volatile void* address, size_t size);
+void ObserveSharedAccess(SharedAccessObserver observer);
+bool ChecksSharedAccess(); // false in builds with NDEBUG
+
 // Counts of everything that a driver can leave behind.
 struct Census {
     size_t threads = 0, threadHandles = 0, poolBlocks = 0, poolBytes = 0, lookasideLists = 0, mdls = 0, views = 0;
@@ -224,13 +238,18 @@ enum class Fault {
     Registry,
     File,
     Request,
+    Object,     // finding the object of a handle
+    NdisPacket, // pools of NDIS packets, and packets
     Count
 };
-void FailCall(Fault kind, uint64_t n);    // one call fails; a second FailCall of the kind replaces the first
-void FailAllFrom(Fault kind, uint64_t n); // the n-th and every later call fails
+void FailCall(Fault kind, uint64_t n); // one call fails; a second FailCall of the kind replaces the first
+void FailCalls(Fault kind, uint64_t n, uint64_t second); // two calls fail; n < second
+void FailAllFrom(Fault kind, uint64_t n);                // the n-th and every later call fails
 void ClearFaults();
 uint64_t FaultCalls(Fault kind); // calls of the kind since the last ClearFaults
-bool FaultHit(Fault kind);       // the armed call has happened
+bool FaultHit(Fault kind);       // the armed call has happened; of two the first
+// Who made the armed call: function names, innermost first, as far as the loader knows them. Empty while not hit.
+std::vector<std::string> FaultTrace(Fault kind);
 
 // ------------------------------------------------------------------------------------------------ debug output
 

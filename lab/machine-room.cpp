@@ -7,7 +7,7 @@
 #include <machine.h>
 
 // The entry routine of the framework, which is linked into the lab.
-extern "C" int32_t DriverEntry(void* driverObject, void* registryPath);
+extern "C" int32_t DriverEntry(_DRIVER_OBJECT* driver, _UNICODE_STRING* registryPath);
 
 namespace lab
 {

@@ -12,10 +12,7 @@ namespace bench
 
 inline void LoadFramework()
 {
-    const auto entry = [](void* driver, void* path) {
-        return DriverEntry(static_cast<PDRIVER_OBJECT>(driver), static_cast<PUNICODE_STRING>(path));
-    };
-    Check("loading the framework", machine::LoadDriver("NdisFilter", entry));
+    Check("loading the framework", machine::LoadDriver("NdisFilter", DriverEntry));
 }
 
 // Broken kernel rules were printed as they happened.

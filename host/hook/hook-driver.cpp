@@ -126,6 +126,9 @@ NdisHookAPI MakeRecord(const BindOptions& options)
     api.Hook_GetTcpIpBoundAdapters = give(Function::GetTcpIpBoundAdapters, &HookGetTcpIpBoundAdapters);
     api.Hook_MmMapLockedPages = give(Function::MmMapLockedPages, &HookMmMapLockedPages);
     api.Hook_MmUnmapLockedPages = give(Function::MmUnmapLockedPages, &HookMmUnmapLockedPages);
+    if (options.watched) {
+        Watch(api);
+    }
     return api;
 }
 
@@ -444,8 +447,7 @@ void SetIoControlHandler(IoControlHandler handler)
 
 } // namespace hook
 
-int32_t HookDriverEntry(void* driverObject, void* registryPath)
+int32_t HookDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath)
 {
-    return hook::LoadDriver(static_cast<PDRIVER_OBJECT>(driverObject),
-                            static_cast<PUNICODE_STRING>(registryPath));
+    return hook::LoadDriver(driver, registryPath);
 }

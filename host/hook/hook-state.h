@@ -75,6 +75,7 @@ struct Request; // requests.cpp
 struct Worker {
     PVOID thread = nullptr; // the thread object
     KEVENT wake;
+    KEVENT ended; // the thread touches the state no more
     std::atomic<bool> stop{false};
     KSPIN_LOCK lock = 0; // of the rest
     LIST_ENTRY requests; // all that are allocated
@@ -110,6 +111,9 @@ void ReportMisuse(const char* format, ...) __attribute__((format(printf, 1, 2)))
 // The text "file:line"; the file's name may belong to a module that is gone.
 std::string DescribePlace(PCSTR file, ULONG line);
 
+// faults.cpp
+void Watch(NdisHookAPI& api); // puts what counts, and fails when it is to, before each function
+
 // adapter.cpp
 VirtualAdapter* FindOurs(FilterAdapter* handle); // null when it is none of ours; for memory of an adapter
 bool IsAdapterOf(HookState& state, const FilterAdapter* handle); // for any value; removed ones count, too
@@ -134,6 +138,8 @@ FilterPacket* HookAllocatePacket(FilterAdapter* adapter, PCSTR file, ULONG line)
 VOID HookFreePacket(FilterPacket* packet, PCSTR file, ULONG line);
 ULONG HookInjectPacketToAdapter(FilterAdapter* adapter, FilterPacket* packet);
 ULONG HookInjectPacketToProtocol(FilterAdapter* adapter, FilterPacket* packet);
+// Takes a delivery over without looking at it.
+void RefusePacket(FilterAdapter* adapter, FilterPacket* packet);
 
 // requests.cpp
 bool StartWorker(HookState& state);

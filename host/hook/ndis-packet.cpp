@@ -1,6 +1,8 @@
 // NDIS packets for frames of which only the beginning is in the packet's buffer.
 #include "hook-state.h"
 
+#include <hostguard.h>
+
 #include <algorithm>
 
 namespace hook
@@ -29,8 +31,12 @@ PNDIS_BUFFER MakeBuffer(HookState& state, PUCHAR address, ULONG length, bool unm
 {
     if (unmapped) {
         PMDL mdl = IoAllocateMdl(address, length, FALSE, FALSE, nullptr);
-        if (mdl != nullptr) {
-            MmProbeAndLockPages(mdl, KernelMode, IoModifyAccess);
+        const auto lock = [](void* pages) {
+            MmProbeAndLockPages(static_cast<PMDL>(pages), KernelMode, IoModifyAccess);
+        };
+        if (mdl != nullptr && HostCallGuarded(mdl, lock) != STATUS_SUCCESS) {
+            IoFreeMdl(mdl);
+            mdl = nullptr;
         }
         return mdl;
     }

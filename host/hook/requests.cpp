@@ -161,6 +161,7 @@ VOID WorkerThread(PVOID context)
         }
         IndicateForcedStates(state);
     }
+    KeSetEvent(&worker.ended, IO_NO_INCREMENT, FALSE);
     PsTerminateSystemThread(STATUS_SUCCESS);
 }
 
@@ -170,6 +171,7 @@ bool StartWorker(HookState& state)
 {
     Worker& worker = state.worker;
     KeInitializeEvent(&worker.wake, SynchronizationEvent, FALSE);
+    KeInitializeEvent(&worker.ended, NotificationEvent, FALSE);
     InitializeListHead(&worker.requests);
     InitializeListHead(&worker.pending);
     HANDLE handle = nullptr;
@@ -177,9 +179,15 @@ bool StartWorker(HookState& state)
                                          &state))) {
         return false;
     }
-    ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, *PsThreadType, KernelMode, &worker.thread, nullptr);
+    const NTSTATUS status = ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, *PsThreadType, KernelMode,
+                                                      &worker.thread, nullptr);
     ZwClose(handle);
-    return true;
+    if (!NT_SUCCESS(status)) {
+        worker.stop.store(true);
+        KeSetEvent(&worker.wake, IO_NO_INCREMENT, FALSE);
+        KeWaitForSingleObject(&worker.ended, Executive, KernelMode, FALSE, nullptr);
+    }
+    return NT_SUCCESS(status);
 }
 
 void StopWorker(HookState& state)

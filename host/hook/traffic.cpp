@@ -308,6 +308,20 @@ ULONG InjectPacket(FilterAdapter* adapter, FilterPacket* packet)
 
 } // namespace
 
+void RefusePacket(FilterAdapter*, FilterPacket* packet)
+{
+    if (packet == nullptr || !CheckOut(packet, "Hook_InjectPacket", nullptr, 0)) {
+        return;
+    }
+    ProcessorScope scope;
+    if (HookState* state = scope.State(); state != nullptr) {
+        HeaderOf(packet)->freedFile = "a delivery that was to fail";
+        HeaderOf(packet)->freedLine = 0;
+        Add(state->counts[scope.Number()].refused, 1);
+        RetirePacket(*state, scope, packet);
+    }
+}
+
 Accepted DeliverReceived(FilterAdapter* adapter, std::span<const uint8_t> frame, const FrameOptions& options)
 {
     return TheOnly(Delivering(adapter, {&frame, 1}, options).Run<Origin::Received>());

@@ -23,7 +23,7 @@ struct FilterAdapter;
 struct FilterPacket;
 
 // The driver's entry routine, a machine::DriverEntry. Reads the registry value PacketLimit.
-extern "C" int32_t HookDriverEntry(void* driverObject, void* registryPath);
+extern "C" int32_t HookDriverEntry(_DRIVER_OBJECT* driver, _UNICODE_STRING* registryPath);
 
 namespace hook
 {
@@ -75,6 +75,7 @@ struct BindOptions {
     uint16_t minorVersion = 0;
     uint32_t inputLength = 168;
     uint32_t outputLength = 168;
+    bool watched = false; // the framework's calls are counted, and can be made to fail
 };
 
 // Sends the request and, on success, starts to use the framework's callbacks. May be repeated while bound. A
@@ -91,6 +92,19 @@ enum class UnbindMode {
 // on.
 Status Unbind(UnbindMode mode = UnbindMode::Drained, const BindOptions& options = {});
 bool IsBound();
+
+// ---------------------------------------------------------------------------------- functions that are to fail
+
+enum class Failure {
+    Answered, // what the function answers when it fails; one that answers nothing does its work all the same
+    Raised,   // an access violation: behind its work where that is to free, unmap or take over
+};
+
+// (D) The n-th call of a function from now, starting at 1, fails; of a binding that is watched. One at a time.
+void FailCall(Function function, uint64_t n, Failure how);
+void ClearFaults();
+uint64_t CallsOf(Function function); // (D) since the last ClearFaults
+bool FaultHit();                     // (D) the armed call has happened
 
 // -------------------------------------------------------------------------------------------------- adapters
 

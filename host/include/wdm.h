@@ -134,6 +134,31 @@ FORCEINLINE PVOID InterlockedCompareExchangePointer(PVOID volatile* Destination,
     return Comparand;
 }
 
+// Of memory that a program may change at any moment. Builds with NDEBUG have them in line;
+// in all others the kernel checks that no operation reads the same memory twice.
+#ifdef NDEBUG
+FORCEINLINE ULONG ReadULongAcquire(ULONG const volatile* Source)
+{
+    return __atomic_load_n(Source, __ATOMIC_ACQUIRE);
+}
+
+FORCEINLINE VOID WriteULongRelease(ULONG volatile* Destination, ULONG Value)
+{
+    __atomic_store_n(Destination, Value, __ATOMIC_RELEASE);
+}
+
+// The fence is the compiler's alone: it makes no second copy out of the source later on.
+FORCEINLINE VOID RtlCopyVolatileMemory(VOID volatile* Destination, VOID const volatile* Source, SIZE_T Length)
+{
+    memcpy((PVOID)Destination, (const VOID*)Source, Length);
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
+}
+#else
+ULONG ReadULongAcquire(ULONG const volatile* Source);
+VOID WriteULongRelease(ULONG volatile* Destination, ULONG Value);
+VOID RtlCopyVolatileMemory(VOID volatile* Destination, VOID const volatile* Source, SIZE_T Length);
+#endif
+
 #define KeMemoryBarrier() __atomic_thread_fence(__ATOMIC_SEQ_CST)
 #define YieldProcessor() __builtin_ia32_pause()
 

@@ -265,8 +265,7 @@ NTSTATUS ZwWriteFile(HANDLE FileHandle, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STAT
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "ZwWriteFile");
     void* body = nullptr;
-    NTSTATUS status =
-        ObReferenceObjectByHandle(FileHandle, FILE_WRITE_DATA, &dataFileType, KernelMode, &body, nullptr);
+    NTSTATUS status = FindObject(FileHandle, &dataFileType, &body);
     if (!NT_SUCCESS(status)) {
         Report("invalid-handle", "ZwWriteFile", "handle %p", FileHandle);
         return status;

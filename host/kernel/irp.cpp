@@ -3,6 +3,7 @@
 
 #include "file.h"
 #include "pool.h"
+#include "thread.h"
 #include "verifier.h"
 
 #include <algorithm>
@@ -325,6 +326,7 @@ NTSTATUS IofCallDriver(PDEVICE_OBJECT device, PIRP irp)
     location->DeviceObject = device;
     const UCHAR major = location->MajorFunction;
     const KIRQL before = KeGetCurrentIrql();
+    BeginOperation(t_thread);
     const NTSTATUS status = device->DriverObject->MajorFunction[major](device, irp);
     if (KeGetCurrentIrql() != before) {
         Report("irql-changed", "IofCallDriver",

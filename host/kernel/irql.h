@@ -58,7 +58,11 @@ inline void LowerTo(ThreadState& thread, KIRQL irql, const char* function)
 inline void NoteHeld(ThreadState& thread, const void* lock, LockKind kind, const void* site, bool refused)
 {
     uint32_t count = thread.heldCount;
+#ifdef NDEBUG
     thread.held[count] = {lock, site, kind, refused};
+#else
+    thread.held[count] = {lock, site, kind, refused, ++thread.operations};
+#endif
     __atomic_store_n(&thread.heldCount, count + 1, __ATOMIC_RELAXED);
 }
 

@@ -49,7 +49,8 @@ VOID NdisAllocatePacketPoolEx(PNDIS_STATUS status, PNDIS_HANDLE handle, UINT des
         std::max(sizeof(NDIS_PACKET), offsetof(NDIS_PACKET, ProtocolReserved) + protocolReservedLength));
     *handle = nullptr;
     *status = NDIS_STATUS_RESOURCES;
-    if (count == 0 || size > 0xFFFF || count > 0x40000000 / size) {
+    if (count == 0 || size > 0xFFFF || count > 0x40000000 / size ||
+        kernel::Fails(machine::Fault::NdisPacket)) {
         return;
     }
     void* block =
@@ -87,8 +88,9 @@ VOID NdisFreePacketPool(NDIS_HANDLE handle)
 VOID NdisAllocatePacket(PNDIS_STATUS status, PNDIS_PACKET* result, NDIS_HANDLE handle)
 {
     auto* pool = static_cast<PacketPool*>(handle);
+    const bool fails = kernel::Fails(machine::Fault::NdisPacket);
     const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pool->lock);
-    NDIS_PACKET* packet = pool->free;
+    NDIS_PACKET* packet = fails ? nullptr : pool->free;
     if (packet != nullptr) {
         pool->free = reinterpret_cast<NDIS_PACKET*>(packet->Private.Head);
         ++pool->outstanding;

@@ -109,6 +109,21 @@ HANDLE CreateHandle(void* body)
     return HandleOf(table.bodies.size() - 1);
 }
 
+NTSTATUS FindObject(HANDLE handle, POBJECT_TYPE type, void** body)
+{
+    *body = nullptr;
+    HandleTable& table = Handles();
+    std::lock_guard lock(table.mutex);
+    void** slot = SlotOf(table, handle);
+    if (slot == nullptr)
+        return STATUS_INVALID_HANDLE;
+    if (type != nullptr && HeaderOf(*slot)->type != type)
+        return STATUS_OBJECT_TYPE_MISMATCH;
+    ReferenceObject(*slot);
+    *body = *slot;
+    return STATUS_SUCCESS;
+}
+
 } // namespace kernel
 
 using namespace kernel;
@@ -137,17 +152,11 @@ NTSTATUS ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK, POBJECT_TYPE Obje
                                    PVOID* Object, POBJECT_HANDLE_INFORMATION)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "ObReferenceObjectByHandle");
-    *Object = nullptr;
-    HandleTable& table = Handles();
-    std::lock_guard lock(table.mutex);
-    void** slot = SlotOf(table, Handle);
-    if (slot == nullptr)
-        return STATUS_INVALID_HANDLE;
-    if (ObjectType != nullptr && HeaderOf(*slot)->type != ObjectType)
-        return STATUS_OBJECT_TYPE_MISMATCH;
-    ReferenceObject(*slot);
-    *Object = *slot;
-    return STATUS_SUCCESS;
+    if (Fails(machine::Fault::Object)) {
+        *Object = nullptr;
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    return FindObject(Handle, ObjectType, Object);
 }
 
 NTSTATUS ZwClose(HANDLE Handle)

@@ -27,5 +27,7 @@ LONG_PTR DereferenceObject(void* body); // the last one destroys the object
 
 // Opens a handle that holds a reference of its own. Closed by ZwClose.
 HANDLE CreateHandle(void* body);
+// The object of a handle, referenced. `type` null: of any type.
+NTSTATUS FindObject(HANDLE handle, POBJECT_TYPE type, void** body);
 
 } // namespace kernel

@@ -27,6 +27,9 @@ constexpr uint64_t kLive = 0x6576694C6C6F6F50;
 constexpr uint64_t kFreed = 0x656572466C6F6F50;
 constexpr unsigned char kFreedFill = 0xDD; // no tag consists of it
 constexpr unsigned char kTailFill = 0xEE;  // behind the block, to notice overruns
+#ifndef NDEBUG
+constexpr unsigned char kNewFill = 0xCD; // a new block, so that what reads it unwritten sees no zeros
+#endif
 constexpr size_t kTailSize = 16;
 constexpr size_t kLargeSize = 64 * 1024;
 constexpr size_t kQuarantineLimit = 4 * 1024 * 1024;
@@ -258,6 +261,9 @@ void* AllocateBlock(size_t size, uint32_t tag, BlockKind kind, const void* site)
     header->tag = tag;
     header->kind = kind;
     header->exposed = false;
+#ifndef NDEBUG
+    memset(header->block, kNewFill, size);
+#endif
     memset(EndOf(header), kTailFill, SlackOf(header));
     Poison(EndOf(header), SlackOf(header));
     if (CountsAsPool(kind)) {

@@ -8,6 +8,8 @@
 #include <mutex>
 #include <utility>
 
+#include <execinfo.h>
+
 namespace
 {
 
@@ -26,8 +28,11 @@ Violations& TheViolations()
 struct FaultPlan {
     std::atomic<uint64_t> calls{0}; // since ClearFaults
     std::atomic<uint64_t> first{0}; // the call that fails, counted like `calls`; 0: none
+    std::atomic<uint64_t> second{0};
     std::atomic<bool> onwards{false};
     std::atomic<bool> hit{false};
+    std::array<void*, 24> trace{}; // of the first call that failed; written before `hit`
+    int traceDepth = 0;
 };
 
 std::array<FaultPlan, static_cast<size_t>(machine::Fault::Count)> g_faults;
@@ -37,12 +42,13 @@ FaultPlan& PlanOf(machine::Fault kind)
     return g_faults[static_cast<size_t>(kind)];
 }
 
-void Arm(machine::Fault kind, uint64_t n, bool onwards)
+void Arm(machine::Fault kind, uint64_t n, uint64_t second, bool onwards)
 {
     FaultPlan& plan = PlanOf(kind);
     plan.first = 0;
     plan.hit = false;
     plan.onwards = onwards;
+    plan.second = second == 0 ? 0 : plan.calls + second;
     plan.first = n == 0 ? 0 : plan.calls + n;
 }
 
@@ -70,9 +76,13 @@ bool Fails(machine::Fault kind)
     FaultPlan& plan = PlanOf(kind);
     uint64_t call = plan.calls.fetch_add(1, std::memory_order_relaxed) + 1;
     uint64_t first = plan.first.load(std::memory_order_relaxed);
-    if (first == 0 || call < first || (call != first && !plan.onwards))
+    if (first == 0 || call < first ||
+        (call != first && !plan.onwards && call != plan.second.load(std::memory_order_relaxed)))
         return false;
-    plan.hit = true;
+    if (call == first) {
+        plan.traceDepth = backtrace(plan.trace.data(), static_cast<int>(plan.trace.size()));
+        plan.hit = true;
+    }
     return true;
 }
 
@@ -163,18 +173,24 @@ void CheckReturnToUser(const char* where)
 
 void FailCall(Fault kind, uint64_t n)
 {
-    Arm(kind, n, false);
+    Arm(kind, n, 0, false);
+}
+
+void FailCalls(Fault kind, uint64_t n, uint64_t second)
+{
+    Arm(kind, n, second, false);
 }
 
 void FailAllFrom(Fault kind, uint64_t n)
 {
-    Arm(kind, n, true);
+    Arm(kind, n, 0, true);
 }
 
 void ClearFaults()
 {
     for (FaultPlan& plan : g_faults) {
         plan.first = 0;
+        plan.second = 0;
         plan.onwards = false;
         plan.hit = false;
         plan.calls = 0;
@@ -189,6 +205,16 @@ uint64_t FaultCalls(Fault kind)
 bool FaultHit(Fault kind)
 {
     return PlanOf(kind).hit;
+}
+
+std::vector<std::string> FaultTrace(Fault kind)
+{
+    const FaultPlan& plan = PlanOf(kind);
+    std::vector<std::string> names;
+    if (plan.hit)
+        for (int i = 2; i < plan.traceDepth; i++) // behind kernel::Fails and the kernel function itself
+            names.emplace_back(DescribeSite(plan.trace[static_cast<size_t>(i)]).text);
+    return names;
 }
 
 } // namespace machine

@@ -168,9 +168,8 @@ void Unload(DRIVER_OBJECT* driver)
     }
 }
 
-machine::Status Entry(void* object, void*)
+NTSTATUS Entry(DRIVER_OBJECT* driver, UNICODE_STRING*)
 {
-    auto* driver = static_cast<DRIVER_OBJECT*>(object);
     for (const Name& name : kNames) {
         const size_t length = std::u16string_view(name.text).size() * sizeof(WCHAR);
         UNICODE_STRING counted = {static_cast<USHORT>(length), static_cast<USHORT>(length + sizeof(WCHAR)),

@@ -112,7 +112,8 @@ void Engine::Run()
         }
         const int count = epoll_wait(epoll_, events, kEvents, busy ? 0 : -1);
         for (int i = 0; i < count; ++i) {
-            if (events[i].data.u64 == 0) {
+            const uint64_t number = events[i].data.u64; // the event's own is packed
+            if (number == 0) {
                 eventfd_t value;
                 eventfd_read(wake_, &value);
                 continue;
@@ -120,7 +121,7 @@ void Engine::Run()
             std::shared_ptr<Watcher> watcher;
             {
                 const std::lock_guard lock(mutex_);
-                const auto found = watchers_.find(events[i].data.u64);
+                const auto found = watchers_.find(number);
                 watcher = found != watchers_.end() ? found->second.lock() : nullptr;
             }
             if (watcher != nullptr) {

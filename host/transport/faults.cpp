@@ -38,6 +38,7 @@ Plans& ThePlans()
     return plans;
 }
 
+std::array<std::atomic<uint64_t>, static_cast<size_t>(TransportRequest::Count)> g_requests;
 std::atomic<bool> g_anyPlan{false};
 std::atomic<bool> g_alwaysLater{false};
 
@@ -74,7 +75,11 @@ TransportRequest KindOf(IRP* irp)
 
 std::optional<Plan> TakePlan(TransportRequest kind)
 {
-    if (kind == TransportRequest::Count || !g_anyPlan.load(std::memory_order_relaxed)) {
+    if (kind == TransportRequest::Count) {
+        return std::nullopt;
+    }
+    g_requests[static_cast<size_t>(kind)].fetch_add(1, std::memory_order_relaxed);
+    if (!g_anyPlan.load(std::memory_order_relaxed)) {
         return std::nullopt;
     }
     Plans& plans = ThePlans();
@@ -210,8 +215,16 @@ void ClearTransportAnswers()
     Plans& plans = ThePlans();
     const std::lock_guard lock(plans.mutex);
     plans.plans = {};
+    for (std::atomic<uint64_t>& count : g_requests) {
+        count = 0;
+    }
     g_anyPlan = false;
     g_alwaysLater = false;
+}
+
+uint64_t TransportRequests(TransportRequest kind)
+{
+    return g_requests[static_cast<size_t>(kind)];
 }
 
 } // namespace machine

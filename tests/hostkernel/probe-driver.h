@@ -111,9 +111,8 @@ class DriverTest : public testing::Test
         return major == IRP_MJ_DEVICE_CONTROL ? current->control(irp) : Complete(irp, STATUS_SUCCESS);
     }
 
-    static machine::Status Entry(void* object, void*)
+    static NTSTATUS Entry(DRIVER_OBJECT* driver, UNICODE_STRING*)
     {
-        auto* driver = static_cast<DRIVER_OBJECT*>(object);
         for (const int major : {IRP_MJ_CREATE, IRP_MJ_CLOSE, IRP_MJ_CLEANUP, IRP_MJ_DEVICE_CONTROL}) {
             driver->MajorFunction[major] = Dispatch;
         }

@@ -240,6 +240,23 @@ TEST_F(RulesTest, OfMdlsAndPackets)
     ExpectRules("packet-pool-busy");
 }
 
+TEST_F(RulesTest, OfMemoryThatProgramsMayChange)
+{
+    KSPIN_LOCK lock = 0;
+    KIRQL level;
+    ULONG fields[2] = {1, 2}, copy[2];
+    for (int operation = 0; operation < 2; operation++) { // each of them may read everything once
+        KeAcquireSpinLock(&lock, &level);
+        EXPECT_EQ(ReadULongAcquire(&fields[1]), 2u);
+        RtlCopyVolatileMemory(copy, fields, sizeof(fields[0]));
+        KeReleaseSpinLock(&lock, level);
+    }
+    ReadULongAcquire(&fields[0]);
+    ExpectRules();
+    RtlCopyVolatileMemory(copy, fields, sizeof(fields));
+    machine::ChecksSharedAccess() ? ExpectRules("shared-memory-read-twice") : ExpectRules();
+}
+
 TEST_F(RulesTest, OfViewsInAProcess)
 {
     ASSERT_EQ(Load(), STATUS_SUCCESS);

@@ -76,6 +76,17 @@ TEST_F(ChecksumTest, EveryLengthAndHeaderSizeAgreesWithTheTextbook)
     }
 }
 
+TEST_F(ChecksumTest, TheLongestDatagramOverflowsNothing)
+{
+    constexpr uint16_t kLength = 65535 - 20;
+    for (const uint8_t byte : {0x00, 0x7F, 0x80, 0xFF}) {
+        Bytes packet = Ipv4Packet(kProtocolTcp, Bytes(kLength, byte));
+        ASSERT_EQ(Filter_CalculatePacketCheckSum(packet.data(), kProtocolTcp), FILTER_STATUS_SUCCESS);
+        packet.insert(packet.begin() + 20, {0, kProtocolTcp, kLength >> 8, kLength & 0xFF}); // the pseudo-header
+        EXPECT_EQ(TextbookChecksum(Bytes(packet.begin() + 12, packet.end())), 0u) << +byte;
+    }
+}
+
 TEST_F(ChecksumTest, RecordedTrafficKeepsItsChecksums)
 {
     size_t segments = 0;

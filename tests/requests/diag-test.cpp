@@ -329,10 +329,12 @@ TEST_F(DiagTest, TheExportsRefuseWhatTheyAreNotGiven)
     made.m_ppszArguments = Unreadable<PCHAR>();
     made.m_nArgumentCount = 1 << 30;
     made.m_BufferSize = 1 << 30;
+    made.m_BufferUsed = 1u << 31; // a text would get room for two gigabytes
     EXPECT_EQ(Filter_BeginDiag(text, 1, &made, 40, &out), FILTER_STATUS_SUCCESS);
     EXPECT_EQ(out, &made);
     EXPECT_EQ(made.m_nArgumentCount, 0);
     EXPECT_EQ(made.m_BufferSize, 40u);
+    EXPECT_EQ(made.m_BufferUsed, 0u);
     EXPECT_STREQ(made.m_pszDriverName, "NULL");
     EXPECT_EQ(Filter_DiagPrint(nullptr, "x"), FILTER_ERROR_INVALID_ARGUMENT);
     EXPECT_EQ(Filter_DiagPrint(&made, nullptr), FILTER_ERROR_INVALID_ARGUMENT);

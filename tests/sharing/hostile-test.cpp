@@ -91,6 +91,22 @@ TEST_F(HostileTest, TheOtherFieldsOfTheMappingSteerNothing)
     ExpectLoopBack(program);
 }
 
+// What the program finds at the very moment of the announcement.
+TEST_F(HostileTest, ABlockIsWholeWhenItIsAnnounced)
+{
+    static const SharedBlock* block;
+    static Bytes found;
+    block = &program.NextOutput();
+    machine::ObserveSharedAccess([](machine::SharedAccess access, const volatile void*, size_t) {
+        if (access == machine::SharedAccess::Announce) {
+            found.assign(block->m_Data, block->m_Data + UdpFrame().size());
+        }
+    });
+    Indicate();
+    machine::ObserveSharedAccess(nullptr);
+    EXPECT_EQ(found, machine::ChecksSharedAccess() ? UdpFrame() : Bytes());
+}
+
 TEST_F(HostileTest, ScribblingDisturbsNoOtherTraffic)
 {
     constexpr uint32_t kFrames = 4000;

@@ -4,7 +4,7 @@
 #include <cstring>
 
 // The entry routine of the framework, which is linked into every test program.
-extern "C" int32_t DriverEntry(void* driverObject, void* registryPath);
+extern "C" int32_t DriverEntry(_DRIVER_OBJECT* driver, _UNICODE_STRING* registryPath);
 
 namespace support
 {

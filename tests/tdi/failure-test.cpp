@@ -139,9 +139,8 @@ struct OddTransport {
         IoCompleteRequest(irp, IO_NO_INCREMENT);
         return internal ? dispatched : STATUS_SUCCESS;
     }
-    static machine::Status Entry(void* object, void*)
+    static NTSTATUS Entry(PDRIVER_OBJECT driver, PUNICODE_STRING)
     {
-        const auto driver = static_cast<PDRIVER_OBJECT>(object);
         for (const int major :
              {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE, IRP_MJ_INTERNAL_DEVICE_CONTROL}) {
             driver->MajorFunction[major] = Answer;
@@ -276,12 +275,10 @@ struct Client {
     static inline std::atomic<int> completions{0};
     static inline echo::Block* block;
 
-    static machine::Status Entry(void* object, void*)
+    static NTSTATUS Entry(PDRIVER_OBJECT driver, PUNICODE_STRING)
     {
         TA_IP_ADDRESS local = echo::Loopback(0);
-        static_cast<DRIVER_OBJECT*>(object)->DriverUnload = [](PDRIVER_OBJECT) {
-            KS_CloseTransportAddress(&address);
-        };
+        driver->DriverUnload = [](PDRIVER_OBJECT) { KS_CloseTransportAddress(&address); };
         completions = 0;
         const NTSTATUS status =
             KS_OpenTransportAddress(L"\\Device\\Udp", reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address);

@@ -56,7 +56,7 @@ VOID DumpSharedMemory()
     print("- m_pMappedMemory = 0x%p\n", global.m_pMappedMemory);
     if (global.m_pMappedMemory != nullptr) { // as the program sees them, and may have spoilt them
         MappedMemoryHead seen;
-        CopyRelaxed(&seen, global.m_pMappedMemory, offsetof(MappedMemory, m_SharedMemory));
+        FetchBytes(&seen, global.m_pMappedMemory, offsetof(MappedMemory, m_SharedMemory));
         print("  - m_pUserModeVirtualAddress = 0x%p\n", reinterpret_cast<PVOID>(seen.m_pUserModeVirtualAddress));
         print("  - m_pMdl = 0x%p\n", reinterpret_cast<PVOID>(seen.m_pMdl));
         print("  - m_nSize = %d\n", seen.m_nSize);

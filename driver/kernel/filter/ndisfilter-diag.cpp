@@ -6,6 +6,7 @@ namespace
 
 constexpr ULONG COMMAND_SIZE = NDIS_FILTER_DIAG_COMMAND_SIZE + 1;
 constexpr LONG ARGUMENT_COUNT = 16;
+constexpr LONG MANY_TEXTS = 1024; // more than handlers print into one reply
 
 // Of the one diagnostic that runs.
 CHAR s_szCommand[COMMAND_SIZE];
@@ -77,6 +78,12 @@ VOID MakeTrustworthy(Diag& diag, ULONG outputLength)
         diag.m_pszDriverName = s_szNone;
         diag.m_ppszArguments = s_pszArguments;
         diag.m_nArgumentCount = 0;
+    }
+    // The bytes used are those of the output, or less than none by one for each text that was too long. With any other
+    // number texts would be given rooms of up to four gigabytes.
+    const LONGLONG used = static_cast<LONG>(diag.m_BufferUsed);
+    if (!isOwn || used < -MANY_TEXTS || used > LONGLONG{outputLength}) {
+        diag.m_BufferUsed = 0;
     }
 }
 

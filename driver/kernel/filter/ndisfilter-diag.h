@@ -3,6 +3,7 @@
 #pragma once
 
 #include "ndisfilter-internal.h"
+#include "ndisfilter-shared-fields.h"
 
 // Calls show(record) for each record of a list, under its lock. Lock is the guard's type.
 template <class Lock, class LockStorage, class Record, class Show>
@@ -56,7 +57,7 @@ template <class Print>
 VOID PrintRing(const Print& print, const SharedRing& ring)
 {
     SharedRing seen;
-    CopyRelaxed(&seen, &ring, sizeof(seen));
+    FetchBytes(&seen, &ring, sizeof(seen));
     const auto address = [](ULONGLONG value) { return reinterpret_cast<PVOID>(value); };
     print("  - m_iBlockSize = %d\n", LONG{seen.m_iBlockSize});
     print("  - m_iBlockCount = %d\n", LONG{seen.m_iBlockCount});

@@ -17,7 +17,8 @@ constexpr PCSTR SYMBOLIC_LINK_TEXT = "\\DosDevices\\NdisFilter";
 
 constexpr ULONG DEFAULT_PENDING_PACKET_LIMIT = 2048;
 constexpr ULONG DEFAULT_INJECT_PACKET_MAX = 512;
-constexpr KPRIORITY WORKER_THREAD_PRIORITY = 16; // the lowest real-time priority
+constexpr KPRIORITY WORKER_THREAD_PRIORITY = 16;    // the lowest real-time priority
+constexpr LONGLONG OBJECT_RETRY_INTERVAL = -100000; // 10 ms from now, in units of 100 ns
 
 template <class Record> VOID FreeRecords(RecordList<Record>& list)
 {
@@ -244,10 +245,15 @@ VOID WaitForWorkerThread(HANDLE& handle)
     if (handle == nullptr) {
         return;
     }
-    if (NT_SUCCESS(ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &thread, nullptr))) {
-        KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
-        ObDereferenceObject(thread);
+    // What the thread uses goes next: without its object now, ask again.
+    while (ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &thread, nullptr) !=
+           STATUS_SUCCESS) {
+        LARGE_INTEGER interval;
+        interval.QuadPart = OBJECT_RETRY_INTERVAL;
+        KeDelayExecutionThread(KernelMode, FALSE, &interval);
     }
+    KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
+    ObDereferenceObject(thread);
     ZwClose(handle);
     handle = nullptr;
 }

@@ -6,6 +6,7 @@
 // Mapped fields are written for the program to read; ring indexes and input blocks are read from the mapping, each
 // once, checked, then used.
 #include "ndisfilter-internal.h"
+#include "ndisfilter-shared-fields.h"
 #include "ndisfilter-sharedmem-process.h"
 
 #include <stddef.h>
@@ -57,7 +58,7 @@ constexpr ULONG NextIndex(ULONG index)
 // The two indexes of a ring, each read once. The program's one may hold anything.
 struct RingIndexes {
     explicit RingIndexes(const SharedRing& ring)
-        : Read(static_cast<ULONG>(LoadAcquire(ring.m_iRead))), Write(static_cast<ULONG>(LoadAcquire(ring.m_iWrite)))
+        : Read(FetchField(ring.m_iRead)), Write(FetchField(ring.m_iWrite))
     {
     }
     BOOLEAN AreValid() const
@@ -109,17 +110,17 @@ ULONG BytesToEnd(const UCHAR* place)
 // Copies an input block into a packet; `size` is what its m_nPacketSize read, at most FILTER_PACKET_DATA_SIZE.
 VOID CopyFromBlock(const SharedBlock& block, ULONG size, FilterPacket& packet)
 {
-    packet.m_nDirection = LoadRelaxed(block.m_nDirection);
+    packet.m_nDirection = FetchField(block.m_nDirection);
     packet.m_nPacketSize = size;
-    packet.m_nCarried[0] = LoadRelaxed(block.m_nCarried[0]);
-    packet.m_nCarried[1] = LoadRelaxed(block.m_nCarried[1]);
-    packet.m_nIndicateCode = LoadRelaxed(block.m_nIndicateCode);
-    RtlCopyMemory(&packet.m_nIndicateValue, &block.m_nIndicateValue, sizeof(packet.m_nIndicateValue));
-    RtlCopyMemory(packet.m_ApplicationData, block.m_ApplicationData, sizeof(packet.m_ApplicationData));
+    packet.m_nCarried[0] = FetchField(block.m_nCarried[0]);
+    packet.m_nCarried[1] = FetchField(block.m_nCarried[1]);
+    packet.m_nIndicateCode = FetchField(block.m_nIndicateCode);
+    FetchBytes(&packet.m_nIndicateValue, &block.m_nIndicateValue, sizeof(packet.m_nIndicateValue));
+    FetchBytes(packet.m_ApplicationData, block.m_ApplicationData, sizeof(packet.m_ApplicationData));
     // A frame longer than a block goes on in the next one, as it is laid out; behind the last block there is none.
     const UCHAR* const data = reinterpret_cast<const UCHAR*>(&block) + offsetof(SharedBlock, m_Data);
     const ULONG present = size < BytesToEnd(data) ? size : BytesToEnd(data);
-    RtlCopyMemory(packet.m_Data, data, present);
+    FetchBytes(packet.m_Data, data, present);
     RtlZeroMemory(packet.m_Data + present, size - present);
 }
 
@@ -136,9 +137,9 @@ ReadOutcome TakeInputBlock(FilterPacket*& packet)
     }
     Trace(TRACE_SHARE, "  IRQL=%d, input shared blocks are not empty\n", Irql());
     const SharedBlock& block = shared.m_InputBlocks[indexes.Read];
-    const ULONG size = LoadRelaxed(block.m_nPacketSize);
+    const ULONG size = FetchField(block.m_nPacketSize);
     FilterAdapter* adapter = nullptr;
-    if (Filter_IdToAdapter(LoadRelaxed(block.m_nAdapterId), &adapter) != FILTER_STATUS_SUCCESS ||
+    if (Filter_IdToAdapter(FetchField(block.m_nAdapterId), &adapter) != FILTER_STATUS_SUCCESS ||
         size > FILTER_PACKET_DATA_SIZE) {
         return ReadOutcome::UnknownAdapter;
     }
@@ -154,7 +155,7 @@ ReadOutcome TakeInputBlock(FilterPacket*& packet)
     if (next != indexes.Write) {
         FetchAhead(&shared.m_InputBlocks[next], FETCHED_AHEAD);
     }
-    StoreRelease(shared.KernelModeInput.m_iRead, static_cast<LONG>(next));
+    PublishField(shared.KernelModeInput.m_iRead, next);
     return ReadOutcome::Read;
 }
 
@@ -209,7 +210,7 @@ VOID PublishOutputBlock(ULONG index)
     SharedRing& ring = Global().m_pSharedMemory->KernelModeOutput;
     Trace(TRACE_SHARE, "  IRQL=%d, update write pointer to next block\n", Irql());
     StoreRelaxed(ring.m_nCount, static_cast<LONG>(++s_nOutputCount));
-    StoreRelease(ring.m_iWrite, static_cast<LONG>(NextIndex(index))); // the block before the index, for the program
+    PublishField(ring.m_iWrite, NextIndex(index)); // the block before the index, for the program
     FetchAheadForWriting(&Global().m_pSharedMemory->m_OutputBlocks[NextIndex(index)], FETCHED_AHEAD);
 }
 

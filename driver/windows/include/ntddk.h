@@ -34,6 +34,24 @@
 extern "C" {
 #endif
 
+/* Of memory that a program may change at any moment. */
+FORCEINLINE ULONG ReadULongAcquire(ULONG const volatile* source)
+{
+    return __atomic_load_n(source, __ATOMIC_ACQUIRE);
+}
+
+FORCEINLINE VOID WriteULongRelease(ULONG volatile* destination, ULONG value)
+{
+    __atomic_store_n(destination, value, __ATOMIC_RELEASE);
+}
+
+/* The fence is the compiler's alone: it makes no second copy out of the source later on. */
+FORCEINLINE VOID RtlCopyVolatileMemory(volatile VOID* destination, volatile const VOID* source, SIZE_T length)
+{
+    RtlCopyMemory((PVOID)destination, (const VOID*)source, length);
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
+}
+
 __declspec(dllimport) PKTHREAD NTAPI KeGetCurrentThread(VOID);
 __declspec(dllimport) ULONG NTAPI KeGetCurrentProcessorNumberEx(struct _PROCESSOR_NUMBER* number);
 

@@ -182,7 +182,8 @@ typedef VOID (*FILTER_SEND_PACKET)(FilterPacket* pPacket);
 
 /*
  * What follows are the functions that the hook driver gives. They must stay callable until the hook driver unloads,
- * also after it has unbound: a call that was under way is not waited for.
+ * also after it has unbound: a call that was under way is not waited for. Packets that are out may wait in a queue of
+ * the framework: free their memory behind the framework's unload only.
  */
 
 /* Writes four version numbers, whose meaning is the hook driver's; 0 on success. */

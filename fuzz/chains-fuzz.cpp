@@ -1,0 +1,479 @@
+// The four chains, driven by any program of registrations, invocations, injections, bindings and verdicts. A model knows
+// which filters each packet meets in which order, what every counter shows, and where each packet ends.
+#include "support/fuzz.h"
+
+#include <array>
+#include <list>
+#include <memory>
+#include <vector>
+
+using namespace fuzz;
+
+namespace
+{
+
+constexpr size_t kSteps = 24, kDrivers = 2, kMostFilters = 10;
+constexpr FILTER_ORDER kOrders[] = {FILTER_ORDER_FIRST, FILTER_ORDER_LAST, FILTER_ORDER_NEXT, 1, 2, 100};
+constexpr ULONG kMethods[] = {0, 1, 2, 3, 4, 7};
+
+// What a filter's procedure does. The first four are the verdicts of those numbers.
+enum class Conduct { Bypass, Discard, Consume, Capture, NoVerdict, Fault, Forward, Count };
+
+struct Filter {
+    PacketFilter* handle = nullptr;
+    size_t driver = 0;
+    FILTER_TYPE type = 0;
+    ULONG order = 0;
+    uint32_t number = 0;
+    Conduct conduct = Conduct::Bypass;
+    std::array<uint32_t, 5> counters = {}; // process, bypass, discard, consume, capture
+};
+
+// How packets that were born ended.
+struct Ends {
+    uint64_t toAdapter = 0, toProtocols = 0, freed = 0;
+    bool operator==(const Ends&) const = default;
+};
+
+FILTER_RESULT RunFilter(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket*);
+
+bool LeadsToProtocols(FILTER_TYPE type)
+{
+    return type == FILTER_TYPE_INCOMING_PACKET || type == FILTER_TYPE_INJECT_TO_PROTOCOL;
+}
+
+class Fixture : public Machine
+{
+  public:
+    Fixture()
+    {
+        for (size_t i = 0; i < kDrivers; ++i) {
+            Register(i);
+        }
+        Accept();
+    }
+
+    void Run(Input input)
+    {
+        input_ = &input;
+        ends_ = TakeEnds();
+        const bool dumps = input.Below(8) == 0; // most of the time would go into it
+        for (size_t step = 0; step < kSteps && !input.IsEmpty(); ++step) {
+            Step();
+            AwaitRest(); // with what was queued
+            Require(visited_ == expected_, "the filters that packets meet, in their order");
+            visited_.clear();
+            expected_.clear();
+        }
+        Require(TakeEnds() == ends_, "where packets end");
+        if (dumps) {
+            machine::SetDebugSink([this](std::string_view text) { ReadDump(text); });
+            CheckCounters();
+            machine::SetDebugSink(nullptr);
+        }
+        PutBack();
+        CheckAtRest();
+    }
+
+    FILTER_RESULT Visit(const Filter& filter, FilterPacket* packet)
+    {
+        visited_.push_back(filter.number);
+        switch (filter.conduct) {
+        case Conduct::Consume:
+            kept_.push_back(packet);
+            return FILTER_RESULT_CONSUME;
+        case Conduct::NoVerdict:
+            return 4 + filter.number;
+        case Conduct::Fault:
+            ExRaiseStatus(STATUS_ACCESS_VIOLATION);
+        case Conduct::Forward: // from inside the chain, past the others
+            Filter_InjectPacketToAdapterEx(adapters[1], packet);
+            return FILTER_RESULT_CONSUME;
+        default:
+            return static_cast<FILTER_RESULT>(filter.conduct);
+        }
+    }
+
+  private:
+    void Register(size_t index)
+    {
+        static constexpr const char* kNames[kDrivers] = {"one", "two"};
+        drivers_[index] = RegisterDriver(kNames[index], this);
+    }
+
+    static Ends TakeEnds()
+    {
+        const hook::Balance balance = hook::TakeBalance();
+        return {balance.deliveredToAdapter, balance.deliveredToProtocols, balance.freed};
+    }
+
+    void Step()
+    {
+        switch (input_->Below(16)) {
+        case 0:
+        case 1:
+        case 2:
+            AddFilter();
+            break;
+        case 3:
+            if (!filters_.empty()) {
+                RemoveFilter(input_->At(filters_), input_->Below(kDrivers));
+            }
+            break;
+        case 4:
+            if (input_->Below(4) == 0) {
+                Depart(input_->Below(kDrivers));
+            }
+            break;
+        case 5:
+            bound_ ? Unbind() : Bind();
+            break;
+        case 6:
+            if (!filters_.empty()) {
+                const auto filter = input_->At(filters_);
+                filter->conduct = static_cast<Conduct>(input_->Below(static_cast<uint32_t>(Conduct::Count)));
+            }
+            break;
+        case 7:
+            Receive();
+            break;
+        default:
+            Pass();
+            break;
+        }
+    }
+
+    void AddFilter()
+    {
+        if (filters_.size() == kMostFilters) {
+            return;
+        }
+        Filter filter{.driver = input_->Below(kDrivers),
+                      .type = static_cast<FILTER_TYPE>(input_->Below(FILTER_TYPE_COUNT)),
+                      .order = static_cast<ULONG>(input_->OneOf(kOrders)),
+                      .number = next_++,
+                      .conduct = static_cast<Conduct>(input_->Below(static_cast<uint32_t>(Conduct::Count)))};
+        const auto place = std::find_if(filters_.begin(), filters_.end(), [&](const Filter& other) {
+            return other.type == filter.type && other.order >= filter.order;
+        });
+        const auto entry = filters_.insert(place, filter);
+        const std::string name = "filter " + std::to_string(filter.number);
+        const STRING counted = Counted(name);
+        RequireEqual(Filter_RegisterFilter(drivers_[filter.driver], &counted, RunFilter, &*entry, filter.type,
+                                           static_cast<FILTER_ORDER>(filter.order), &entry->handle),
+                     FILTER_STATUS_SUCCESS, "registering a filter");
+    }
+
+    using AFilter = std::list<Filter>::iterator;
+
+    void RemoveFilter(AFilter filter, size_t driver)
+    {
+        const bool owns = filter->driver == driver;
+        RequireEqual(Filter_DeregisterFilter(drivers_[driver], filter->handle),
+                     owns ? FILTER_STATUS_SUCCESS : FILTER_ERROR_INVALID_FILTER_OWNER,
+                     "deregistering a filter");
+        if (owns) {
+            filters_.erase(filter);
+        }
+    }
+
+    void Depart(size_t driver)
+    {
+        RequireEqual(Filter_DeregisterDriver(drivers_[driver]), FILTER_STATUS_SUCCESS,
+                     "deregistering a driver");
+        filters_.remove_if([driver](const Filter& filter) { return filter.driver == driver; });
+        Register(driver);
+    }
+
+    void Bind()
+    {
+        RequireEqual(hook::Bind(), STATUS_SUCCESS, "binding");
+        bound_ = true;
+    }
+
+    void Unbind()
+    {
+        RequireEqual(hook::Unbind(), STATUS_SUCCESS, "unbinding");
+        bound_ = false;
+    }
+
+    // --------------------------------------------------------------------------------- what becomes of a packet
+
+    // A packet that is released while nobody is bound stays out.
+    void ExpectRelease(FilterPacket* packet)
+    {
+        if (bound_) {
+            ++ends_.freed;
+        } else {
+            stranded_.push_back(packet);
+        }
+    }
+
+    void ExpectDelivery(FilterPacket* packet, bool toProtocols)
+    {
+        if (!bound_) {
+            ExpectRelease(packet);
+        } else {
+            ++(toProtocols ? ends_.toProtocols : ends_.toAdapter);
+        }
+    }
+
+    // Runs a chain: whole, or as a method says about a filter of it.
+    void ExpectChain(FILTER_TYPE type, FilterPacket* packet, ULONG method = 0, const Filter* given = nullptr)
+    {
+        enum : ULONG { kWhole, kUntil, kStopAt, kFrom, kAfter };
+        bool active = method <= kStopAt;
+        for (Filter& filter : filters_) {
+            if (filter.type != type) {
+                continue;
+            }
+            const bool isGiven = &filter == given;
+            if (!active) {
+                active = isGiven;
+                if (!isGiven || method == kAfter) {
+                    continue;
+                }
+            } else if (isGiven && method == kStopAt) {
+                break;
+            }
+            expected_.push_back(filter.number);
+            ++filter.counters[0];
+            switch (filter.conduct) {
+            case Conduct::Discard:
+                ++filter.counters[2];
+                return ExpectRelease(packet);
+            case Conduct::Capture:
+                ++filter.counters[4];
+                return ExpectRelease(packet);
+            case Conduct::Consume:
+                ++filter.counters[3];
+                return;
+            case Conduct::Forward:
+                ++filter.counters[3];
+                return ExpectDelivery(packet, false);
+            case Conduct::Bypass:
+                ++filter.counters[1];
+                break;
+            default: // no verdict, or a fault: the next one runs
+                break;
+            }
+            if (isGiven && method == kUntil) {
+                break;
+            }
+        }
+        ExpectDelivery(packet, LeadsToProtocols(type));
+    }
+
+    void Receive()
+    {
+        const bool received = input_->Flag();
+        const support::Bytes frame = support::UdpFrame();
+        const hook::Accepted accepted =
+            received ? hook::DeliverReceived(adapters[0], frame) : hook::DeliverSent(adapters[0], frame);
+        Require(accepted == (bound_ ? hook::Accepted::Yes : hook::Accepted::NotBound),
+                "frames are taken while bound");
+        if (bound_) {
+            ExpectChain(received ? FILTER_TYPE_INCOMING_PACKET : FILTER_TYPE_OUTGOING_PACKET, nullptr);
+        }
+    }
+
+    FilterPacket* TakePacket()
+    {
+        FilterPacket* packet = Filter_AllocatePacket(adapters[0]);
+        RequireEqual(packet != nullptr, bound_, "packets are had while bound");
+        if (packet == nullptr && !kept_.empty()) { // one from before
+            packet = kept_.back();
+            kept_.pop_back();
+        }
+        if (packet != nullptr) {
+            const support::Bytes frame = support::UdpFrame();
+            std::copy(frame.begin(), frame.end(), packet->m_Data);
+            packet->m_nPacketSize = packet->m_nBytesRead = static_cast<ULONG>(frame.size());
+            packet->m_Data[26] = input_->Byte(); // the address that chooses the queue
+            Filter_InitPacketHeader(packet, nullptr);
+        }
+        return packet;
+    }
+
+    void Pass()
+    {
+        FilterPacket* packet = TakePacket();
+        if (packet == nullptr) {
+            return;
+        }
+        FilterAdapter* adapter = input_->Below(8) == 0 ? nullptr : adapters[0];
+        const auto chain = [&](FILTER_TYPE type) {
+            adapter != nullptr ? ExpectChain(type, packet) : ExpectRelease(packet);
+        };
+        const auto delivery = [&](bool toProtocols) {
+            adapter != nullptr ? ExpectDelivery(packet, toProtocols) : ExpectRelease(packet);
+        };
+        switch (input_->Below(10)) {
+        case 0: {
+            const auto type = static_cast<FILTER_TYPE>(input_->Below(6)) - 1;
+            type >= 0 && type < FILTER_TYPE_COUNT ? ExpectChain(type, packet) : ExpectRelease(packet);
+            Filter_InvokeFilters(type, packet);
+            break;
+        }
+        case 1:
+            delivery(false);
+            Filter_InjectPacketToAdapterEx(adapter, packet);
+            break;
+        case 2:
+            delivery(true);
+            Filter_IndicatePacketToProtocolEx(adapter, packet);
+            break;
+        case 3:
+            chain(FILTER_TYPE_INJECT_TO_ADAPTER);
+            Filter_InjectPacketToAdapter(adapter, packet);
+            break;
+        case 4:
+            chain(FILTER_TYPE_INJECT_TO_PROTOCOL);
+            Filter_IndicatePacketToProtocol(adapter, packet);
+            break;
+        case 5:
+            chain(FILTER_TYPE_INCOMING_PACKET);
+            Filter_IndicatePacketFromAdapter(adapter, packet);
+            break;
+        case 6:
+            chain(FILTER_TYPE_OUTGOING_PACKET);
+            Filter_InjectPacketFromProtocol(adapter, packet);
+            break;
+        case 7: {
+            const ULONG direction = input_->Below(5);
+            if (direction == NDIS_FILTER_DIRECTION_TO_ADAPTER ||
+                direction == NDIS_FILTER_DIRECTION_TO_PROTOCOL) {
+                chain(direction == NDIS_FILTER_DIRECTION_TO_ADAPTER ? FILTER_TYPE_INJECT_TO_ADAPTER
+                                                                    : FILTER_TYPE_INJECT_TO_PROTOCOL);
+            } else {
+                ExpectRelease(packet);
+            }
+            Filter_InjectPacketFromApplication(adapter, packet, direction);
+            break;
+        }
+        default:
+            PassAlong(packet);
+            break;
+        }
+    }
+
+    // A part of a chain, at once or by a worker. The filter may be gone when the worker comes to the packet.
+    void PassAlong(FilterPacket* packet)
+    {
+        const ULONG method = input_->OneOf(kMethods);
+        if (filters_.empty()) {
+            ExpectRelease(packet);
+            Filter_InvokeFiltersEx(method, nullptr, packet);
+            return;
+        }
+        const AFilter filter = input_->At(filters_);
+        switch (input_->Below(4)) {
+        case 0:
+            ExpectRelease(packet);
+            Filter_InjectPacketFromFilter(method, nullptr, packet);
+            break;
+        case 1: {
+            const machine::ThreadHold hold;
+            ExpectRelease(packet);
+            Filter_InjectPacketFromFilter(method, filter->handle, packet);
+            RemoveFilter(filter, filter->driver);
+            break;
+        }
+        case 2:
+            ExpectChain(filter->type, packet, method, &*filter);
+            Filter_InjectPacketFromFilter(method, filter->handle, packet);
+            break;
+        default:
+            ExpectChain(filter->type, packet, method, &*filter);
+            Filter_InvokeFiltersEx(method, filter->handle, packet);
+            break;
+        }
+    }
+
+    // ---------------------------------------------------------------------------------------------- counters
+
+    // One line of a chain's dump: names and counters, in the order of the chain.
+    void ReadDump(std::string_view text)
+    {
+        static constexpr std::string_view kNames[] = {"m_PacketProcess", "m_PacketBypass", "m_PacketDiscard",
+                                                      "m_PacketConsume", "m_PacketCapture"};
+        const size_t equals = text.find("= ");
+        if (equals == text.npos) {
+            return;
+        }
+        const std::string_view value = text.substr(equals + 2);
+        if (text.find("m_FilterName ") != text.npos) {
+            shown_.push_back(
+                static_cast<uint32_t>(std::stoul(std::string(value.substr(value.find("filter ") + 7)))));
+        }
+        for (const std::string_view name : kNames) {
+            if (text.find(name) != text.npos) {
+                shown_.push_back(static_cast<uint32_t>(std::stoul(std::string(value))));
+            }
+        }
+    }
+
+    void CheckCounters()
+    {
+        for (FILTER_TYPE type = 0; type < FILTER_TYPE_COUNT; ++type) {
+            std::vector<uint32_t> expected;
+            for (const Filter& filter : filters_) {
+                if (filter.type == type) {
+                    expected.push_back(filter.number);
+                    expected.insert(expected.end(), filter.counters.begin(), filter.counters.end());
+                }
+            }
+            if (!expected.empty()) {
+                shown_.clear();
+                RequireEqual(Filter_DumpFilter(type), FILTER_STATUS_SUCCESS, "dumping a chain");
+                Require(shown_ == expected, "the filters of a chain and their counters");
+            }
+        }
+    }
+
+    void PutBack()
+    {
+        if (!bound_) {
+            Bind();
+        }
+        for (std::vector<FilterPacket*>* packets : {&kept_, &stranded_}) {
+            for (FilterPacket* packet : *packets) {
+                Filter_ReleasePacket(packet);
+            }
+            packets->clear();
+        }
+        while (!filters_.empty()) {
+            RemoveFilter(filters_.begin(), filters_.front().driver);
+        }
+        next_ = 0;
+    }
+
+    Input* input_ = nullptr;
+    std::array<FilterDriver*, kDrivers> drivers_ = {};
+    std::list<Filter> filters_; // those of a type in the order of their chain
+    uint32_t next_ = 0;
+    bool bound_ = true;
+    std::vector<uint32_t> visited_, expected_;
+    Ends ends_;
+    std::vector<FilterPacket*> kept_;     // by filters
+    std::vector<FilterPacket*> stranded_; // released while nobody was bound
+    std::vector<uint32_t> shown_;
+};
+
+FILTER_RESULT RunFilter(FilterDriver*, PVOID driverContext, PacketFilter* handle, PVOID context,
+                        FilterPacket* packet)
+{
+    const auto& filter = *static_cast<const Filter*>(context);
+    Require(handle == filter.handle && KeGetCurrentIrql() == DISPATCH_LEVEL,
+            "a filter is called as it was registered");
+    return static_cast<Fixture*>(driverContext)->Visit(filter, packet);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    static Fixture& fixture = *new Fixture;
+    fixture.Run({data, size});
+    return 0;
+}

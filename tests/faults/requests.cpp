@@ -1,0 +1,169 @@
+// Control requests: those of the framework, the share, the capture logs, and those that others answer.
+#include "scenario.h"
+
+#include <algorithm>
+
+using support::Bytes;
+
+namespace faults
+{
+namespace
+{
+
+// Answers diagnostics for "client", and declines the rest.
+NTSTATUS Handle(PVOID context, PIRP irp, ULONG code, PVOID input, ULONG inputLength, PVOID output,
+                ULONG outputLength, ULONG_PTR* returned)
+{
+    if (code == IOCTL_NDIS_FILTER_DIAG) {
+        Diag* diag = nullptr;
+        CALL(Filter_BeginDiag, input, inputLength, output, outputLength, &diag);
+        if (diag != nullptr) {
+            CALL(Filter_DiagPrint, diag, "client of %d\n", 1);
+            CALL(Filter_DiagFilter, diag, FILTER_TYPE_INCOMING_PACKET);
+            return STATUS_SUCCESS;
+        }
+    }
+    return CALL(Filter_DefaultIoCtrlHandler, context, irp, code, input, inputLength, output, outputLength,
+                returned);
+}
+
+uint32_t IdOf(FilterAdapter* adapter)
+{
+    ULONG id = 0;
+    Filter_AdapterToId(adapter, &id);
+    return id;
+}
+
+UserMacValue MacValue(uint8_t value)
+{
+    UserMacValue record = {};
+    std::copy(support::kOwnMac.begin(), support::kOwnMac.end(), record.m_MacAddress);
+    record.m_nValue = value;
+    return record;
+}
+
+void WriteBlock(SharedMemory& memory, uint32_t id, uint32_t direction)
+{
+    const Bytes frame = support::UdpFrame();
+    SharedRing& ring = memory.KernelModeInput;
+    SharedBlock& block = memory.m_InputBlocks[ring.m_iWrite];
+    block = {};
+    block.m_nAdapterId = id;
+    block.m_nDirection = direction;
+    block.m_nPacketSize = static_cast<uint32_t>(frame.size());
+    std::copy(frame.begin(), frame.end(), block.m_Data);
+    __atomic_store_n(&ring.m_iWrite, (ring.m_iWrite + 1) % NDIS_FILTER_BLOCK_COUNT, __ATOMIC_RELEASE);
+}
+
+} // namespace
+
+void UseHandlers(World& world)
+{
+    if (world.driver == nullptr) {
+        return;
+    }
+    IoCtrlHandler* handler = nullptr;
+    CALL(Filter_RegisterIoControl, world.driver, Handle, nullptr, &handler);
+    Journal::Made(handler != nullptr);
+    const std::string command = "client show";
+    static uint8_t reply[4096];
+    const std::span<const uint8_t> line(reinterpret_cast<const uint8_t*>(command.data()), command.size());
+    Journal::Made(REQUEST(IOCTL_NDIS_FILTER_DIAG, line, reply).information > NDIS_FILTER_DIAG_HEADER_SIZE);
+    const std::string own = "filter show filter";
+    const std::span<const uint8_t> question(reinterpret_cast<const uint8_t*>(own.data()), own.size());
+    Journal::Made(REQUEST(IOCTL_NDIS_FILTER_DIAG, question, reply).information >
+                  NDIS_FILTER_DIAG_HEADER_SIZE);
+    // Into a reply that is too short each text is formatted apart.
+    const std::string brief = "filter show driver";
+    const std::span<const uint8_t> request(reinterpret_cast<const uint8_t*>(brief.data()), brief.size());
+    REQUEST(IOCTL_NDIS_FILTER_DIAG, request, std::span(reply).first(NDIS_FILTER_DIAG_HEADER_SIZE + 8));
+    hook::SetIoControlHandler([](uint32_t code, const void*, uint32_t, void*, uint32_t, uint32_t*) {
+        return code == NDIS_FILTER_CTL_CODE(0xA00) ? STATUS_SUCCESS : STATUS_NOT_SUPPORTED;
+    });
+    Ask("a request of the hook driver", world, NDIS_FILTER_CTL_CODE(0xA00));
+    Ask("a request of nobody", world, NDIS_FILTER_CTL_CODE(0xA01));
+    if (handler != nullptr) {
+        CALL(Filter_IsValidIoCtrlHandler, handler);
+        CALL(Filter_DeregisterIoControl, world.driver, handler);
+    }
+}
+
+void StartLogs(World& world)
+{
+    REQUEST(IOCTL_NDIS_FILTER_SET_PACKET_DUMP, In(MacValue(1)));
+    REQUEST(IOCTL_NDIS_FILTER_START_ETHRLOG);
+}
+
+void StopLogs(World& world)
+{
+    REQUEST(IOCTL_NDIS_FILTER_STOP_ETHRLOG);
+    REQUEST(IOCTL_NDIS_FILTER_SET_PACKET_DUMP, In(MacValue(0)));
+}
+
+void UseRequests(World& world)
+{
+    uint8_t version[2] = {};
+    uint32_t size = 0;
+    REQUEST(IOCTL_NDIS_FILTER_GET_VERSION, {}, version);
+    REQUEST(IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, {}, Out(size));
+    UserAdapterList list = {};
+    REQUEST(IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, {}, Out(list));
+    FilterEventHead head = {}; // of an adapter, so that no identifier is spent on it
+    head.m_hAdapter = world.adapter;
+    REQUEST(IOCTL_NDIS_FILTER_CLEAR_EVENT);
+    CALL(Filter_ReportEventEx, 1, 2, sizeof(head), &head);
+    UserEvent event = {};
+    Journal::Made(REQUEST(IOCTL_NDIS_FILTER_GET_EVENT, {}, Out(event)).information == sizeof(event));
+    UserIPConfig config = {};
+    config.m_nAdapterId = IdOf(world.adapter);
+    config.m_nIP = 1;
+    REQUEST(IOCTL_NDIS_FILTER_SET_IPCONFIG, In(config));
+    REQUEST(IOCTL_NDIS_FILTER_GET_IPCONFIG, In(config.m_nAdapterId), Out(config));
+    UserMacValue value = MacValue(0);
+    REQUEST(IOCTL_NDIS_FILTER_SET_MEDIA_STATUS, In(value));
+    REQUEST(IOCTL_NDIS_FILTER_GET_MEDIA_STATUS, In(value), Out(value));
+    REQUEST(IOCTL_NDIS_FILTER_GET_PACKET_DUMP, In(value), Out(value));
+    UserMacAdapter named = {};
+    REQUEST(IOCTL_NDIS_FILTER_GET_ADAPTER, std::span(support::kOwnMac), Out(named));
+    REQUEST(IOCTL_NDIS_FILTER_GET_DBGFLAG);
+    REQUEST(IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION);
+    const uint32_t limit = 512;
+    REQUEST(IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL, In(limit));
+}
+
+void UseShare(World& world)
+{
+    const uint32_t value = 1;
+    uint64_t address = 0;
+    REQUEST(IOCTL_NDIS_FILTER_START_SHARE, In(value), Out(address));
+    const bool shared = address != 0 && address != NDIS_FILTER_SHARE_FAILED;
+    Journal::Made(shared);
+    if (!shared) {
+        return;
+    }
+    auto& memory = *reinterpret_cast<SharedMemory*>(address);
+    const uint32_t id = IdOf(world.adapter);
+    for (const uint32_t direction : {NDIS_FILTER_DIRECTION_TO_ADAPTER, NDIS_FILTER_DIRECTION_TO_PROTOCOL,
+                                     NDIS_FILTER_DIRECTION_TO_APPLICATION}) {
+        WriteBlock(memory, id, direction);
+        REQUEST(IOCTL_NDIS_FILTER_WRITE_SHARE);
+        Journal::Made(memory.KernelModeInput.m_iRead == memory.KernelModeInput.m_iWrite);
+    }
+    memory.KernelModeOutput.m_iRead = memory.KernelModeOutput.m_iWrite;
+    static uint8_t signal[NDIS_FILTER_SIGNAL_SIZE];
+    {
+        Journal::Begin("IOCTL_NDIS_FILTER_READ_SHARE");
+        machine::Request read = world.device->Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0);
+        Journal::End(read.DispatchStatus());
+        CALL(Filter_IndicateSignalToApplication, signal);
+        Journal::Made(read.IsComplete());
+        read.Cancel();
+    }
+    if (FilterPacket* packet = world.adapter != nullptr ? NewPacket(world) : nullptr) {
+        CALL(Filter_IndicatePacketToApplication, packet, 1, 2);
+        CALL(Filter_ReleasePacketp, packet, __FILE__, __LINE__);
+    }
+    REQUEST(IOCTL_NDIS_FILTER_STOP_SHARE);
+}
+
+} // namespace faults

@@ -1,0 +1,49 @@
+// Runs of the scenario, each in a process of its own, so that a crash ends that one alone.
+#pragma once
+
+#include "journal.h"
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+#include <vector>
+
+namespace faults
+{
+
+// What a run without faults did.
+struct Reference {
+    std::vector<Entry> entries; // of the scenario
+    std::vector<Entry> again;   // of the short pass behind it, in a framework loaded anew
+};
+
+enum class Outcome {
+    Said,   // the call under way answered otherwise: it told its failure
+    Unmade, // it answered as ever, but what it was to bring about is not there
+    Same,   // it did what it does without a fault, as far as its caller sees
+    Missed, // the point was not reached
+    Bad
+};
+
+struct Verdict {
+    Outcome outcome = Outcome::Bad;
+    std::string call;                 // under way when the call failed
+    std::string answer;               // "-20 instead of 0"
+    std::vector<std::string> bad;     // what is wrong, each a sentence
+    std::vector<std::string> lasting; // calls of the short pass that the same machine answers otherwise since
+    std::vector<std::string> trace;
+};
+
+struct RunOptions {
+    unsigned jobs = 2;
+    unsigned seconds = 60; // that one run may take
+};
+
+// Nothing when the run failed; `error` says how.
+Reference Count(const RunOptions& options, std::string* error);
+
+// One run for each set of points. `startUpOnly`: the short pass takes the place of the scenario behind the start-up.
+std::vector<Verdict> RunAll(const std::vector<std::vector<Point>>& sets, bool startUpOnly,
+                            const Reference& reference, const RunOptions& options);
+
+} // namespace faults

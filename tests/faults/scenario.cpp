@@ -1,0 +1,155 @@
+#include "scenario.h"
+
+#include <support/loading.h>
+
+#include <cstring>
+
+using support::Bytes;
+
+namespace faults
+{
+namespace
+{
+
+constexpr uint32_t kTraceEverything = 0xFFFFFFFF;
+constexpr uint32_t kPackets = 25; // made all at once: which processor takes one changes nothing
+
+} // namespace
+
+Name::Name(const char* text)
+{
+    const auto length = static_cast<USHORT>(std::strlen(text));
+    string = {length, length, const_cast<PCHAR>(text)};
+}
+
+bool StartUp(World& world)
+{
+    machine::SetDriveC(world.directory);
+    machine::SetRegistryDword(support::kFrameworkService, "GlobalDebugFlag", kTraceEverything);
+    machine::SetRegistryDword(support::kFrameworkService, "PendingPacketLimit", 1000);
+    machine::SetRegistryDword(support::kFrameworkService, "Number", 5);
+    machine::SetRegistryString(support::kFrameworkService, "Text", "a text");
+    if (Recorded("DriverEntry", [] { return support::LoadFramework(); }) < 0) {
+        return false;
+    }
+    const int32_t hookStatus =
+        Recorded("HookDriverEntry", [] { return hook::Load({.packetLimit = kPackets}); });
+    if (hookStatus >= 0) {
+        Recorded("a first adapter", [&] {
+            world.adapter = hook::AddAdapter({.name = "{ADAPTER-1} first", .address = support::kOwnMac});
+            return world.adapter;
+        });
+        if (world.adapter != nullptr) {
+            hook::OpenAdapter(world.adapter);
+        }
+        Recorded("IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK", [] { return hook::Bind({.watched = true}); });
+        Recorded("a second adapter", [&] {
+            world.second = hook::AddAdapter({.name = "{ADAPTER-2} second", .address = support::kPeerMac});
+            if (world.second != nullptr) {
+                hook::OpenAdapter(world.second);
+            }
+            return world.second;
+        });
+    }
+    world.process = std::make_unique<machine::Process>();
+    world.device = world.process->Open("\\\\.\\NdisFilter");
+    Journal::StartUpIsOver();
+    return world.device != nullptr;
+}
+
+void UseEverything(World& world)
+{
+    UseServices();
+    UseTables();
+    RegisterClients(world);
+    UseAdapters(world);
+    UseTimers(world);
+    UseInterfaces(world);
+    UseHandlers(world);
+    StartLogs(world);
+    UseTraffic(world);
+    UsePackets(world);
+    UseShare(world);
+    StopLogs(world);
+    UseRequests(world);
+    DeregisterClients(world);
+    UseSockets();
+}
+
+void UseAgain(World& world)
+{
+    FilterDriver* driver = nullptr;
+    PacketFilter* filter = nullptr;
+    const Name driverName("again");
+    const Name filterName("again filter");
+    CALL(Filter_RegisterDriver, &driverName, nullptr, 1, 0, &driver);
+    Journal::Made(driver != nullptr);
+    if (driver != nullptr) {
+        const FILTER_PROC bypass = [](FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket*) {
+            return FILTER_RESULT_BYPASS;
+        };
+        CALL(Filter_RegisterFilter, driver, &filterName, bypass, nullptr, FILTER_TYPE_INCOMING_PACKET,
+             FILTER_ORDER_LAST, &filter);
+        Journal::Made(filter != nullptr);
+    }
+    if (world.adapter != nullptr && hook::IsBound()) {
+        const Bytes frame = support::UdpFrame();
+        const auto delivered = [&] {
+            const hook::Balance balance = hook::TakeBalance();
+            return balance.deliveredToAdapter + balance.deliveredToProtocols;
+        };
+        for (const auto deliver : {hook::DeliverReceived, hook::DeliverSent}) {
+            const uint64_t before = delivered();
+            Recorded("a frame",
+                     [&] { return static_cast<int>(deliver(world.adapter, frame, {.waitMs = 0})); });
+            Journal::Made(delivered() == before + 1);
+        }
+        if (FilterPacket* packet = NewPacket(world)) {
+            CALL(Filter_InjectPacketToAdapter, world.adapter, packet);
+        }
+    }
+    HashTable* table = CALL(Filter_CreateHashTable, "again", 4, nullptr, nullptr);
+    if (table != nullptr) {
+        CALL(Filter_DestroyHashTable, table);
+    }
+    CALL(Filter_ReportEvent, 1, 2, "again %d", 3);
+    UserEvent event = {};
+    REQUEST(IOCTL_NDIS_FILTER_CLEAR_EVENT);
+    REQUEST(IOCTL_NDIS_FILTER_GET_EVENT, {}, Out(event));
+    uint32_t value = 1;
+    uint64_t address = 0;
+    REQUEST(IOCTL_NDIS_FILTER_START_SHARE, In(value), Out(address));
+    Journal::Made(address != NDIS_FILTER_SHARE_FAILED && address != 0);
+    REQUEST(IOCTL_NDIS_FILTER_STOP_SHARE);
+    UserAdapterList list = {};
+    REQUEST(IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, {}, Out(list));
+    if (driver != nullptr) {
+        CALL(Filter_DeregisterDriver, driver);
+    }
+}
+
+void ShutDown(World& world)
+{
+    world.device.reset();
+    world.process.reset();
+    if (hook::IsLoaded()) {
+        if (hook::IsBound()) {
+            for (FilterAdapter* adapter : {world.adapter, world.second}) {
+                if (adapter != nullptr) {
+                    Recorded("an adapter closes", [&] { hook::CloseAdapter(adapter); });
+                }
+            }
+            Recorded("IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK", [] { return hook::Unbind(); });
+        }
+    }
+    // Before the hook driver, whose packets may be in the framework's queues.
+    if (machine::IsDriverLoaded(support::kFrameworkService)) {
+        Recorded("DriverUnload", [] { return machine::UnloadDriver(support::kFrameworkService); });
+    }
+    if (hook::IsLoaded()) {
+        Recorded("the hook driver's unload", [] { return hook::Unload(); });
+    }
+    world = {.directory = world.directory};
+}
+
+} // namespace faults

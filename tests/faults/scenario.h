@@ -1,0 +1,95 @@
+// The scenario: a machine with the framework, the hook driver, a transport and one user program, in which every export
+// and every control request is used once along its successful road. A run goes on behind whatever failed, as careful
+// callers do: without what a failed call was to bring about, and never twice.
+#pragma once
+
+#include "journal.h"
+
+#include <support/frames.h>
+
+#include <hook/virtual-adapters.h>
+#include <machine.h>
+
+#include <ntddk.h>
+
+#include <ndis.h>
+
+#include <ndisfilter.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace faults
+{
+
+struct World {
+    std::string directory; // drive C
+    FilterAdapter* adapter = nullptr;
+    FilterAdapter* second = nullptr;
+    FilterDriver* driver = nullptr;
+    FilterDriver* other = nullptr;
+    PacketFilter* filters[FILTER_TYPE_COUNT] = {};
+    std::unique_ptr<machine::Process> process = nullptr;
+    std::unique_ptr<machine::File> device = nullptr;
+};
+
+// A counted string of a literal.
+struct Name {
+    STRING string;
+    explicit Name(const char* text);
+    const STRING* operator&() const { return &string; }
+};
+
+// Start-up: the framework, the hook driver, its adapters, the binding. False: the framework could not be loaded.
+bool StartUp(World& world);
+void UseEverything(World& world);
+// What still has to work behind any fault: a driver with a filter, a frame each way, an event, a request.
+void UseAgain(World& world);
+void ShutDown(World& world);
+
+// The parts of UseEverything.
+void UseServices();
+void RegisterClients(World& world);
+void UseAdapters(World& world);
+void UseTraffic(World& world);
+void UsePackets(World& world);
+void UseTables();
+void UseTimers(World& world);
+void UseInterfaces(World& world);
+void UseHandlers(World& world);
+void UseRequests(World& world);
+void StartLogs(World& world);
+void StopLogs(World& world);
+void UseShare(World& world);
+void DeregisterClients(World& world);
+void UseSockets();
+
+FilterPacket* NewPacket(World& world); // null without one
+// A filter keeps the next packet that comes to one; it is the caller's then, or there was none.
+void KeepNext();
+FilterPacket* TakeKept();
+
+inline machine::Request::Result Ask(const char* name, World& world, uint32_t code,
+                                    std::span<const uint8_t> input = {}, std::span<uint8_t> output = {})
+{
+    Journal::Begin(name);
+    const machine::Request::Result result = world.device->Control(code, input, output);
+    Journal::End(result.status < 0 ? result.status : static_cast<int64_t>(result.information));
+    return result;
+}
+// A control request under the name of its code.
+#define REQUEST(Code, ...) faults::Ask(#Code, world, Code __VA_OPT__(, ) __VA_ARGS__)
+
+template <class Record>
+std::span<const uint8_t> In(const Record& record)
+{
+    return {reinterpret_cast<const uint8_t*>(&record), sizeof(record)};
+}
+template <class Record>
+std::span<uint8_t> Out(Record& record)
+{
+    return {reinterpret_cast<uint8_t*>(&record), sizeof(record)};
+}
+
+} // namespace faults
