@@ -205,7 +205,7 @@ VOID NdisReleaseReadWriteLock(PNDIS_RW_LOCK Lock, PLOCK_STATE LockState)
     if (__builtin_expect(held.lock != Lock || held.kind != LockKind::Read, 0))
         return ReleaseAny(Lock, LockState);
     __atomic_store_n(&thread.heldCount, count - 1, __ATOMIC_RELAXED);
-    LockState->LockState = kStateReleased;
+    memset(LockState, kStateReleased, sizeof(LOCK_STATE)); // one store
     Slot slot = SlotOf(Lock, thread);
     __atomic_store_n(slot.count, slot.Get() - 1, __ATOMIC_RELEASE);
 }

@@ -129,7 +129,6 @@ class Passage
     template <BOOLEAN OwnSlot>
     FILTER_RESULT RunFilters(ULONG slot)
     {
-        FilterPacket* const packet = packet_;
         const auto end = Chain().End();
         for (auto next = next_; next != end;) {
             PacketFilter* const filter = next.Get();
@@ -146,7 +145,7 @@ class Passage
             PacketFilterCounters& counters = filter->m_pCounters[slot];
             Count<OwnSlot>(counters.m_PacketProcess);
             const FILTER_RESULT result = filter->m_pfFilterProc(
-                filter->m_hFilterDriver, filter->m_pDriverContext, filter, filter->m_pFilterContext, packet);
+                filter->m_hFilterDriver, filter->m_pDriverContext, filter, filter->m_pFilterContext, packet_);
             if (__builtin_expect(result != FILTER_RESULT_BYPASS, 0)) {
                 if (result > FILTER_RESULT_CAPTURE) {
                     continue;
@@ -400,22 +399,26 @@ struct ArrivalRoute {
     static BOOLEAN Admits() { return TRUE; }
 };
 
-// What is traced is decided once a frame: most often nothing, and then its road looks at the debug mask no more.
 template <const Arrival& ARRIVAL>
-VOID FilterFromHook(PCSTR enter, PCSTR leave, FilterPacket* packet)
+__attribute__((noinline, cold)) VOID FilterFromHookTraced(PCSTR enter, PCSTR leave, FilterPacket* packet)
 {
-    if (!TraceEnabled(TRACE_HOOK | TRACE_PACKET)) {
-        if (packet != nullptr) {
-            Passage<TRUE, ArrivalRoute<TRUE, ARRIVAL>>({}, packet).Run();
-        }
-        return;
-    }
     Trace(TRACE_HOOK, enter);
     if (packet != nullptr) {
         Passage<FALSE, ArrivalRoute<FALSE, ARRIVAL>>({}, packet).Run();
         TraceLeave();
     }
     Trace(TRACE_HOOK, leave);
+}
+
+// What is traced is decided once a frame: most often nothing, and then its road looks at the debug mask no more.
+template <const Arrival& ARRIVAL>
+VOID FilterFromHook(PCSTR enter, PCSTR leave, FilterPacket* packet)
+{
+    if (TraceEnabled(TRACE_HOOK | TRACE_PACKET)) {
+        FilterFromHookTraced<ARRIVAL>(enter, leave, packet);
+    } else if (packet != nullptr) {
+        Passage<TRUE, ArrivalRoute<TRUE, ARRIVAL>>({}, packet).Run();
+    }
 }
 
 } // namespace
