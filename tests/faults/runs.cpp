@@ -88,8 +88,8 @@ class Run
             UseAgain(run.world_);
         }
         run.Check("behind the short pass");
-        run.End();
         reference.again = Journal::Entries();
+        run.End();
         for (const std::vector<Entry>* entries : {&reference.entries, &reference.again}) {
             for (const Entry& entry : *entries) {
                 if (!entry.made || (entry.answer < 0 && !DeclinesBy(entry))) {
@@ -212,14 +212,17 @@ class Run
         const std::vector<Entry>& entries = Journal::Entries();
         auto expected = std::find_if(reference_.again.begin(), reference_.again.end(),
                                      [](const Entry& entry) { return !entry.startsUp; });
-        for (size_t i = first; i < entries.size() && expected != reference_.again.end(); ++i, ++expected) {
+        size_t i = first;
+        for (; i < entries.size() && expected != reference_.again.end(); ++i, ++expected) {
             if (entries[i].name != expected->name) {
-                names.push_back(expected->name + ": not got to");
                 break;
             }
             if (entries[i].answer != expected->answer || entries[i].made != expected->made) {
                 names.push_back(entries[i].name);
             }
+        }
+        if (expected != reference_.again.end()) {
+            names.push_back(expected->name + ": not got to");
         }
         return names;
     }

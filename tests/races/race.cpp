@@ -14,7 +14,7 @@
 #include <unistd.h>
 
 // The entry routine of the framework, which is linked in.
-extern "C" int32_t DriverEntry(void* driverObject, void* registryPath);
+extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath);
 
 namespace races
 {
