@@ -274,6 +274,9 @@ Hold<FilterDriver> TakeDriver(Caller& caller)
 // Not as often as the other kinds of call: a client is to have a life.
 Outcome DeregisterDriver(Caller& caller)
 {
+    if (caller.Stream().Chance(90)) {
+        return Outcome::NothingToUse;
+    }
     auto place = TakeDriver(caller);
     if (!place) {
         return Outcome::NothingToUse;
@@ -286,7 +289,7 @@ Outcome DeregisterDriver(Caller& caller)
 
 void DeregisterDriverWrongly(Caller& caller)
 {
-    switch (caller.Stream().Below(8)) {
+    switch (caller.Stream().Below(30)) {
     case 0: {
         auto place = TakeDriver(caller);
         if (place) {
@@ -836,7 +839,7 @@ template <auto kGet, class Handle, class Output, FILTER_STATUS kBadHandle>
 constexpr Call GetterCall(const char* name)
 {
     using Row = Getter<kGet, Handle, Output, kBadHandle>;
-    return {name, Actor::Caller, D, 80, Row::Legal, Row::Illegal};
+    return {name, Actor::Caller, D, 50, Row::Legal, Row::Illegal};
 }
 
 template <auto kIsValid, class Handle>
@@ -866,13 +869,13 @@ using TimerEnding = Ending<Filter_FreeTimer, FilterTimer, FILTER_ERROR_INVALID_T
                            FILTER_ERROR_TIMER_HANDLER_NOT_FOUND, FILTER_ERROR_INVALID_TIMER_HANDLER_OWNER>;
 
 constexpr Call kCalls[] = {
-    {"Filter_RegisterDriver", Actor::Caller, D, 5, RegisterDriver, RegisterDriverWrongly},
+    {"Filter_RegisterDriver", Actor::Caller, D, 1, RegisterDriver, RegisterDriverWrongly},
     ValidityCall<Filter_IsValidDriver, FilterDriver>("Filter_IsValidDriver"),
     GetterCall<Filter_GetDriverName, FilterDriver, STRING*, FILTER_ERROR_INVALID_DRIVER_HANDLE>(
         "Filter_GetDriverName"),
     GetterCall<Filter_GetDriverContext, FilterDriver, PVOID, FILTER_ERROR_INVALID_DRIVER_HANDLE>(
         "Filter_GetDriverContext"),
-    {"Filter_DeregisterDriver", Actor::Caller, D, 10, DeregisterDriver, DeregisterDriverWrongly},
+    {"Filter_DeregisterDriver", Actor::Caller, D, 1, DeregisterDriver, DeregisterDriverWrongly},
     {"Filter_RegisterFilter", Actor::Caller, D, 20, RegisterFilter, RegisterFilterWrongly},
     ValidityCall<Filter_IsValidFilter, PacketFilter>("Filter_IsValidFilter"),
     {"Filter_DeregisterFilter", Actor::Caller, D, 20, FilterEnding::Legal, FilterEnding::Illegal},

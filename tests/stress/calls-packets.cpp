@@ -11,9 +11,18 @@ namespace
 
 constexpr size_t kEthernetHeader = 14;
 
+// A packet for this thread alone: one that was kept, or a new one; none when the hook driver has none.
 Hold<FilterPacket> TakePacket(Caller& caller)
 {
-    return FirstOf(caller.Stream(), TheWorld().packets, Hold<FilterPacket>::Taken);
+    auto kept = FirstOf(caller.Stream(), TheWorld().packets, Hold<FilterPacket>::Taken);
+    if (kept) {
+        return kept;
+    }
+    auto place = FirstOf(caller.Stream(), TheWorld().packets, Hold<FilterPacket>::Vacant);
+    if (place) {
+        place.Set(MakePacket(caller.Stream(), AnyAdapter(caller.Stream())));
+    }
+    return place;
 }
 
 // Works on a packet that stays.
@@ -21,7 +30,7 @@ template <class Act>
 Outcome WithPacket(Caller& caller, const Act& act)
 {
     const auto hold = TakePacket(caller);
-    return hold ? act(hold.Get()) : Outcome::NothingToUse;
+    return hold && hold.Get() != nullptr ? act(hold.Get()) : Outcome::NothingToUse;
 }
 
 // Hands a packet over.
@@ -29,7 +38,7 @@ template <class Act>
 Outcome GivePacket(Caller& caller, const Act& act)
 {
     auto hold = TakePacket(caller);
-    if (!hold) {
+    if (!hold || hold.Get() == nullptr) {
         return Outcome::NothingToUse;
     }
     FilterPacket* const packet = hold.Get();
@@ -184,7 +193,7 @@ void ClonePacketWrongly(Caller& caller)
 {
     FilterPacket* clone = nullptr;
     caller.Expect(Filter_ClonePacket(nullptr, &clone), FILTER_ERROR_INVALID_ARGUMENT);
-    if (const auto hold = TakePacket(caller)) {
+    if (const auto hold = TakePacket(caller); hold && hold.Get() != nullptr) {
         caller.Expect(Filter_ClonePacket(hold.Get(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
     }
 }

@@ -353,7 +353,12 @@ Outcome Connect(Caller& caller)
 {
     const auto endpoint = BorrowEndpoint(caller);
     TA_IP_ADDRESS peer = echo::Loopback(g_server->tcpPort);
-    return endpoint ? caller.Judge(KS_Connect(endpoint.Get(), &peer), kRefusals) : Outcome::NothingToUse;
+    // The last: the same pair of ports has only just been in use.
+    const std::initializer_list<int64_t> refusals = {STATUS_INVALID_CONNECTION, STATUS_CONNECTION_ACTIVE,
+                                                     STATUS_CONNECTION_REFUSED, STATUS_CONNECTION_RESET,
+                                                     STATUS_CONNECTION_ABORTED, STATUS_DEVICE_BUSY, STATUS_CANCELLED,
+                                                     STATUS_INVALID_ADDRESS_COMPONENT};
+    return endpoint ? caller.Judge(KS_Connect(endpoint.Get(), &peer), refusals) : Outcome::NothingToUse;
 }
 
 void ConnectClosed(Caller& caller)

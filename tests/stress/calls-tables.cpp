@@ -64,7 +64,7 @@ void Dispose(Caller& caller, const LentTable& lent, TableItem* item)
             return;
         }
     }
-    if (caller.Stream().Chance(60)) {
+    if (caller.Stream().Chance(20)) {
         caller.Check(Filter_DeleteHashItem(item), "an item is deleted");
     } else {
         Filter_ReleaseHashItem(item);
@@ -87,6 +87,9 @@ Outcome CreateTable(Caller& caller)
 template <auto kEmpty>
 Outcome EmptyTable(Caller& caller)
 {
+    if (caller.Stream().Chance(90)) { // tables are to fill up
+        return Outcome::NothingToUse;
+    }
     auto place = FirstOf(caller.Stream(), TheWorld().tables,
                          [](Table& table) { return Hold<HashTable>::Taken(table.slot); });
     if (!place) {
@@ -166,13 +169,14 @@ Outcome EnumBucket(Caller& caller)
 Outcome InsertItem(Caller& caller)
 {
     return WithTable(caller, [&](const LentTable& lent) {
-        TableItem* const item = NewItem(caller.Stream());
-        if (item == nullptr || Filter_GetHashItemCount(lent.Get()) > 4 * kKeys) {
-            Filter_FreeMemory(item);
-            return;
+        for (uint32_t i = 1 + caller.Stream().Below(16); i > 0; --i) {
+            TableItem* const item =
+                Filter_GetHashItemCount(lent.Get()) < 4 * kKeys ? NewItem(caller.Stream()) : nullptr;
+            if (item != nullptr) {
+                caller.Check(Filter_InsertHashItem(lent.Get(), item) == item, "an item is inserted");
+                Dispose(caller, lent, item);
+            }
         }
-        caller.Check(Filter_InsertHashItem(lent.Get(), item) == item, "an item is inserted");
-        Dispose(caller, lent, item);
     });
 }
 
@@ -274,9 +278,9 @@ void Nothing(Caller& caller)
 constexpr auto D = Level::Dispatch;
 
 constexpr Call kCalls[] = {
-    {"Filter_CreateHashTable", Actor::Caller, D, 20, CreateTable, nullptr},
-    {"Filter_DestroyHashTable", Actor::Caller, D, 20, EmptyTable<Filter_DestroyHashTable>, Nothing},
-    {"Filter_CleanHashTable", Actor::Caller, D, 20, EmptyTable<Filter_CleanHashTable>, Nothing},
+    {"Filter_CreateHashTable", Actor::Caller, D, 1, CreateTable, nullptr},
+    {"Filter_DestroyHashTable", Actor::Caller, D, 1, EmptyTable<Filter_DestroyHashTable>, Nothing},
+    {"Filter_CleanHashTable", Actor::Caller, D, 1, EmptyTable<Filter_CleanHashTable>, Nothing},
     {"Filter_GetHashItemCount", Actor::Caller, D, 30, CountItems, Nothing},
     {"Filter_EnumHashTable", Actor::Caller, D, 30, EnumTable, Nothing},
     {"Filter_EnumHashTableEx", Actor::Caller, D, 30, EnumBucket, Nothing},
