@@ -45,14 +45,20 @@ FILTER_STATUS GetOfFilter(PCSTR functionName, PacketFilter* hPacketFilter, Outpu
     });
 }
 
+// A neighbour in the chain may come or go while a filter is shown by itself, without the chain's lock.
+FILTER_NOT_INSTRUMENTED PVOID ReadLink(LIST_ENTRY* const volatile& link)
+{
+    return link;
+}
+
 VOID PrintFilter(const PacketFilter& filter, ULONG position)
 {
     const PacketFilterCounters counters = SumFilterCounters(filter);
     const STRING& name = filter.m_FilterName;
     DbgPrint("Filter[%d] ----------- 0x%p\n", position, &filter);
     DbgPrint("- &m_ListEntry      = 0x%p\n", &filter.m_ListEntry);
-    DbgPrint("-      +-Blink      = 0x%p\n", filter.m_ListEntry.Blink);
-    DbgPrint("-      +-Flink      = 0x%p\n", filter.m_ListEntry.Flink);
+    DbgPrint("-      +-Blink      = 0x%p\n", ReadLink(filter.m_ListEntry.Blink));
+    DbgPrint("-      +-Flink      = 0x%p\n", ReadLink(filter.m_ListEntry.Flink));
     DbgPrint("- m_Tag             = 0x%x\n", filter.m_Tag);
     DbgPrint("- m_FilterName      = %*.*s\n", name.Length, name.Length, name.Buffer);
     DbgPrint("- m_hFilterDriver   = 0x%p\n", filter.m_hFilterDriver);
