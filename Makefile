@@ -3,12 +3,13 @@
 # What `make run` runs.
 LAB = replay tests/data/session.pcapng --filter blocker
 
-.PHONY: help run live test mutants windows docs bench bench-compare clean
+.PHONY: help run live test stress mutants windows docs bench bench-compare clean
 
 help:
 	@echo 'make run     build the lab and replay a recorded capture through the sample filter'
 	@echo 'make live    run real programs across the lab, between network namespaces (root)'
 	@echo 'make test    build and test everything: gcc, clang, sanitizers, the Windows drivers under Wine'
+	@echo 'make stress  random calls from many threads for 40 minutes, and a billion frames counted exactly'
 	@echo 'make mutants build known faults into a copy of the tree, one by one: the tests must notice each'
 	@echo 'make windows build the Windows drivers into dist/'
 	@echo 'make docs    make the reference of the public headers: build/docs/index.html'
@@ -28,6 +29,10 @@ live:
 
 test:
 	@scripts/test
+
+stress:
+	@scripts/setup test
+	@scripts/stress
 
 mutants:
 	@scripts/setup test

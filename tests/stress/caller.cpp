@@ -70,7 +70,8 @@ Random& CallbackRandom()
         return t_caller->Stream();
     }
     if (t_random == nullptr) {
-        t_random = std::make_unique<Random>(g_seed.load(), g_round.load(), 1000 + g_foreignThreads.fetch_add(1));
+        t_random =
+            std::make_unique<Random>(g_seed.load(), g_round.load(), 1000 + g_foreignThreads.fetch_add(1));
     }
     return *t_random;
 }
@@ -80,7 +81,8 @@ void Fail(const std::string& what)
     const size_t number = g_failures.fetch_add(1);
     if (number < kMostFailures) {
         fmt::print(stderr, "stress: FAILED: {} ({}, seed {}, round {})\n", what,
-                   t_caller != nullptr ? t_caller->Name() + ": " + t_caller->Doing() : "a thread of the kernel",
+                   t_caller != nullptr ? t_caller->Name() + ": " + t_caller->Doing()
+                                       : "a thread of the kernel",
                    g_seed.load(), g_round.load());
     }
 }
@@ -191,7 +193,8 @@ Outcome Caller::Check(bool holds, const char* what)
 void Caller::Expect(int64_t status, int64_t expected)
 {
     if (status != expected) {
-        Fail(fmt::format("a call answered {} (0x{:08X}), not {}", status, static_cast<uint32_t>(status), expected));
+        Fail(fmt::format("a call answered {} (0x{:08X}), not {}", status, static_cast<uint32_t>(status),
+                         expected));
     }
 }
 

@@ -87,7 +87,8 @@ struct Validity {
 };
 
 // Ends what a driver has registered. A stale handle is refused by its tag, or because no list has it.
-template <auto kEnd, class Handle, FILTER_STATUS kBadHandle, FILTER_STATUS kNotFound, FILTER_STATUS kWrongOwner>
+template <auto kEnd, class Handle, FILTER_STATUS kBadHandle, FILTER_STATUS kNotFound,
+          FILTER_STATUS kWrongOwner>
 struct Ending {
     static Outcome Legal(Caller& caller)
     {
@@ -111,7 +112,8 @@ struct Ending {
             return caller.Expect(kEnd(driver.Get(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
         case 2:
             if (handle != nullptr) {
-                caller.Expect(kEnd(NoHandle<FilterDriver>(caller), handle), FILTER_ERROR_INVALID_DRIVER_HANDLE);
+                caller.Expect(kEnd(NoHandle<FilterDriver>(caller), handle),
+                              FILTER_ERROR_INVALID_DRIVER_HANDLE);
             }
             return;
         case 3:
@@ -213,8 +215,9 @@ void RegisterDriverWrongly(Caller& caller)
         return caller.Expect(Filter_RegisterDriver(name.Get(), nullptr, 1, 0, nullptr),
                              FILTER_ERROR_INVALID_ARGUMENT);
     case 2:
-        return caller.Expect(Filter_RegisterDriver(name.Get(), nullptr, caller.Stream().Below(3) + 2, 0, &driver),
-                             FILTER_ERROR_UNSUPPORTED_API_VERSION);
+        return caller.Expect(
+            Filter_RegisterDriver(name.Get(), nullptr, caller.Stream().Below(3) + 2, 0, &driver),
+            FILTER_ERROR_UNSUPPORTED_API_VERSION);
     default:
         if (known) {
             caller.Expect(Filter_RegisterDriver(name.Get(), nullptr, 1, 0, &driver),
@@ -323,16 +326,16 @@ Outcome RegisterFilter(Caller& caller)
     if (!held) {
         return Outcome::NothingToUse;
     }
-    const auto place = static_cast<size_t>(held.child - TheWorld().clients[IndexOf(held.driver.Place())].filters);
+    const auto place =
+        static_cast<size_t>(held.child - TheWorld().clients[IndexOf(held.driver.Place())].filters);
     const Counted name(ClientName(IndexOf(held.driver.Place())) + "/" + std::to_string(place));
     const auto type = static_cast<FILTER_TYPE>(caller.Stream().Below(FILTER_TYPE_COUNT));
     const FILTER_ORDER order =
         caller.Stream().OneOf<FILTER_ORDER>({FILTER_ORDER_FIRST, FILTER_ORDER_NEXT, FILTER_ORDER_LAST,
                                              static_cast<FILTER_ORDER>(caller.Stream().Next())});
     PacketFilter* filter = nullptr;
-    const Outcome outcome =
-        caller.Judge(Filter_RegisterFilter(held.driver.Get(), name.Get(), FilterProcedure,
-                                           Renew(held, "filter"), type, order, &filter));
+    const Outcome outcome = caller.Judge(Filter_RegisterFilter(held.driver.Get(), name.Get(), FilterProcedure,
+                                                               Renew(held, "filter"), type, order, &filter));
     held.handle.Set(filter);
     return outcome;
 }
@@ -349,8 +352,8 @@ void RegisterFilterWrongly(Caller& caller)
     caller.Expect(Filter_GetFilterType(lent.handle.Get(), &type), FILTER_STATUS_SUCCESS);
     caller.Expect(Filter_GetFilterName(lent.handle.Get(), &name), FILTER_STATUS_SUCCESS);
     PacketFilter* filter = nullptr;
-    const auto attempt = [&](FilterDriver* owner, const STRING* text, FILTER_PROC procedure, FILTER_TYPE chain,
-                             PacketFilter** output) {
+    const auto attempt = [&](FilterDriver* owner, const STRING* text, FILTER_PROC procedure,
+                             FILTER_TYPE chain, PacketFilter** output) {
         return Filter_RegisterFilter(owner, text, procedure, nullptr, chain, FILTER_ORDER_LAST, output);
     };
     switch (caller.Stream().Below(7)) {
@@ -358,7 +361,8 @@ void RegisterFilterWrongly(Caller& caller)
         caller.Expect(attempt(nullptr, name, FilterProcedure, type, &filter), FILTER_ERROR_INVALID_ARGUMENT);
         break;
     case 1:
-        caller.Expect(attempt(driver, nullptr, FilterProcedure, type, &filter), FILTER_ERROR_INVALID_ARGUMENT);
+        caller.Expect(attempt(driver, nullptr, FilterProcedure, type, &filter),
+                      FILTER_ERROR_INVALID_ARGUMENT);
         break;
     case 2:
         caller.Expect(attempt(driver, name, nullptr, type, &filter), FILTER_ERROR_INVALID_ARGUMENT);
@@ -372,7 +376,8 @@ void RegisterFilterWrongly(Caller& caller)
         break;
     case 5:
         caller.Expect(attempt(driver, name, FilterProcedure,
-                              caller.Stream().OneOf<FILTER_TYPE>({FILTER_TYPE_INVALID, 4, 0x7FFFFFFF}), &filter),
+                              caller.Stream().OneOf<FILTER_TYPE>({FILTER_TYPE_INVALID, 4, 0x7FFFFFFF}),
+                              &filter),
                       FILTER_ERROR_INVALID_FILTER_TYPE);
         break;
     default:
@@ -413,9 +418,11 @@ void EnumFilterWrongly(Caller& caller)
     uint32_t count = 0;
     switch (caller.Stream().Below(driver ? 4 : 3)) {
     case 0:
-        return caller.Expect(Filter_EnumFilter(nullptr, LookAtFilter, &count, 1), FILTER_ERROR_INVALID_ARGUMENT);
+        return caller.Expect(Filter_EnumFilter(nullptr, LookAtFilter, &count, 1),
+                             FILTER_ERROR_INVALID_ARGUMENT);
     case 1:
-        return caller.Expect(Filter_EnumFilter(driver.Get(), nullptr, &count, 1), FILTER_ERROR_INVALID_ARGUMENT);
+        return caller.Expect(Filter_EnumFilter(driver.Get(), nullptr, &count, 1),
+                             FILTER_ERROR_INVALID_ARGUMENT);
     case 2:
         return caller.Expect(Filter_EnumFilter(NoHandle<FilterDriver>(caller), LookAtFilter, &count, 1),
                              FILTER_ERROR_INVALID_DRIVER_HANDLE);
@@ -427,7 +434,8 @@ void EnumFilterWrongly(Caller& caller)
 
 Outcome DumpFilter(Caller& caller)
 {
-    return caller.Judge(Filter_DumpFilter(static_cast<FILTER_TYPE>(caller.Stream().Below(FILTER_TYPE_COUNT))));
+    return caller.Judge(
+        Filter_DumpFilter(static_cast<FILTER_TYPE>(caller.Stream().Below(FILTER_TYPE_COUNT))));
 }
 
 void DumpFilterWrongly(Caller& caller)
@@ -482,7 +490,8 @@ NTSTATUS OnControl(PVOID context, PIRP irp, ULONG code, PVOID input, ULONG input
 {
     const Registration& registration = Standing(context, "a handler of control requests");
     const auto decline = [&] {
-        return Filter_DefaultIoCtrlHandler(context, irp, code, input, inputLength, output, outputLength, returned);
+        return Filter_DefaultIoCtrlHandler(context, irp, code, input, inputLength, output, outputLength,
+                                           returned);
     };
     if (code == IOCTL_NDIS_FILTER_DIAG) {
         Diag* diag = nullptr;
@@ -530,7 +539,8 @@ Outcome RegisterIoControl(Caller& caller)
 
 Outcome DeclineControl(Caller& caller)
 {
-    const NTSTATUS status = Filter_DefaultIoCtrlHandler(nullptr, nullptr, kOwnCode, nullptr, 0, nullptr, 0, nullptr);
+    const NTSTATUS status =
+        Filter_DefaultIoCtrlHandler(nullptr, nullptr, kOwnCode, nullptr, 0, nullptr, 0, nullptr);
     return caller.Check(status == STATUS_NOT_SUPPORTED, "the default handler declines");
 }
 
@@ -613,7 +623,8 @@ void WithNoTimer(Caller& caller, const Act& act)
 
 Outcome StartTimer(Caller& caller)
 {
-    return WithTimer(caller, [&](FilterTimer* timer) { return Filter_StartTimer(timer, caller.Stream().Below(20)); });
+    return WithTimer(caller,
+                     [&](FilterTimer* timer) { return Filter_StartTimer(timer, caller.Stream().Below(20)); });
 }
 
 void StartTimerWrongly(Caller& caller)
@@ -671,7 +682,8 @@ void RegisterInterfaceWrongly(Caller& caller)
                       FILTER_ERROR_INVALID_ARGUMENT);
         break;
     case 1:
-        caller.Expect(Filter_RegisterInterface(driver, nullptr, &block, &handle), FILTER_ERROR_INVALID_ARGUMENT);
+        caller.Expect(Filter_RegisterInterface(driver, nullptr, &block, &handle),
+                      FILTER_ERROR_INVALID_ARGUMENT);
         break;
     case 2:
         caller.Expect(Filter_RegisterInterface(driver, name.Get(), nullptr, &handle),
@@ -727,14 +739,16 @@ void QueryInterfaceWrongly(Caller& caller)
         caller.Expect(Filter_QueryInterface(driver.Get(), nullptr, &copy), FILTER_ERROR_INVALID_ARGUMENT);
         break;
     case 2:
-        caller.Expect(Filter_QueryInterface(driver.Get(), name.Get(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+        caller.Expect(Filter_QueryInterface(driver.Get(), name.Get(), nullptr),
+                      FILTER_ERROR_INVALID_ARGUMENT);
         break;
     case 3:
         caller.Expect(Filter_QueryInterface(NoHandle<FilterDriver>(caller), name.Get(), &copy),
                       FILTER_ERROR_INVALID_DRIVER_HANDLE);
         break;
     default:
-        caller.Expect(Filter_QueryInterface(driver.Get(), name.Get(), &copy), FILTER_ERROR_INTERFACE_NOT_FOUND);
+        caller.Expect(Filter_QueryInterface(driver.Get(), name.Get(), &copy),
+                      FILTER_ERROR_INTERFACE_NOT_FOUND);
     }
     caller.Check(copy == nullptr, "nothing is handed out on failure");
 }
@@ -743,7 +757,7 @@ void QueryInterfaceWrongly(Caller& caller)
 Outcome IsValidInterface(Caller& caller)
 {
     const auto lent = Borrow<VOID>(caller);
-    return !lent ? Outcome::NothingToUse
+    return !lent                                        ? Outcome::NothingToUse
            : Filter_IsValidInterface(lent.handle.Get()) ? Outcome::Success
                                                         : Outcome::Refused;
 }
@@ -774,7 +788,8 @@ void ReleaseInterfaceWrongly(Caller& caller)
     FilterDriver* const driver = lent.driver.Get();
     switch (caller.Stream().Below(5)) {
     case 0:
-        return caller.Expect(Filter_ReleaseInterface(nullptr, lent.handle.Get()), FILTER_ERROR_INVALID_ARGUMENT);
+        return caller.Expect(Filter_ReleaseInterface(nullptr, lent.handle.Get()),
+                             FILTER_ERROR_INVALID_ARGUMENT);
     case 1:
         return caller.Expect(Filter_ReleaseInterface(driver, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
     case 2:
@@ -826,7 +841,8 @@ void DeregisterInterfaceWrongly(Caller& caller)
                              FILTER_ERROR_INVALID_FILTER_INTERFACE);
     default:
         if (const auto other = OtherDriver(caller, lent.driver)) {
-            caller.Expect(Filter_DeregisterInterface(other.Get(), handle), FILTER_ERROR_INVALID_INTERFACE_OWNER);
+            caller.Expect(Filter_DeregisterInterface(other.Get(), handle),
+                          FILTER_ERROR_INVALID_INTERFACE_OWNER);
         }
     }
 }
@@ -855,9 +871,8 @@ using IfEventHandling = Handling<Filter_RegisterIfEventHandler, IfEventHandler, 
                                  FILTER_ERROR_EVENT_HANDLER_ALREADY_REGISTERED>;
 using ControlHandling = Handling<Filter_RegisterIoControl, IoCtrlHandler, OnControl,
                                  FILTER_ERROR_IOCTL_HANDLER_ALREADY_REGISTERED>;
-using FilterEnding =
-    Ending<Filter_DeregisterFilter, PacketFilter, FILTER_ERROR_INVALID_PACKET_FILTER,
-           FILTER_ERROR_FILTER_NOT_FOUND, FILTER_ERROR_INVALID_FILTER_OWNER>;
+using FilterEnding = Ending<Filter_DeregisterFilter, PacketFilter, FILTER_ERROR_INVALID_PACKET_FILTER,
+                            FILTER_ERROR_FILTER_NOT_FOUND, FILTER_ERROR_INVALID_FILTER_OWNER>;
 using EventEnding = Ending<Filter_DeregisterEventHandler, EventHandler, FILTER_ERROR_INVALID_EVENT_HANDLER,
                            FILTER_ERROR_EVENT_HANDLER_NOT_FOUND, FILTER_ERROR_INVALID_EVENT_HANDLER_OWNER>;
 using IfEventEnding =

@@ -72,7 +72,8 @@ Outcome UnbindAndBind(Caller& caller)
         return Outcome::NothingToUse;
     }
     using hook::UnbindMode;
-    caller.Expect(hook::Unbind(caller.Stream().OneOf({UnbindMode::Drained, UnbindMode::Abrupt})), STATUS_SUCCESS);
+    caller.Expect(hook::Unbind(caller.Stream().OneOf({UnbindMode::Drained, UnbindMode::Abrupt})),
+                  STATUS_SUCCESS);
     Linger(caller);
     return caller.Judge(hook::Bind());
 }
@@ -107,7 +108,8 @@ Outcome Deliver(Caller& caller)
         options.unmappedBuffers = random.Chance(30);
     }
     const hook::BatchResult result = kDeliver(AnyAdapter(random), spans, options);
-    caller.Check(result.Ended() + result.noPacket == frames.size() && result.tooLong == 0, "each frame is accounted for");
+    caller.Check(result.Ended() + result.noPacket == frames.size() && result.tooLong == 0,
+                 "each frame is accounted for");
     return result.accepted != 0 ? Outcome::Success : Outcome::Refused;
 }
 
@@ -162,8 +164,10 @@ Outcome StartShare(Caller& caller)
     }
     g_program.memory = reinterpret_cast<SharedMemory*>(address);
     // What an earlier owner has left.
-    StoreIndex(g_program.memory->KernelModeOutput.m_iRead, LoadIndex(g_program.memory->KernelModeOutput.m_iWrite));
-    StoreIndex(g_program.memory->KernelModeInput.m_iWrite, LoadIndex(g_program.memory->KernelModeInput.m_iRead));
+    StoreIndex(g_program.memory->KernelModeOutput.m_iRead,
+               LoadIndex(g_program.memory->KernelModeOutput.m_iWrite));
+    StoreIndex(g_program.memory->KernelModeInput.m_iWrite,
+               LoadIndex(g_program.memory->KernelModeInput.m_iRead));
     return Outcome::Success;
 }
 
@@ -172,9 +176,9 @@ void StartShareWrongly(Caller& caller)
     const uint32_t value = 0;
     uint64_t address = 0;
     if (caller.Device() != nullptr) {
-        const auto result = caller.Device()->Control(IOCTL_NDIS_FILTER_START_SHARE,
-                                                     {reinterpret_cast<const uint8_t*>(&value), sizeof(value)},
-                                                     {reinterpret_cast<uint8_t*>(&address), sizeof(address)});
+        const auto result = caller.Device()->Control(
+            IOCTL_NDIS_FILTER_START_SHARE, {reinterpret_cast<const uint8_t*>(&value), sizeof(value)},
+            {reinterpret_cast<uint8_t*>(&address), sizeof(address)});
         caller.Check(result.status != STATUS_SUCCESS, "a share of 0 is refused");
     }
 }
@@ -209,7 +213,8 @@ Outcome SendBlocks(Caller& caller)
     for (uint32_t i = 1 + random.Below(20); i > 0; --i) {
         const int32_t index = LoadIndex(ring.m_iWrite);
         if (Next(index) == LoadIndex(ring.m_iRead)) {
-            StoreIndex(ring.m_iWrite, LoadIndex(ring.m_iRead)); // takes them back: the oldest is for no adapter
+            StoreIndex(ring.m_iWrite,
+                       LoadIndex(ring.m_iRead)); // takes them back: the oldest is for no adapter
             break;
         }
         SharedBlock& block = g_program.memory->m_InputBlocks[index];
@@ -217,7 +222,8 @@ Outcome SendBlocks(Caller& caller)
         const size_t size = std::min<size_t>(frame.size(), sizeof(block.m_Data));
         block.m_nAdapterId = random.Chance(99) ? 1 + random.Below(kAdapters) : random.Below(100);
         block.m_nDirection = random.Below(random.Chance(90) ? 3 : 0x10000) + 1;
-        block.m_nPacketSize = random.Chance(98) ? static_cast<uint32_t>(size) : static_cast<uint32_t>(random.Next());
+        block.m_nPacketSize =
+            random.Chance(98) ? static_cast<uint32_t>(size) : static_cast<uint32_t>(random.Next());
         std::memcpy(block.m_Data, frame.data(), size);
         StoreIndex(ring.m_iWrite, Next(index));
     }
@@ -282,8 +288,8 @@ Outcome GetEvents(Caller& caller)
     UserEvent event;
     uint32_t count = 0;
     while (caller.Device() != nullptr && count < 200) {
-        const auto result =
-            caller.Device()->Control(IOCTL_NDIS_FILTER_GET_EVENT, {}, {reinterpret_cast<uint8_t*>(&event), sizeof(event)});
+        const auto result = caller.Device()->Control(IOCTL_NDIS_FILTER_GET_EVENT, {},
+                                                     {reinterpret_cast<uint8_t*>(&event), sizeof(event)});
         if (result.information == 0) {
             break;
         }

@@ -72,7 +72,8 @@ void AllocatePacketWrongly(Caller& caller)
 
 Outcome ReleasePacket(Caller& caller)
 {
-    return GivePacket(caller, [&](FilterPacket* packet) { return caller.Judge(Filter_ReleasePacket(packet)); });
+    return GivePacket(caller,
+                      [&](FilterPacket* packet) { return caller.Judge(Filter_ReleasePacket(packet)); });
 }
 
 void ReleasePacketWrongly(Caller& caller)
@@ -132,7 +133,8 @@ Outcome ClearReleaseCallback(Caller& caller)
 Outcome InitPacketHeader(Caller& caller)
 {
     return WithPacket(caller, [&](FilterPacket* packet) {
-        return caller.Judge(Filter_InitPacketHeader(packet, caller.Stream().Chance(50) ? packet->m_Data : nullptr));
+        return caller.Judge(
+            Filter_InitPacketHeader(packet, caller.Stream().Chance(50) ? packet->m_Data : nullptr));
     });
 }
 
@@ -160,8 +162,9 @@ void CalculateChecksumWrongly(Caller& caller)
 {
     uint8_t header[60] = {0x45};
     caller.Expect(Filter_CalculatePacketCheckSum(nullptr, 0), FILTER_ERROR_INVALID_ARGUMENT);
-    caller.Expect(Filter_CalculatePacketCheckSum(header, caller.Stream().OneOf<ULONG>({2, 7, 255, 0x80000001})),
-                  FILTER_ERROR_UNSUPPORTED_PROTOCOL);
+    caller.Expect(
+        Filter_CalculatePacketCheckSum(header, caller.Stream().OneOf<ULONG>({2, 7, 255, 0x80000001})),
+        FILTER_ERROR_UNSUPPORTED_PROTOCOL);
 }
 
 Outcome VerifyChecksum(Caller& caller)
@@ -179,10 +182,12 @@ Outcome ClonePacket(Caller& caller)
         const FILTER_STATUS status = Filter_ClonePacket(packet, &clone);
         if (status == FILTER_STATUS_SUCCESS) {
             // One with an NDIS packet may differ from that in its own bytes, and the clone then has the NDIS packet's.
-            const bool whole = packet->m_pIncomingNdisPacket == nullptr && packet->m_pOutgoingNdisPacket == nullptr;
-            caller.Check(clone->m_nPacketSize == packet->m_nPacketSize &&
-                             (!whole || std::memcmp(clone->m_Data, packet->m_Data, packet->m_nPacketSize) == 0),
-                         "a clone has the same frame");
+            const bool whole =
+                packet->m_pIncomingNdisPacket == nullptr && packet->m_pOutgoingNdisPacket == nullptr;
+            caller.Check(
+                clone->m_nPacketSize == packet->m_nPacketSize &&
+                    (!whole || std::memcmp(clone->m_Data, packet->m_Data, packet->m_nPacketSize) == 0),
+                "a clone has the same frame");
             KeepPacket(caller.Stream(), clone);
         }
         return caller.Judge(status, {FILTER_ERROR_OUT_OF_MEMORY});
@@ -219,7 +224,8 @@ Outcome InvokeFilters(Caller& caller)
 void InvokeFiltersWrongly(Caller& caller)
 {
     Filter_InvokeFilters(0, nullptr);
-    Filter_InvokeFilters(caller.Stream().OneOf<FILTER_TYPE>({-1, 4, 0x7FFFFFFF}), Spare(caller)); // is released
+    Filter_InvokeFilters(caller.Stream().OneOf<FILTER_TYPE>({-1, 4, 0x7FFFFFFF}),
+                         Spare(caller)); // is released
 }
 
 FILTER_METHOD AnyMethod(Caller& caller)
@@ -252,9 +258,9 @@ struct Straight {
     static Outcome Legal(Caller& caller)
     {
         return GivePacket(caller, [&](FilterPacket* packet) {
-            return caller.Judge(kDeliver(AnyAdapter(caller.Stream()), packet),
-                                {FILTER_ERROR_INTERFACE_NOT_ACTIVE, FILTER_ERROR_INTERNAL_ERROR,
-                                 FILTER_ERROR_EXCEPTION});
+            return caller.Judge(
+                kDeliver(AnyAdapter(caller.Stream()), packet),
+                {FILTER_ERROR_INTERFACE_NOT_ACTIVE, FILTER_ERROR_INTERNAL_ERROR, FILTER_ERROR_EXCEPTION});
         });
     }
     static void Illegal(Caller& caller)
@@ -311,7 +317,8 @@ Outcome InjectFromFilter(Caller& caller)
 void InjectFromFilterWrongly(Caller& caller)
 {
     const auto lent = Borrow<PacketFilter>(caller);
-    caller.Expect(Filter_InjectPacketFromFilter(0, lent.handle.Get(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    caller.Expect(Filter_InjectPacketFromFilter(0, lent.handle.Get(), nullptr),
+                  FILTER_ERROR_INVALID_ARGUMENT);
     if (FilterPacket* const packet = Spare(caller)) {
         caller.Expect(Filter_InjectPacketFromFilter(0, nullptr, packet), FILTER_ERROR_INVALID_ARGUMENT);
     }
@@ -348,7 +355,8 @@ void IndicateSignalWrongly(Caller& caller)
 
 Outcome GetInjectPacketCount(Caller& caller)
 {
-    return caller.Check(Filter_GetInjectPacketCount() < 0x80000000, "the count of queued packets is never negative");
+    return caller.Check(Filter_GetInjectPacketCount() < 0x80000000,
+                        "the count of queued packets is never negative");
 }
 
 Outcome SetPendingPacketLimit(Caller& caller)

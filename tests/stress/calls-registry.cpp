@@ -126,7 +126,8 @@ Outcome EnumAdapter(Caller& caller)
 {
     const auto driver = AnyDriver(caller);
     uint32_t count = 0;
-    return driver ? caller.Judge(Filter_EnumAdapter(driver.Get(), LookAtAdapter, &count)) : Outcome::NothingToUse;
+    return driver ? caller.Judge(Filter_EnumAdapter(driver.Get(), LookAtAdapter, &count))
+                  : Outcome::NothingToUse;
 }
 
 void EnumAdapterWrongly(Caller& caller)
@@ -143,7 +144,8 @@ Outcome FindByMac(Caller& caller)
 {
     FilterAdapter* adapter = nullptr;
     const auto address = AnyAddress(caller);
-    return caller.Judge(Filter_FindAdapterByMacAddress(address.data(), &adapter), {FILTER_ERROR_ADAPTER_NOT_FOUND});
+    return caller.Judge(Filter_FindAdapterByMacAddress(address.data(), &adapter),
+                        {FILTER_ERROR_ADAPTER_NOT_FOUND});
 }
 
 void FindByMacWrongly(Caller& caller)
@@ -198,7 +200,8 @@ Outcome GetPacketDump(Caller& caller)
 {
     BOOLEAN enabled = FALSE;
     const auto address = AnyAddress(caller);
-    return caller.Judge(Filter_GetAdapterPacketDump(address.data(), &enabled), {FILTER_ERROR_ADAPTER_NOT_FOUND});
+    return caller.Judge(Filter_GetAdapterPacketDump(address.data(), &enabled),
+                        {FILTER_ERROR_ADAPTER_NOT_FOUND});
 }
 
 void GetPacketDumpWrongly(Caller& caller)
@@ -352,11 +355,13 @@ void SetContextWrongly(Caller& caller)
     caller.Expect(Filter_SetAdapterContext(NoHandle<FilterDriver>(caller), adapter, 0, nullptr),
                   FILTER_ERROR_INVALID_DRIVER_HANDLE);
     if (driver) {
-        caller.Expect(Filter_SetAdapterContext(driver.Get(), nullptr, 0, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+        caller.Expect(Filter_SetAdapterContext(driver.Get(), nullptr, 0, nullptr),
+                      FILTER_ERROR_INVALID_ARGUMENT);
         caller.Expect(Filter_SetAdapterContext(driver.Get(), NoHandle<FilterAdapter>(caller), 0, nullptr),
                       FILTER_ERROR_INVALID_ADAPTER_HANDLE);
-        caller.Expect(Filter_SetAdapterContext(driver.Get(), adapter, 16 + caller.Stream().Below(100), nullptr),
-                      FILTER_ERROR_INVALID_ADAPTER_CONTEXT);
+        caller.Expect(
+            Filter_SetAdapterContext(driver.Get(), adapter, 16 + caller.Stream().Below(100), nullptr),
+            FILTER_ERROR_INVALID_ADAPTER_CONTEXT);
         caller.Expect(Filter_SetAdapterContext(driver.Get(), adapter, 15, nullptr),
                       FILTER_ERROR_INVALID_CONTEXT_OWNER);
     }
@@ -365,7 +370,8 @@ void SetContextWrongly(Caller& caller)
 Outcome GetContext(Caller& caller)
 {
     PVOID context = nullptr;
-    return caller.Judge(Filter_GetAdapterContext(AnyAdapter(caller.Stream()), caller.Stream().Below(16), &context));
+    return caller.Judge(
+        Filter_GetAdapterContext(AnyAdapter(caller.Stream()), caller.Stream().Below(16), &context));
 }
 
 void GetContextWrongly(Caller& caller)
@@ -429,7 +435,8 @@ constexpr Call PppCall(const char* name)
                 UCHAR address[6];
                 caller.Expect(kGet(nullptr, address), FILTER_ERROR_INVALID_ARGUMENT);
                 caller.Expect(kGet(AnyAdapter(caller.Stream()), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-                caller.Expect(kGet(NoHandle<FilterAdapter>(caller), address), FILTER_ERROR_INVALID_ADAPTER_HANDLE);
+                caller.Expect(kGet(NoHandle<FilterAdapter>(caller), address),
+                              FILTER_ERROR_INVALID_ADAPTER_HANDLE);
             }};
 }
 
@@ -447,14 +454,16 @@ constexpr Call kCalls[] = {
     PropertyCall<Filter_GetAdapterMediaState, ULONG>("Filter_GetAdapterMediaState"),
     PropertyCall<Filter_GetAdapterMediumType, ULONG>("Filter_GetAdapterMediumType"),
     PropertyCall<Filter_IsNdisWanAdapter, BOOLEAN>("Filter_IsNdisWanAdapter"),
-    RowCall<Property<Filter_GetAdapterMtu, USHORT, FILTER_STATUS_SUCCESS, FILTER_ERROR_INVALID_ADAPTER_HANDLE>>(
+    RowCall<
+        Property<Filter_GetAdapterMtu, USHORT, FILTER_STATUS_SUCCESS, FILTER_ERROR_INVALID_ADAPTER_HANDLE>>(
         "Filter_GetAdapterMtu"),
     PropertyCall<Filter_GetAdapterName, UNICODE_STRING*>("Filter_GetAdapterName"),
     PppCall<Filter_GetAdapterPPPSrcMacAddress>("Filter_GetAdapterPPPSrcMacAddress"),
     PppCall<Filter_GetAdapterPPPDstMacAddress>("Filter_GetAdapterPPPDstMacAddress"),
     RowCall<MacSetting<Filter_SetAdapterPPPSrcMacAddress>>("Filter_SetAdapterPPPSrcMacAddress"),
     RowCall<MacSetting<Filter_SetAdapterPPPDstMacAddress>>("Filter_SetAdapterPPPDstMacAddress"),
-    {"Filter_SetAdapterCongestionControl", Actor::Caller, D, 99, SetCongestionControl, SetCongestionControlWrongly},
+    {"Filter_SetAdapterCongestionControl", Actor::Caller, D, 99, SetCongestionControl,
+     SetCongestionControlWrongly},
     {"Filter_GetAdapterPacketDump", Actor::Caller, D, 20, GetPacketDump, GetPacketDumpWrongly},
     {"Filter_SetAdapterPacketDump", Actor::Caller, D, 20, SetPacketDump, SetPacketDumpWrongly},
     {"Filter_GetTcpIpBoundAdapters", Actor::Caller, D, 20, GetBoundAdapters, GetBoundAdaptersWrongly},

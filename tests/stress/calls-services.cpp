@@ -61,7 +61,8 @@ Outcome SwapLong(Caller& caller)
 Outcome AddressText(Caller& caller)
 {
     CHAR text[16];
-    return caller.Check(std::strcmp(inet_ntoa(0x0100007F, text, sizeof(text)), "127.0.0.1") == 0, "an address's text");
+    return caller.Check(std::strcmp(inet_ntoa(0x0100007F, text, sizeof(text)), "127.0.0.1") == 0,
+                        "an address's text");
 }
 
 void AddressTextWrongly(Caller& caller)
@@ -82,12 +83,14 @@ Outcome MacText(Caller& caller)
 Outcome SubnetBroadcast(Caller& caller)
 {
     const auto mask = static_cast<ULONG>(caller.Stream().Next());
-    return caller.Check((SubnetBroadcastAddress(0x01020304, mask) | mask) == 0xFFFFFFFF, "a broadcast address");
+    return caller.Check((SubnetBroadcastAddress(0x01020304, mask) | mask) == 0xFFFFFFFF,
+                        "a broadcast address");
 }
 
 Outcome IsBroadcast(Caller& caller)
 {
-    return caller.Check(IsBroadcastAddress(0xFF000001) && !IsBroadcastAddress(0x01FFFFFF), "the last octet decides");
+    return caller.Check(IsBroadcastAddress(0xFF000001) && !IsBroadcastAddress(0x01FFFFFF),
+                        "the last octet decides");
 }
 
 Outcome CompareString(Caller& caller)
@@ -102,7 +105,8 @@ Outcome CompareString(Caller& caller)
 void CompareStringWrongly(Caller& caller)
 {
     const Counted one("one");
-    caller.Check(Filter_CompareString(nullptr, one.Get()) == -1 && Filter_CompareString(one.Get(), nullptr) == -1,
+    caller.Check(Filter_CompareString(nullptr, one.Get()) == -1 &&
+                     Filter_CompareString(one.Get(), nullptr) == -1,
                  "nothing is shorter");
 }
 
@@ -185,7 +189,8 @@ Outcome GetOsVersion(Caller& caller)
 {
     ULONG major = 0;
     ULONG build = 0;
-    return caller.Judge(Filter_GetOsVersion(&major, nullptr, &build, nullptr), {FILTER_ERROR_INTERFACE_NOT_ACTIVE});
+    return caller.Judge(Filter_GetOsVersion(&major, nullptr, &build, nullptr),
+                        {FILTER_ERROR_INTERFACE_NOT_ACTIVE});
 }
 
 void GetOsVersionWrongly(Caller& caller)
@@ -343,7 +348,7 @@ Outcome Diagnose(Caller& caller)
     const machine::Request::Result result = device->Control(
         IOCTL_NDIS_FILTER_DIAG, {reinterpret_cast<const uint8_t*>(command.data()), command.size()}, output);
     return result.status == STATUS_SUCCESS && result.information > sizeof(UserDiag) ? Outcome::Success
-                                                                                   : Outcome::Refused;
+                                                                                    : Outcome::Refused;
 }
 
 void BeginDiagWrongly(Caller& caller)
@@ -398,7 +403,8 @@ Outcome IsValidRequest(Caller& caller)
 {
     const auto loan = FirstOf(caller.Stream(), TheWorld().requests,
                               [](HeldRequest& held) { return Loan<hook::NdisRequest>(held.slot); });
-    return loan ? caller.Check(Filter_IsValidNdisRequest(loan.Get()), "a request is valid") : Outcome::NothingToUse;
+    return loan ? caller.Check(Filter_IsValidNdisRequest(loan.Get()), "a request is valid")
+                : Outcome::NothingToUse;
 }
 
 void IsValidRequestWrongly(Caller& caller)
@@ -442,7 +448,8 @@ void MakeRequestWrongly(Caller& caller)
     const auto hold = TakeRequest(caller);
     FilterAdapter* const adapter = AnyAdapter(caller.Stream());
     caller.Expect(Filter_MakeNdisRequest(adapter, nullptr, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-    caller.Expect(Filter_MakeNdisRequest(adapter, NoHandle<VOID>(caller), nullptr), FILTER_ERROR_INVALID_NDIS_REQUEST);
+    caller.Expect(Filter_MakeNdisRequest(adapter, NoHandle<VOID>(caller), nullptr),
+                  FILTER_ERROR_INVALID_NDIS_REQUEST);
     if (hold) {
         caller.Expect(Filter_MakeNdisRequest(nullptr, hold.Get(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
         caller.Expect(Filter_MakeNdisRequest(NoHandle<FilterAdapter>(caller), hold.Get(), nullptr),
@@ -485,12 +492,13 @@ constexpr Call kCalls[] = {
     {"Filter_FreeLock", Actor::Caller, D, 99, InitializeLock, NoLock<Filter_FreeLock>},
     {"Filter_GetOsVersion", Actor::Caller, D, 20, GetOsVersion, GetOsVersionWrongly},
     {"Filter_SaveDriverRegistryPath", Actor::Caller, P, 99, SaveRegistryPath, SaveRegistryPathWrongly},
-    {"Filter_ReplaceDriverRegistryPath", Actor::Caller, P, 99, ReplaceRegistryPath, ReplaceRegistryPathWrongly},
+    {"Filter_ReplaceDriverRegistryPath", Actor::Caller, P, 99, ReplaceRegistryPath,
+     ReplaceRegistryPathWrongly},
     {"Filter_RegGetDwordValue", Actor::Caller, P, 99, GetDword, GetDwordWrongly},
     {"Filter_RegGetStringValue", Actor::Caller, P, 99, GetString, GetStringWrongly},
     {"Filter_GetGlobalDebugFlag", Actor::Caller, P, 99, Setting<Filter_GetGlobalDebugFlag, true>, nullptr},
-    {"Filter_GetPendingPacketLimit", Actor::Caller, P, 99,
-     Setting<Filter_GetPendingPacketLimit, false>, nullptr},
+    {"Filter_GetPendingPacketLimit", Actor::Caller, P, 99, Setting<Filter_GetPendingPacketLimit, false>,
+     nullptr},
     {"Filter_SafeGetGlobalDebugFlag", Actor::Caller, D, 50, SafeGetGlobalDebugFlag, nullptr},
     {"Filter_GetSystemTime", Actor::Caller, D, 99, SystemTime, nullptr},
     {"Filter_GetSystemTimeMs", Actor::Caller, D, 99, SystemTime, nullptr},

@@ -71,9 +71,9 @@ Block* TakeBlock(Caller& caller)
 }
 
 constexpr std::initializer_list<int64_t> kRefusals = {
-    STATUS_INVALID_CONNECTION, STATUS_CONNECTION_ACTIVE,    STATUS_CONNECTION_REFUSED, STATUS_CONNECTION_RESET,
-    STATUS_CONNECTION_ABORTED, STATUS_GRACEFUL_DISCONNECT,  STATUS_DEVICE_BUSY,        STATUS_CANCELLED,
-    STATUS_ADDRESS_ALREADY_EXISTS};
+    STATUS_INVALID_CONNECTION, STATUS_CONNECTION_ACTIVE,  STATUS_CONNECTION_REFUSED,
+    STATUS_CONNECTION_RESET,   STATUS_CONNECTION_ABORTED, STATUS_GRACEFUL_DISCONNECT,
+    STATUS_DEVICE_BUSY,        STATUS_CANCELLED,          STATUS_ADDRESS_ALREADY_EXISTS};
 
 Outcome JudgeRequest(Caller& caller, NTSTATUS status)
 {
@@ -92,7 +92,8 @@ Outcome Request(Caller& caller, Mode mode, const Send& send)
     }
     NTSTATUS status;
     if (mode == Mode::Callback) {
-        status = send(nullptr, OnCompletion, block, caller.Stream().Chance(50) ? &block->result : nullptr, *block);
+        status =
+            send(nullptr, OnCompletion, block, caller.Stream().Chance(50) ? &block->result : nullptr, *block);
         if (status == STATUS_INSUFFICIENT_RESOURCES || status == STATUS_INVALID_HANDLE) {
             block->slot.Publish(block);
         }
@@ -213,10 +214,11 @@ NTSTATUS OnDatagram(PVOID, LONG, PVOID, LONG, PVOID, ULONG, ULONG, ULONG, ULONG*
 Outcome SetHandlers(Caller& caller)
 {
     const auto address = BorrowAddress(caller);
-    return address ? caller.Judge(KS_SetEventHandlers(address.Get(), nullptr, nullptr, nullptr, nullptr, nullptr,
-                                                      caller.Stream().Chance(30) ? OnDatagram : nullptr, nullptr),
-                                  {STATUS_DEVICE_BUSY})
-                   : Outcome::NothingToUse;
+    return address
+               ? caller.Judge(KS_SetEventHandlers(address.Get(), nullptr, nullptr, nullptr, nullptr, nullptr,
+                                                  caller.Stream().Chance(30) ? OnDatagram : nullptr, nullptr),
+                              {STATUS_DEVICE_BUSY})
+               : Outcome::NothingToUse;
 }
 
 void SetHandlersWrongly(Caller& caller)
@@ -257,8 +259,8 @@ void OnClosed(Caller& caller, const Send& send)
 void SendOnClosed(Caller& caller)
 {
     OnClosed(caller, [](Block& block) {
-        return KS_SendDatagramOnAddress(&g_closedAddress, nullptr, OnCompletion, &block, nullptr, block.data->Mdl(),
-                                        &block.information);
+        return KS_SendDatagramOnAddress(&g_closedAddress, nullptr, OnCompletion, &block, nullptr,
+                                        block.data->Mdl(), &block.information);
     });
 }
 
@@ -276,7 +278,8 @@ Outcome ReceiveOnAddress(Caller& caller)
                                                block.data->Mdl(), nullptr, nullptr, 0);
         });
     if (outcome == Outcome::Success) {
-        Request(caller, Mode::Callback, [&](auto&&... arguments) { return SendDatagram(address.Get(), arguments...); });
+        Request(caller, Mode::Callback,
+                [&](auto&&... arguments) { return SendDatagram(address.Get(), arguments...); });
     }
     return outcome;
 }
@@ -354,10 +357,10 @@ Outcome Connect(Caller& caller)
     const auto endpoint = BorrowEndpoint(caller);
     TA_IP_ADDRESS peer = echo::Loopback(g_server->tcpPort);
     // The last: the same pair of ports has only just been in use.
-    const std::initializer_list<int64_t> refusals = {STATUS_INVALID_CONNECTION, STATUS_CONNECTION_ACTIVE,
-                                                     STATUS_CONNECTION_REFUSED, STATUS_CONNECTION_RESET,
-                                                     STATUS_CONNECTION_ABORTED, STATUS_DEVICE_BUSY, STATUS_CANCELLED,
-                                                     STATUS_INVALID_ADDRESS_COMPONENT};
+    const std::initializer_list<int64_t> refusals = {
+        STATUS_INVALID_CONNECTION, STATUS_CONNECTION_ACTIVE,        STATUS_CONNECTION_REFUSED,
+        STATUS_CONNECTION_RESET,   STATUS_CONNECTION_ABORTED,       STATUS_DEVICE_BUSY,
+        STATUS_CANCELLED,          STATUS_INVALID_ADDRESS_COMPONENT};
     return endpoint ? caller.Judge(KS_Connect(endpoint.Get(), &peer), refusals) : Outcome::NothingToUse;
 }
 
@@ -374,10 +377,11 @@ Outcome Disconnect(Caller& caller)
     if (!endpoint || caller.Stream().Chance(60)) {
         return Outcome::NothingToUse;
     }
-    return Request(caller, AnyMode(caller, flags == TDI_DISCONNECT_ABORT),
-                   [&](PKEVENT event, KS_COMPLETION completion, PVOID context, PIO_STATUS_BLOCK result, Block&) {
-                       return KS_Disconnect(endpoint.Get(), event, completion, context, result, flags);
-                   });
+    return Request(
+        caller, AnyMode(caller, flags == TDI_DISCONNECT_ABORT),
+        [&](PKEVENT event, KS_COMPLETION completion, PVOID context, PIO_STATUS_BLOCK result, Block&) {
+            return KS_Disconnect(endpoint.Get(), event, completion, context, result, flags);
+        });
 }
 
 void DisconnectClosed(Caller& caller)
@@ -477,7 +481,8 @@ Outcome MakeRequest(Caller& caller)
     next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
     next->MinorFunction = TDI_QUERY_INFORMATION;
     next->FileObject = address.Get()->FileObject;
-    reinterpret_cast<TDI_REQUEST_KERNEL_QUERY_INFORMATION&>(next->Parameters).QueryType = TDI_QUERY_ADDRESS_INFO;
+    reinterpret_cast<TDI_REQUEST_KERNEL_QUERY_INFORMATION&>(next->Parameters).QueryType =
+        TDI_QUERY_ADDRESS_INFO;
     const PMDL mdl = KS_AllocateAndProbeMdl(&info, sizeof(info), FALSE, FALSE, irp);
     const Outcome outcome = caller.Judge(KS_MakeSimpleTdiRequest(device, irp));
     caller.Check(info.address.Address[0].Address[0].sin_port != 0, "an open address has a port");
@@ -528,7 +533,8 @@ Outcome AddressHelpers(Caller& caller)
     const auto port = static_cast<USHORT>(caller.Stream().Next());
     TA_IP_ADDRESS address;
     KS_InitIPAddress(&address, 0x0100007F, port);
-    return caller.Check(KS_TransportAddressLength(reinterpret_cast<const TRANSPORT_ADDRESS*>(&address)) == 22 &&
+    return caller.Check(KS_TransportAddressLength(reinterpret_cast<const TRANSPORT_ADDRESS*>(&address)) ==
+                                22 &&
                             address.Address[0].Address[0].sin_port == port,
                         "an IP address is filled in");
 }
@@ -581,7 +587,8 @@ Outcome SwapBytes(Caller& caller)
 {
     const auto value = static_cast<ULONG>(caller.Stream().Next());
     const auto half = static_cast<USHORT>(value);
-    return caller.Check(KS_ntohl(KS_htonl(value)) == value && KS_ntohs(KS_htons(half)) == half, "bytes are swapped");
+    return caller.Check(KS_ntohl(KS_htonl(value)) == value && KS_ntohs(KS_htons(half)) == half,
+                        "bytes are swapped");
 }
 
 Outcome Checksum(Caller& caller)
@@ -589,7 +596,8 @@ Outcome Checksum(Caller& caller)
     UCHAR bytes[2] = {};
     caller.Stream().Fill(bytes, sizeof(bytes));
     const auto word = static_cast<USHORT>(bytes[0] | bytes[1] << 8);
-    return caller.Check(KS_in_cksum(bytes, 2) == static_cast<USHORT>(~word), "a word's checksum is its complement");
+    return caller.Check(KS_in_cksum(bytes, 2) == static_cast<USHORT>(~word),
+                        "a word's checksum is its complement");
 }
 
 // It is called once; that is at the start of the run.
@@ -625,7 +633,8 @@ constexpr Call kCalls[] = {
     {"KS_SetConnectionInfo", Actor::Caller, P, 5, SetInformation, SetInformationClosed},
     {"KS_OpenControlChannel", Actor::Caller, P, 99, UseControlChannel, OpenControlChannelWrongly},
     {"KS_CloseControlChannel", Actor::Caller, P, 99, UseControlChannel, nullptr},
-    {"KS_QueryProviderInfo", Actor::Caller, P, 99, Provider<KS_QueryProviderInfo, KS_PROVIDER_INFO_SIZE>::Legal,
+    {"KS_QueryProviderInfo", Actor::Caller, P, 99,
+     Provider<KS_QueryProviderInfo, KS_PROVIDER_INFO_SIZE>::Legal,
      Provider<KS_QueryProviderInfo, KS_PROVIDER_INFO_SIZE>::Illegal},
     {"KS_QueryProviderStatistics", Actor::Caller, P, 99,
      Provider<KS_QueryProviderStatistics, KS_PROVIDER_STATISTICS_SIZE>::Legal,
@@ -681,7 +690,8 @@ void OpenSockets()
         block.slot.Publish(&block);
     }
     if (!NT_SUCCESS(Open(L"\\Device\\Tcp", &g_closedAddress)) ||
-        !NT_SUCCESS(KS_OpenConnectionEndpoint(L"\\Device\\Tcp", &g_closedAddress, &g_closedEndpoint, nullptr))) {
+        !NT_SUCCESS(
+            KS_OpenConnectionEndpoint(L"\\Device\\Tcp", &g_closedAddress, &g_closedEndpoint, nullptr))) {
         Fail("a connection cannot be opened");
     }
     KS_CloseConnectionEndpoint(&g_closedEndpoint);
@@ -727,8 +737,8 @@ void CheckSockets()
         connection.slot.Empty();
     }
     for (Block& block : g_blocks) {
-        const bool completed = block.awaited.exchange(false) ? KeReadStateEvent(&block.event) != 0
-                                                             : block.slot.Take();
+        const bool completed =
+            block.awaited.exchange(false) ? KeReadStateEvent(&block.event) != 0 : block.slot.Take();
         if (!completed) {
             Fail("a data request has not completed behind the unload");
         }

@@ -46,8 +46,9 @@ struct LentTable {
 
 LentTable BorrowTable(Caller& caller)
 {
-    return FirstOf(caller.Stream(), TheWorld().tables,
-                   [](Table& table) -> LentTable { return {Loan<HashTable>(table.slot), &table}; });
+    return FirstOf(caller.Stream(), TheWorld().tables, [](Table& table) -> LentTable {
+        return {Loan<HashTable>(table.slot), &table};
+    });
 }
 
 // Of the item's reference: keeps it for another call, or gives it back with or without the item's end.
@@ -205,7 +206,8 @@ Outcome WithLock(Caller& caller)
         LOCK_STATE state;
         Filter_LockHashTable(lent.Get(), &state);
         if (fresh != nullptr) {
-            caller.Check(Filter_InsertHashItemEx(lent.Get(), fresh) == fresh, "an item is inserted under the lock");
+            caller.Check(Filter_InsertHashItemEx(lent.Get(), fresh) == fresh,
+                         "an item is inserted under the lock");
             HashItem* const found = Filter_FindHashItemEx(lent.Get(), fresh->m_HashValue, &fresh->key);
             caller.Check(found == fresh, "the newest item is found");
             Filter_ReleaseHashItem(found);
@@ -270,7 +272,8 @@ void Nothing(Caller& caller)
     Filter_ReleaseHashItem(nullptr);
     caller.Check(Filter_GetHashItemCount(nullptr) == 0 && Filter_FindHashItem(nullptr, 0, &key) == nullptr &&
                      Filter_FindHashItemEx(nullptr, 0, &key) == nullptr && !Filter_DeleteHashItem(nullptr) &&
-                     !Filter_DeleteHashItemEx(nullptr) && Filter_InsertHashItem(nullptr, nullptr) == nullptr &&
+                     !Filter_DeleteHashItemEx(nullptr) &&
+                     Filter_InsertHashItem(nullptr, nullptr) == nullptr &&
                      Filter_InsertHashItemEx(nullptr, nullptr) == nullptr,
                  "nothing is in no table");
 }

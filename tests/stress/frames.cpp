@@ -27,7 +27,8 @@ constexpr uint32_t kThreads = 2;
 constexpr uint32_t kFilters = 3; // in each chain
 constexpr uint32_t kBatch = 64;
 constexpr uint32_t kVerdicts = 5; // the four, and one that is none
-constexpr size_t kMostGrowth = 1 << 20; // of the resident set, in bytes: the C library's, and stacks that deepen
+constexpr size_t kMostGrowth =
+    1 << 20; // of the resident set, in bytes: the C library's, and stacks that deepen
 
 // What a thread's calls of one filter came to.
 struct alignas(64) Counts {
@@ -62,7 +63,7 @@ constinit thread_local Random* t_verdicts = nullptr;
 constexpr auto kVerdictOf = [] {
     std::array<uint8_t, 256> table = {};
     for (uint32_t i = 0; i < 256; ++i) {
-        table[i] = static_cast<uint8_t>(i < 180 ? FILTER_RESULT_BYPASS
+        table[i] = static_cast<uint8_t>(i < 180   ? FILTER_RESULT_BYPASS
                                         : i < 205 ? FILTER_RESULT_DISCARD
                                         : i < 225 ? FILTER_RESULT_CONSUME
                                         : i < 245 ? FILTER_RESULT_CAPTURE
@@ -146,10 +147,11 @@ void CompareCounters(FILTER_TYPE type, uint32_t place)
                                                      {"m_PacketCapture", sum.of[FILTER_RESULT_CAPTURE]}};
     for (const auto& [name, expected] : rows) {
         const size_t number = text.find("= ", text.find(name));
-        const auto shown = number == std::string::npos ? ~0u : static_cast<uint32_t>(std::stoll(text.substr(number + 2)));
+        const auto shown =
+            number == std::string::npos ? ~0u : static_cast<uint32_t>(std::stoll(text.substr(number + 2)));
         Require(shown == static_cast<uint32_t>(expected),
-                fmt::format("chain {}, filter {}: {} is {}, its procedure counted {}", type, place, name, shown,
-                            static_cast<uint32_t>(expected)));
+                fmt::format("chain {}, filter {}: {} is {}, its procedure counted {}", type, place, name,
+                            shown, static_cast<uint32_t>(expected)));
     }
 }
 
@@ -188,7 +190,8 @@ struct Watch {
         if (samples++ == 0) {
             first = least = greatest = sample;
         }
-        for (const auto field : {&MemorySample::poolBlocks, &MemorySample::poolBytes, &MemorySample::resident}) {
+        for (const auto field :
+             {&MemorySample::poolBlocks, &MemorySample::poolBytes, &MemorySample::resident}) {
             least.*field = std::min(least.*field, sample.*field);
             greatest.*field = std::max(greatest.*field, sample.*field);
         }
@@ -208,8 +211,8 @@ void Compare(uint64_t frames, const hook::Balance& balance)
         uint64_t expected = entered[type];
         for (uint32_t place = 0; place < kFilters; ++place) {
             const Counts sum = g_filters[type][place].Sum();
-            Require(sum.All() == expected, fmt::format("chain {}, filter {}: {} packets came, {} were to", type,
-                                                       place, sum.All(), expected));
+            Require(sum.All() == expected, fmt::format("chain {}, filter {}: {} packets came, {} were to",
+                                                       type, place, sum.All(), expected));
             CompareCounters(type, place);
             expected = sum.Kept();
         }
@@ -282,14 +285,16 @@ int RunFrames(uint64_t frames, uint64_t seed, bool json)
     const double seconds = elapsed();
     Compare(frames, hook::TakeBalance());
     const size_t growth = watch.greatest.resident - watch.first.resident;
-    Require(watch.greatest.poolBytes == watch.least.poolBytes && watch.greatest.poolBlocks == watch.least.poolBlocks,
+    Require(watch.greatest.poolBytes == watch.least.poolBytes &&
+                watch.greatest.poolBlocks == watch.least.poolBlocks,
             fmt::format("the pool did not stay as it was: {} to {} bytes", watch.least.poolBytes,
                         watch.greatest.poolBytes));
     Require(growth <= kMostGrowth, fmt::format("the resident set grew by {} bytes", growth));
     RequireSuccess(Filter_DeregisterDriver(driver), "deregistration");
     RequireSuccess(hook::Unload(), "unload of the hook driver");
     RequireSuccess(machine::UnloadDriver("NdisFilter"), "unload of the framework");
-    Require(machine::TakeCensus() == before, "left behind: " + machine::DescribeCensus(machine::TakeCensus()));
+    Require(machine::TakeCensus() == before,
+            "left behind: " + machine::DescribeCensus(machine::TakeCensus()));
     Require(machine::TakeViolations().empty() && hook::TakeMisuses().empty(), "rules were broken");
 
     const double rate = static_cast<double>(frames) / seconds;
@@ -306,11 +311,12 @@ int RunFrames(uint64_t frames, uint64_t seed, bool json)
                                           {"failures", Failures()}}
                                .dump(2));
     } else {
-        fmt::print("{} frames in {:.1f} s, {:.2f} million a second, seed {}; pool {} bytes, {} more at most; resident {} "
+        fmt::print("{} frames in {:.1f} s, {:.2f} million a second, seed {}; pool {} bytes, {} more at most; "
+                   "resident {} "
                    "bytes, {} more at most ({} samples); {} failures\n",
                    frames, seconds, rate / 1e6, seed, watch.first.poolBytes,
-                   watch.greatest.poolBytes - watch.least.poolBytes, watch.first.resident, growth, watch.samples,
-                   Failures());
+                   watch.greatest.poolBytes - watch.least.poolBytes, watch.first.resident, growth,
+                   watch.samples, Failures());
     }
     return Failures() == 0 ? 0 : 1;
 }

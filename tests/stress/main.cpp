@@ -81,15 +81,15 @@ nlohmann::json ToJson(const Totals& totals, uint64_t seed, double seconds)
                         {"floor", call.floor},
                         {"enough", IsEnough(call, tally)}});
     }
-    return {{"seed", seed},          {"seconds", seconds},           {"rounds", totals.rounds},
-            {"failures", Failures()}, {"packets", totals.packets},   {"stranded", totals.stranded},
+    return {{"seed", seed},           {"seconds", seconds},        {"rounds", totals.rounds},
+            {"failures", Failures()}, {"packets", totals.packets}, {"stranded", totals.stranded},
             {"calls", rows}};
 }
 
 void PrintTable(const Totals& totals)
 {
-    fmt::print("{:38} {:>10} {:>10} {:>10} {:>10} {:>10} {:>6}\n", "call", "attempts", "successes", "refusals",
-               "illegal", "dispatch", "floor");
+    fmt::print("{:38} {:>10} {:>10} {:>10} {:>10} {:>10} {:>6}\n", "call", "attempts", "successes",
+               "refusals", "illegal", "dispatch", "floor");
     for (size_t i = 0; i < totals.tallies.size(); ++i) {
         const Tally& tally = totals.tallies[i];
         const Call& call = AllCalls()[i];
@@ -147,7 +147,8 @@ Totals RunRounds(const Options& options, double& seconds)
 
 int RunStress(const Options& options)
 {
-    fmt::print(stderr, "stress: seed {}; a round of it again: --seed {} --round N\n", options.seed, options.seed);
+    fmt::print(stderr, "stress: seed {}; a round of it again: --seed {} --round N\n", options.seed,
+               options.seed);
     CheckExports();
     double seconds = 0;
     const Totals totals = RunRounds(options, seconds);
@@ -161,7 +162,8 @@ int RunStress(const Options& options)
         fmt::print("{}\n", ToJson(totals, options.seed, seconds).dump(2));
     } else {
         PrintTable(totals);
-        fmt::print("{} rounds in {:.0f} s, seed {}: {} packets, {} of them stranded while unbound or by a closing log; "
+        fmt::print("{} rounds in {:.0f} s, seed {}: {} packets, {} of them stranded while unbound or by a "
+                   "closing log; "
                    "{} failures\n",
                    totals.rounds, seconds, options.seed, totals.packets, totals.stranded, Failures());
     }
@@ -172,7 +174,8 @@ int RunStress(const Options& options)
 
 int main(int count, char** arguments)
 {
-    CLI::App app("Random legal and illegal calls of every export, from several threads, with everything going on.");
+    CLI::App app(
+        "Random legal and illegal calls of every export, from several threads, with everything going on.");
     Options options;
     options.seed = std::random_device{}();
     app.add_option("--seconds", options.seconds, "new rounds begin until so much time has passed (60)");

@@ -54,7 +54,8 @@ class Watchdog
     {
         while (!stop.stop_requested()) {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            bool stuck = HasStopped(callers_.size(), g_phases.load(std::memory_order_relaxed)) && callersDone_;
+            bool stuck =
+                HasStopped(callers_.size(), g_phases.load(std::memory_order_relaxed)) && callersDone_;
             for (size_t i = 0; i < callers_.size() && !callersDone_; ++i) {
                 stuck = HasStopped(i, callers_[i]->Steps()) || stuck;
             }
@@ -99,7 +100,8 @@ void Require(bool holds, const std::string& what)
 
 void RequireSuccess(machine::Status status, const char* what)
 {
-    Require(status == STATUS_SUCCESS, fmt::format("{}: status 0x{:08X}", what, static_cast<uint32_t>(status)));
+    Require(status == STATUS_SUCCESS,
+            fmt::format("{}: status 0x{:08X}", what, static_cast<uint32_t>(status)));
 }
 
 void Load(const RoundPlan& plan, const std::string& drive)
@@ -160,8 +162,8 @@ hook::Balance Unload(const RoundPlan& plan, Caller& program)
     Phase("unload of the transport");
     RequireSuccess(machine::UnloadTransport(), "unload of the transport");
     const hook::Balance balance = hook::TakeBalance();
-    Require(balance.IsEven(), fmt::format("the balance of packets is not even: {} born, {} ended", balance.Born(),
-                                          balance.Ended()));
+    Require(balance.IsEven(), fmt::format("the balance of packets is not even: {} born, {} ended",
+                                          balance.Born(), balance.Ended()));
     return balance;
 }
 
@@ -194,7 +196,8 @@ RoundResult RunRound(const RoundPlan& plan, uint32_t threads, uint64_t steps, co
     const machine::Census before = machine::TakeCensus();
     std::vector<std::unique_ptr<Caller>> callers;
     const auto add = [&](Actor actor) {
-        callers.push_back(std::make_unique<Caller>(actor, plan.seed, plan.round, static_cast<uint32_t>(callers.size())));
+        callers.push_back(
+            std::make_unique<Caller>(actor, plan.seed, plan.round, static_cast<uint32_t>(callers.size())));
     };
     for (uint32_t i = 0; i < threads; ++i) {
         add(Actor::Caller);

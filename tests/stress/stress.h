@@ -52,8 +52,8 @@ class Random
 // The stream of the thread that runs a callback: its own when it is one of the stress.
 Random& CallbackRandom();
 
-enum class Level { Passive, Dispatch };                 // the highest that the header allows
-enum class Outcome { Success, Refused, NothingToUse };  // of a legal call
+enum class Level { Passive, Dispatch };                // the highest that the header allows
+enum class Outcome { Success, Refused, NothingToUse }; // of a legal call
 enum class Actor { Caller, Program, Administrator, Traffic };
 
 class Caller;
@@ -65,7 +65,8 @@ struct Call {
     Level level;
     uint32_t floor; // per cent of the legal attempts that must succeed over a run
     Outcome (*legal)(Caller& caller);
-    void (*illegal)(Caller& caller); // checks its refusal itself; null: the header names nothing that is refused
+    void (*illegal)(
+        Caller& caller); // checks its refusal itself; null: the header names nothing that is refused
 };
 
 std::span<const Call> RegistryCalls();  // calls-registry.cpp
@@ -263,10 +264,10 @@ auto FirstOf(Random& random, Place (&places)[kCount], const Get& get) -> decltyp
 struct RoundPlan {
     uint64_t seed = 0;
     uint64_t round = 0;
-    bool unbinds = false;    // the hook driver unbinds and binds again
-    bool captures = false;   // capture logs start and stop
-    bool leavesAll = false;  // clients give nothing back: the unload has to
-    bool traces = false;     // every debug line is printed
+    bool unbinds = false;   // the hook driver unbinds and binds again
+    bool captures = false;  // capture logs start and stop
+    bool leavesAll = false; // clients give nothing back: the unload has to
+    bool traces = false;    // every debug line is printed
 };
 
 // What the calls share in a round: there before the threads start, given back behind them. An unload in between:

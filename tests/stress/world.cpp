@@ -70,17 +70,21 @@ support::Bytes AnyFrame(Random& random)
     const auto port = [&] { return random.OneOf<uint16_t>({53, 67, 68, 80, 1000}); };
     const Ipv4Options addresses = {.source = {static_cast<uint8_t>(random.Next()), 0, 0, 1},
                                    .destination = {10, 0, 0, static_cast<uint8_t>(random.Next())},
-                                   .fragmentOffset = static_cast<uint16_t>(random.Chance(10) ? random.Below(1000) : 0)};
+                                   .fragmentOffset =
+                                       static_cast<uint16_t>(random.Chance(10) ? random.Below(1000) : 0)};
     switch (random.Below(8)) {
     case 0:
-        return EthernetFrame(kEtherTypeArp, ArpPacket(ArpOperation::Request, kPeerMac, kPeerAddress, kOwnMac, kOwnAddress));
+        return EthernetFrame(kEtherTypeArp,
+                             ArpPacket(ArpOperation::Request, kPeerMac, kPeerAddress, kOwnMac, kOwnAddress));
     case 1:
     case 2:
-        return EthernetFrame(kEtherTypeIpv4, Ipv4Packet(kProtocolTcp, TcpSegment(port(), port(), 2, payload), addresses));
+        return EthernetFrame(kEtherTypeIpv4,
+                             Ipv4Packet(kProtocolTcp, TcpSegment(port(), port(), 2, payload), addresses));
     case 3:
         return EthernetFrame(kEtherTypeIpv4, Ipv4Packet(kProtocolIcmp, IcmpEcho(8, 1, payload), addresses));
     case 4:
-        return VlanTagged(EthernetFrame(kEtherTypeIpv4, Ipv4Packet(kProtocolUdp, UdpDatagram(port(), port(), payload))), 5);
+        return VlanTagged(
+            EthernetFrame(kEtherTypeIpv4, Ipv4Packet(kProtocolUdp, UdpDatagram(port(), port(), payload))), 5);
     case 5: {
         Bytes noise(random.Below(hook::kLongestFrame + 1));
         random.Fill(noise.data(), noise.size());
@@ -91,7 +95,8 @@ support::Bytes AnyFrame(Random& random)
         return noise;
     }
     default:
-        return EthernetFrame(kEtherTypeIpv4, Ipv4Packet(kProtocolUdp, UdpDatagram(port(), port(), payload), addresses));
+        return EthernetFrame(kEtherTypeIpv4,
+                             Ipv4Packet(kProtocolUdp, UdpDatagram(port(), port(), payload), addresses));
     }
 }
 
@@ -152,7 +157,8 @@ void Meddle(Random& random, PacketFilter* filter, FilterPacket* packet)
             break;
         }
         if (type <= FILTER_TYPE_OUTGOING_PACKET && t_walks == 1) {
-            const auto inject = random.Chance(50) ? Filter_InjectPacketToAdapter : Filter_IndicatePacketToProtocol;
+            const auto inject =
+                random.Chance(50) ? Filter_InjectPacketToAdapter : Filter_IndicatePacketToProtocol;
             inject(AnyAdapter(random), clone);
         } else {
             KeepPacket(random, clone);
@@ -170,7 +176,8 @@ void Meddle(Random& random, PacketFilter* filter, FilterPacket* packet)
 
 } // namespace
 
-FILTER_RESULT FilterProcedure(FilterDriver* driver, PVOID, PacketFilter* filter, PVOID context, FilterPacket* packet)
+FILTER_RESULT FilterProcedure(FilterDriver* driver, PVOID, PacketFilter* filter, PVOID context,
+                              FilterPacket* packet)
 {
     Standing(context, "a filter");
     if (!Filter_IsValidDriver(driver)) {
@@ -233,7 +240,8 @@ void CloseWorld(const RoundPlan& plan)
             slot.Empty();
         }
     }
-    for (HeldRequest& held : world.requests) { // those under way are answered by the unload of the hook driver
+    for (HeldRequest& held :
+         world.requests) { // those under way are answered by the unload of the hook driver
         if (held.slot.Take()) {
             Filter_FreeNdisRequest(held.slot.Value());
         }

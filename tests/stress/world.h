@@ -26,8 +26,9 @@ namespace stress
 inline constexpr uint32_t kAdapters = 4;
 inline constexpr uint32_t kClients = 6;
 inline constexpr uint32_t kTables = 3;
-inline constexpr ULONG kTag = 0x73727453;      // "Strs"
-inline constexpr ULONG kOwnCode = 0x80002600u; // of the first client's handler of control requests, then every fourth
+inline constexpr ULONG kTag = 0x73727453; // "Strs"
+inline constexpr ULONG kOwnCode =
+    0x80002600u; // of the first client's handler of control requests, then every fourth
 
 // What a callback gets as its context. One is never used again within a round, so a callback that comes too late shows.
 struct Registration {
