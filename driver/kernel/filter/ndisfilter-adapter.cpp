@@ -14,7 +14,8 @@ volatile ULONG& AdapterCount()
 }
 
 // The handle of an entry, read until two reads agree: packed entries cross cache lines, and half of an old and half
-// of a new handle would be none.
+// of a new handle would be none. Acquires what RefreshAdapterTable released before the hook driver wrote the entry: the
+// record behind the handle is there.
 FilterAdapter* ReadAdapterHandle(ULONG index)
 {
     const AdapterInfo* const entry = &Global().m_AdapterList.m_Adapters[index];
@@ -24,6 +25,7 @@ FilterAdapter* ReadAdapterHandle(ULONG index)
         CopyRelaxed(&first, entry, sizeof(first));
         CopyRelaxed(&second, entry, sizeof(second));
     } while (first != second);
+    (VOID)LoadAcquire(AdapterCount());
     return first;
 }
 
@@ -31,7 +33,7 @@ VOID RefreshAdapterTable()
 {
     const auto getBoundAdapters = BoundHookFunction(&NdisHookAPI::Hook_GetTcpIpBoundAdapters);
     if (getBoundAdapters != nullptr) {
-        StoreRelaxed(AdapterCount(), 0);
+        InterlockedExchange(reinterpret_cast<volatile LONG*>(&AdapterCount()), 0);
         getBoundAdapters(&Global().m_AdapterList);
     }
 }
