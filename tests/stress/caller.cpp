@@ -46,8 +46,9 @@ const std::vector<Call>& AllCalls()
 {
     static const std::vector<Call> calls = [] {
         std::vector<Call> all;
-        for (const std::span<const Call> part : {RegistryCalls(), ClientCalls(), PacketCalls(), TableCalls(),
-                                                 ServiceCalls(), SocketCalls(), NeighbourCalls()}) {
+        for (const std::span<const Call> part :
+             {RegistryCalls(), ClientCalls(), InterfaceCalls(), PacketCalls(), TableCalls(), ServiceCalls(),
+              SocketCalls(), TransportCalls(), NeighbourCalls()}) {
             all.insert(all.end(), part.begin(), part.end());
         }
         return all;

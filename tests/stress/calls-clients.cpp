@@ -1,5 +1,5 @@
-// Client drivers and what they register: filters, handlers of three kinds, timers, interfaces.
-#include "world.h"
+// Client drivers, their filters and their handlers of three kinds.
+#include "rows.h"
 
 #include <cstring>
 
@@ -8,138 +8,6 @@ namespace stress
 
 namespace
 {
-
-using support::Unwritable;
-
-// -------------------------------------------------------------------------------------------- what many share
-
-// A query that takes a live handle and writes through a pointer, at once or by handing out a block with a name.
-template <auto kGet, class Handle, class Output, FILTER_STATUS kBadHandle>
-struct Getter {
-    static Loan<FilterDriver> BorrowOne(Caller& caller) requires(std::is_same_v<Handle, FilterDriver>)
-    {
-        return AnyDriver(caller);
-    }
-    static Lent<Handle> BorrowOne(Caller& caller) requires(!std::is_same_v<Handle, FilterDriver>)
-    {
-        return Borrow<Handle>(caller);
-    }
-    static Handle* HandleOf(const Loan<FilterDriver>& loan) requires(std::is_same_v<Handle, FilterDriver>)
-    {
-        return loan.Get();
-    }
-    static Handle* HandleOf(const Lent<Handle>& lent) requires(!std::is_same_v<Handle, FilterDriver>)
-    {
-        return lent.handle.Get();
-    }
-
-    static Outcome Legal(Caller& caller)
-    {
-        const auto borrowed = BorrowOne(caller);
-        if (!borrowed) {
-            return Outcome::NothingToUse;
-        }
-        Output output = {};
-        const Outcome outcome = caller.Judge(kGet(HandleOf(borrowed), &output));
-        if constexpr (std::is_same_v<Output, STRING*>) {
-            caller.Check(output != nullptr && output->Length < output->MaximumLength, "a name with its zero");
-            caller.Expect(Filter_FreeMemory(output), FILTER_STATUS_SUCCESS);
-        }
-        return outcome;
-    }
-    static void Illegal(Caller& caller)
-    {
-        const auto borrowed = BorrowOne(caller);
-        Handle* const handle = borrowed ? HandleOf(borrowed) : nullptr;
-        Output output = {};
-        switch (caller.Stream().Below(handle != nullptr && !caller.IsRaised() ? 4 : 3)) {
-        case 0:
-            return caller.Expect(kGet(nullptr, &output), FILTER_ERROR_INVALID_ARGUMENT);
-        case 1:
-            return caller.Expect(kGet(handle, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-        case 2:
-            return caller.Expect(kGet(NoHandle<Handle>(caller), &output), kBadHandle);
-        default:
-            return caller.Expect(kGet(handle, Unwritable<Output>()), FILTER_ERROR_EXCEPTION);
-        }
-    }
-};
-
-template <auto kIsValid, class Handle>
-struct Validity {
-    static Outcome Legal(Caller& caller)
-    {
-        if constexpr (std::is_same_v<Handle, FilterDriver>) {
-            const auto driver = AnyDriver(caller);
-            return driver ? caller.Check(kIsValid(driver.Get()), "a live handle is valid")
-                          : Outcome::NothingToUse;
-        } else {
-            const auto lent = Borrow<Handle>(caller);
-            return lent ? caller.Check(kIsValid(lent.handle.Get()), "a live handle is valid")
-                        : Outcome::NothingToUse;
-        }
-    }
-    static void Illegal(Caller& caller)
-    {
-        Handle* const handle = caller.Stream().Chance(20) ? nullptr : NoHandle<Handle>(caller);
-        caller.Check(!kIsValid(handle), "what is no handle is not valid");
-    }
-};
-
-// Ends what a driver has registered. A stale handle is refused by its tag, or because no list has it.
-template <auto kEnd, class Handle, FILTER_STATUS kBadHandle, FILTER_STATUS kNotFound,
-          FILTER_STATUS kWrongOwner>
-struct Ending {
-    static Outcome Legal(Caller& caller)
-    {
-        auto held = Take<Handle>(caller);
-        if (!held) {
-            return Outcome::NothingToUse;
-        }
-        const FILTER_STATUS status = kEnd(held.driver.Get(), held.handle.Get());
-        End(held);
-        return caller.Judge(status);
-    }
-    static void Illegal(Caller& caller)
-    {
-        const auto driver = AnyDriver(caller);
-        const auto lent = Borrow<Handle>(caller);
-        Handle* const handle = lent ? lent.handle.Get() : nullptr;
-        switch (caller.Stream().Below(6)) {
-        case 0:
-            return caller.Expect(kEnd(nullptr, handle), FILTER_ERROR_INVALID_ARGUMENT);
-        case 1:
-            return caller.Expect(kEnd(driver.Get(), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-        case 2:
-            if (handle != nullptr) {
-                caller.Expect(kEnd(NoHandle<FilterDriver>(caller), handle),
-                              FILTER_ERROR_INVALID_DRIVER_HANDLE);
-            }
-            return;
-        case 3:
-            if (driver) {
-                caller.Expect(kEnd(driver.Get(), NoHandle<Handle>(caller)), kBadHandle);
-            }
-            return;
-        case 4:
-            if (const auto other = OtherDriver(caller, lent.driver); handle != nullptr && other) {
-                caller.Expect(kEnd(other.Get(), handle), kWrongOwner);
-            }
-            return;
-        default:
-            break;
-        }
-        if (auto held = Take<Handle>(caller)) {
-            caller.Alone([&] {
-                Handle* const stale = held.handle.Get();
-                caller.Expect(kEnd(held.driver.Get(), stale), FILTER_STATUS_SUCCESS);
-                const FILTER_STATUS again = kEnd(held.driver.Get(), stale);
-                caller.Check(again == kBadHandle || again == kNotFound, "a stale handle is refused");
-                End(held);
-            });
-        }
-    }
-};
 
 // Registers the one handler of a kind that a driver may have.
 template <auto kRegister, class Handle, auto kProcedure, FILTER_STATUS kKnown>
@@ -159,27 +27,14 @@ struct Handling {
     static void Illegal(Caller& caller)
     {
         const auto lent = Borrow<Handle>(caller);
-        FilterDriver* const driver = lent ? lent.driver.Get() : NoHandle<FilterDriver>(caller);
         Handle* handle = nullptr;
-        switch (caller.Stream().Below(5)) {
-        case 0:
-            caller.Expect(kRegister(nullptr, kProcedure, nullptr, &handle), FILTER_ERROR_INVALID_ARGUMENT);
-            break;
-        case 1:
-            caller.Expect(kRegister(driver, nullptr, nullptr, &handle), FILTER_ERROR_INVALID_ARGUMENT);
-            break;
-        case 2:
-            caller.Expect(kRegister(driver, kProcedure, nullptr, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-            break;
-        case 3:
-            caller.Expect(kRegister(NoHandle<FilterDriver>(caller), kProcedure, nullptr, &handle),
-                          FILTER_ERROR_INVALID_DRIVER_HANDLE);
-            break;
-        default:
-            caller.Expect(kRegister(driver, kProcedure, nullptr, &handle),
-                          lent ? kKnown : FILTER_ERROR_INVALID_DRIVER_HANDLE);
-            break;
+        if (lent) {
+            FilterDriver* const driver = lent.driver.Get();
+            ExpectNullsRefused<0, 1, 3>(caller, kRegister, driver, kProcedure, PVOID{}, &handle);
+            caller.Expect(kRegister(driver, kProcedure, nullptr, &handle), kKnown);
         }
+        caller.Expect(kRegister(NoHandle<FilterDriver>(caller), kProcedure, nullptr, &handle),
+                      FILTER_ERROR_INVALID_DRIVER_HANDLE);
         caller.Check(handle == nullptr, "nothing is handed out on failure");
     }
 };
@@ -207,22 +62,12 @@ void RegisterDriverWrongly(Caller& caller)
     const auto known = AnyDriver(caller);
     const Counted name(known ? ClientName(IndexOf(known.Place())) : "nobody");
     FilterDriver* driver = nullptr;
-    switch (caller.Stream().Below(4)) {
-    case 0:
-        return caller.Expect(Filter_RegisterDriver(nullptr, nullptr, 1, 0, &driver),
-                             FILTER_ERROR_INVALID_ARGUMENT);
-    case 1:
-        return caller.Expect(Filter_RegisterDriver(name.Get(), nullptr, 1, 0, nullptr),
-                             FILTER_ERROR_INVALID_ARGUMENT);
-    case 2:
-        return caller.Expect(
-            Filter_RegisterDriver(name.Get(), nullptr, caller.Stream().Below(3) + 2, 0, &driver),
-            FILTER_ERROR_UNSUPPORTED_API_VERSION);
-    default:
-        if (known) {
-            caller.Expect(Filter_RegisterDriver(name.Get(), nullptr, 1, 0, &driver),
-                          FILTER_ERROR_DRIVER_ALREADY_REGISTERED);
-        }
+    ExpectNullsRefused<0, 4>(caller, Filter_RegisterDriver, name.Get(), PVOID{}, ULONG{1}, ULONG{0}, &driver);
+    caller.Expect(Filter_RegisterDriver(name.Get(), nullptr, caller.Stream().Below(3) + 2, 0, &driver),
+                  FILTER_ERROR_UNSUPPORTED_API_VERSION);
+    if (known) {
+        caller.Expect(Filter_RegisterDriver(name.Get(), nullptr, 1, 0, &driver),
+                      FILTER_ERROR_DRIVER_ALREADY_REGISTERED);
     }
 }
 
@@ -292,29 +137,20 @@ Outcome DeregisterDriver(Caller& caller)
 
 void DeregisterDriverWrongly(Caller& caller)
 {
-    switch (caller.Stream().Below(30)) {
-    case 0: {
-        auto place = TakeDriver(caller);
-        if (place) {
-            caller.Alone([&] {
-                FilterDriver* const stale = place.Get();
-                Client& client = TheWorld().clients[IndexOf(place.Place())];
-                caller.Expect(Depart(caller, client, stale), FILTER_STATUS_SUCCESS);
-                const FILTER_STATUS again = Filter_DeregisterDriver(stale);
-                caller.Check(again == FILTER_ERROR_INVALID_DRIVER_HANDLE ||
-                                 again == FILTER_ERROR_DRIVER_NOT_FOUND,
-                             "a stale driver is refused");
-                place.Set(nullptr);
-            });
-        }
-        return;
-    }
-    case 1:
-    case 2:
-        return caller.Expect(Filter_DeregisterDriver(nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-    default:
-        return caller.Expect(Filter_DeregisterDriver(NoHandle<FilterDriver>(caller)),
-                             FILTER_ERROR_INVALID_DRIVER_HANDLE);
+    caller.Expect(Filter_DeregisterDriver(nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    caller.Expect(Filter_DeregisterDriver(NoHandle<FilterDriver>(caller)),
+                  FILTER_ERROR_INVALID_DRIVER_HANDLE);
+    if (auto place = caller.Stream().Chance(3) ? TakeDriver(caller) : Hold<FilterDriver>()) {
+        caller.Alone([&] {
+            FilterDriver* const stale = place.Get();
+            caller.Expect(Depart(caller, TheWorld().clients[IndexOf(place.Place())], stale),
+                          FILTER_STATUS_SUCCESS);
+            const FILTER_STATUS again = Filter_DeregisterDriver(stale);
+            caller.Check(again == FILTER_ERROR_INVALID_DRIVER_HANDLE ||
+                             again == FILTER_ERROR_DRIVER_NOT_FOUND,
+                         "a stale driver is refused");
+            place.Set(nullptr);
+        });
     }
 }
 
@@ -346,45 +182,23 @@ void RegisterFilterWrongly(Caller& caller)
     if (!lent) {
         return;
     }
-    FilterDriver* const driver = lent.driver.Get();
     FILTER_TYPE type = FILTER_TYPE_INVALID;
     STRING* name = nullptr;
+    PacketFilter* filter = nullptr;
     caller.Expect(Filter_GetFilterType(lent.handle.Get(), &type), FILTER_STATUS_SUCCESS);
     caller.Expect(Filter_GetFilterName(lent.handle.Get(), &name), FILTER_STATUS_SUCCESS);
-    PacketFilter* filter = nullptr;
-    const auto attempt = [&](FilterDriver* owner, const STRING* text, FILTER_PROC procedure,
-                             FILTER_TYPE chain, PacketFilter** output) {
-        return Filter_RegisterFilter(owner, text, procedure, nullptr, chain, FILTER_ORDER_LAST, output);
+    const auto attempt = [&](FilterDriver* driver, FILTER_TYPE chain, FILTER_STATUS expected) {
+        caller.Expect(
+            Filter_RegisterFilter(driver, name, FilterProcedure, nullptr, chain, FILTER_ORDER_LAST, &filter),
+            expected);
     };
-    switch (caller.Stream().Below(7)) {
-    case 0:
-        caller.Expect(attempt(nullptr, name, FilterProcedure, type, &filter), FILTER_ERROR_INVALID_ARGUMENT);
-        break;
-    case 1:
-        caller.Expect(attempt(driver, nullptr, FilterProcedure, type, &filter),
-                      FILTER_ERROR_INVALID_ARGUMENT);
-        break;
-    case 2:
-        caller.Expect(attempt(driver, name, nullptr, type, &filter), FILTER_ERROR_INVALID_ARGUMENT);
-        break;
-    case 3:
-        caller.Expect(attempt(driver, name, FilterProcedure, type, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-        break;
-    case 4:
-        caller.Expect(attempt(NoHandle<FilterDriver>(caller), name, FilterProcedure, type, &filter),
-                      FILTER_ERROR_INVALID_DRIVER_HANDLE);
-        break;
-    case 5:
-        caller.Expect(attempt(driver, name, FilterProcedure,
-                              caller.Stream().OneOf<FILTER_TYPE>({FILTER_TYPE_INVALID, 4, 0x7FFFFFFF}),
-                              &filter),
-                      FILTER_ERROR_INVALID_FILTER_TYPE);
-        break;
-    default:
-        caller.Expect(attempt(driver, name, FilterProcedure, type, &filter),
-                      FILTER_ERROR_FILTER_ALREADY_REGISTERED);
-        break;
-    }
+    FilterDriver* const driver = lent.driver.Get();
+    ExpectNullsRefused<0, 1, 2, 6>(caller, Filter_RegisterFilter, driver, static_cast<const STRING*>(name),
+                                   FilterProcedure, PVOID{}, type, FILTER_ORDER{FILTER_ORDER_LAST}, &filter);
+    attempt(NoHandle<FilterDriver>(caller), type, FILTER_ERROR_INVALID_DRIVER_HANDLE);
+    attempt(driver, caller.Stream().OneOf<FILTER_TYPE>({FILTER_TYPE_INVALID, 4, 0x7FFFFFFF}),
+            FILTER_ERROR_INVALID_FILTER_TYPE);
+    attempt(driver, type, FILTER_ERROR_FILTER_ALREADY_REGISTERED);
     caller.Check(filter == nullptr, "nothing is handed out on failure");
     caller.Expect(Filter_FreeMemory(name), FILTER_STATUS_SUCCESS);
 }
@@ -416,19 +230,13 @@ void EnumFilterWrongly(Caller& caller)
 {
     const auto driver = AnyDriver(caller);
     uint32_t count = 0;
-    switch (caller.Stream().Below(driver ? 4 : 3)) {
-    case 0:
-        return caller.Expect(Filter_EnumFilter(nullptr, LookAtFilter, &count, 1),
-                             FILTER_ERROR_INVALID_ARGUMENT);
-    case 1:
-        return caller.Expect(Filter_EnumFilter(driver.Get(), nullptr, &count, 1),
-                             FILTER_ERROR_INVALID_ARGUMENT);
-    case 2:
-        return caller.Expect(Filter_EnumFilter(NoHandle<FilterDriver>(caller), LookAtFilter, &count, 1),
-                             FILTER_ERROR_INVALID_DRIVER_HANDLE);
-    default:
-        return caller.Expect(Filter_EnumFilter(driver.Get(), LookAtFilter, &count, 4),
-                             FILTER_ERROR_INVALID_FILTER_TYPE);
+    ExpectNullsRefused<0, 1>(caller, Filter_EnumFilter, driver.Get(), LookAtFilter,
+                             static_cast<PVOID>(&count), FILTER_TYPE{1});
+    caller.Expect(Filter_EnumFilter(NoHandle<FilterDriver>(caller), LookAtFilter, &count, 1),
+                  FILTER_ERROR_INVALID_DRIVER_HANDLE);
+    if (driver) {
+        caller.Expect(Filter_EnumFilter(driver.Get(), LookAtFilter, &count, 4),
+                      FILTER_ERROR_INVALID_FILTER_TYPE);
     }
 }
 
@@ -544,326 +352,9 @@ Outcome DeclineControl(Caller& caller)
     return caller.Check(status == STATUS_NOT_SUPPORTED, "the default handler declines");
 }
 
-// ---------------------------------------------------------------------------------------------------- timers
-
-VOID OnTimer(FilterDriver*, PVOID, FilterTimer* timer, PVOID context)
-{
-    Standing(context, "a timer's callback");
-    Random& random = CallbackRandom();
-    switch (random.Below(16)) {
-    case 0:
-        support::FaultOnRead(); // contained, and all that is lost is the rest of this
-        break;
-    case 1:
-        Filter_StopTimer(timer);
-        break;
-    case 2:
-        Filter_StartTimer(timer, random.Below(30));
-        break;
-    case 3:
-        Filter_ReportEvent(0, 0, nullptr);
-        break;
-    default:
-        break;
-    }
-}
-
-Outcome InitializeTimer(Caller& caller)
-{
-    auto held = Vacancy<FilterTimer>(caller);
-    if (!held) {
-        return Outcome::NothingToUse;
-    }
-    FilterTimer* timer = nullptr;
-    PVOID const context = Renew(held, "timer");
-    const Outcome outcome = caller.Judge(
-        Filter_InitializeTimer(held.driver.Get(), OnTimer, context, caller.Stream().Chance(50), &timer));
-    held.handle.Set(timer);
-    return outcome;
-}
-
-void InitializeTimerWrongly(Caller& caller)
-{
-    const auto driver = AnyDriver(caller);
-    FilterTimer* timer = nullptr;
-    switch (caller.Stream().Below(4)) {
-    case 0:
-        caller.Expect(Filter_InitializeTimer(nullptr, OnTimer, nullptr, TRUE, &timer),
-                      FILTER_ERROR_INVALID_ARGUMENT);
-        break;
-    case 1:
-        caller.Expect(Filter_InitializeTimer(driver.Get(), nullptr, nullptr, TRUE, &timer),
-                      FILTER_ERROR_INVALID_ARGUMENT);
-        break;
-    case 2:
-        caller.Expect(Filter_InitializeTimer(driver.Get(), OnTimer, nullptr, TRUE, nullptr),
-                      FILTER_ERROR_INVALID_ARGUMENT);
-        break;
-    default:
-        caller.Expect(Filter_InitializeTimer(NoHandle<FilterDriver>(caller), OnTimer, nullptr, TRUE, &timer),
-                      FILTER_ERROR_INVALID_DRIVER_HANDLE);
-        break;
-    }
-    caller.Check(timer == nullptr, "nothing is handed out on failure");
-}
-
-template <class Act>
-Outcome WithTimer(Caller& caller, const Act& act)
-{
-    const auto lent = Borrow<FilterTimer>(caller);
-    return lent ? caller.Judge(act(lent.handle.Get())) : Outcome::NothingToUse;
-}
-
-template <class Act>
-void WithNoTimer(Caller& caller, const Act& act)
-{
-    caller.Expect(act(nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-    caller.Expect(act(NoHandle<FilterTimer>(caller)), FILTER_ERROR_INVALID_TIMER_HANDLE);
-}
-
-Outcome StartTimer(Caller& caller)
-{
-    return WithTimer(caller,
-                     [&](FilterTimer* timer) { return Filter_StartTimer(timer, caller.Stream().Below(20)); });
-}
-
-void StartTimerWrongly(Caller& caller)
-{
-    WithNoTimer(caller, [](FilterTimer* timer) { return Filter_StartTimer(timer, 1); });
-}
-
-Outcome StopTimer(Caller& caller)
-{
-    return WithTimer(caller, Filter_StopTimer);
-}
-
-void StopTimerWrongly(Caller& caller)
-{
-    WithNoTimer(caller, Filter_StopTimer);
-}
-
-// ------------------------------------------------------------------------------------------------ interfaces
-
-struct InterfaceBlock {
-    USHORT length;
-    uint8_t bytes[62];
-};
-
-Outcome RegisterInterface(Caller& caller)
-{
-    auto held = Vacancy<FilterInterface>(caller);
-    if (!held) {
-        return Outcome::NothingToUse;
-    }
-    // One that others still reference keeps its name.
-    static std::atomic<uint32_t> number{0};
-    const std::string text = "interface-" + std::to_string(number.fetch_add(1, std::memory_order_relaxed));
-    const Counted name(text);
-    InterfaceBlock block = {};
-    block.length = static_cast<USHORT>(2 + caller.Stream().Below(sizeof(block) - 1));
-    FilterInterface* handle = nullptr;
-    Renew(held, text);
-    const Outcome outcome =
-        caller.Judge(Filter_RegisterInterface(held.driver.Get(), name.Get(), &block, &handle));
-    held.handle.Set(handle);
-    return outcome;
-}
-
-void RegisterInterfaceWrongly(Caller& caller)
-{
-    const auto lent = Borrow<FilterInterface>(caller);
-    const InterfaceBlock block = {.length = sizeof(block), .bytes = {}};
-    const Counted name(lent ? lent.registration->name : "nobody's");
-    FilterInterface* handle = nullptr;
-    FilterDriver* const driver = lent.driver.Get();
-    switch (caller.Stream().Below(6)) {
-    case 0:
-        caller.Expect(Filter_RegisterInterface(nullptr, name.Get(), &block, &handle),
-                      FILTER_ERROR_INVALID_ARGUMENT);
-        break;
-    case 1:
-        caller.Expect(Filter_RegisterInterface(driver, nullptr, &block, &handle),
-                      FILTER_ERROR_INVALID_ARGUMENT);
-        break;
-    case 2:
-        caller.Expect(Filter_RegisterInterface(driver, name.Get(), nullptr, &handle),
-                      FILTER_ERROR_INVALID_ARGUMENT);
-        break;
-    case 3:
-        caller.Expect(Filter_RegisterInterface(driver, name.Get(), &block, nullptr),
-                      FILTER_ERROR_INVALID_ARGUMENT);
-        break;
-    case 4:
-        caller.Expect(Filter_RegisterInterface(NoHandle<FilterDriver>(caller), name.Get(), &block, &handle),
-                      FILTER_ERROR_INVALID_DRIVER_HANDLE);
-        break;
-    default:
-        if (lent) {
-            caller.Expect(Filter_RegisterInterface(driver, name.Get(), &block, &handle),
-                          FILTER_ERROR_INTERFACE_ALREADY_REGISTERED);
-        }
-    }
-    caller.Check(handle == nullptr, "nothing is handed out on failure");
-}
-
-Outcome QueryInterface(Caller& caller)
-{
-    auto held = Vacancy<VOID>(caller);
-    const auto lent = Borrow<FilterInterface>(caller);
-    if (!held || !lent) {
-        return Outcome::NothingToUse;
-    }
-    const Counted name(lent.registration->name);
-    PVOID copy = nullptr;
-    const Outcome outcome = caller.Judge(Filter_QueryInterface(held.driver.Get(), name.Get(), &copy));
-    if (copy != nullptr) {
-        Renew(held, "reference");
-        auto* block = static_cast<InterfaceBlock*>(copy);
-        caller.Check(block->length >= 2 && block->length <= sizeof(*block), "the copy tells its length");
-        caller.Stream().Fill(block->bytes, block->length - 2u);
-        held.handle.Set(copy);
-    }
-    return outcome;
-}
-
-void QueryInterfaceWrongly(Caller& caller)
-{
-    const auto driver = AnyDriver(caller);
-    const Counted name("nobody's");
-    PVOID copy = nullptr;
-    switch (caller.Stream().Below(driver ? 5 : 4)) {
-    case 0:
-        caller.Expect(Filter_QueryInterface(nullptr, name.Get(), &copy), FILTER_ERROR_INVALID_ARGUMENT);
-        break;
-    case 1:
-        caller.Expect(Filter_QueryInterface(driver.Get(), nullptr, &copy), FILTER_ERROR_INVALID_ARGUMENT);
-        break;
-    case 2:
-        caller.Expect(Filter_QueryInterface(driver.Get(), name.Get(), nullptr),
-                      FILTER_ERROR_INVALID_ARGUMENT);
-        break;
-    case 3:
-        caller.Expect(Filter_QueryInterface(NoHandle<FilterDriver>(caller), name.Get(), &copy),
-                      FILTER_ERROR_INVALID_DRIVER_HANDLE);
-        break;
-    default:
-        caller.Expect(Filter_QueryInterface(driver.Get(), name.Get(), &copy),
-                      FILTER_ERROR_INTERFACE_NOT_FOUND);
-    }
-    caller.Check(copy == nullptr, "nothing is handed out on failure");
-}
-
-// The owner of the interface may have left meanwhile.
-Outcome IsValidInterface(Caller& caller)
-{
-    const auto lent = Borrow<VOID>(caller);
-    return !lent                                        ? Outcome::NothingToUse
-           : Filter_IsValidInterface(lent.handle.Get()) ? Outcome::Success
-                                                        : Outcome::Refused;
-}
-
-void IsValidInterfaceWrongly(Caller& caller)
-{
-    caller.Check(!Filter_IsValidInterface(caller.Stream().Chance(20) ? nullptr : NoHandle<VOID>(caller)),
-                 "what is no copy is not valid");
-}
-
-Outcome ReleaseInterface(Caller& caller)
-{
-    auto held = Take<VOID>(caller);
-    if (!held) {
-        return Outcome::NothingToUse;
-    }
-    const FILTER_STATUS status = Filter_ReleaseInterface(held.driver.Get(), held.handle.Get());
-    End(held);
-    return caller.Judge(status, {FILTER_ERROR_INVALID_FILTER_INTERFACE}); // its owner has left
-}
-
-void ReleaseInterfaceWrongly(Caller& caller)
-{
-    const auto lent = Borrow<VOID>(caller);
-    if (!lent) {
-        return;
-    }
-    FilterDriver* const driver = lent.driver.Get();
-    switch (caller.Stream().Below(5)) {
-    case 0:
-        return caller.Expect(Filter_ReleaseInterface(nullptr, lent.handle.Get()),
-                             FILTER_ERROR_INVALID_ARGUMENT);
-    case 1:
-        return caller.Expect(Filter_ReleaseInterface(driver, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-    case 2:
-        return caller.Expect(Filter_ReleaseInterface(NoHandle<FilterDriver>(caller), lent.handle.Get()),
-                             FILTER_ERROR_INVALID_DRIVER_HANDLE);
-    case 3:
-        return caller.Expect(Filter_ReleaseInterface(driver, NoHandle<VOID>(caller)),
-                             FILTER_ERROR_INVALID_FILTER_INTERFACE);
-    default:
-        if (const auto other = OtherDriver(caller, lent.driver)) {
-            const FILTER_STATUS status = Filter_ReleaseInterface(other.Get(), lent.handle.Get());
-            caller.Check(status == FILTER_ERROR_INVALID_INTERFACE_REFERENCE_OWNER ||
-                             status == FILTER_ERROR_INVALID_FILTER_INTERFACE,
-                         "another driver's copy is refused");
-        }
-    }
-}
-
-// One that is referenced is withdrawn all the same, and goes with the last reference: its handle is not used again.
-Outcome DeregisterInterface(Caller& caller)
-{
-    auto held = Take<FilterInterface>(caller);
-    if (!held) {
-        return Outcome::NothingToUse;
-    }
-    const FILTER_STATUS status = Filter_DeregisterInterface(held.driver.Get(), held.handle.Get());
-    End(held);
-    return caller.Judge(status, {FILTER_ERROR_INTERFACE_ARE_REFERENCED});
-}
-
-void DeregisterInterfaceWrongly(Caller& caller)
-{
-    const auto lent = Borrow<FilterInterface>(caller);
-    if (!lent) {
-        return;
-    }
-    FilterDriver* const driver = lent.driver.Get();
-    FilterInterface* const handle = lent.handle.Get();
-    switch (caller.Stream().Below(5)) {
-    case 0:
-        return caller.Expect(Filter_DeregisterInterface(nullptr, handle), FILTER_ERROR_INVALID_ARGUMENT);
-    case 1:
-        return caller.Expect(Filter_DeregisterInterface(driver, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-    case 2:
-        return caller.Expect(Filter_DeregisterInterface(NoHandle<FilterDriver>(caller), handle),
-                             FILTER_ERROR_INVALID_DRIVER_HANDLE);
-    case 3:
-        return caller.Expect(Filter_DeregisterInterface(driver, NoHandle<FilterInterface>(caller)),
-                             FILTER_ERROR_INVALID_FILTER_INTERFACE);
-    default:
-        if (const auto other = OtherDriver(caller, lent.driver)) {
-            caller.Expect(Filter_DeregisterInterface(other.Get(), handle),
-                          FILTER_ERROR_INVALID_INTERFACE_OWNER);
-        }
-    }
-}
-
 // ------------------------------------------------------------------------------------------------- the table
 
 constexpr auto D = Level::Dispatch;
-
-template <auto kGet, class Handle, class Output, FILTER_STATUS kBadHandle>
-constexpr Call GetterCall(const char* name)
-{
-    using Row = Getter<kGet, Handle, Output, kBadHandle>;
-    return {name, Actor::Caller, D, 50, Row::Legal, Row::Illegal};
-}
-
-template <auto kIsValid, class Handle>
-constexpr Call ValidityCall(const char* name)
-{
-    using Row = Validity<kIsValid, Handle>;
-    return {name, Actor::Caller, D, 50, Row::Legal, Row::Illegal};
-}
 
 using EventHandling = Handling<Filter_RegisterEventHandler, EventHandler, OnAdapterEvent,
                                FILTER_ERROR_EVENT_HANDLER_ALREADY_REGISTERED>;
@@ -880,8 +371,6 @@ using IfEventEnding =
            FILTER_ERROR_EVENT_HANDLER_NOT_FOUND, FILTER_ERROR_INVALID_EVENT_HANDLER_OWNER>;
 using ControlEnding = Ending<Filter_DeregisterIoControl, IoCtrlHandler, FILTER_ERROR_INVALID_IOCTL_HANDLER,
                              FILTER_ERROR_IOCTL_HANDLER_NOT_FOUND, FILTER_ERROR_INVALID_IOCTL_HANDLER_OWNER>;
-using TimerEnding = Ending<Filter_FreeTimer, FilterTimer, FILTER_ERROR_INVALID_TIMER_HANDLE,
-                           FILTER_ERROR_TIMER_HANDLER_NOT_FOUND, FILTER_ERROR_INVALID_TIMER_HANDLER_OWNER>;
 
 constexpr Call kCalls[] = {
     {"Filter_RegisterDriver", Actor::Caller, D, 1, RegisterDriver, RegisterDriverWrongly},
@@ -915,17 +404,6 @@ constexpr Call kCalls[] = {
     ValidityCall<Filter_IsValidIoCtrlHandler, IoCtrlHandler>("Filter_IsValidIoCtrlHandler"),
     {"Filter_DeregisterIoControl", Actor::Caller, D, 20, ControlEnding::Legal, ControlEnding::Illegal},
     {"Filter_DefaultIoCtrlHandler", Actor::Caller, D, 99, DeclineControl, nullptr},
-    {"Filter_InitializeTimer", Actor::Caller, D, 20, InitializeTimer, InitializeTimerWrongly},
-    ValidityCall<Filter_IsValidTimer, FilterTimer>("Filter_IsValidTimer"),
-    {"Filter_StartTimer", Actor::Caller, D, 50, StartTimer, StartTimerWrongly},
-    {"Filter_StopTimer", Actor::Caller, D, 50, StopTimer, StopTimerWrongly},
-    {"Filter_FreeTimer", Actor::Caller, Level::Passive, 20, TimerEnding::Legal, TimerEnding::Illegal},
-    {"Filter_RegisterInterface", Actor::Caller, D, 20, RegisterInterface, RegisterInterfaceWrongly},
-    {"Filter_QueryInterface", Actor::Caller, D, 10, QueryInterface, QueryInterfaceWrongly},
-    {"Filter_IsValidInterface", Actor::Caller, D, 10, IsValidInterface, IsValidInterfaceWrongly},
-    ValidityCall<Filter_IsValidInterfaceObject, FilterInterface>("Filter_IsValidInterfaceObject"),
-    {"Filter_ReleaseInterface", Actor::Caller, D, 10, ReleaseInterface, ReleaseInterfaceWrongly},
-    {"Filter_DeregisterInterface", Actor::Caller, D, 10, DeregisterInterface, DeregisterInterfaceWrongly},
 };
 
 } // namespace

@@ -1,5 +1,5 @@
 // Adapters as client drivers see them: the table, identifiers, properties, contexts.
-#include "world.h"
+#include "rows.h"
 
 #include <cstring>
 
@@ -8,8 +8,6 @@ namespace stress
 
 namespace
 {
-
-using support::Unwritable;
 
 constexpr uint8_t kNobodysAddress[6] = {0x02, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
 
@@ -33,16 +31,11 @@ struct Property {
     {
         Output output[kCount] = {};
         FilterAdapter* const adapter = AnyAdapter(caller.Stream());
-        switch (caller.Stream().Below(caller.IsRaised() ? 3 : 4)) {
-        case 0:
-            return caller.Expect(kGet(nullptr, output), kNullAnswer);
-        case 1:
-            return caller.Expect(kGet(adapter, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-        case 2:
-            return caller.Expect(kGet(NoHandle<FilterAdapter>(caller), output),
-                                 FILTER_ERROR_INVALID_ADAPTER_HANDLE);
-        default:
-            return caller.Expect(kGet(adapter, Unwritable<Output>()), FILTER_ERROR_EXCEPTION);
+        caller.Expect(kGet(nullptr, output), kNullAnswer);
+        caller.Expect(kGet(adapter, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+        caller.Expect(kGet(NoHandle<FilterAdapter>(caller), output), FILTER_ERROR_INVALID_ADAPTER_HANDLE);
+        if (!caller.IsRaised()) {
+            caller.Expect(kGet(adapter, support::Unwritable<Output>()), FILTER_ERROR_EXCEPTION);
         }
     }
 };
@@ -134,8 +127,8 @@ void EnumAdapterWrongly(Caller& caller)
 {
     uint32_t count = 0;
     const auto driver = AnyDriver(caller);
-    caller.Expect(Filter_EnumAdapter(nullptr, LookAtAdapter, &count), FILTER_ERROR_INVALID_ARGUMENT);
-    caller.Expect(Filter_EnumAdapter(driver.Get(), nullptr, &count), FILTER_ERROR_INVALID_ARGUMENT);
+    ExpectNullsRefused<0, 1>(caller, Filter_EnumAdapter, driver.Get(), LookAtAdapter,
+                             static_cast<PVOID>(&count));
     caller.Expect(Filter_EnumAdapter(NoHandle<FilterDriver>(caller), LookAtAdapter, &count),
                   FILTER_ERROR_INVALID_DRIVER_HANDLE);
 }
@@ -151,8 +144,7 @@ Outcome FindByMac(Caller& caller)
 void FindByMacWrongly(Caller& caller)
 {
     FilterAdapter* adapter = nullptr;
-    caller.Expect(Filter_FindAdapterByMacAddress(nullptr, &adapter), FILTER_ERROR_INVALID_ARGUMENT);
-    caller.Expect(Filter_FindAdapterByMacAddress(kNobodysAddress, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    ExpectNullsRefused<0, 1>(caller, Filter_FindAdapterByMacAddress, kNobodysAddress, &adapter);
     caller.Expect(Filter_FindAdapterByMacAddress(kNobodysAddress, &adapter), FILTER_ERROR_ADAPTER_NOT_FOUND);
 }
 
@@ -207,8 +199,7 @@ Outcome GetPacketDump(Caller& caller)
 void GetPacketDumpWrongly(Caller& caller)
 {
     BOOLEAN enabled = FALSE;
-    caller.Expect(Filter_GetAdapterPacketDump(nullptr, &enabled), FILTER_ERROR_INVALID_ARGUMENT);
-    caller.Expect(Filter_GetAdapterPacketDump(kNobodysAddress, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    ExpectNullsRefused<0, 1>(caller, Filter_GetAdapterPacketDump, kNobodysAddress, &enabled);
     caller.Expect(Filter_GetAdapterPacketDump(kNobodysAddress, &enabled), FILTER_ERROR_ADAPTER_NOT_FOUND);
 }
 
@@ -410,34 +401,17 @@ void ReleaseContextWrongly(Caller& caller)
 constexpr auto D = Level::Dispatch;
 constexpr auto P = Level::Passive;
 
-template <class Row>
-constexpr Call RowCall(const char* name)
+template <auto kGet, class Output, FILTER_STATUS kMayAnswer = FILTER_STATUS_SUCCESS>
+constexpr Call PropertyCall(const char* name, uint32_t floor = 99)
 {
-    return {name, Actor::Caller, D, 90, Row::Legal, Row::Illegal};
-}
-
-template <auto kGet, class Output>
-constexpr Call PropertyCall(const char* name)
-{
-    return RowCall<Property<kGet, Output>>(name);
+    return RowCall<Property<kGet, Output, kMayAnswer>>(name, floor);
 }
 
 // All zero until it was set.
 template <auto kGet>
 constexpr Call PppCall(const char* name)
 {
-    return {name,
-            Actor::Caller,
-            D,
-            1,
-            Property<kGet, UCHAR, FILTER_ERROR_ADAPTER_NOT_OPEN>::Legal,
-            [](Caller& caller) {
-                UCHAR address[6];
-                caller.Expect(kGet(nullptr, address), FILTER_ERROR_INVALID_ARGUMENT);
-                caller.Expect(kGet(AnyAdapter(caller.Stream()), nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-                caller.Expect(kGet(NoHandle<FilterAdapter>(caller), address),
-                              FILTER_ERROR_INVALID_ADAPTER_HANDLE);
-            }};
+    return PropertyCall<kGet, UCHAR, FILTER_ERROR_ADAPTER_NOT_OPEN>(name, 1);
 }
 
 constexpr Call kCalls[] = {
@@ -456,12 +430,12 @@ constexpr Call kCalls[] = {
     PropertyCall<Filter_IsNdisWanAdapter, BOOLEAN>("Filter_IsNdisWanAdapter"),
     RowCall<
         Property<Filter_GetAdapterMtu, USHORT, FILTER_STATUS_SUCCESS, FILTER_ERROR_INVALID_ADAPTER_HANDLE>>(
-        "Filter_GetAdapterMtu"),
+        "Filter_GetAdapterMtu", 99),
     PropertyCall<Filter_GetAdapterName, UNICODE_STRING*>("Filter_GetAdapterName"),
     PppCall<Filter_GetAdapterPPPSrcMacAddress>("Filter_GetAdapterPPPSrcMacAddress"),
     PppCall<Filter_GetAdapterPPPDstMacAddress>("Filter_GetAdapterPPPDstMacAddress"),
-    RowCall<MacSetting<Filter_SetAdapterPPPSrcMacAddress>>("Filter_SetAdapterPPPSrcMacAddress"),
-    RowCall<MacSetting<Filter_SetAdapterPPPDstMacAddress>>("Filter_SetAdapterPPPDstMacAddress"),
+    RowCall<MacSetting<Filter_SetAdapterPPPSrcMacAddress>>("Filter_SetAdapterPPPSrcMacAddress", 99),
+    RowCall<MacSetting<Filter_SetAdapterPPPDstMacAddress>>("Filter_SetAdapterPPPDstMacAddress", 99),
     {"Filter_SetAdapterCongestionControl", Actor::Caller, D, 99, SetCongestionControl,
      SetCongestionControlWrongly},
     {"Filter_GetAdapterPacketDump", Actor::Caller, D, 20, GetPacketDump, GetPacketDumpWrongly},

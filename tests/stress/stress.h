@@ -71,10 +71,12 @@ struct Call {
 
 std::span<const Call> RegistryCalls();  // calls-registry.cpp
 std::span<const Call> ClientCalls();    // calls-clients.cpp
+std::span<const Call> InterfaceCalls(); // calls-interfaces.cpp
 std::span<const Call> PacketCalls();    // calls-packets.cpp
 std::span<const Call> ServiceCalls();   // calls-services.cpp
 std::span<const Call> TableCalls();     // calls-tables.cpp
 std::span<const Call> SocketCalls();    // calls-sockets.cpp
+std::span<const Call> TransportCalls(); // calls-transport.cpp
 std::span<const Call> NeighbourCalls(); // calls-neighbours.cpp
 
 // All of them. An index into it names a kind of call everywhere.
