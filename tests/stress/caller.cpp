@@ -7,12 +7,15 @@
 #include <shared_mutex>
 #include <thread>
 
+#include <sys/mman.h>
+
 namespace stress
 {
 
 namespace
 {
 
+constexpr size_t kPageSize = 4096;
 constexpr char kDeviceName[] = "\\\\.\\NdisFilter";
 constexpr size_t kMostFailures = 50; // that are printed
 
@@ -95,7 +98,8 @@ size_t Failures()
 
 Caller::Caller(Actor actor, uint64_t seed, uint64_t round, uint32_t number)
     : name_(fmt::format("{} {}", kActorNames[static_cast<int>(actor)], number)), random_(seed, round, number),
-      tallies_(AllCalls().size())
+      tallies_(AllCalls().size()),
+      unwritable_(mmap(nullptr, kPageSize, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))
 {
     g_seed = seed;
     g_round = round;
@@ -106,7 +110,10 @@ Caller::Caller(Actor actor, uint64_t seed, uint64_t round, uint32_t number)
     }
 }
 
-Caller::~Caller() = default;
+Caller::~Caller()
+{
+    munmap(unwritable_, kPageSize);
+}
 
 machine::File* Caller::Device()
 {

@@ -35,7 +35,7 @@ struct Property {
         caller.Expect(kGet(adapter, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
         caller.Expect(kGet(NoHandle<FilterAdapter>(caller), output), FILTER_ERROR_INVALID_ADAPTER_HANDLE);
         if (!caller.IsRaised()) {
-            caller.Expect(kGet(adapter, support::Unwritable<Output>()), FILTER_ERROR_EXCEPTION);
+            caller.Expect(kGet(adapter, static_cast<Output*>(caller.Unwritable())), FILTER_ERROR_EXCEPTION);
         }
     }
 };

@@ -9,8 +9,6 @@ namespace stress
 namespace
 {
 
-using support::Unwritable;
-
 constexpr auto D = Level::Dispatch;
 constexpr auto P = Level::Passive;
 
@@ -307,7 +305,8 @@ void GetApiVersionWrongly(Caller& caller)
     caller.Expect(Filter_GetAPIVersion(nullptr, &number), FILTER_ERROR_INVALID_ARGUMENT);
     caller.Expect(Filter_GetAPIVersion(&number, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
     if (!caller.IsRaised()) {
-        caller.Expect(Filter_GetAPIVersion(&number, Unwritable<ULONG>()), FILTER_ERROR_EXCEPTION);
+        caller.Expect(Filter_GetAPIVersion(&number, static_cast<ULONG*>(caller.Unwritable())),
+                      FILTER_ERROR_EXCEPTION);
     }
 }
 

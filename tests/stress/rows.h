@@ -65,7 +65,7 @@ struct Getter {
         ExpectNullsRefused<0, 1>(caller, kGet, handle, &output);
         caller.Expect(kGet(NoHandle<Handle>(caller), &output), kBadHandle);
         if (handle != nullptr && !caller.IsRaised()) {
-            caller.Expect(kGet(handle, support::Unwritable<Output>()), FILTER_ERROR_EXCEPTION);
+            caller.Expect(kGet(handle, static_cast<Output*>(caller.Unwritable())), FILTER_ERROR_EXCEPTION);
         }
     }
 };

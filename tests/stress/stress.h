@@ -107,6 +107,7 @@ class Caller
     bool IsRaised() const { return raised_; } // to DISPATCH_LEVEL
     machine::File* Device();                  // the control device, opened by a process of this thread
     void CloseDevice();
+    void* Unwritable() const { return unwritable_; } // memory of this thread alone: its faults are no races
 
     // A legal call: success, a refusal that it may meet, or a failure of the run.
     Outcome Judge(int64_t status, std::initializer_list<int64_t> refusals = {});
@@ -138,6 +139,7 @@ class Caller
     std::vector<size_t> calls_; // that this actor makes
     std::vector<Tally> tallies_;
     bool raised_ = false;
+    void* const unwritable_;
     std::unique_ptr<machine::Process> process_;
     std::unique_ptr<machine::File> device_;
     std::atomic<const char*> doing_{"nothing yet"};
