@@ -138,7 +138,7 @@ void Caller::Step()
     Tally& tally = tallies_[index];
     const bool illegal = call.illegal != nullptr && random_.Chance(25);
     raised_ = call.level == Level::Dispatch && random_.Chance(25);
-    doing_.store(call.name, std::memory_order_relaxed);
+    doing_.store("waits for its turn", std::memory_order_relaxed);
     {
         std::optional<machine::AtDispatch> dispatch;
         if (raised_) {
@@ -146,6 +146,7 @@ void Caller::Step()
             tally.raised++;
         }
         PassGate();
+        doing_.store(call.name, std::memory_order_relaxed);
         if (illegal) {
             call.illegal(*this);
             tally.illegal++;

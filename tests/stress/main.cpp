@@ -17,7 +17,7 @@ using namespace stress;
 namespace
 {
 
-constexpr uint64_t kEnough = 200; // attempts, from which on a share of successes says something
+constexpr uint64_t kEnough = 400; // attempts, from which on a share of successes says something
 
 struct Totals {
     std::vector<Tally> tallies = std::vector<Tally>(AllCalls().size());
@@ -153,6 +153,9 @@ int RunStress(const Options& options)
     double seconds = 0;
     const Totals totals = RunRounds(options, seconds);
     for (size_t i = 0; i < totals.tallies.size(); ++i) {
+        if (totals.rounds >= 5 && CallsOf(totals.tallies[i]) == 0) {
+            Fail(fmt::format("{} was never called", AllCalls()[i].name));
+        }
         if (!IsEnough(AllCalls()[i], totals.tallies[i])) {
             Fail(fmt::format("{} succeeded {} times of {}", AllCalls()[i].name, totals.tallies[i].successes,
                              totals.tallies[i].attempts));

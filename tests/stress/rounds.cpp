@@ -57,7 +57,8 @@ class Watchdog
             bool stuck =
                 HasStopped(callers_.size(), g_phases.load(std::memory_order_relaxed)) && callersDone_;
             for (size_t i = 0; i < callers_.size() && !callersDone_; ++i) {
-                stuck = HasStopped(i, callers_[i]->Steps()) || stuck;
+                const bool finished = callers_[i]->Doing() == nullptr;
+                stuck = (HasStopped(i, callers_[i]->Steps()) && !finished) || stuck;
             }
             if (stuck) {
                 Tell();
@@ -79,8 +80,9 @@ class Watchdog
         fmt::print(stderr, "  main: {}\n", g_phase.load());
         for (size_t i = 0; i < callers_.size(); ++i) {
             const auto idle = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - since_[i]);
-            fmt::print(stderr, "  {}: {}, its call {}, {} s ago\n", callers_[i]->Name(), callers_[i]->Doing(),
-                       callers_[i]->Steps(), idle.count());
+            const char* const doing = callers_[i]->Doing();
+            fmt::print(stderr, "  {}: {}, {} calls behind it, the last {} s ago\n", callers_[i]->Name(),
+                       doing != nullptr ? doing : "has finished", callers_[i]->Steps(), idle.count());
         }
     }
 
@@ -176,6 +178,7 @@ void RunThread(Caller& caller, bool calls, uint64_t steps, const std::atomic<uin
             std::this_thread::sleep_for(std::chrono::microseconds(caller.Stream().Below(300)));
         }
     }
+    caller.Finish();
 }
 
 } // namespace

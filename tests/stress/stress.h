@@ -102,6 +102,7 @@ class Caller
     Caller& operator=(const Caller&) = delete;
 
     void Step(); // makes one call
+    void Finish() { doing_.store(nullptr, std::memory_order_relaxed); }
 
     Random& Stream() { return random_; }
     bool IsRaised() const { return raised_; } // to DISPATCH_LEVEL
@@ -124,7 +125,7 @@ class Caller
         EndAlone();
     }
 
-    // What the watchdog sees.
+    // What the watchdog sees; null when it has finished.
     const char* Doing() const { return doing_.load(std::memory_order_relaxed); }
     uint64_t Steps() const { return steps_.load(std::memory_order_relaxed); }
     const std::string& Name() const { return name_; }
