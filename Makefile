@@ -3,12 +3,13 @@
 # What `make run` runs.
 LAB = replay tests/data/session.pcapng --filter blocker
 
-.PHONY: help run live test faults fuzz races mutants windows docs bench bench-compare clean
+.PHONY: help run live test stress faults fuzz races mutants windows docs bench bench-compare clean
 
 help:
 	@echo 'make run     build the lab and replay a recorded capture through the sample filter'
 	@echo 'make live    run real programs across the lab, between network namespaces (root)'
 	@echo 'make test    build and test everything: gcc, clang, sanitizers, the Windows drivers under Wine'
+	@echo 'make stress  random calls from many threads for 40 minutes, and a billion frames counted exactly'
 	@echo 'make races   lay out races: threads of the framework in every order up to a depth, and many by chance'
 	@echo 'make mutants build known faults into a copy of the tree, one by one: the tests must notice each'
 	@echo 'make faults  let each call that may fail do so, one by one, and count the branches that this takes'
@@ -31,6 +32,10 @@ live:
 
 test:
 	@scripts/test
+
+stress:
+	@scripts/setup test
+	@scripts/stress
 
 # What the search is given: RACES="--only 'Parking*' --depth 3".
 RACES = --fully
