@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <thread>
 
-extern "C" int32_t DriverEntry(void* driverObject, void* registryPath);
+extern "C" int32_t DriverEntry(_DRIVER_OBJECT* driver, _UNICODE_STRING* registryPath);
 
 namespace stress
 {
