@@ -161,7 +161,9 @@ namespace
 
 _Unwind_Reason_Code LookForGuard(_Unwind_Context* context, void* found)
 {
-    if (_Unwind_GetIP(context) != reinterpret_cast<uintptr_t>(host_guard_return))
+    const uintptr_t instruction = _Unwind_GetIP(context),
+                    guard = reinterpret_cast<uintptr_t>(host_guard_return);
+    if (instruction != guard && instruction != guard - 1) // within its call: see ReturnFromNowhere
         return _URC_NO_REASON;
     // The numbers of the System V ABI for x86-64.
     *static_cast<GuardFrame*>(found) = {
@@ -184,7 +186,8 @@ bool FindGuard(GuardFrame* frame)
     return frame->rsp != 0;
 }
 
-// A call to where there is no code faults in no function at all; such a context is put back to its call.
+// A call to where there is no code faults in no function at all; such a context is put back into its call, the last byte
+// of which has the same tables.
 void ReturnFromNowhere(greg_t* registers)
 {
     if (_Unwind_FindEnclosingFunction(reinterpret_cast<void*>(registers[REG_RIP] + 1)) != nullptr)
