@@ -412,7 +412,8 @@ class NumberedReader
     {
         size_t taken = 0;
         while (taken < frames) {
-            for (const ndisfilter_block& block : client_.Receive(room_)) {
+            const size_t most = std::min(room_.size(), frames - taken); // no more than the others take
+            for (const ndisfilter_block& block : client_.Receive(std::span(room_).first(most))) {
                 if (block.is_signal == 0) {
                     Look(static_cast<uint32_t>(block.content.frame.m_nIndicateValue));
                     ++taken;
