@@ -224,6 +224,8 @@ class Fixture : public Machine
         const auto write = static_cast<uint32_t>(memory_->KernelModeInput.m_iWrite);
         uint32_t good = 0;
         bool allGood = true;
+        bool spills =
+            false; // on its way back a long frame reaches into the next block: behind the last one, a block of ours
         for (uint32_t i = 0; i < count; ++i) {
             SharedBlock& block = memory_->m_InputBlocks[(write + i) % kBlocks];
             block.m_nAdapterId = input.Below(8) == 0 ? input.Byte() : adapterIds[input.Below(kAdapters)];
@@ -232,6 +234,8 @@ class Fixture : public Machine
             const auto frame = input.Take(input.Byte() % 64);
             std::copy(frame.begin(), frame.end(),
                       reinterpret_cast<uint8_t*>(&block) + offsetof(SharedBlock, m_Data));
+            spills = spills || (block.m_nDirection == NDIS_FILTER_DIRECTION_TO_APPLICATION &&
+                                block.m_nPacketSize > sizeof(SharedBlock) - offsetof(SharedBlock, m_Data));
             allGood = allGood && IsGood(block);
             good += allGood ? 1 : 0;
         }
@@ -244,7 +248,7 @@ class Fixture : public Machine
             return; // the thread may find new blocks for ever
         }
         AwaitRest();
-        if (inOrder) { // up to the first that is refused
+        if (inOrder && !spills) { // up to the first that is refused
             RequireEqual(static_cast<uint32_t>(memory_->KernelModeInput.m_iRead), (write + good) % kBlocks,
                          "blocks that are taken");
         }
