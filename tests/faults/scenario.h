@@ -6,6 +6,7 @@
 #include "journal.h"
 
 #include <support/frames.h>
+#include <support/records.h>
 
 #include <hook/virtual-adapters.h>
 #include <machine.h>
@@ -81,15 +82,7 @@ inline machine::Request::Result Ask(const char* name, World& world, uint32_t cod
 // A control request under the name of its code.
 #define REQUEST(Code, ...) faults::Ask(#Code, world, Code __VA_OPT__(, ) __VA_ARGS__)
 
-template <class Record>
-std::span<const uint8_t> In(const Record& record)
-{
-    return {reinterpret_cast<const uint8_t*>(&record), sizeof(record)};
-}
-template <class Record>
-std::span<uint8_t> Out(Record& record)
-{
-    return {reinterpret_cast<uint8_t*>(&record), sizeof(record)};
-}
+using support::In;
+using support::Out;
 
 } // namespace faults

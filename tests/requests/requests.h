@@ -2,6 +2,7 @@
 #pragma once
 
 #include "support/framework.h"
+#include "support/records.h"
 
 #include <cstring>
 #include <string>
@@ -12,6 +13,8 @@ namespace requests
 
 using Result = machine::Request::Result;
 using support::Bytes;
+using support::In;
+using support::Out;
 
 // Tests write +field for a copy of a field that need not be aligned.
 inline constexpr uint32_t kTraceCore = 0x100;
@@ -21,18 +24,6 @@ inline constexpr auto kNoMemory = static_cast<machine::Status>(0xC0000017);
 inline constexpr auto kInvalidParameter = static_cast<machine::Status>(0xC000000D);
 inline constexpr auto kNotSupported = static_cast<machine::Status>(0xC00000BB);
 inline constexpr auto kAdapterNotFound = static_cast<machine::Status>(0xC0010006);
-
-template <class Record>
-std::span<const uint8_t> In(const Record& record)
-{
-    return {reinterpret_cast<const uint8_t*>(&record), sizeof(record)};
-}
-
-template <class Record>
-std::span<uint8_t> Out(Record& record)
-{
-    return {reinterpret_cast<uint8_t*>(&record), sizeof(record)};
-}
 
 inline uint32_t IdOf(FilterAdapter* adapter)
 {
