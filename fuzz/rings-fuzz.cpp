@@ -5,8 +5,10 @@
 
 #include <array>
 #include <atomic>
+#include <cstring>
 #include <memory>
 #include <optional>
+#include <sched.h>
 #include <semaphore>
 #include <thread>
 
@@ -51,13 +53,17 @@ void OnAccess(machine::SharedAccess, const volatile void*, size_t)
     }
 }
 
-// The second thread of the program. It is started once and waits between the inputs.
+// The second thread of the program. It is started once and waits between the inputs. All others share a processor, where
+// they would leave it no moment in between.
 class Scribbler
 {
   public:
     Scribbler()
     {
         std::thread([this] {
+            cpu_set_t processors;
+            std::memset(&processors, 0xFF, sizeof(processors));
+            Require(sched_setaffinity(0, sizeof(processors), &processors) == 0, "any processor");
             for (;;) {
                 go_.acquire();
                 for (uint32_t i = 0; !stop_.load(std::memory_order_acquire); ++i) {
