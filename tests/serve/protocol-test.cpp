@@ -302,6 +302,20 @@ TEST_F(Protocol, RequestsAndConnectionsBeyondTheLimitAreRefused)
     }));
 }
 
+TEST_F(Protocol, RepliesThatAreNotTakenEndTheConnection)
+{
+    RawProgram program(lab_);
+    labprotocol::Control control;
+    control.code = IOCTL_NDIS_FILTER_GET_ADAPTER;
+    control.outputLength = sizeof(UserAdapterList);
+    EXPECT_TRUE(Eventually([&] {
+        ++control.id;
+        send(program.Descriptor(), &control, sizeof(control), MSG_DONTWAIT | MSG_NOSIGNAL);
+        pollfd end = {.fd = program.Descriptor(), .events = 0, .revents = 0};
+        return poll(&end, 1, 0) == 1 && (end.revents & POLLHUP) != 0;
+    }));
+}
+
 TEST_F(Protocol, NumbersOfRequestsAreTheProgramsOwn)
 {
     RawProgram program(lab_);

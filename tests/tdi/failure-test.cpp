@@ -125,6 +125,7 @@ TEST_F(FailureTest, TheStatusIsTheOneThatTheCompletionDelivered)
 // A transport of the test's own: its dispatch routine and its completions need not agree, and another driver may have
 // put its device above.
 struct OddTransport {
+    static constexpr ULONG_PTR kClaimed = ~ULONG_PTR{0}; // bytes, whatever there was to send
     static inline PDEVICE_OBJECT device;
     static inline NTSTATUS dispatched = STATUS_SUCCESS;
     static inline NTSTATUS completed = STATUS_SUCCESS;
@@ -136,6 +137,7 @@ struct OddTransport {
             IoGetCurrentIrpStackLocation(irp)->MajorFunction == IRP_MJ_INTERNAL_DEVICE_CONTROL;
         depth = irp->StackCount;
         irp->IoStatus.Status = internal ? completed : STATUS_SUCCESS;
+        irp->IoStatus.Information = internal ? kClaimed : 0;
         IoCompleteRequest(irp, IO_NO_INCREMENT);
         return internal ? dispatched : STATUS_SUCCESS;
     }
@@ -195,6 +197,7 @@ TEST_F(FailureTest, EachModeTellsItsOwnOfTwoStatusesAndNothingWhenNothingWasSent
         EXPECT_EQ(send(&callback.event, Callback::Run, &result), dispatched);
         EXPECT_EQ(callback.count, ++called);
         EXPECT_EQ(result.Status, completed);
+        EXPECT_EQ(result.Information, OddTransport::kClaimed);
         EXPECT_EQ(send(&callback.event, nullptr, &result), dispatched);
         EXPECT_EQ(callback.count, called);
         EXPECT_EQ(address.Count, 1u);
