@@ -87,6 +87,9 @@ TEST_F(BindingTest, ExchangesCallbacksForFunctionsAndUndoesIt)
         EXPECT_EQ(record.Hook_GetOsVersion, Version<1>);
         EXPECT_EQ(AskVersion(), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
     }
+    Debug().Take();
+    device_->Send(IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION, {}, 0).Wait();
+    EXPECT_THAT(Debug().Take(), testing::HasSubstr("m_NdisHookAPI.Hook_GetOsVersion = 0x0000000000000000\n"));
     Bind(Version<2>);
     EXPECT_EQ(AskVersion(), 2);
 }
