@@ -87,33 +87,6 @@ TEST_F(TrafficTest, CountersOfOneChainLoseNothing)
     EXPECT_EQ(CountersOf(filter), (Counters{4 * kShare, kShare, kShare, kShare, kShare}));
 }
 
-TEST_F(TrafficTest, ADeregisteredFilterIsNotRunningAnyMore)
-{
-    Traffic traffic(adapter);
-    for (int round = 0; round < 60; ++round) {
-        auto gone = std::make_shared<std::atomic<bool>>(false);
-        TestDriver driver;
-        const auto check = [gone](FilterPacket*) {
-            EXPECT_FALSE(*gone);
-            return FILTER_RESULT_BYPASS;
-        };
-        auto in = std::make_unique<TestFilter>(driver, TestFilter::Options{}, check);
-        auto out = std::make_unique<TestFilter>(
-            driver, TestFilter::Options{.type = FILTER_TYPE_OUTGOING_PACKET}, check);
-        EXPECT_TRUE(Eventually([&] { return in->CallCount() > 0 && out->CallCount() > 0; }));
-        if (round % 2 == 0) {
-            EXPECT_EQ(in->Deregister(), FILTER_STATUS_SUCCESS);
-            EXPECT_EQ(out->Deregister(), FILTER_STATUS_SUCCESS);
-        } else {
-            EXPECT_EQ(driver.Deregister(), FILTER_STATUS_SUCCESS); // takes its filters with it
-        }
-        *gone = true;
-    }
-    traffic.Stop();
-    const hook::Balance balance = hook::TakeBalance();
-    EXPECT_EQ(balance.deliveredToAdapter + balance.deliveredToProtocols, traffic.Accepted());
-}
-
 // A writer that waits for the chain must not keep out the nested walk of a filter whose end it waits for.
 TEST_F(TrafficTest, ANestedWalkPassesAWaitingRegistration)
 {

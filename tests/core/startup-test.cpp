@@ -212,16 +212,4 @@ TEST_F(StartUpTest, UnloadFreesWhatClientsLeft)
     EXPECT_EQ(g_packetsOut, 0);
 }
 
-TEST_F(StartUpTest, ManyRoundsLeaveNothing)
-{
-    const machine::Census before = machine::TakeCensus();
-    for (int round = 0; round < 200; round++) {
-        ASSERT_EQ(LoadFramework(), STATUS_SUCCESS);
-        ExpectTraffic();
-        StopFramework();
-        ASSERT_TRUE(machine::TakeCensus() == before) << machine::DescribeCensus(machine::TakeCensus());
-        ASSERT_FALSE(HasFailure()) << "round " << round;
-    }
-}
-
 } // namespace

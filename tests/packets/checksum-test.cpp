@@ -155,28 +155,6 @@ TEST_F(ChecksumTest, ATotalLengthBelowTheHeadersReachesNoFurther)
     }
 }
 
-TEST_F(ChecksumTest, TheFieldCountsAsZeroAlsoAmongTheAddresses)
-{
-    struct Header {
-        uint8_t words;
-        uint8_t protocol;
-        size_t field;
-    };
-    for (const auto& [words, protocol, field] :
-         {Header{0, kProtocolTcp, 16}, {2, kProtocolUdp, 6}, {3, kProtocolUdp, 6}}) {
-        Bytes packet = Counting(60, 1);
-        packet[0] = static_cast<uint8_t>(0x40 | words);
-        Put(packet, 2, 60);
-        Bytes zeroed = packet;
-        Put(zeroed, words * 4 + field, 0);
-        Bytes covered(zeroed.begin() + 12, zeroed.begin() + 20);
-        covered.insert(covered.end(), {0, static_cast<uint8_t>(60 - words * 4 + protocol)});
-        covered.insert(covered.end(), zeroed.begin() + words * 4, zeroed.end());
-        ASSERT_EQ(Filter_CalculatePacketCheckSum(packet.data(), protocol), FILTER_STATUS_SUCCESS);
-        EXPECT_EQ(Big16(&packet[words * 4 + field]), TextbookChecksum(covered)) << int{words};
-    }
-}
-
 TEST_F(ChecksumTest, VerifyingRepairsTheHeader)
 {
     FilterAdapter* adapter = AddAdapter();

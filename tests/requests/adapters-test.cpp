@@ -4,7 +4,6 @@
 using namespace requests;
 using namespace support;
 using testing::Each;
-using testing::HasSubstr;
 
 namespace
 {
@@ -158,7 +157,7 @@ TEST_F(AdapterRequestsTest, MediaStateAndPacketDumpAreNamedByMacAddress)
     UserMacValue got;
     value.m_nValue = 1;
     EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_SET_MEDIA_STATUS, In(value)), STATUS_SUCCESS);
-    EXPECT_THAT(Debug().Take(), HasSubstr("  IOCTL_NDIS_FILTER_SET_IPCONFIG\n")); // by another's name
+    EXPECT_TRUE(Debug().Contains("  IOCTL_NDIS_FILTER_SET_IPCONFIG\n")); // by another's name
     EXPECT_EQ(hook::MediaState(second), 1u);
     EXPECT_EQ(Returned(IOCTL_NDIS_FILTER_GET_MEDIA_STATUS, In(value), Out(got)), 7u);
     EXPECT_EQ(std::memcmp(&got, &value, 7), 0);
@@ -176,13 +175,12 @@ TEST_F(AdapterRequestsTest, MediaStateAndPacketDumpAreNamedByMacAddress)
     EXPECT_EQ(wide, (Bytes{2, 0, 0, 0, 0, 2, 1, 0, 0, 0}));
 
     // Too short, which side first, and nobody's address.
-    constexpr char kShortInput[] = "    Input Buffer Length are too small\n";
     value.m_MacAddress[0] = 0xFF;
     for (const uint32_t code : {IOCTL_NDIS_FILTER_SET_MEDIA_STATUS, IOCTL_NDIS_FILTER_GET_MEDIA_STATUS,
                                 IOCTL_NDIS_FILTER_SET_PACKET_DUMP, IOCTL_NDIS_FILTER_GET_PACKET_DUMP}) {
         Debug().Take();
         EXPECT_EQ(StatusOf(code, In(value).first(6), Out(got).first(6)), kBufferTooSmall);
-        EXPECT_TRUE(Debug().Contains(kShortInput));
+        EXPECT_TRUE(Debug().Contains("    Input Buffer Length are too small\n"));
         EXPECT_EQ(Returned(code, In(value), Out(got), kAdapterNotFound), 0u);
     }
     EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_GET_MEDIA_STATUS, In(value), Out(got).first(6)), kBufferTooSmall);
