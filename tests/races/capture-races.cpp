@@ -46,10 +46,7 @@ class CaptureRace : public Race
 
     static std::string LowerLog() { return DriveC() + "/Adapter(02-00-00-00-00-01)NdisLower.eth"; }
 
-    void Control(uint32_t code)
-    {
-        RequireStatus(file_->Control(code, {}, {}).status, STATUS_SUCCESS, "a request");
-    }
+    void Control(uint32_t code) { RequireSuccess(file_->Control(code, {}, {}).status, "a request"); }
     void Start() { Control(IOCTL_NDIS_FILTER_START_ETHRLOG); }
     void Stop() { Control(IOCTL_NDIS_FILTER_STOP_ETHRLOG); }
     void Receive()

@@ -7,6 +7,7 @@
 #include <scheduler/threads.h>
 
 #include <support/frames.h>
+#include <support/records.h>
 
 #include <ntddk.h>
 
@@ -25,8 +26,7 @@ using Bodies = std::vector<std::function<void()>>;
 
 // Ends the run, and the search with it.
 void Require(bool holds, const char* contract);
-// The same for a status.
-void RequireStatus(int32_t status, int32_t expected, const char* of);
+void RequireSuccess(int32_t status, const char* of);
 
 // A driver that is registered while it lives.
 class Client

@@ -34,9 +34,9 @@ class FilterRace : public Race
         const auto length = static_cast<USHORT>(name.size());
         const STRING counted = {length, length, name.data()};
         PacketFilter* filter = nullptr;
-        RequireStatus(Filter_RegisterFilter(client.Handle(), &counted, Procedure, this,
-                                            FILTER_TYPE_INCOMING_PACKET, order, &filter),
-                      FILTER_STATUS_SUCCESS, "Filter_RegisterFilter");
+        RequireSuccess(Filter_RegisterFilter(client.Handle(), &counted, Procedure, this,
+                                             FILTER_TYPE_INCOMING_PACKET, order, &filter),
+                       "Filter_RegisterFilter");
         return filter;
     }
 
@@ -98,8 +98,8 @@ class QueuedForFilter : public FilterRace
                     Filter_InjectPacketFromFilter(FILTER_METHOD_START_FROM_THIS_FILTER, filter_, packet);
                 },
                 [this] {
-                    RequireStatus(Filter_DeregisterFilter(client_->Handle(), filter_), FILTER_STATUS_SUCCESS,
-                                  "Filter_DeregisterFilter");
+                    RequireSuccess(Filter_DeregisterFilter(client_->Handle(), filter_),
+                                   "Filter_DeregisterFilter");
                     gone_ = true;
                 }};
     }

@@ -26,24 +26,18 @@ class SharingRace : public Race
         file_ = process_->Open("\\\\.\\NdisFilter");
         uint32_t value = 1;
         uint64_t address = 0;
-        RequireStatus(file_
-                          ->Control(IOCTL_NDIS_FILTER_START_SHARE, {reinterpret_cast<uint8_t*>(&value), 4},
-                                    {reinterpret_cast<uint8_t*>(&address), 8})
-                          .status,
-                      STATUS_SUCCESS, "START_SHARE");
-        Require(address != NDIS_FILTER_SHARE_FAILED, "the memory is mapped");
+        file_->Control(IOCTL_NDIS_FILTER_START_SHARE, support::In(value), support::Out(address));
+        Require(address > NDIS_FILTER_SHARE_FAILED, "the memory is mapped");
         memory_ = reinterpret_cast<SharedMemory*>(address);
         // The program's view and the framework's are one memory.
         kernelView_ = reinterpret_cast<uint8_t*>(memory_->KernelModeOutput.m_pkBlockBase) -
                       offsetof(SharedMemory, m_OutputBlocks);
         scheduler::Alias(memory_, sizeof(SharedMemory), kernelView_);
         for (SharedRing* ring : {&memory_->KernelModeInput, &memory_->KernelModeOutput}) {
-            __atomic_store_n(&ring->m_iRead, 0, __ATOMIC_SEQ_CST);
-            __atomic_store_n(&ring->m_iWrite, 0, __ATOMIC_SEQ_CST);
+            Store(ring->m_iRead, 0);
+            Store(ring->m_iWrite, 0);
         }
-        ULONG id = 0;
-        Filter_AdapterToId(Adapter(), &id);
-        adapterId_ = id;
+        Filter_AdapterToId(Adapter(), &adapterId_);
         before_ = hook::TakeBalance();
     }
     void End() override
@@ -56,6 +50,8 @@ class SharingRace : public Race
         Require(after.IsEven() && after.outstanding == before_.outstanding, "every packet has ended once");
     }
 
+    static int32_t Load(const int32_t& index) { return __atomic_load_n(&index, __ATOMIC_SEQ_CST); }
+    static void Store(int32_t& index, int32_t value) { __atomic_store_n(&index, value, __ATOMIC_SEQ_CST); }
     int32_t Control(uint32_t code) { return file_->Control(code, {}, {}).status; }
     void Park() { read_.emplace(file_->Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0)); }
 
@@ -70,14 +66,13 @@ class SharingRace : public Race
     void Signal()
     {
         uint8_t signal[NDIS_FILTER_SIGNAL_SIZE] = {};
-        RequireStatus(Filter_IndicateSignalToApplication(signal), FILTER_STATUS_SUCCESS,
-                      "Filter_IndicateSignalToApplication");
+        RequireSuccess(Filter_IndicateSignalToApplication(signal), "Filter_IndicateSignalToApplication");
     }
 
     // Fills the next input block and announces it.
     void Announce(uint32_t direction)
     {
-        const int32_t at = __atomic_load_n(&memory_->KernelModeInput.m_iWrite, __ATOMIC_SEQ_CST);
+        const int32_t at = Load(memory_->KernelModeInput.m_iWrite);
         SharedBlock& block = memory_->m_InputBlocks[at];
         const support::Bytes frame = support::UdpFrame();
         block.m_nAdapterId = adapterId_;
@@ -85,23 +80,15 @@ class SharingRace : public Race
         block.m_nPacketSize = static_cast<uint32_t>(frame.size());
         memcpy(reinterpret_cast<uint8_t*>(&block) + offsetof(SharedBlock, m_Data), frame.data(),
                frame.size());
-        __atomic_store_n(&memory_->KernelModeInput.m_iWrite, (at + 1) % NDIS_FILTER_BLOCK_COUNT,
-                         __ATOMIC_SEQ_CST);
-        RequireStatus(Control(IOCTL_NDIS_FILTER_WRITE_SHARE), STATUS_SUCCESS, "WRITE_SHARE");
-    }
-
-    bool OutputIsEmpty() const
-    {
-        const SharedRing& ring = memory_->KernelModeOutput;
-        return __atomic_load_n(&ring.m_iRead, __ATOMIC_SEQ_CST) ==
-               __atomic_load_n(&ring.m_iWrite, __ATOMIC_SEQ_CST);
+        Store(memory_->KernelModeInput.m_iWrite, (at + 1) % NDIS_FILTER_BLOCK_COUNT);
+        RequireSuccess(Control(IOCTL_NDIS_FILTER_WRITE_SHARE), "WRITE_SHARE");
     }
 
     std::unique_ptr<machine::Process> process_;
     std::unique_ptr<machine::File> file_;
     SharedMemory* memory_ = nullptr;
     uint8_t* kernelView_ = nullptr; // of the same memory
-    uint32_t adapterId_ = 0;
+    ULONG adapterId_ = 0;
     std::optional<machine::Request> read_;
     hook::Balance before_;
 };
@@ -115,18 +102,12 @@ class CompleteCancelStop : public SharingRace
     }
     Bodies Threads() override
     {
-        return {
-            [this] {
-                uint8_t signal[NDIS_FILTER_SIGNAL_SIZE] = {};
-                Filter_IndicateSignalToApplication(signal);
-            },
-            [this] { read_->Cancel(); },
-            [this] { RequireStatus(Control(IOCTL_NDIS_FILTER_STOP_SHARE), STATUS_SUCCESS, "STOP_SHARE"); }};
+        return {[this] { Signal(); }, [this] { read_->Cancel(); },
+                [this] { RequireSuccess(Control(IOCTL_NDIS_FILTER_STOP_SHARE), "STOP_SHARE"); }};
     }
     void End() override
     {
-        const int32_t status = ReadResult();
-        Require(status == STATUS_SUCCESS || status == STATUS_CANCELLED,
+        Require(ReadResult() == STATUS_SUCCESS || ReadResult() == STATUS_CANCELLED,
                 "a parked read succeeds, or is cancelled");
         SharingRace::End();
     }
@@ -146,7 +127,7 @@ class ParkAndWrite : public SharingRace
     }
     void End() override
     {
-        RequireStatus(ReadResult(), STATUS_SUCCESS, "a read beside a block");
+        RequireSuccess(ReadResult(), "a read beside a block");
         SharingRace::End();
     }
 };
@@ -189,13 +170,12 @@ class ParkAndClose : public SharingRace
 {
     Bodies Threads() override
     {
-        return {[this] { Park(); }, [this] { Control(IOCTL_NDIS_FILTER_STOP_SHARE); },
-                [this] { Control(IOCTL_NDIS_FILTER_STOP_SHARE); }};
+        const auto stop = [this] { Control(IOCTL_NDIS_FILTER_STOP_SHARE); };
+        return {[this] { Park(); }, stop, stop};
     }
     void End() override
     {
-        const int32_t status = ReadResult();
-        Require(status == STATUS_SUCCESS || status == STATUS_UNSUCCESSFUL,
+        Require(ReadResult() == STATUS_SUCCESS || ReadResult() == STATUS_UNSUCCESSFUL,
                 "a read of a share that ends is completed");
         SharingRace::End();
     }
@@ -219,10 +199,8 @@ class AnnounceAndReset : public SharingRace
     }
     void End() override
     {
-        const SharedRing& ring = memory_->KernelModeInput;
-        Require(__atomic_load_n(&ring.m_iRead, __ATOMIC_SEQ_CST) == 3, "every announced block is served");
-        Require(__atomic_load_n(&memory_->KernelModeOutput.m_iWrite, __ATOMIC_SEQ_CST) == 1,
-                "a frame looped back");
+        Require(Load(memory_->KernelModeInput.m_iRead) == 3, "every announced block is served");
+        Require(Load(memory_->KernelModeOutput.m_iWrite) == 1, "a frame looped back");
         const hook::Balance after = hook::TakeBalance();
         Require(after.deliveredToProtocols == before_.deliveredToProtocols + 1 &&
                     after.deliveredToAdapter == before_.deliveredToAdapter + 1,
@@ -254,12 +232,12 @@ class BlockBeforeIndex : public SharingRace
                     const support::Bytes frame = support::UdpFrame();
                     std::copy(frame.begin(), frame.end(), packet->m_Data);
                     packet->m_nPacketSize = packet->m_nBytesRead = static_cast<ULONG>(frame.size());
-                    RequireStatus(Filter_IndicatePacketToApplication(packet, kMark, 0), FILTER_STATUS_SUCCESS,
-                                  "Filter_IndicatePacketToApplication");
+                    RequireSuccess(Filter_IndicatePacketToApplication(packet, kMark, 0),
+                                   "Filter_IndicatePacketToApplication");
                     Filter_ReleasePacket(packet);
                 },
                 [this] {
-                    if (OutputIsEmpty()) {
+                    if (Load(memory_->KernelModeOutput.m_iWrite) == 0) {
                         return;
                     }
                     const SharedBlock& block = memory_->m_OutputBlocks[0];

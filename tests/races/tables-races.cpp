@@ -162,9 +162,9 @@ class InterfaceRace : public Race
         user_ = std::make_unique<Client>("user");
         snprintf(text_, sizeof(text_), "%07u", ++number_); // an interface that is left over keeps its name
         const Block block = {sizeof(Block), 42};
-        RequireStatus(Filter_RegisterInterface(owner_->Handle(), &name_, &block, &interface_),
-                      FILTER_STATUS_SUCCESS, "Filter_RegisterInterface");
-        RequireStatus(Query(&held_), FILTER_STATUS_SUCCESS, "Filter_QueryInterface");
+        RequireSuccess(Filter_RegisterInterface(owner_->Handle(), &name_, &block, &interface_),
+                       "Filter_RegisterInterface");
+        RequireSuccess(Query(&held_), "Filter_QueryInterface");
     }
     void End() override
     {
@@ -187,7 +187,7 @@ class ReleaseAndDeregister : public InterfaceRace
 {
     Bodies Threads() override
     {
-        return {[this] { RequireStatus(Release(held_), FILTER_STATUS_SUCCESS, "Filter_ReleaseInterface"); },
+        return {[this] { RequireSuccess(Release(held_), "Filter_ReleaseInterface"); },
                 [this] {
                     const FILTER_STATUS status = Filter_DeregisterInterface(owner_->Handle(), interface_);
                     Require(status == FILTER_STATUS_SUCCESS ||
@@ -199,7 +199,7 @@ class ReleaseAndDeregister : public InterfaceRace
                     const FILTER_STATUS status = Query(&copy);
                     if (status == FILTER_STATUS_SUCCESS) {
                         Require(static_cast<Block*>(copy)->value == 42, "a copy has the block's contents");
-                        RequireStatus(Release(copy), FILTER_STATUS_SUCCESS, "the release of a query");
+                        RequireSuccess(Release(copy), "the release of a query");
                     } else {
                         Require(status == FILTER_ERROR_INTERFACE_NOT_FOUND ||
                                     status == FILTER_ERROR_INTERFACE_ARE_INVALID,
@@ -210,7 +210,7 @@ class ReleaseAndDeregister : public InterfaceRace
     void End() override // freed by the deregistration or by the last release, whichever came last
     {
         PVOID copy = nullptr;
-        RequireStatus(Query(&copy), FILTER_ERROR_INTERFACE_NOT_FOUND, "a query behind all");
+        Require(Query(&copy) == FILTER_ERROR_INTERFACE_NOT_FOUND, "a query behind all finds nothing");
         InterfaceRace::End();
     }
 };

@@ -14,8 +14,8 @@ class TimerRace : public Race
     void Begin() override
     {
         client_ = std::make_unique<Client>();
-        RequireStatus(Filter_InitializeTimer(client_->Handle(), Callback, this, TRUE, &timer_),
-                      FILTER_STATUS_SUCCESS, "Filter_InitializeTimer");
+        RequireSuccess(Filter_InitializeTimer(client_->Handle(), Callback, this, TRUE, &timer_),
+                       "Filter_InitializeTimer");
         Filter_StartTimer(timer_, 10);
     }
     void End() override
@@ -47,8 +47,7 @@ class FreeTimer : public TimerRace
     {
         return {[] { machine::AdvanceClock(20); },
                 [this] {
-                    RequireStatus(Filter_FreeTimer(client_->Handle(), timer_), FILTER_STATUS_SUCCESS,
-                                  "Filter_FreeTimer");
+                    RequireSuccess(Filter_FreeTimer(client_->Handle(), timer_), "Filter_FreeTimer");
                     freed_ = true;
                 }};
     }
@@ -64,9 +63,8 @@ class StopTimer : public TimerRace
 {
     Bodies Threads() override
     {
-        return {
-            [] { machine::AdvanceClock(10); },
-            [this] { RequireStatus(Filter_StopTimer(timer_), FILTER_STATUS_SUCCESS, "Filter_StopTimer"); }};
+        return {[] { machine::AdvanceClock(10); },
+                [this] { RequireSuccess(Filter_StopTimer(timer_), "Filter_StopTimer"); }};
     }
     void End() override
     {
