@@ -192,6 +192,7 @@ void Race::Settle()
 
 void Race::Check()
 {
+    end();
     End();
     Require(machine::WaitIdle(), "the machine comes to rest at the end");
     machine::CheckReturnToUser("the end of a run");
