@@ -92,23 +92,24 @@ TEST_F(TracedTablesTest, SayWhatTheyDo)
     Debug().Take();
     Make(7, nullptr);
     const std::string its = "[" + PointerText(table) + "/thing]->m_RefCount ";
-    EXPECT_THAT(Debug().Take(), AllOf(StartsWith("Enter Filter_CreateHashTable\n - HashTableSize = 7\n"
-                                                 " - pItemName     = thing\n - pfnFreeItem   = 0x"),
-                                      HasSubstr("\n - pfnCompItem   = 0x0000000000000000\n"
-                                                "  Adjust HashTableSize to 8\n"),
-                                      HasSubstr("Leave Filter_CreateHashTable, pHashTable = " +
-                                                PointerText(table) + "\n")));
+    EXPECT_THAT(Debug().Take(),
+                AllOf(StartsWith("Enter Filter_CreateHashTable\n - HashTableSize = 7\n"
+                                 " - pItemName     = thing\n - pfnFreeItem   = 0x"),
+                      HasSubstr("\n - pfnCompItem   = 0x0000000000000000\n"
+                                "  Adjust HashTableSize to 8\n"),
+                      HasSubstr("Leave Filter_CreateHashTable, pHashTable = " + PointerText(table) + "\n")));
     Item &older = items.emplace_back(3u, 1), &newer = items.emplace_back(3u, 2);
     Add(older);
     Debug().Take();
     Filter_InsertHashItem(table, &newer.head);
     const std::string item = "  pHashItem[" + PointerText(&newer) + "/thing]->m_RefCount ";
-    EXPECT_EQ(Debug().Take(), "Enter Filter_InsertHashItem\n  pHashTable" + its + "++ = 3\n" + item +
-                                  "++ = 1\n" + item + "++ = 2\nLeave Filter_InsertHashItem, pHashItem = " +
-                                  PointerText(&newer) + "\n");
+    EXPECT_EQ(Debug().Take(),
+              "Enter Filter_InsertHashItem\n  pHashTable" + its + "++ = 3\n" + item + "++ = 1\n" + item +
+                  "++ = 2\nLeave Filter_InsertHashItem, pHashItem = " + PointerText(&newer) + "\n");
     EXPECT_EQ(Find(3, 0), &newer); // without a compare routine the hash value decides
     EXPECT_EQ(Debug().Take(), "Enter Filter_FindHashItem\n" + item +
-                                  "++ = 3\nLeave Filter_FindHashItem, pHashItem = " + PointerText(&newer) + "\n");
+                                  "++ = 3\nLeave Filter_FindHashItem, pHashItem = " + PointerText(&newer) +
+                                  "\n");
     EXPECT_EQ(Find(11, 0), nullptr); // another value of the same bucket
     EXPECT_EQ(Debug().Take(), "Enter Filter_FindHashItem\nLeave Filter_FindHashItem, NULL\n");
     EXPECT_EQ(Filter_FindHashItemEx(table, 11, nullptr), nullptr);
@@ -140,44 +141,6 @@ TEST_F(TracedTablesTest, SayWhatTheyDo)
     Filter_ReleaseHashItem(plain);
     Filter_ReleaseHashItem(plain);
     Filter_DestroyHashTable(unnamed); // frees the item as what it is
-}
-
-TEST_F(TablesTest, HoldersKeepWhatIsDeletedOrCleaned)
-{
-    Make(8);
-    Item &deleted = New(1), &cleaned = New(2), &destroyed = New(3);
-    for (Item* item : {&deleted, &cleaned, &destroyed}) {
-        Add(*item);
-    }
-    ASSERT_EQ(Find(1, 1), &deleted);
-    ASSERT_EQ(Find(1, 1), &deleted);
-    EXPECT_TRUE(Filter_DeleteHashItem(&deleted.head));
-    EXPECT_EQ(Find(1, 1), nullptr);
-    EXPECT_EQ(deleted.freed, 0);
-    EXPECT_TRUE(Filter_DeleteHashItem(&deleted.head)); // the second holder's delete only releases
-    EXPECT_EQ(deleted.freed, 1);
-    EXPECT_EQ(Filter_GetHashItemCount(table), 2u);
-
-    ASSERT_EQ(Find(2, 2), &cleaned);
-    Filter_CleanHashTable(table);
-    EXPECT_EQ(destroyed.freed, 1);
-    EXPECT_EQ(cleaned.freed, 0);
-    EXPECT_EQ(Filter_GetHashItemCount(table), 2u); // a clean does not count
-    EXPECT_TRUE(Keys().empty());
-    Filter_ReferenceHashItem(&cleaned.head);
-    Filter_ReleaseHashItem(&cleaned.head);
-    EXPECT_TRUE(Filter_DeleteHashItem(&cleaned.head)); // ought to be a release, and does no more
-    EXPECT_EQ(cleaned.freed, 1);
-
-    // The last item takes a destroyed table along: the census of the test tells.
-    Item& last = New(4);
-    Add(last);
-    ASSERT_EQ(Find(4, 4), &last);
-    Filter_DestroyHashTable(table);
-    table = nullptr;
-    EXPECT_EQ(last.freed, 0);
-    Filter_ReleaseHashItem(&last.head);
-    EXPECT_EQ(last.freed, 1);
 }
 
 // And an item that is in no table is not deleted.

@@ -225,7 +225,8 @@ TEST_F(DiagTest, TheStateIsShownListByList)
 )"},
         {"filter show adapter", R"(- m_nAdapterCount = 1
 - m_AdapterList.0. = 0x.{16}
-  - m_hAdapter = )" + PointerText(adapter) + R"(
+  - m_hAdapter = )" + PointerText(adapter) +
+                                    R"(
   - m_nAdapterMedium = 0
   - m_usMTU = 1500
   - m_dwAdapterState = [0-9]+
@@ -233,12 +234,14 @@ TEST_F(DiagTest, TheStateIsShownListByList)
   - m_CurrentAddress = 02-00-00-00-00-01
   - m_szAdapterName = .A. shown
 )"},
-        {"filter show driver", "- pFilterDriver = " + owner + "\n- m_pDriverContext = " + PointerText(adapter) +
-                                   "\n- m_DriverName = shown-client\n(.*\n){2}- m_DriverName = shown-answerer\n"},
+        {"filter show driver",
+         "- pFilterDriver = " + owner + "\n- m_pDriverContext = " + PointerText(adapter) +
+             "\n- m_DriverName = shown-client\n(.*\n){2}- m_DriverName = shown-answerer\n"},
         {"filter show filter", R"(Packet Filter.Type = 0 - (.*
 )+- Filter.0.
   - m_FilterName      = shown-filter
-  - m_hFilterDriver   = )" + owner + R"(
+  - m_hFilterDriver   = )" + owner +
+                                   R"(
 (.*
 )+  - m_FilterOrder     = 7 - FILTER_ORDER_FIXED
   - m_PacketProcess   = 1
@@ -253,7 +256,8 @@ TEST_F(DiagTest, TheStateIsShownListByList)
         {"filter show ioctl", R"(- pIoCtrlHandler = 0x.{16}
 - m_hFilterDriver = 0x.{16}
 - m_pfIoCtrlProc = 0x.{16}
-- m_pIoCtrlContext = )" + PointerText(static_cast<HandlingDriver*>(&answerer)) + "\n"},
+- m_pIoCtrlContext = )" + PointerText(static_cast<HandlingDriver*>(&answerer)) +
+                                  "\n"},
     };
     for (const auto& [command, reply] : replies) {
         EXPECT_THAT(Ask(command), MatchesRegex(reply)) << command;

@@ -17,11 +17,6 @@ using support::Out;
 
 // Tests write +field for a copy of a field that need not be aligned.
 inline constexpr uint32_t kTraceCore = 0x100;
-inline constexpr auto kBufferTooSmall = static_cast<machine::Status>(0xC0000023);
-inline constexpr auto kInternalError = static_cast<machine::Status>(0xC00000E5);
-inline constexpr auto kNoMemory = static_cast<machine::Status>(0xC0000017);
-inline constexpr auto kInvalidParameter = static_cast<machine::Status>(0xC000000D);
-inline constexpr auto kAdapterNotFound = static_cast<machine::Status>(0xC0010006);
 
 inline uint32_t IdOf(FilterAdapter* adapter)
 {

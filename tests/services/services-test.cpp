@@ -16,7 +16,6 @@ namespace
 
 constexpr ULONG kTag = 0x54534554; // "TEST"
 constexpr ULONG kMask = 0xD00;     // common services, and what an unload says
-constexpr NTSTATUS kInsufficientResources = static_cast<NTSTATUS>(0xC000009A);
 
 UNICODE_STRING Counted(PCWSTR text)
 {
@@ -208,7 +207,7 @@ TEST_F(ServicesTest, RegistryPathsAreCopiedAndTheirTailReplaced)
                                   : Filter_ReplaceDriverRegistryPath(&source, &tail, &copy);
         };
         machine::FailCall(machine::Fault::Pool, 1);
-        EXPECT_EQ(run(), kInsufficientResources);
+        EXPECT_EQ(run(), STATUS_INSUFFICIENT_RESOURCES);
         ASSERT_EQ(run(), STATUS_SUCCESS);
         EXPECT_EQ(Narrow(copy), text);
         EXPECT_EQ(copy.Buffer[copy.Length / 2], 0);
