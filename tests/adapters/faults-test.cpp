@@ -49,7 +49,9 @@ TEST_F(AdapterFaultsTest, AreContained)
         [&] { return Filter_DeregisterIoControl(owner, Unreadable<IoCtrlHandler>()); },
         [&] { return Filter_AcquireAdapterContext(owner, Unwritable<ULONG>()); },
         [&] { return Filter_GetAdapterContext(adapter, 0, Unwritable<PVOID>()); },
-        [&] { return Filter_RegisterEventHandler(owner, FaultOnEvent, nullptr, Unwritable<EventHandler*>()); },
+        [&] {
+            return Filter_RegisterEventHandler(owner, FaultOnEvent, nullptr, Unwritable<EventHandler*>());
+        },
         [&] { return Filter_RegisterIoControl(owner, proc, nullptr, Unwritable<IoCtrlHandler*>()); },
         [&] { return Filter_GetAdapterCurrentAddress(adapter, Unwritable<UCHAR>()); },
         [&] { return Filter_GetAdapterMediaState(adapter, Unwritable<ULONG>()); },
@@ -98,19 +100,26 @@ TEST_F(AdapterFaultsTest, NullIsAnInvalidArgument)
     EventHandler* event = nullptr;
     IoCtrlHandler* control = nullptr;
     const FILTER_IOCTRL_PROC proc = Filter_DefaultIoCtrlHandler;
-    const FILTER_STATUS answers[] = {
-        Filter_AcquireAdapterContext(driver, nullptr), Filter_SetAdapterContext(driver, nullptr, 0, nullptr),
-        Filter_GetAdapterContext(&none, 0, nullptr), Filter_ReleaseAdapterContext(nullptr, 0),
-        Filter_RegisterEventHandler(driver, nullptr, nullptr, &event),
-        Filter_RegisterEventHandler(driver, FaultOnEvent, nullptr, nullptr),
-        Filter_RegisterIoControl(driver, nullptr, nullptr, &control),
-        Filter_RegisterIoControl(driver, proc, nullptr, nullptr),
-        Filter_DeregisterEventHandler(driver, nullptr), Filter_DeregisterIoControl(driver, nullptr),
-        Filter_GetAdapterCurrentAddress(&none, nullptr), Filter_GetAdapterName(&none, nullptr),
-        Filter_SetAdapterPPPDstMacAddress(&none, nullptr), Filter_SetAdapterCongestionControl(nullptr, 1),
-        Filter_GetAdapterPacketDump(mac, nullptr), Filter_SetAdapterPacketDump(nullptr, TRUE),
-        Filter_GetTcpIpBoundAdapters(nullptr), Filter_SetIPConfig(nullptr),
-        Filter_GetAdapterMediaStateByMac(mac, nullptr), Filter_SetAdapterMediaStateByMac(nullptr, 0)};
+    const FILTER_STATUS answers[] = {Filter_AcquireAdapterContext(driver, nullptr),
+                                     Filter_SetAdapterContext(driver, nullptr, 0, nullptr),
+                                     Filter_GetAdapterContext(&none, 0, nullptr),
+                                     Filter_ReleaseAdapterContext(nullptr, 0),
+                                     Filter_RegisterEventHandler(driver, nullptr, nullptr, &event),
+                                     Filter_RegisterEventHandler(driver, FaultOnEvent, nullptr, nullptr),
+                                     Filter_RegisterIoControl(driver, nullptr, nullptr, &control),
+                                     Filter_RegisterIoControl(driver, proc, nullptr, nullptr),
+                                     Filter_DeregisterEventHandler(driver, nullptr),
+                                     Filter_DeregisterIoControl(driver, nullptr),
+                                     Filter_GetAdapterCurrentAddress(&none, nullptr),
+                                     Filter_GetAdapterName(&none, nullptr),
+                                     Filter_SetAdapterPPPDstMacAddress(&none, nullptr),
+                                     Filter_SetAdapterCongestionControl(nullptr, 1),
+                                     Filter_GetAdapterPacketDump(mac, nullptr),
+                                     Filter_SetAdapterPacketDump(nullptr, TRUE),
+                                     Filter_GetTcpIpBoundAdapters(nullptr),
+                                     Filter_SetIPConfig(nullptr),
+                                     Filter_GetAdapterMediaStateByMac(mac, nullptr),
+                                     Filter_SetAdapterMediaStateByMac(nullptr, 0)};
     EXPECT_THAT(answers, testing::Each(FILTER_ERROR_INVALID_ARGUMENT));
 }
 

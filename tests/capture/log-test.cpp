@@ -4,9 +4,7 @@
 #include <support/packet.h>
 #include <support/program.h>
 
-#include <atomic>
 #include <filesystem>
-#include <thread>
 
 using namespace support;
 using testing::ElementsAre;
@@ -154,31 +152,6 @@ TEST_F(CaptureTest, FramesAreWholeAndAsTheyWereAtThatPoint)
     EXPECT_THAT(FramesIn(kUpper), ElementsAre(longest, Bytes(60, 0xEE), padded, changed));
 }
 
-TEST_F(CaptureTest, AFileCutAnywhereIsReadableUpToThere)
-{
-    Start();
-    const std::vector<Bytes> frames = {UdpFrame(1, 1), Counting(14), Counting(15), UdpFrame(2, 2)};
-    std::vector<size_t> ends = {24};
-    for (const Bytes& frame : frames) {
-        Receive(frame);
-        ends.push_back(ends.back() + 16 + frame.size());
-    }
-    Stop();
-    const Bytes file = ReadFile(Path(kLower));
-    ASSERT_EQ(file.size(), ends.back());
-    for (size_t size = 24; size <= file.size(); ++size) {
-        std::string error;
-        const std::vector<CapturedFrame> read =
-            ParseCapture(Bytes(file.begin(), file.begin() + size), &error);
-        const size_t whole = std::upper_bound(ends.begin(), ends.end(), size) - ends.begin() - 1;
-        ASSERT_EQ(read.size(), whole) << size;
-        EXPECT_EQ(error.empty(), size == ends[whole]) << size << ": " << error;
-        for (size_t i = 0; i < whole; ++i) {
-            EXPECT_EQ(read[i].bytes, frames[i]);
-        }
-    }
-}
-
 TEST_F(CaptureTest, ASecondStartIsRefusedAndAnotherOneReplacesTheFiles)
 {
     Start();
@@ -306,45 +279,6 @@ TEST_F(CaptureTest, AFailedWriteEndsItsFrameAndTheNextOneFollows)
         ASSERT_EQ(read.size(), 2u) << error;
         EXPECT_EQ(read[0].bytes, frame);
         EXPECT_EQ(read[1].bytes, frame);
-    }
-}
-
-TEST_F(CaptureTest, StartsAndStopsWhileFramesPassAndAdaptersClose)
-{
-    FilterAdapter* other = AddAdapter("{ADAPTER-2} Test", kPeerMac);
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 2; ++i) {
-        threads.emplace_back([&, i] {
-            while (!stop) {
-                hook::DeliverReceived(i == 0 ? adapter : other, UdpFrame(1, 1), {.waitMs = 1});
-            }
-        });
-    }
-    threads.emplace_back([&] {
-        while (!stop) {
-            hook::CloseAdapter(other);
-            hook::OpenAdapter(other);
-        }
-    });
-    threads.emplace_back([&] {
-        while (!stop) {
-            Request(IOCTL_NDIS_FILTER_START_ETHRLOG);
-        }
-    });
-    for (int i = 0; i < 100; ++i) {
-        Request(i % 2 == 0 ? IOCTL_NDIS_FILTER_START_ETHRLOG : IOCTL_NDIS_FILTER_STOP_ETHRLOG);
-    }
-    stop = true;
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    Stop();
-    mayStayOut = hook::TakeBalance().outstanding; // clones that a closing log left
-    for (const std::string& log : Files()) {
-        for (const CapturedFrame& frame : ReadCapture(Path(log))) {
-            ASSERT_EQ(frame.bytes, UdpFrame(1, 1)) << log;
-        }
     }
 }
 

@@ -73,7 +73,7 @@ TEST_F(TrafficTest, CountersOfOneChainLoseNothing)
                                     FILTER_TYPE_INCOMING_PACKET, FILTER_ORDER_FIRST, &filter),
               FILTER_STATUS_SUCCESS);
     std::vector<std::jthread> threads;
-    for (const int processor : {0, 1, 31, 63}) {
+    for (const int processor : {0, 63, 64, 65}) { // the last two share a slot
         threads.emplace_back([this, processor] {
             for (uint32_t round = 0; round < kRounds; ++round) {
                 const machine::AtDispatch raised(processor);
@@ -85,33 +85,6 @@ TEST_F(TrafficTest, CountersOfOneChainLoseNothing)
     }
     threads.clear(); // joins
     EXPECT_EQ(CountersOf(filter), (Counters{4 * kShare, kShare, kShare, kShare, kShare}));
-}
-
-TEST_F(TrafficTest, ADeregisteredFilterIsNotRunningAnyMore)
-{
-    Traffic traffic(adapter);
-    for (int round = 0; round < 60; ++round) {
-        auto gone = std::make_shared<std::atomic<bool>>(false);
-        TestDriver driver;
-        const auto check = [gone](FilterPacket*) {
-            EXPECT_FALSE(*gone);
-            return FILTER_RESULT_BYPASS;
-        };
-        auto in = std::make_unique<TestFilter>(driver, TestFilter::Options{}, check);
-        auto out = std::make_unique<TestFilter>(
-            driver, TestFilter::Options{.type = FILTER_TYPE_OUTGOING_PACKET}, check);
-        EXPECT_TRUE(Eventually([&] { return in->CallCount() > 0 && out->CallCount() > 0; }));
-        if (round % 2 == 0) {
-            EXPECT_EQ(in->Deregister(), FILTER_STATUS_SUCCESS);
-            EXPECT_EQ(out->Deregister(), FILTER_STATUS_SUCCESS);
-        } else {
-            EXPECT_EQ(driver.Deregister(), FILTER_STATUS_SUCCESS); // takes its filters with it
-        }
-        *gone = true;
-    }
-    traffic.Stop();
-    const hook::Balance balance = hook::TakeBalance();
-    EXPECT_EQ(balance.deliveredToAdapter + balance.deliveredToProtocols, traffic.Accepted());
 }
 
 // A writer that waits for the chain must not keep out the nested walk of a filter whose end it waits for.

@@ -102,17 +102,13 @@ TEST_F(TimersTest, FireAtTheirTimeOnceOrAgainAndAgainUntilStopped)
 TEST_F(TimersTest, TenThousandRun)
 {
     constexpr int kTimers = 10'000;
-    std::vector<FilterTimer*> timers;
     for (int i = 0; i < kTimers; i++) {
-        timers.push_back(Make(true));
-        Filter_StartTimer(timers.back(), 10);
+        Filter_StartTimer(Make(true), 10);
     }
     EXPECT_EQ(CallsIn(50), 5 * kTimers);
     driver->Deregister(); // takes them along
-    owner = nullptr;
     EXPECT_EQ(CallsIn(50), 0);
     EXPECT_EQ(machine::TakeCensus().timers, 0u);
-    driver.reset();
 }
 
 TEST_F(TimersTest, FreeingWaitsForTheCallbacksThatAreQueued)
@@ -127,9 +123,8 @@ TEST_F(TimersTest, FreeingWaitsForTheCallbacksThatAreQueued)
         EXPECT_EQ(Free(timer), FILTER_STATUS_SUCCESS);
         freed = true;
     });
-    EXPECT_TRUE(Eventually([&] {
-        return Debug().Contains("Filter_FreeTimer: wait 3 pending timer callback to completed\n");
-    }));
+    EXPECT_TRUE(Eventually(
+        [&] { return Debug().Contains("Filter_FreeTimer: wait 3 pending timer callback to completed\n"); }));
     machine::AdvanceClock(100); // it expires no more
     EXPECT_FALSE(freed);
     EXPECT_EQ(calls, 0);
@@ -144,28 +139,16 @@ TEST_F(TimersTest, HandlesAreCheckedBeforeOwnersAndOwnersBeforeAnythingIsFreed)
     const TestDriver other("other");
     FilterDriver* const own = driver->Handle();
     FilterTimer* const timer = Make(true);
-    FilterTimer* out = nullptr;
     auto* const noTimer = reinterpret_cast<FilterTimer*>(own);
     auto* const noDriver = reinterpret_cast<FilterDriver*>(timer);
-    EXPECT_EQ(Filter_InitializeTimer(nullptr, OnTimer, this, 0, &out), FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Filter_InitializeTimer(own, nullptr, this, 0, &out), FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Filter_InitializeTimer(own, OnTimer, this, 0, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Filter_InitializeTimer(noDriver, OnTimer, this, 0, &out), FILTER_ERROR_INVALID_DRIVER_HANDLE);
     EXPECT_EQ(Filter_InitializeTimer(own, OnTimer, this, 0, Unwritable<FilterTimer*>()),
               FILTER_ERROR_EXCEPTION);
     ExpectNoLockHeld("a faulting output");
-    machine::FailCall(machine::Fault::Pool, 1);
-    EXPECT_EQ(Filter_InitializeTimer(own, OnTimer, this, 0, &out), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(out, nullptr);
-    for (const auto call : {+[](FilterTimer* handle) { return Filter_StartTimer(handle, 1); }, Filter_StopTimer}) {
-        EXPECT_EQ(call(nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-        EXPECT_EQ(call(noTimer), FILTER_ERROR_INVALID_TIMER_HANDLE);
-    }
     EXPECT_FALSE(Filter_IsValidTimer(nullptr));
-    EXPECT_TRUE(Debug().Contains("Filter_IsValidTimer: Invalid Handle 0x0000000000000000, bad tag 0xffffffff\n"));
-    EXPECT_EQ(Filter_FreeTimer(nullptr, timer), FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Filter_FreeTimer(own, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Filter_FreeTimer(noDriver, timer), FILTER_ERROR_INVALID_DRIVER_HANDLE);
+    EXPECT_TRUE(
+        Debug().Contains("Filter_IsValidTimer: Invalid Handle 0x0000000000000000, bad tag 0xffffffff\n"));
+    EXPECT_EQ(Filter_FreeTimer(noDriver, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(Filter_FreeTimer(noDriver, noTimer), FILTER_ERROR_INVALID_DRIVER_HANDLE);
     EXPECT_EQ(Filter_FreeTimer(own, noTimer), FILTER_ERROR_INVALID_TIMER_HANDLE);
     Filter_StartTimer(timer, 10);
     EXPECT_EQ(Filter_FreeTimer(other.Handle(), timer), FILTER_ERROR_INVALID_TIMER_HANDLER_OWNER);

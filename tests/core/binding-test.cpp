@@ -12,8 +12,6 @@ namespace
 constexpr uint32_t kTraceCore = 0x100;
 constexpr uint32_t kBind = IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK;
 constexpr uint32_t kUnbind = IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK;
-constexpr machine::Status kInvalidParameter = static_cast<machine::Status>(0xC000000D);
-constexpr machine::Status kBufferTooSmall = static_cast<machine::Status>(0xC0000023);
 
 constexpr char kLeave[] = "Leave NdisFilterInternalIoControl\n";
 
@@ -125,13 +123,15 @@ TEST_F(BindingTest, OfAnotherLengthSizeVersionOrCodeIsRefusedAndChangesNothing)
             Debug().Take();
             machine::Request request =
                 device_->SendInternal(test.code != 0 ? test.code : code, bytes, test.input, test.output);
-            EXPECT_EQ(request.Wait()->status, test.message == tooSmall ? kBufferTooSmall : kInvalidParameter);
+            EXPECT_EQ(request.Wait()->status,
+                      test.message == tooSmall ? STATUS_BUFFER_TOO_SMALL : STATUS_INVALID_PARAMETER);
             EXPECT_TRUE(request.Output().empty());
             EXPECT_THAT(Debug().Take(), testing::EndsWith(test.message + std::string(kLeave)));
             EXPECT_EQ(AskVersion(), 1);
         }
     }
-    EXPECT_EQ(device_->SendInternal(kBind, {}, 168, 168).Wait()->status, kBufferTooSmall); // no buffer at all
+    EXPECT_EQ(device_->SendInternal(kBind, {}, 168, 168).Wait()->status,
+              STATUS_BUFFER_TOO_SMALL); // no buffer at all
 }
 
 struct QuietBindingTest : BindingTest {

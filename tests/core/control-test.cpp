@@ -15,9 +15,6 @@ namespace
 
 constexpr uint32_t kTraceCore = 0x100;
 constexpr uint32_t kUnknown = 0x80003000;
-constexpr machine::Status kNotSupported = static_cast<machine::Status>(0xC00000BB);
-constexpr machine::Status kBufferTooSmall = static_cast<machine::Status>(0xC0000023);
-constexpr machine::Status kInvalidParameter2 = static_cast<machine::Status>(0xC00000F0);
 
 struct ControlTest : DeviceTest {
     ControlTest() : DeviceTest(WithTrace(kTraceCore)) {}
@@ -42,7 +39,7 @@ TEST_F(ControlTest, VersionAndSizeOfTheSharedMemoryAreAnswered)
               "  - OutputBufferLength - 0x2\n  IOCTL_NDIS_FILTER_GET_VERSION\n"
               "Leave NdisFilterIoControl\n");
     output.resize(1);
-    EXPECT_EQ(Control(IOCTL_NDIS_FILTER_GET_VERSION, Counting(8), output, kBufferTooSmall), 0u);
+    EXPECT_EQ(Control(IOCTL_NDIS_FILTER_GET_VERSION, Counting(8), output, STATUS_BUFFER_TOO_SMALL), 0u);
     EXPECT_THAT(Debug().Take(),
                 HasSubstr("    Output Buffer Length are too small\nLeave NdisFilterIoControl\n"));
 
@@ -50,7 +47,7 @@ TEST_F(ControlTest, VersionAndSizeOfTheSharedMemoryAreAnswered)
     EXPECT_EQ(Control(IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, {}, output), 4u);
     EXPECT_EQ(output, (Bytes{0x68, 0x50, 0x1A, 0x00, 0xEE, 0xEE, 0xEE, 0xEE})); // 1724520
     output.resize(3);
-    Control(IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, {}, output, kBufferTooSmall);
+    Control(IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, {}, output, STATUS_BUFFER_TOO_SMALL);
 }
 
 TEST_F(ControlTest, StartingTheShareChecksOutputThenInputThenTheValueThenForAnOwner)
@@ -62,9 +59,9 @@ TEST_F(ControlTest, StartingTheShareChecksOutputThenInputThenTheValueThenForAnOw
         const char* message;
     };
     for (const Case& test :
-         {Case{Counting(3, 1), 7, kBufferTooSmall, "    Output Buffer Length are too small\n"},
-          {Counting(3, 1), 8, kBufferTooSmall, "    Input Buffer Length are too small\n"},
-          {Bytes(4, 0), 8, kInvalidParameter2, "    User Virtual Address is error\n"}}) {
+         {Case{Counting(3, 1), 7, STATUS_BUFFER_TOO_SMALL, "    Output Buffer Length are too small\n"},
+          {Counting(3, 1), 8, STATUS_BUFFER_TOO_SMALL, "    Input Buffer Length are too small\n"},
+          {Bytes(4, 0), 8, STATUS_INVALID_PARAMETER_2, "    User Virtual Address is error\n"}}) {
         Bytes output(test.output, 0xEE);
         Control(IOCTL_NDIS_FILTER_START_SHARE, test.input, output, test.status);
         EXPECT_THAT(Debug().Take(), HasSubstr(test.message));
@@ -96,7 +93,7 @@ TEST_F(ControlTest, StartingTheShareChecksOutputThenInputThenTheValueThenForAnOw
 TEST_F(ControlTest, AnUnknownCodeGoesToTheHookDriver)
 {
     Bytes output(8, 0xEE);
-    EXPECT_EQ(Control(kUnknown, Counting(16), output, kNotSupported),
+    EXPECT_EQ(Control(kUnknown, Counting(16), output, STATUS_NOT_SUPPORTED),
               0u); // no hook driver that would take it
     EXPECT_THAT(output, Each(0xEE));
 
@@ -120,14 +117,14 @@ TEST_F(ControlTest, AnUnknownCodeGoesToTheHookDriver)
     EXPECT_EQ(seen, kUnknown);
 
     // What it refuses is its answer, but for "not supported": then it has said nothing.
-    machine::Status answer = kInvalidParameter2;
+    machine::Status answer = STATUS_INVALID_PARAMETER_2;
     hook::SetIoControlHandler([&](auto, auto, auto, auto, auto, uint32_t* bytesReturned) {
         *bytesReturned = 4;
         return answer;
     });
-    Control(kUnknown, {}, output, kInvalidParameter2);
-    answer = kNotSupported;
-    EXPECT_EQ(Control(kUnknown, Counting(8), output, kNotSupported), 0u);
+    Control(kUnknown, {}, output, STATUS_INVALID_PARAMETER_2);
+    answer = STATUS_NOT_SUPPORTED;
+    EXPECT_EQ(Control(kUnknown, Counting(8), output, STATUS_NOT_SUPPORTED), 0u);
 }
 
 struct FaultingHookTest : ControlTest {
@@ -145,12 +142,12 @@ TEST_F(FaultingHookTest, AnExceptionInTheHookDriverIsPrintedAndTheCodeNotSupport
     ASSERT_EQ(Exchange(*device_, IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK, record).status, STATUS_SUCCESS);
     Debug().Take();
     Bytes output(8, 0xEE);
-    EXPECT_EQ(Control(kUnknown, Counting(8), output, kNotSupported), 0u);
+    EXPECT_EQ(Control(kUnknown, Counting(8), output, STATUS_NOT_SUPPORTED), 0u);
     EXPECT_EQ(Debug().Take(), "NdisFilterIoControl: exception in hook, code = -1073741819\n");
     ExpectNoLockHeld("an exception in the hook driver");
 
     ASSERT_EQ(Exchange(*device_, IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK, record).status, STATUS_SUCCESS);
-    Control(kUnknown, Counting(8), output, kNotSupported);
+    Control(kUnknown, Counting(8), output, STATUS_NOT_SUPPORTED);
     EXPECT_EQ(Debug().Take(), "");
 }
 

@@ -10,8 +10,6 @@ namespace
 {
 
 constexpr uint32_t kUnknown = 0x80003000;
-constexpr machine::Status kDeclined = static_cast<machine::Status>(0xC00000BB);
-constexpr machine::Status kInvalidDeviceRequest = static_cast<machine::Status>(0xC0000010);
 
 using HandlersTest = DeviceTest;
 
@@ -59,11 +57,11 @@ TEST_F(HandlersTest, AreAskedInOrderUntilOneDoesNotDecline)
     EXPECT_EQ(result.information, 2u);
     EXPECT_EQ(output, (Bytes{0x77, 0x77, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE}));
     // The kit's constant of the similar name does not decline.
-    answer = kInvalidDeviceRequest;
-    EXPECT_EQ(device_->Control(kUnknown, Counting(3), output).status, kInvalidDeviceRequest);
+    answer = STATUS_INVALID_DEVICE_REQUEST;
+    EXPECT_EQ(device_->Control(kUnknown, Counting(3), output).status, STATUS_INVALID_DEVICE_REQUEST);
     EXPECT_EQ(asked, "1212");
-    answer = kDeclined;
-    EXPECT_EQ(device_->Control(kUnknown, Counting(3), output).status, kDeclined);
+    answer = STATUS_NOT_SUPPORTED;
+    EXPECT_EQ(device_->Control(kUnknown, Counting(3), output).status, STATUS_NOT_SUPPORTED);
     EXPECT_EQ(asked, "1212123");
     // One that pends is the handler's to complete.
     answer = STATUS_PENDING;
@@ -80,7 +78,7 @@ TEST_F(HandlersTest, AreAskedInOrderUntilOneDoesNotDecline)
     // Of a driver that has gone nobody is asked, nor for what the hook driver answers.
     EXPECT_EQ(second.driver.Deregister(), FILTER_STATUS_SUCCESS);
     asked.clear();
-    EXPECT_EQ(device_->Control(kUnknown, Counting(3), output).status, kDeclined);
+    EXPECT_EQ(device_->Control(kUnknown, Counting(3), output).status, STATUS_NOT_SUPPORTED);
     EXPECT_EQ(asked, "13");
     hook::SetIoControlHandler([](auto...) -> machine::Status { return STATUS_SUCCESS; });
     EXPECT_EQ(device_->Control(kUnknown, Counting(3), output).status, STATUS_SUCCESS);

@@ -82,7 +82,8 @@ TEST_F(ChecksumTest, TheLongestDatagramOverflowsNothing)
     for (const uint8_t byte : {0x00, 0x7F, 0x80, 0xFF}) {
         Bytes packet = Ipv4Packet(kProtocolTcp, Bytes(kLength, byte));
         ASSERT_EQ(Filter_CalculatePacketCheckSum(packet.data(), kProtocolTcp), FILTER_STATUS_SUCCESS);
-        packet.insert(packet.begin() + 20, {0, kProtocolTcp, kLength >> 8, kLength & 0xFF}); // the pseudo-header
+        packet.insert(packet.begin() + 20,
+                      {0, kProtocolTcp, kLength >> 8, kLength & 0xFF}); // the pseudo-header
         EXPECT_EQ(TextbookChecksum(Bytes(packet.begin() + 12, packet.end())), 0u) << +byte;
     }
 }
@@ -119,7 +120,6 @@ TEST_F(ChecksumTest, TheSelectorDecidesAndUnknownOnesChangeNothing)
     Bytes asUdp = packet;
     EXPECT_EQ(Filter_CalculatePacketCheckSum(asUdp.data(), kProtocolUdp), FILTER_STATUS_SUCCESS);
     EXPECT_NE(Big16(&asUdp[20 + 6]), Big16(&packet[20 + 6]));
-    EXPECT_EQ(Filter_CalculatePacketCheckSum(nullptr, 0), FILTER_ERROR_INVALID_ARGUMENT);
     EXPECT_EQ(Filter_CalculatePacketCheckSum(Unwritable<uint8_t>(), 0), FILTER_ERROR_EXCEPTION);
     EXPECT_EQ(Filter_CalculatePacketCheckSum(reinterpret_cast<void*>(8), 5),
               FILTER_ERROR_EXCEPTION); // is read first

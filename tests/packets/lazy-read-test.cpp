@@ -67,7 +67,6 @@ TEST_F(PacketTest, TransferGathersAChainOfBuffers)
         }
     }
     EXPECT_EQ(runs, 4 * 5 * 3 * 2);
-    EXPECT_EQ(Filter_TransferPacketData(nullptr), FILTER_ERROR_INVALID_ARGUMENT);
 }
 
 TEST_F(PacketTest, TransferReadsOnlyWhatIsMissing)
@@ -149,7 +148,6 @@ TEST_F(PacketTest, ModifyCompletesTheFrameOnceAndMarksItForDelivery)
         return FILTER_RESULT_BYPASS;
     });
     EXPECT_THAT(up.Frames(), ElementsAre(changed));
-    EXPECT_EQ(Filter_ModifyPacket(nullptr), FILTER_ERROR_INVALID_ARGUMENT);
 }
 
 VOID NoteRelease(FilterPacket* packet, PVOID released)
@@ -186,7 +184,6 @@ TEST_F(PacketTest, TheReleaseCallbackRunsWhenTheHookDriverFreesThePacket)
 
 TEST_F(PacketTest, AllocationAndReleaseNeedABoundHookDriver)
 {
-    EXPECT_EQ(Filter_ReleasePacket(nullptr), FILTER_ERROR_INVALID_ARGUMENT);
     FilterPacket* packet = Filter_AllocatePacket(adapter);
     ASSERT_NE(packet, nullptr);
     EXPECT_EQ(packet->m_hAdapter, adapter);

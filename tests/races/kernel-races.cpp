@@ -10,154 +10,117 @@ namespace races
 namespace
 {
 
-// How many are inside a lock, and what they may meet there.
-class Inside
-{
-  public:
-    void Read()
-    {
-        ++readers_;
-        Require(writers_ == 0, "no reader beside a writer");
-        --readers_;
-    }
-    void Write()
-    {
-        ++writers_;
-        Require(writers_ == 1 && readers_ == 0, "one writer, and no reader beside it");
-        --writers_;
-    }
-
-  private:
-    std::atomic<int> readers_{0}, writers_{0};
-};
-
-class LockRace : public Race
-{
-  protected:
+struct LockRace : Race {
     void Begin() override
     {
-        NdisInitializeReadWriteLock(&lock_);
-        KeInitializeSpinLock(&spinLock_);
+        NdisInitializeReadWriteLock(&lock);
+        KeInitializeSpinLock(&spinLock);
     }
     void Enter(BOOLEAN write)
     {
         LOCK_STATE state;
-        NdisAcquireReadWriteLock(&lock_, write, &state);
+        NdisAcquireReadWriteLock(&lock, write, &state);
         Require(KeGetCurrentIrql() == DISPATCH_LEVEL, "a lock raises to DISPATCH_LEVEL");
         if (write) {
-            inside_.Write();
+            Write();
         } else {
-            inside_.Read();
+            ++readers;
+            Require(writers == 0, "no reader beside a writer");
+            --readers;
         }
-        NdisReleaseReadWriteLock(&lock_, &state);
+        NdisReleaseReadWriteLock(&lock, &state);
     }
-
-    NDIS_RW_LOCK lock_;
-    KSPIN_LOCK spinLock_;
-    Inside inside_;
-};
-
-class ReadersAndWriters : public LockRace
-{
-    Bodies Threads() override
+    void Write()
     {
-        return {[this] {
-                    Enter(FALSE);
-                    Enter(TRUE);
-                },
-                [this] { Enter(TRUE); },
-                [this] {
-                    const machine::AtDispatch raised; // the short road
-                    Enter(FALSE);
-                }};
+        ++writers;
+        Require(writers == 1 && readers == 0, "one writer, and no reader beside it");
+        --writers;
     }
+
+    NDIS_RW_LOCK lock;
+    KSPIN_LOCK spinLock;
+    std::atomic<int> readers{0}, writers{0}; // inside a lock
 };
 
 TEST(Races, ReaderAgainstWriter)
 {
-    Search<ReadersAndWriters>({.shortly = 2, .fully = 3}, true);
+    const auto layOut = [](LockRace& race) {
+        race.threads = {[&] {
+                            race.Enter(FALSE);
+                            race.Enter(TRUE);
+                        },
+                        [&] { race.Enter(TRUE); },
+                        [&] {
+                            const machine::AtDispatch raised; // the short road
+                            race.Enter(FALSE);
+                        }};
+    };
+    Search<LockRace>({.shortly = 2, .fully = 3}, layOut, true);
 }
-
-class SpinLocks : public LockRace
-{
-    Bodies Threads() override
-    {
-        const auto enter = [this] {
-            const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&spinLock_);
-            inside_.Write();
-            KeReleaseSpinLock(&spinLock_, irql);
-        };
-        return {enter, enter, enter};
-    }
-};
 
 TEST(Races, SpinLockAgainstSpinLock)
 {
-    Search<SpinLocks>({.shortly = 2, .fully = 3}, true);
+    const auto layOut = [](LockRace& race) {
+        const auto enter = [&] {
+            const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&race.spinLock);
+            race.Write();
+            KeReleaseSpinLock(&race.spinLock, irql);
+        };
+        race.threads = {enter, enter, enter};
+    };
+    Search<LockRace>({.shortly = 2, .fully = 3}, layOut, true);
 }
 
 // A producer that finds the event set does not take the kernel's lock. What it stored before is seen by the consumer
 // that resets the event afterwards; no time passes that would hide a wake-up that was lost.
-class ProducerAndConsumer : public Race
-{
-    static constexpr int kItems = 3;
-    void Begin() override { NdisInitializeEvent(&event_); }
-    Bodies Threads() override
-    {
-        return {[this] {
-                    for (int i = 0; i < kItems; ++i) {
-                        ++made_;
-                        NdisSetEvent(&event_);
-                    }
-                },
-                [this] {
-                    while (taken_ < kItems) {
-                        NdisWaitEvent(&event_, 0);
-                        NdisResetEvent(&event_);
-                        taken_ = made_;
-                    }
-                }};
-    }
-    void End() override { Require(taken_ == kItems, "everything that was announced is taken"); }
-
-    NDIS_EVENT event_;
-    std::atomic<int> made_{0};
-    int taken_ = 0;
-};
-
 TEST(Races, SetEventAgainstReset)
 {
-    Search<ProducerAndConsumer>({.shortly = 3, .fully = 5});
+    constexpr int kItems = 3;
+    NDIS_EVENT event;
+    std::atomic<int> made;
+    int taken = 0;
+    Search<Race>({.shortly = 3, .fully = 5}, [&](Race& race) {
+        NdisInitializeEvent(&event);
+        made = taken = 0;
+        race.threads = {[&] {
+                            for (int i = 0; i < kItems; ++i) {
+                                ++made;
+                                NdisSetEvent(&event);
+                            }
+                        },
+                        [&] {
+                            while (taken < kItems) {
+                                NdisWaitEvent(&event, 0);
+                                NdisResetEvent(&event);
+                                taken = made;
+                            }
+                        }};
+        race.end = [&] { Require(taken == kItems, "everything that was announced is taken"); };
+    });
 }
 
 // Of two who wait for a synchronization event each set lets one go.
-class TwoWaiters : public Race
-{
-    void Begin() override { KeInitializeEvent(&event_, SynchronizationEvent, FALSE); }
-    Bodies Threads() override
-    {
-        const auto wait = [this] {
-            KeWaitForSingleObject(&event_, Executive, KernelMode, FALSE, nullptr);
-            Require(++woken_ <= sets_, "a set lets one go");
-        };
-        return {wait, wait, [this] {
-                    for (int i = 0; i < 2; ++i) {
-                        ++sets_;
-                        while (KeSetEvent(&event_, IO_NO_INCREMENT, FALSE) != 0) {
-                            std::this_thread::yield(); // the set before has let nobody go yet
-                        }
-                    }
-                }};
-    }
-    void End() override { Require(woken_ == 2, "everybody who waits is let go"); }
-
-    KEVENT event_;
-    std::atomic<int> sets_{0}, woken_{0};
-};
-
 TEST(Races, WaitAgainstWait)
 {
-    Search<TwoWaiters>({.shortly = 2, .fully = 3});
+    KEVENT event;
+    std::atomic<int> sets, woken;
+    Search<Race>({.shortly = 2, .fully = 3}, [&](Race& race) {
+        KeInitializeEvent(&event, SynchronizationEvent, FALSE);
+        sets = woken = 0;
+        const auto wait = [&] {
+            KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+            Require(++woken <= sets, "a set lets one go");
+        };
+        race.threads = {wait, wait, [&] {
+                            for (int i = 0; i < 2; ++i) {
+                                ++sets;
+                                while (KeSetEvent(&event, IO_NO_INCREMENT, FALSE) != 0) {
+                                    std::this_thread::yield(); // the set before has let nobody go yet
+                                }
+                            }
+                        }};
+        race.end = [&] { Require(woken == 2, "everybody who waits is let go"); };
+    });
 }
 
 } // namespace

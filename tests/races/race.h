@@ -7,6 +7,7 @@
 #include <scheduler/threads.h>
 
 #include <support/frames.h>
+#include <support/records.h>
 
 #include <ntddk.h>
 
@@ -25,8 +26,7 @@ using Bodies = std::vector<std::function<void()>>;
 
 // Ends the run, and the search with it.
 void Require(bool holds, const char* contract);
-// The same for a status.
-void RequireStatus(int32_t status, int32_t expected, const char* of);
+void RequireSuccess(int32_t status, const char* of);
 
 // A driver that is registered while it lives.
 class Client
@@ -57,14 +57,19 @@ class Race : public scheduler::Scene
 {
   public:
     void Prepare() final;
-    void Settle() override;
+    Bodies Threads() final { return threads; }
+    void Settle() final;
     void Check() final;
+    // What is left over at this moment is what the contract leaves until the unload.
+    void AcceptLeftovers() { census_ = machine::TakeCensus(); }
+
+    // Set behind Begin(): the threads that meet, and what the contract says about the outcome, before End().
+    Bodies threads;
+    std::function<void()> end = [] {};
 
   protected:
     virtual void Begin() {}
-    virtual void End() {} // what the contract says about the outcome, and clearing up
-    // What is left over at this moment is what the contract leaves until the unload.
-    void AcceptLeftovers() { census_ = machine::TakeCensus(); }
+    virtual void End() {} // what holds for all races of a kind, and clearing up
 
   private:
     machine::Census census_;
@@ -78,12 +83,22 @@ struct Depths {
 // The body of a test.
 void Search(const scheduler::SceneMaker& maker, const Depths& depths);
 
-template <class Scene>
-void Search(const Depths& depths, bool divideLocks = false)
+// Races of a kind, each laid out behind its Begin().
+template <class Kind>
+void Search(const Depths& depths, const std::function<void(Kind& race)>& layOut, bool divideLocks = false,
+            void (*load)() = LoadMachine)
 {
-    Search(
-        {.load = LoadMachine, .make = [] { return std::make_unique<Scene>(); }, .divideLocks = divideLocks},
-        depths);
+    struct Laid : Kind {
+        explicit Laid(const std::function<void(Kind& race)>& function) : layOut_(function) {}
+        void Begin() override
+        {
+            Kind::Begin();
+            layOut_(*this);
+        }
+        const std::function<void(Kind& race)>& layOut_;
+    };
+    Search({.load = load, .make = [&] { return std::make_unique<Laid>(layOut); }, .divideLocks = divideLocks},
+           depths);
 }
 
 } // namespace races

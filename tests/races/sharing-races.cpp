@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <optional>
@@ -14,266 +15,173 @@ namespace races
 namespace
 {
 
-using Result = machine::Request::Result;
-
 // A program that owns the share.
-class SharingRace : public Race
-{
-  protected:
+struct SharingRace : Race {
     void Begin() override
     {
-        process_ = std::make_unique<machine::Process>();
-        file_ = process_->Open("\\\\.\\NdisFilter");
+        process = std::make_unique<machine::Process>();
+        file = process->Open("\\\\.\\NdisFilter");
         uint32_t value = 1;
         uint64_t address = 0;
-        RequireStatus(file_
-                          ->Control(IOCTL_NDIS_FILTER_START_SHARE, {reinterpret_cast<uint8_t*>(&value), 4},
-                                    {reinterpret_cast<uint8_t*>(&address), 8})
-                          .status,
-                      STATUS_SUCCESS, "START_SHARE");
-        Require(address != NDIS_FILTER_SHARE_FAILED, "the memory is mapped");
-        memory_ = reinterpret_cast<SharedMemory*>(address);
+        file->Control(IOCTL_NDIS_FILTER_START_SHARE, support::In(value), support::Out(address));
+        Require(address > NDIS_FILTER_SHARE_FAILED, "the memory is mapped");
+        memory = reinterpret_cast<SharedMemory*>(address);
         // The program's view and the framework's are one memory.
-        kernelView_ = reinterpret_cast<uint8_t*>(memory_->KernelModeOutput.m_pkBlockBase) -
-                      offsetof(SharedMemory, m_OutputBlocks);
-        scheduler::Alias(memory_, sizeof(SharedMemory), kernelView_);
-        for (SharedRing* ring : {&memory_->KernelModeInput, &memory_->KernelModeOutput}) {
-            __atomic_store_n(&ring->m_iRead, 0, __ATOMIC_SEQ_CST);
-            __atomic_store_n(&ring->m_iWrite, 0, __ATOMIC_SEQ_CST);
+        kernelView = reinterpret_cast<uint8_t*>(memory->KernelModeOutput.m_pkBlockBase) -
+                     offsetof(SharedMemory, m_OutputBlocks);
+        scheduler::Alias(memory, sizeof(SharedMemory), kernelView);
+        for (SharedRing* ring : {&memory->KernelModeInput, &memory->KernelModeOutput}) {
+            Store(ring->m_iRead, 0);
+            Store(ring->m_iWrite, 0);
         }
-        ULONG id = 0;
-        Filter_AdapterToId(Adapter(), &id);
-        adapterId_ = id;
-        before_ = hook::TakeBalance();
+        Filter_AdapterToId(Adapter(), &adapterId);
+        before = hook::TakeBalance();
     }
     void End() override
     {
         scheduler::ForgetAliases();
         scheduler::ForgetRanges();
-        file_.reset();
-        process_.reset();
+        file.reset();
+        process.reset();
         const hook::Balance after = hook::TakeBalance();
-        Require(after.IsEven() && after.outstanding == before_.outstanding, "every packet has ended once");
+        Require(after.IsEven() && after.outstanding == before.outstanding, "every packet has ended once");
     }
 
-    int32_t Control(uint32_t code) { return file_->Control(code, {}, {}).status; }
-    void Park() { read_.emplace(file_->Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0)); }
+    static int32_t Load(const int32_t& index) { return __atomic_load_n(&index, __ATOMIC_SEQ_CST); }
+    static void Store(int32_t& index, int32_t value) { __atomic_store_n(&index, value, __ATOMIC_SEQ_CST); }
+    int32_t Control(uint32_t code) { return file->Control(code, {}, {}).status; }
+    void Park() { read.emplace(file->Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0)); }
 
     // What the parked read came to; whoever completes it twice is reported by the kernel.
-    int32_t ReadResult()
+    void RequireRead(std::initializer_list<int32_t> results)
     {
-        const std::optional<Result> result = read_->Wait(0);
+        const std::optional<machine::Request::Result> result = read->Wait(0);
         Require(result.has_value(), "a parked read is completed");
-        return result->status;
+        Require(std::find(results.begin(), results.end(), result->status) != results.end(),
+                "a parked read ends as what came to it says");
     }
 
     void Signal()
     {
         uint8_t signal[NDIS_FILTER_SIGNAL_SIZE] = {};
-        RequireStatus(Filter_IndicateSignalToApplication(signal), FILTER_STATUS_SUCCESS,
-                      "Filter_IndicateSignalToApplication");
+        RequireSuccess(Filter_IndicateSignalToApplication(signal), "Filter_IndicateSignalToApplication");
     }
 
     // Fills the next input block and announces it.
     void Announce(uint32_t direction)
     {
-        const int32_t at = __atomic_load_n(&memory_->KernelModeInput.m_iWrite, __ATOMIC_SEQ_CST);
-        SharedBlock& block = memory_->m_InputBlocks[at];
+        const int32_t at = Load(memory->KernelModeInput.m_iWrite);
+        SharedBlock& block = memory->m_InputBlocks[at];
         const support::Bytes frame = support::UdpFrame();
-        block.m_nAdapterId = adapterId_;
+        block.m_nAdapterId = adapterId;
         block.m_nDirection = direction;
         block.m_nPacketSize = static_cast<uint32_t>(frame.size());
         memcpy(reinterpret_cast<uint8_t*>(&block) + offsetof(SharedBlock, m_Data), frame.data(),
                frame.size());
-        __atomic_store_n(&memory_->KernelModeInput.m_iWrite, (at + 1) % NDIS_FILTER_BLOCK_COUNT,
-                         __ATOMIC_SEQ_CST);
-        RequireStatus(Control(IOCTL_NDIS_FILTER_WRITE_SHARE), STATUS_SUCCESS, "WRITE_SHARE");
+        Store(memory->KernelModeInput.m_iWrite, (at + 1) % NDIS_FILTER_BLOCK_COUNT);
+        RequireSuccess(Control(IOCTL_NDIS_FILTER_WRITE_SHARE), "WRITE_SHARE");
     }
 
-    bool OutputIsEmpty() const
-    {
-        const SharedRing& ring = memory_->KernelModeOutput;
-        return __atomic_load_n(&ring.m_iRead, __ATOMIC_SEQ_CST) ==
-               __atomic_load_n(&ring.m_iWrite, __ATOMIC_SEQ_CST);
-    }
-
-    std::unique_ptr<machine::Process> process_;
-    std::unique_ptr<machine::File> file_;
-    SharedMemory* memory_ = nullptr;
-    uint8_t* kernelView_ = nullptr; // of the same memory
-    uint32_t adapterId_ = 0;
-    std::optional<machine::Request> read_;
-    hook::Balance before_;
-};
-
-class CompleteCancelStop : public SharingRace
-{
-    void Begin() override
-    {
-        SharingRace::Begin();
-        Park();
-    }
-    Bodies Threads() override
-    {
-        return {
-            [this] {
-                uint8_t signal[NDIS_FILTER_SIGNAL_SIZE] = {};
-                Filter_IndicateSignalToApplication(signal);
-            },
-            [this] { read_->Cancel(); },
-            [this] { RequireStatus(Control(IOCTL_NDIS_FILTER_STOP_SHARE), STATUS_SUCCESS, "STOP_SHARE"); }};
-    }
-    void End() override
-    {
-        const int32_t status = ReadResult();
-        Require(status == STATUS_SUCCESS || status == STATUS_CANCELLED,
-                "a parked read succeeds, or is cancelled");
-        SharingRace::End();
-    }
+    std::unique_ptr<machine::Process> process;
+    std::unique_ptr<machine::File> file;
+    SharedMemory* memory = nullptr;
+    uint8_t* kernelView = nullptr; // of the same memory
+    ULONG adapterId = 0;
+    std::optional<machine::Request> read;
+    hook::Balance before;
 };
 
 TEST(Races, CompleteReadAgainstCancelAgainstStopShare)
 {
-    Search<CompleteCancelStop>({.shortly = 2, .fully = 3});
+    Search<SharingRace>({.shortly = 2, .fully = 3}, [](SharingRace& race) {
+        race.Park();
+        race.threads = {[&] { race.Signal(); }, [&] { race.read->Cancel(); },
+                        [&] { RequireSuccess(race.Control(IOCTL_NDIS_FILTER_STOP_SHARE), "STOP_SHARE"); }};
+        race.end = [&] { race.RequireRead({STATUS_SUCCESS, STATUS_CANCELLED}); };
+    });
 }
 
 // A read comes to be parked while a block is written.
-class ParkAndWrite : public SharingRace
-{
-    Bodies Threads() override
-    {
-        return {[this] { Park(); }, [this] { Signal(); }};
-    }
-    void End() override
-    {
-        RequireStatus(ReadResult(), STATUS_SUCCESS, "a read beside a block");
-        SharingRace::End();
-    }
-};
-
 TEST(Races, ParkingAgainstWriting)
 {
-    Search<ParkAndWrite>({.shortly = 2, .fully = 4});
+    Search<SharingRace>({.shortly = 2, .fully = 4}, [](SharingRace& race) {
+        race.threads = {[&] { race.Park(); }, [&] { race.Signal(); }};
+        race.end = [&] { race.RequireRead({STATUS_SUCCESS}); };
+    });
 }
-
-class ParkAndCancel : public SharingRace
-{
-    void Begin() override
-    {
-        SharingRace::Begin();
-        Park();
-    }
-    Bodies Threads() override
-    {
-        return {[this] { // refused while the first one is there
-                    const Result second = file_->Control(IOCTL_NDIS_FILTER_READ_SHARE, {}, {});
-                    Require(second.status == STATUS_UNSUCCESSFUL || second.status == STATUS_SUCCESS,
-                            "a second read is refused, or finds a block");
-                },
-                [this] { read_->Cancel(); }, [this] { Signal(); }};
-    }
-    void End() override
-    {
-        Require(ReadResult() == STATUS_SUCCESS || ReadResult() == STATUS_CANCELLED, "a parked read ends");
-        SharingRace::End();
-    }
-};
 
 TEST(Races, SecondReadAgainstCancel)
 {
-    Search<ParkAndCancel>({.shortly = 2, .fully = 3});
+    Search<SharingRace>({.shortly = 2, .fully = 3}, [](SharingRace& race) {
+        race.Park();
+        race.threads = {[&] { // refused while the first one is there
+                            const int32_t second = race.Control(IOCTL_NDIS_FILTER_READ_SHARE);
+                            Require(second == STATUS_UNSUCCESSFUL || second == STATUS_SUCCESS,
+                                    "a second read is refused, or finds a block");
+                        },
+                        [&] { race.read->Cancel(); }, [&] { race.Signal(); }};
+        race.end = [&] { race.RequireRead({STATUS_SUCCESS, STATUS_CANCELLED}); };
+    });
 }
 
-// The handle goes while its read is being parked.
-class ParkAndClose : public SharingRace
-{
-    Bodies Threads() override
-    {
-        return {[this] { Park(); }, [this] { Control(IOCTL_NDIS_FILTER_STOP_SHARE); },
-                [this] { Control(IOCTL_NDIS_FILTER_STOP_SHARE); }};
-    }
-    void End() override
-    {
-        const int32_t status = ReadResult();
-        Require(status == STATUS_SUCCESS || status == STATUS_UNSUCCESSFUL,
-                "a read of a share that ends is completed");
-        SharingRace::End();
-    }
-};
-
+// The share ends while a read is being parked.
 TEST(Races, ParkingAgainstStopShare)
 {
-    Search<ParkAndClose>({.shortly = 1, .fully = 2});
+    Search<SharingRace>({.shortly = 1, .fully = 2}, [](SharingRace& race) {
+        const auto stop = [&] { race.Control(IOCTL_NDIS_FILTER_STOP_SHARE); };
+        race.threads = {[&] { race.Park(); }, stop, stop};
+        race.end = [&] { race.RequireRead({STATUS_SUCCESS, STATUS_UNSUCCESSFUL}); };
+    });
 }
 
 // No time passes: a block that its announcement does not bring to the thread stays where it is.
-class AnnounceAndReset : public SharingRace
-{
-    Bodies Threads() override
-    {
-        return {[this] {
-            Announce(NDIS_FILTER_DIRECTION_TO_PROTOCOL);
-            Announce(NDIS_FILTER_DIRECTION_TO_APPLICATION);
-            Announce(NDIS_FILTER_DIRECTION_TO_ADAPTER);
-        }};
-    }
-    void End() override
-    {
-        const SharedRing& ring = memory_->KernelModeInput;
-        Require(__atomic_load_n(&ring.m_iRead, __ATOMIC_SEQ_CST) == 3, "every announced block is served");
-        Require(__atomic_load_n(&memory_->KernelModeOutput.m_iWrite, __ATOMIC_SEQ_CST) == 1,
-                "a frame looped back");
-        const hook::Balance after = hook::TakeBalance();
-        Require(after.deliveredToProtocols == before_.deliveredToProtocols + 1 &&
-                    after.deliveredToAdapter == before_.deliveredToAdapter + 1,
-                "each frame goes its way once");
-        SharingRace::End();
-    }
-};
-
 TEST(Races, WriteShareAgainstResetOfItsEvent)
 {
-    Search<AnnounceAndReset>({.shortly = 2, .fully = 4});
+    Search<SharingRace>({.shortly = 2, .fully = 4}, [](SharingRace& race) {
+        race.threads = {[&] {
+            race.Announce(NDIS_FILTER_DIRECTION_TO_PROTOCOL);
+            race.Announce(NDIS_FILTER_DIRECTION_TO_APPLICATION);
+            race.Announce(NDIS_FILTER_DIRECTION_TO_ADAPTER);
+        }};
+        race.end = [&] {
+            Require(race.Load(race.memory->KernelModeInput.m_iRead) == 3, "every announced block is served");
+            Require(race.Load(race.memory->KernelModeOutput.m_iWrite) == 1, "a frame looped back");
+            const hook::Balance after = hook::TakeBalance();
+            Require(after.deliveredToProtocols == race.before.deliveredToProtocols + 1 &&
+                        after.deliveredToAdapter == race.before.deliveredToAdapter + 1,
+                    "each frame goes its way once");
+        };
+    });
 }
 
 // The program reads blocks as soon as the index shows them.
-class BlockBeforeIndex : public SharingRace
-{
-    static constexpr ULONG kMark = 0x5A17;
-    void Begin() override
-    {
-        SharingRace::Begin();
-        memset(&memory_->m_OutputBlocks[0], 0, sizeof(SharedBlock));
-        scheduler::WatchRange(memory_, sizeof(SharedMemory));
-        scheduler::WatchRange(kernelView_, sizeof(SharedMemory));
-    }
-    Bodies Threads() override
-    {
-        return {[this] {
-                    FilterPacket* const packet = Filter_AllocatePacket(Adapter());
-                    const support::Bytes frame = support::UdpFrame();
-                    std::copy(frame.begin(), frame.end(), packet->m_Data);
-                    packet->m_nPacketSize = packet->m_nBytesRead = static_cast<ULONG>(frame.size());
-                    RequireStatus(Filter_IndicatePacketToApplication(packet, kMark, 0), FILTER_STATUS_SUCCESS,
-                                  "Filter_IndicatePacketToApplication");
-                    Filter_ReleasePacket(packet);
-                },
-                [this] {
-                    if (OutputIsEmpty()) {
-                        return;
-                    }
-                    const SharedBlock& block = memory_->m_OutputBlocks[0];
-                    const support::Bytes frame = support::UdpFrame();
-                    Require(block.m_nIndicateCode == kMark && block.m_nPacketSize == frame.size() &&
-                                memcmp(block.m_Data, frame.data(), frame.size()) == 0,
-                            "the block is there before its index");
-                }};
-    }
-};
-
 TEST(Races, BlockBeforeItsIndex)
 {
-    Search<BlockBeforeIndex>({.shortly = 2, .fully = 4});
+    static constexpr ULONG kMark = 0x5A17;
+    Search<SharingRace>({.shortly = 2, .fully = 4}, [](SharingRace& race) {
+        memset(&race.memory->m_OutputBlocks[0], 0, sizeof(SharedBlock));
+        scheduler::WatchRange(race.memory, sizeof(SharedMemory));
+        scheduler::WatchRange(race.kernelView, sizeof(SharedMemory));
+        race.threads = {[] {
+                            FilterPacket* const packet = Filter_AllocatePacket(Adapter());
+                            const support::Bytes frame = support::UdpFrame();
+                            std::copy(frame.begin(), frame.end(), packet->m_Data);
+                            packet->m_nPacketSize = packet->m_nBytesRead = static_cast<ULONG>(frame.size());
+                            RequireSuccess(Filter_IndicatePacketToApplication(packet, kMark, 0),
+                                           "Filter_IndicatePacketToApplication");
+                            Filter_ReleasePacket(packet);
+                        },
+                        [&] {
+                            if (race.Load(race.memory->KernelModeOutput.m_iWrite) == 0) {
+                                return;
+                            }
+                            const SharedBlock& block = race.memory->m_OutputBlocks[0];
+                            const support::Bytes frame = support::UdpFrame();
+                            Require(block.m_nIndicateCode == kMark && block.m_nPacketSize == frame.size() &&
+                                        memcmp(block.m_Data, frame.data(), frame.size()) == 0,
+                                    "the block is there before its index");
+                        }};
+    });
 }
 
 } // namespace

@@ -8,133 +8,95 @@ namespace races
 namespace
 {
 
-class TimerRace : public Race
-{
-  protected:
+struct TimerRace : Race {
     void Begin() override
     {
-        client_ = std::make_unique<Client>();
-        RequireStatus(Filter_InitializeTimer(client_->Handle(), Callback, this, TRUE, &timer_),
-                      FILTER_STATUS_SUCCESS, "Filter_InitializeTimer");
-        Filter_StartTimer(timer_, 10);
+        client = std::make_unique<Client>();
+        RequireSuccess(Filter_InitializeTimer(client->Handle(), Callback, this, TRUE, &timer),
+                       "Filter_InitializeTimer");
+        Filter_StartTimer(timer, 10);
     }
     void End() override
     {
-        client_.reset();
-        Require(running_ == 0, "every callback has ended");
+        client.reset();
+        Require(running == 0, "every callback has ended");
     }
+    FILTER_STATUS Free() { return Filter_FreeTimer(client->Handle(), timer); }
 
     static VOID Callback(FilterDriver*, PVOID, FilterTimer*, PVOID context)
     {
         auto& race = *static_cast<TimerRace*>(context);
-        Require(!race.freed_, "no callback begins after Filter_FreeTimer has returned");
-        ++race.running_;
-        ++race.calls_;
-        --race.running_;
-        Require(!race.freed_, "no callback runs on behind Filter_FreeTimer");
+        Require(!race.freed, "no callback begins after Filter_FreeTimer has returned");
+        ++race.running;
+        ++race.calls;
+        --race.running;
+        Require(!race.freed, "no callback runs on behind Filter_FreeTimer");
     }
 
-    std::unique_ptr<Client> client_;
-    FilterTimer* timer_ = nullptr;
-    bool freed_ = false;
-    int calls_ = 0;
-    std::atomic<int> running_{0};
-};
-
-class FreeTimer : public TimerRace
-{
-    Bodies Threads() override
-    {
-        return {[] { machine::AdvanceClock(20); },
-                [this] {
-                    RequireStatus(Filter_FreeTimer(client_->Handle(), timer_), FILTER_STATUS_SUCCESS,
-                                  "Filter_FreeTimer");
-                    freed_ = true;
-                }};
-    }
+    std::unique_ptr<Client> client;
+    FilterTimer* timer = nullptr;
+    bool freed = false;
+    int calls = 0;
+    std::atomic<int> running{0};
 };
 
 TEST(Races, FreeTimerAgainstCallback)
 {
-    Search<FreeTimer>({.shortly = 1, .fully = 2});
+    Search<TimerRace>({.shortly = 1, .fully = 2}, [](TimerRace& race) {
+        race.threads = {[] { machine::AdvanceClock(20); },
+                        [&] {
+                            RequireSuccess(race.Free(), "Filter_FreeTimer");
+                            race.freed = true;
+                        }};
+    });
 }
 
 // What expired before the stop may still call; nothing expires behind it.
-class StopTimer : public TimerRace
-{
-    Bodies Threads() override
-    {
-        return {
-            [] { machine::AdvanceClock(10); },
-            [this] { RequireStatus(Filter_StopTimer(timer_), FILTER_STATUS_SUCCESS, "Filter_StopTimer"); }};
-    }
-    void End() override
-    {
-        Require(calls_ <= 1, "one expiry makes one callback");
-        calls_ = 0;
-        machine::AdvanceClock(100);
-        Require(machine::WaitIdle() && calls_ == 0, "a timer that was stopped does not expire");
-        TimerRace::End();
-    }
-};
-
 TEST(Races, StopTimerAgainstExpiry)
 {
-    Search<StopTimer>({.shortly = 2, .fully = 3});
+    Search<TimerRace>({.shortly = 2, .fully = 3}, [](TimerRace& race) {
+        race.threads = {[] { machine::AdvanceClock(10); },
+                        [&] { RequireSuccess(Filter_StopTimer(race.timer), "Filter_StopTimer"); }};
+        race.end = [&] {
+            Require(race.calls <= 1, "one expiry makes one callback");
+            race.calls = 0;
+            machine::AdvanceClock(100);
+            Require(machine::WaitIdle() && race.calls == 0, "a timer that was stopped does not expire");
+        };
+    });
 }
 
 // The deregistration does not wait for callbacks; it only sees to it that no more are queued.
-class DeregisterWithTimer : public TimerRace
-{
-    Bodies Threads() override
-    {
-        return {[] { machine::AdvanceClock(20); }, [this] { client_.reset(); }};
-    }
-    void Settle() override
-    {
-        TimerRace::Settle();
-        freed_ = true;
-    }
-    void End() override
-    {
-        machine::AdvanceClock(100);
-        Require(machine::WaitIdle(), "the machine comes to rest");
-        TimerRace::End();
-    }
-};
-
 TEST(Races, DeregistrationAgainstCallback)
 {
-    Search<DeregisterWithTimer>({.shortly = 1, .fully = 2});
+    Search<TimerRace>({.shortly = 1, .fully = 2}, [](TimerRace& race) {
+        race.threads = {[] { machine::AdvanceClock(20); }, [&] { race.client.reset(); }};
+        race.end = [&] {
+            race.freed = true;
+            machine::AdvanceClock(100);
+            Require(machine::WaitIdle(), "the machine comes to rest");
+        };
+    });
 }
 
-class FreeTwice : public TimerRace
+TEST(Races, FreeTimerAgainstFreeTimer)
 {
-    Bodies Threads() override
-    {
-        const auto free = [this] {
-            const FILTER_STATUS status = Filter_FreeTimer(client_->Handle(), timer_);
+    std::atomic<int> successes;
+    Search<TimerRace>({.shortly = 1, .fully = 2}, [&](TimerRace& race) {
+        successes = 0;
+        const auto free = [&] {
+            const FILTER_STATUS status = race.Free();
             if (status == FILTER_STATUS_SUCCESS) {
-                ++successes_;
+                ++successes;
             } else {
                 Require(status == FILTER_ERROR_TIMER_HANDLER_NOT_FOUND ||
                             status == FILTER_ERROR_INVALID_TIMER_HANDLE,
                         "who comes second is told so");
             }
         };
-        return {free, free, [] { machine::AdvanceClock(10); }};
-    }
-    void End() override
-    {
-        Require(successes_ == 1, "one of two frees succeeds");
-        TimerRace::End();
-    }
-    std::atomic<int> successes_{0};
-};
-
-TEST(Races, FreeTimerAgainstFreeTimer)
-{
-    Search<FreeTwice>({.shortly = 1, .fully = 2});
+        race.threads = {free, free, [] { machine::AdvanceClock(10); }};
+        race.end = [&] { Require(successes == 1, "one of two frees succeeds"); };
+    });
 }
 
 } // namespace

@@ -11,30 +11,38 @@ namespace races
 namespace
 {
 
-class Unload : public Race
+VOID OnTimer(FilterDriver*, PVOID, FilterTimer* timer, PVOID)
 {
-  protected:
-    void Begin() override
-    {
+    Require(machine::IsDriverLoaded("NdisFilter"), "no callback comes behind the unload");
+    Filter_StartTimer(timer, 5);
+    uint8_t signal[NDIS_FILTER_SIGNAL_SIZE] = {};
+    Filter_IndicateSignalToApplication(signal);
+}
+
+TEST(Races, UnloadAgainstEverything)
+{
+    std::optional<Client> client;
+    std::unique_ptr<machine::Process> process;
+    std::unique_ptr<machine::File> file;
+    std::optional<machine::Request> read;
+    std::atomic<int> ended;
+    const auto layOut = [&](Race& race) {
         LoadDrivers();
-        client_.emplace("client");
-        RequireStatus(Filter_InitializeTimer(client_->Handle(), Callback, this, TRUE, &timer_),
-                      FILTER_STATUS_SUCCESS, "Filter_InitializeTimer");
-        Filter_StartTimer(timer_, 5);
-        process_ = std::make_unique<machine::Process>();
-        file_ = process_->Open("\\\\.\\NdisFilter");
+        client.emplace("client");
+        FilterTimer* timer = nullptr;
+        RequireSuccess(Filter_InitializeTimer(client->Handle(), OnTimer, nullptr, TRUE, &timer),
+                       "Filter_InitializeTimer");
+        Filter_StartTimer(timer, 5);
+        process = std::make_unique<machine::Process>();
+        file = process->Open("\\\\.\\NdisFilter");
         uint32_t value = 1;
         uint64_t address = 0;
-        file_->Control(IOCTL_NDIS_FILTER_START_SHARE, {reinterpret_cast<uint8_t*>(&value), 4},
-                       {reinterpret_cast<uint8_t*>(&address), 8});
-        file_->Control(IOCTL_NDIS_FILTER_START_ETHRLOG, {}, {});
-        read_.emplace(file_->Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0));
-    }
-
-    Bodies Threads() override
-    {
-        return {
-            [this] { // the adapters' traffic, until the hook driver takes it away
+        file->Control(IOCTL_NDIS_FILTER_START_SHARE, support::In(value), support::Out(address));
+        file->Control(IOCTL_NDIS_FILTER_START_ETHRLOG, {}, {});
+        read.emplace(file->Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0));
+        ended = 0;
+        race.threads = {
+            [&] { // the adapters' traffic, until the hook driver takes it away
                 hook::DeliverReceived(Adapter(), support::UdpFrame());
                 if (FilterPacket* const packet = Filter_AllocatePacket(Adapter())) {
                     Filter_InjectPacketFromApplication(Adapter(), packet, NDIS_FILTER_DIRECTION_TO_PROTOCOL);
@@ -42,55 +50,32 @@ class Unload : public Race
                 hook::Unbind();
                 const machine::Status status = machine::UnloadDriver("NdisFilter");
                 Require(status == STATUS_SUCCESS || status == STATUS_PENDING, "an unload is done, or waits");
-                ++ended_;
+                ++ended;
             },
-            [this] { // the program
-                read_->Cancel();
-                file_->Close();
-                ++ended_;
+            [&] { // the program
+                read->Cancel();
+                file->Close();
+                ++ended;
             },
-            [this] { // the threads of the framework look every 10 ms whether they are to end
-                while (ended_ != 2) {
+            [&] { // the threads of the framework look every 10 ms whether they are to end
+                while (ended != 2) {
                     machine::AdvanceClock(5);
                     std::this_thread::yield();
                 }
             }};
-    }
-
-    void End() override
-    {
-        Require(!machine::IsDriverLoaded("NdisFilter"), "the unload is done when the last handle is closed");
-        Require(read_->IsComplete(), "the parked read is completed");
-        client_->Forget();
-        read_.reset();
-        file_.reset();
-        process_.reset();
-        RequireStatus(hook::Unload(), STATUS_SUCCESS, "unloading the hook driver");
-        Require(hook::TakeBalance().IsEven(), "every packet has ended once");
-    }
-
-    static VOID Callback(FilterDriver*, PVOID, FilterTimer* timer, PVOID context)
-    {
-        auto& race = *static_cast<Unload*>(context);
-        ++race.calls_;
-        Require(machine::IsDriverLoaded("NdisFilter"), "no callback comes behind the unload");
-        Filter_StartTimer(timer, 5);
-        uint8_t signal[NDIS_FILTER_SIGNAL_SIZE] = {};
-        Filter_IndicateSignalToApplication(signal);
-    }
-
-    std::optional<Client> client_;
-    FilterTimer* timer_ = nullptr;
-    std::unique_ptr<machine::Process> process_;
-    std::unique_ptr<machine::File> file_;
-    std::optional<machine::Request> read_;
-    std::atomic<int> calls_{0}, ended_{0};
-};
-
-TEST(Races, UnloadAgainstEverything)
-{
-    Search({.load = LoadKernel, .make = [] { return std::make_unique<Unload>(); }},
-           {.shortly = 1, .fully = 1});
+        race.end = [&] {
+            Require(!machine::IsDriverLoaded("NdisFilter"),
+                    "the unload is done when the last handle is closed");
+            Require(read->IsComplete(), "the parked read is completed");
+            client->Forget();
+            read.reset();
+            file.reset();
+            process.reset();
+            RequireSuccess(hook::Unload(), "unloading the hook driver");
+            Require(hook::TakeBalance().IsEven(), "every packet has ended once");
+        };
+    };
+    Search<Race>({.shortly = 0, .fully = 1}, layOut, false, LoadKernel); // shortly by chance alone
 }
 
 } // namespace

@@ -248,27 +248,4 @@ TEST_F(AdaptersTest, AreFoundByTheirCurrentMacAddressAndTheBeginningOfTheirName)
               "Leave Filter_FindAdapterByNetCfgInstanceId, 0-FILTER_STATUS_SUCCESS\n");
 }
 
-// A table that is rewritten while others look never shows them anything but an adapter or none.
-TEST_F(AdaptersTest, MayBeLookedUpWhileTheTableIsRewritten)
-{
-    FilterAdapter* adapters[] = {AddAdapter("{1}", Mac(1)), AddAdapter("{2}", Mac(2)),
-                                 AddAdapter("{3}", Mac(3))};
-    std::thread rewriter([&] {
-        for (int i = 0; i < 200; i++) {
-            hook::CloseAdapter(adapters[i % 3]);
-            hook::OpenAdapter(adapters[i % 3]);
-        }
-    });
-    for (int i = 0; i < 200; i++) {
-        for (FilterAdapter* adapter : Enumerate()) {
-            EXPECT_TRUE(Filter_IsValidAdapter(adapter));
-        }
-        FilterAdapter* found = adapters[0];
-        Filter_FindAdapterByMacAddress(Mac(2).data(), &found);
-        EXPECT_TRUE(Filter_IsValidAdapter(found));
-    }
-    rewriter.join();
-    EXPECT_EQ(Enumerate().size(), 3u);
-}
-
 } // namespace

@@ -3,7 +3,6 @@
 
 #include <cstring>
 #include <string>
-#include <thread>
 
 using namespace support;
 using testing::HasSubstr;
@@ -91,24 +90,6 @@ TEST_F(DriversTest, ADepartingDriverTakesItsFiltersAlongAndNobodyElses)
     EXPECT_EQ(Filter_DeregisterDriver(reinterpret_cast<FilterDriver*>(copy)), FILTER_ERROR_DRIVER_NOT_FOUND);
     EXPECT_TRUE(Filter_IsValidDriver(again.Handle()));
     const TestDriver nameIsFree("leaving");
-}
-
-TEST_F(DriversTest, OfDriversThatRegisterOneNameAtOnceOneIsTaken)
-{
-    for (int round = 0; round < 50; round++) {
-        FILTER_STATUS statuses[2];
-        FilterDriver* handles[2] = {};
-        const auto attempt = [&](int i) {
-            statuses[i] = Filter_RegisterDriver(&CountedString("the only one"), nullptr, 1, 0, &handles[i]);
-        };
-        std::thread other(attempt, 1);
-        attempt(0);
-        other.join();
-        const int winner = statuses[0] == FILTER_STATUS_SUCCESS ? 0 : 1;
-        EXPECT_EQ(statuses[winner], FILTER_STATUS_SUCCESS);
-        EXPECT_EQ(statuses[1 - winner], FILTER_ERROR_DRIVER_ALREADY_REGISTERED);
-        EXPECT_EQ(Filter_DeregisterDriver(handles[winner]), FILTER_STATUS_SUCCESS);
-    }
 }
 
 } // namespace

@@ -36,7 +36,8 @@ TEST_F(EventRequestsTest, AnEventsHeadNamesItsAdapterByIdentifier)
     EXPECT_EQ(+event.m_nLength, 43);
     const UserEventHead expected = {11, id, 22, 33, 44, 55, 66};
     EXPECT_EQ(std::memcmp(event.m_Text, &expected, 34), 0);
-    EXPECT_EQ(std::memcmp(event.m_Text + 34, data.data() + 34, 4), 0); // the end of the head as reported stays
+    EXPECT_EQ(std::memcmp(event.m_Text + 34, data.data() + 34, 4),
+              0); // the end of the head as reported stays
     EXPECT_STREQ(reinterpret_cast<char*>(event.m_Text) + NDIS_FILTER_EVENT_MESSAGE_OFFSET, "text");
     EXPECT_THAT(std::span(event.m_Text).subspan(43), Each(0));
 }
@@ -52,25 +53,28 @@ TEST_F(EventRequestsTest, APlainTextIsRewrittenLikeAHeadAndCostsAnIdentifier)
     // An event with another text, and so another "handle", is lost when no identifier is left.
     UseUpIds();
     ASSERT_EQ(Filter_ReportEvent(1, 2, "another, longer text"), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(Get(kInternalError), 0u);
+    EXPECT_EQ(Get(STATUS_INTERNAL_ERROR), 0u);
     EXPECT_TRUE(Debug().Contains("    call Filter_AdapterToId func failure.\n"));
     EXPECT_EQ(Get(), 0u);
 }
 
 TEST_F(EventRequestsTest, EventsComeInOrderUntilNoneIsLeft)
 {
-    for (ULONG i = 0; i < 1023; i++) {
-        ASSERT_EQ(Filter_ReportEvent(i, 0, nullptr), FILTER_STATUS_SUCCESS);
-    }
+    const auto fill = [] {
+        for (ULONG i = 0; i < 1023; i++) {
+            ASSERT_EQ(Filter_ReportEvent(i, 0, nullptr), FILTER_STATUS_SUCCESS);
+        }
+    };
+    fill();
     EXPECT_EQ(Filter_ReportEvent(0, 0, nullptr), FILTER_ERROR_OUT_OF_MEMORY);
-    EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_GET_EVENT, {}, Out(event).first(1035)), kBufferTooSmall);
+    EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_GET_EVENT, {}, Out(event).first(1035)), STATUS_BUFFER_TOO_SMALL);
     for (ULONG i = 0; i < 3; i++) {
         EXPECT_EQ(Get(), 1036u);
         EXPECT_EQ(+event.m_nEvent1, i);
     }
     EXPECT_EQ(Filter_ReportEvent(0, 0, nullptr), FILTER_STATUS_SUCCESS); // there is room again
     machine::FailCall(machine::Fault::Pool, 1);
-    EXPECT_EQ(Get(kNoMemory), 0u); // and the event is gone
+    EXPECT_EQ(Get(STATUS_NO_MEMORY), 0u); // and the event is gone
     EXPECT_EQ(Get(), 1036u);
     EXPECT_EQ(+event.m_nEvent1, 4u);
 
@@ -78,9 +82,7 @@ TEST_F(EventRequestsTest, EventsComeInOrderUntilNoneIsLeft)
     EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_CLEAR_EVENT, {}), STATUS_SUCCESS);
     EXPECT_THAT(Debug().Take(), HasSubstr("  IOCTL_NDIS_FILTER_GET_EVENT\nLeave NdisFilterIoControl\n"));
     EXPECT_EQ(Get(), 0u);
-    for (ULONG i = 0; i < 1023; i++) {
-        ASSERT_EQ(Filter_ReportEvent(i, 0, nullptr), FILTER_STATUS_SUCCESS);
-    }
+    fill();
 }
 
 TEST_F(EventRequestsTest, TheDebugMaskIsReadAnewFromTheRegistry)
@@ -89,7 +91,7 @@ TEST_F(EventRequestsTest, TheDebugMaskIsReadAnewFromTheRegistry)
     EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_GET_DBGFLAG, {}), STATUS_SUCCESS);
     ASSERT_TRUE(machine::WaitIdle());
     Debug().Take();
-    EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_GET_VERSION, {}), kBufferTooSmall);
+    EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_GET_VERSION, {}), STATUS_BUFFER_TOO_SMALL);
     EXPECT_EQ(Debug().Take(), "");
 
     // Two requests speak whatever the mask. This one tests no length, and is held to the buffer nevertheless.
@@ -102,8 +104,8 @@ TEST_F(EventRequestsTest, TheDebugMaskIsReadAnewFromTheRegistry)
         ASSERT_EQ(Debug().Take(), kTitle + std::string("  - InjectPacketMax = 301\n"));
     }
     EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL, Bytes{1, 2, 3}, std::span(output).first(3)),
-              kBufferTooSmall);
-    EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL, {}), kBufferTooSmall);
+              STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL, {}), STATUS_BUFFER_TOO_SMALL);
     EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION, {}), STATUS_SUCCESS);
     EXPECT_TRUE(Debug().Contains("- m_nInjectPacketMax = 301\n"));
 }
@@ -122,19 +124,32 @@ TEST_F(EventRequestsTest, TheDumpPrintsTheWholeStateInOrder)
     size_t at = 0;
     for (const std::string& line : std::vector<std::string>{
              "====> Dump NdisFilter Device Extension ====\n- BuildTime = ",
-             "- Type = NdisFilterDeviceExtension\n- Size = ", "- Address = 0x",
+             "- Type = NdisFilterDeviceExtension\n- Size = ",
+             "- Address = 0x",
              "- m_DeviceSymbolicLink = \\DosDevices\\NdisFilter\n- m_bSymbolicLinkCreated = TRUE\n",
-             "- m_NdisHookAPI.m_Size = 0x00000000000000A8\n", "- m_NdisHookAPI.Hook_MmUnmapLockedPages = 0x",
-             "  - m_pUserModeVirtualAddress = 0x0000000000000000\n  - m_pMdl = 0x", "  - m_nSize = 1724496\n",
+             "- m_NdisHookAPI.m_Size = 0x00000000000000A8\n",
+             "- m_NdisHookAPI.Hook_MmUnmapLockedPages = 0x",
+             "  - m_pUserModeVirtualAddress = 0x0000000000000000\n  - m_pMdl = 0x",
+             "  - m_nSize = 1724496\n",
              "- m_SharedMemory.KernelModeInput\n  - m_iBlockSize = 1684\n  - m_iBlockCount = 512\n"
              "  - m_iBaseOffset = 862208\n",
-             "- m_pSharedMemory.KernelModeOutput\n", "- m_hShareMemoryThread[0] = 0x",
-             "- m_nNdisHelperWorkThread = 3\n", "- m_nAdapterCount = 1\n- m_AdapterList[0] = 0x",
-             "  - m_hAdapter = " + PointerText(adapter), "  - m_szAdapterName = {A} dumped\n",
-             "- m_pContextDriver[15] = 0x0000000000000000\n", "- m_DriverName = dumped-client\n",
-             "Dumping Packet Filter(Type = 0 - ", PointerText(filter.Handle()), "- m_InjectPacketEvent[1] = 0x",
-             "- m_IfEventHandlerList = 0x", "  - LastAllocateMisses = ", "- m_nEvent1 = 4711\n",
-             "- m_CurrentLogSize = ", "- m_dwTickIncrement = ", "- m_bDiagInProgress = FALSE\n",
+             "- m_pSharedMemory.KernelModeOutput\n",
+             "- m_hShareMemoryThread[0] = 0x",
+             "- m_nNdisHelperWorkThread = 3\n",
+             "- m_nAdapterCount = 1\n- m_AdapterList[0] = 0x",
+             "  - m_hAdapter = " + PointerText(adapter),
+             "  - m_szAdapterName = {A} dumped\n",
+             "- m_pContextDriver[15] = 0x0000000000000000\n",
+             "- m_DriverName = dumped-client\n",
+             "Dumping Packet Filter(Type = 0 - ",
+             PointerText(filter.Handle()),
+             "- m_InjectPacketEvent[1] = 0x",
+             "- m_IfEventHandlerList = 0x",
+             "  - LastAllocateMisses = ",
+             "- m_nEvent1 = 4711\n",
+             "- m_CurrentLogSize = ",
+             "- m_dwTickIncrement = ",
+             "- m_bDiagInProgress = FALSE\n",
              "- m_pDriverToAppEthrLog = 0x0000000000000000\n"}) {
         const size_t found = text.find(line, at);
         EXPECT_NE(found, std::string::npos) << line;

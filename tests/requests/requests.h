@@ -6,7 +6,6 @@
 
 #include <cstring>
 #include <string>
-#include <vector>
 
 namespace requests
 {
@@ -18,12 +17,6 @@ using support::Out;
 
 // Tests write +field for a copy of a field that need not be aligned.
 inline constexpr uint32_t kTraceCore = 0x100;
-inline constexpr auto kBufferTooSmall = static_cast<machine::Status>(0xC0000023);
-inline constexpr auto kInternalError = static_cast<machine::Status>(0xC00000E5);
-inline constexpr auto kNoMemory = static_cast<machine::Status>(0xC0000017);
-inline constexpr auto kInvalidParameter = static_cast<machine::Status>(0xC000000D);
-inline constexpr auto kNotSupported = static_cast<machine::Status>(0xC00000BB);
-inline constexpr auto kAdapterNotFound = static_cast<machine::Status>(0xC0010006);
 
 inline uint32_t IdOf(FilterAdapter* adapter)
 {
@@ -41,26 +34,18 @@ inline void UseUpIds()
     }
 }
 
-class RequestsTest : public support::FrameworkTest
+class RequestsTest : public support::DeviceTest
 {
   protected:
     explicit RequestsTest(support::LoadPlan plan = support::WithTrace(kTraceCore))
-        : FrameworkTest(std::move(plan))
+        : DeviceTest(std::move(plan))
     {}
 
     void SetUp() override
     {
-        FrameworkTest::SetUp();
+        DeviceTest::SetUp();
         ASSERT_TRUE(machine::WaitIdle()); // all worker threads have come up
-        device_ = OpenDevice();
-        ASSERT_NE(device_, nullptr);
         Debug().Take();
-    }
-    void TearDown() override
-    {
-        machine::ClearFaults();
-        device_.reset();
-        FrameworkTest::TearDown();
     }
 
     Result Control(uint32_t code, std::span<const uint8_t> input, std::span<uint8_t> output)
@@ -79,8 +64,6 @@ class RequestsTest : public support::FrameworkTest
     {
         return Control(code, input, output).status;
     }
-
-    std::unique_ptr<machine::File> device_;
 };
 
 } // namespace requests

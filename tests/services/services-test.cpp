@@ -16,41 +16,26 @@ namespace
 
 constexpr ULONG kTag = 0x54534554; // "TEST"
 constexpr ULONG kMask = 0xD00;     // common services, and what an unload says
-constexpr NTSTATUS kInvalidParameter = static_cast<NTSTATUS>(0xC000000D);
-constexpr NTSTATUS kInsufficientResources = static_cast<NTSTATUS>(0xC000009A);
 
-// A zero-terminated wide text of the kernel, and as a counted string.
-class WideText
+UNICODE_STRING Counted(PCWSTR text)
 {
-  public:
-    explicit WideText(std::string_view text) : units_(text.begin(), text.end())
-    {
-        units_.push_back(0);
-        string_ = {static_cast<USHORT>(2 * text.size()), static_cast<USHORT>(2 * units_.size()),
-                   units_.data()};
-    }
-    UNICODE_STRING* Counted() { return &string_; }
-    PCWSTR Zero() const { return units_.data(); }
-
-  private:
-    std::vector<WCHAR> units_;
-    UNICODE_STRING string_;
-};
+    UNICODE_STRING string;
+    RtlInitUnicodeString(&string, text);
+    return string;
+}
 
 std::string Narrow(const UNICODE_STRING& text)
 {
     return std::string(text.Buffer, text.Buffer + text.Length / sizeof(WCHAR));
 }
 
-WideText ServiceKey()
-{
-    return WideText("\\Registry\\Machine\\System\\CurrentControlSet\\Services\\NdisFilter");
-}
-
 class ServicesTest : public FrameworkTest
 {
   protected:
     ServicesTest() : FrameworkTest(FrameworkOnly(kMask)) {}
+
+    UNICODE_STRING key = Counted(L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\NdisFilter");
+    const std::string query = "RtlQueryRegistryValues " + Narrow(key) + "\\";
 };
 
 TEST_F(ServicesTest, AnAllocationIsTaggedAndFreedOnce)
@@ -73,7 +58,6 @@ TEST_F(ServicesTest, AnAllocationIsTaggedAndFreedOnce)
                               "  Error: -35 - FILTER_ERROR_INVALID_MEMORY_POINTER\n"
                               "Leave Filter_FreeMemory, -35-FILTER_ERROR_INVALID_MEMORY_POINTER\n");
     ULONGLONG foreign[4] = {};
-    EXPECT_EQ(Filter_FreeMemory(nullptr), FILTER_ERROR_INVALID_ARGUMENT);
     EXPECT_EQ(Filter_FreeMemory(&foreign[2]), FILTER_ERROR_INVALID_MEMORY_POINTER);
     EXPECT_EQ(Filter_FreeMemory(Unreadable<UCHAR>() + 64), FILTER_ERROR_EXCEPTION);
     EXPECT_THAT(Debug().Take(), HasSubstr("Filter_FreeMemory: exception, code = -1073741819\n"));
@@ -115,7 +99,6 @@ TEST_F(ServicesTest, ALockExcludesOtherProcessorsAndGivesTheLevelBack)
     }
     for (const auto function :
          {Filter_InitializeLock, Filter_AcquireLock, Filter_ReleaseLock, Filter_FreeLock}) {
-        EXPECT_EQ(function(nullptr), FILTER_ERROR_INVALID_ARGUMENT);
         EXPECT_EQ(function(Unreadable<FilterLock>()),
                   function == Filter_FreeLock ? FILTER_STATUS_SUCCESS : FILTER_ERROR_EXCEPTION);
         ExpectNoLockHeld("a faulting lock");
@@ -124,73 +107,70 @@ TEST_F(ServicesTest, ALockExcludesOtherProcessorsAndGivesTheLevelBack)
 
 TEST_F(ServicesTest, RegistryNumbersComeWithAMessageOrAsTheDefault)
 {
-    WideText key = ServiceKey();
     machine::SetRegistryDword(support::kFrameworkService, "PendingPacketLimit", 4711);
     machine::SetRegistryString(support::kFrameworkService, "Text", "a text where a number should be");
     struct Case {
-        const char* name;
+        PCWSTR name;
         ULONG value;         // 5 is the default
         const char* message; // behind the value's path; "": none is printed
         machine::Fault fault = machine::Fault::Count;
     };
-    for (const Case& test : {Case{"GlobalDebugFlag", kMask, " success, Value = 0xD00\n"},
-                             {"PendingPacketLimit", 4711, " success, Value = 0x1267\n"},
-                             {"Missing", 5, " success, Value = 0x5\n"},
-                             {"Text", 5, " fail, error = 0xC0000024\n"},
-                             {"PendingPacketLimit", 5, " fail, error = 0xC", machine::Fault::Registry},
-                             {"PendingPacketLimit", 5, "", machine::Fault::Pool}}) {
+    for (const Case& test : {Case{L"GlobalDebugFlag", kMask, " success, Value = 0xD00\n"},
+                             {L"PendingPacketLimit", 4711, " success, Value = 0x1267\n"},
+                             {L"Missing", 5, " success, Value = 0x5\n"},
+                             {L"Text", 5, " fail, error = 0xC0000024\n"},
+                             {L"PendingPacketLimit", 5, " fail, error = 0xC", machine::Fault::Registry},
+                             {L"PendingPacketLimit", 5, "", machine::Fault::Pool}}) {
         machine::ClearFaults();
         if (test.fault != machine::Fault::Count) {
             machine::FailCall(test.fault, 1);
         }
         Debug().Take();
-        EXPECT_EQ(Filter_RegGetDwordValue(key.Counted(), WideText(test.name).Zero(), 5), test.value);
-        const std::string path = "RtlQueryRegistryValues " + Narrow(*key.Counted()) + "\\" + test.name;
-        EXPECT_THAT(Debug().Take(), testing::StartsWith(*test.message == 0 ? "" : path + test.message));
+        EXPECT_EQ(Filter_RegGetDwordValue(&key, test.name, 5), test.value);
+        EXPECT_THAT(
+            Debug().Take(),
+            testing::StartsWith(*test.message == 0 ? "" : query + Narrow(Counted(test.name)) + test.message));
     }
     machine::ClearFaults();
-    EXPECT_EQ(Filter_GetGlobalDebugFlag(key.Counted(), 5), kMask);
-    EXPECT_EQ(Filter_GetPendingPacketLimit(key.Counted(), 5), 4711u);
+    EXPECT_EQ(Filter_GetGlobalDebugFlag(&key, 5), kMask);
+    EXPECT_EQ(Filter_GetPendingPacketLimit(&key, 5), 4711u);
     machine::DeleteRegistryKey(support::kFrameworkService);
-    EXPECT_EQ(Filter_GetGlobalDebugFlag(key.Counted(), 6), 6u);
-    EXPECT_EQ(Filter_GetPendingPacketLimit(key.Counted(), 7), 7u);
+    EXPECT_EQ(Filter_GetGlobalDebugFlag(&key, 6), 6u);
+    EXPECT_EQ(Filter_GetPendingPacketLimit(&key, 7), 7u);
 }
 
 TEST_F(ServicesTest, RegistryTextsFillTheCallersBufferOrGetOne)
 {
-    WideText key = ServiceKey();
     machine::SetRegistryString(support::kFrameworkService, "Title", "blue");
-    const auto get = [&](const char* name, UNICODE_STRING* text) {
-        return Filter_RegGetStringValue(key.Counted(), WideText(name).Zero(), text);
+    const auto get = [&](PCWSTR name, UNICODE_STRING* text) {
+        return Filter_RegGetStringValue(&key, name, text);
     };
     WCHAR room[5];
     UNICODE_STRING text = {0, sizeof(room), room};
     Debug().Take();
-    EXPECT_TRUE(get("Title", &text));
+    EXPECT_TRUE(get(L"Title", &text));
     EXPECT_EQ(Narrow(text), "blue");
     EXPECT_EQ(text.Buffer, room);
-    EXPECT_EQ(Debug().Take(),
-              "RtlQueryRegistryValues " + Narrow(*key.Counted()) + "\\Title success, Value = blue\n");
-    EXPECT_TRUE(get("Missing", &text));
+    EXPECT_EQ(Debug().Take(), query + "Title success, Value = blue\n");
+    EXPECT_TRUE(get(L"Missing", &text));
     EXPECT_EQ(text.Length, 0);
     text.MaximumLength -= 2; // the terminator does not fit
-    EXPECT_FALSE(get("Title", &text));
+    EXPECT_FALSE(get(L"Title", &text));
     UNICODE_STRING allocated = {};
-    ASSERT_TRUE(get("Title", &allocated));
+    ASSERT_TRUE(get(L"Title", &allocated));
     EXPECT_EQ(Narrow(allocated), "blue");
     ExFreePool(allocated.Buffer);
     machine::DeleteRegistryKey(support::kFrameworkService);
-    EXPECT_FALSE(get("Title", &allocated));
+    EXPECT_FALSE(get(L"Title", &allocated));
     EXPECT_THAT(Debug().Take(), HasSubstr("\\Title fail, error = 0xC0000034\n"));
 }
 
 TEST_F(ServicesTest, TheDebugMaskIsReadByAWorkerForCallersAtAnyLevel)
 {
-    WideText key = ServiceKey();
     ULONG result = 1;
     {
         const machine::AtDispatch raised;
-        Filter_SafeGetGlobalDebugFlag(key.Counted(), 0, &result);
+        Filter_SafeGetGlobalDebugFlag(&key, 0, &result);
     }
     ASSERT_TRUE(machine::WaitIdle());
     EXPECT_EQ(result, kMask);
@@ -198,7 +178,7 @@ TEST_F(ServicesTest, TheDebugMaskIsReadByAWorkerForCallersAtAnyLevel)
     // One that is queued ends before an unload does.
     result = 1;
     auto hold = std::make_unique<machine::WorkItemHold>();
-    Filter_SafeGetGlobalDebugFlag(key.Counted(), 0, &result);
+    Filter_SafeGetGlobalDebugFlag(&key, 0, &result);
     std::thread release([&] {
         EXPECT_TRUE(
             support::Eventually([&] { return Debug().Contains("Leave NdisFilter_TerminateShare\n"); }));
@@ -216,26 +196,22 @@ TEST_F(ServicesTest, TheDebugMaskIsReadByAWorkerForCallersAtAnyLevel)
 
 TEST_F(ServicesTest, RegistryPathsAreCopiedAndTheirTailReplaced)
 {
-    WideText source("\\Services\\Alpha"), tail("Gamma"), longTail("more than \\Services\\Beta1");
-    UNICODE_STRING copy = {};
-    EXPECT_EQ(Filter_SaveDriverRegistryPath(nullptr, &copy), kInvalidParameter);
-    EXPECT_EQ(Filter_SaveDriverRegistryPath(source.Counted(), nullptr), kInvalidParameter);
-    EXPECT_EQ(Filter_ReplaceDriverRegistryPath(source.Counted(), nullptr, &copy), kInvalidParameter);
-    EXPECT_EQ(Filter_ReplaceDriverRegistryPath(nullptr, tail.Counted(), &copy), kInvalidParameter);
-    EXPECT_EQ(Filter_ReplaceDriverRegistryPath(source.Counted(), tail.Counted(), nullptr), kInvalidParameter);
-    for (const auto& [end, text] : {std::pair<WideText*, const char*>{nullptr, "\\Services\\Alpha"},
-                                    {&tail, "\\Services\\Gamma"},
-                                    {&longTail, "\\Services\\Beta1"}}) { // only its end has a place
-        const auto run = [&, &end = end] {
-            return end == nullptr ? Filter_SaveDriverRegistryPath(source.Counted(), &copy)
-                                  : Filter_ReplaceDriverRegistryPath(source.Counted(), end->Counted(), &copy);
+    UNICODE_STRING source = Counted(L"\\Services\\Alpha"), copy = {};
+    for (const auto& [end, text] :
+         {std::pair<PCWSTR, const char*>{nullptr, "\\Services\\Alpha"},
+          {L"Gamma", "\\Services\\Gamma"},
+          {L"more than \\Services\\Beta1", "\\Services\\Beta1"}}) { // its end has a place
+        UNICODE_STRING tail = Counted(end);
+        const auto run = [&, end = end] {
+            return end == nullptr ? Filter_SaveDriverRegistryPath(&source, &copy)
+                                  : Filter_ReplaceDriverRegistryPath(&source, &tail, &copy);
         };
         machine::FailCall(machine::Fault::Pool, 1);
-        EXPECT_EQ(run(), kInsufficientResources);
+        EXPECT_EQ(run(), STATUS_INSUFFICIENT_RESOURCES);
         ASSERT_EQ(run(), STATUS_SUCCESS);
         EXPECT_EQ(Narrow(copy), text);
         EXPECT_EQ(copy.Buffer[copy.Length / 2], 0);
-        EXPECT_EQ(copy.MaximumLength, source.Counted()->MaximumLength + 2);
+        EXPECT_EQ(copy.MaximumLength, source.MaximumLength + 2);
         ExFreePool(copy.Buffer);
     }
 }
@@ -245,7 +221,6 @@ struct OsVersionTest : FrameworkTest {};
 TEST_F(OsVersionTest, IsWrittenWhereItFaultsNobody)
 {
     ULONG value = 0;
-    EXPECT_EQ(Filter_GetOsVersion(nullptr, nullptr, nullptr, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
     EXPECT_EQ(Filter_GetOsVersion(Unreadable<ULONG>(), &value, &value, &value), FILTER_ERROR_EXCEPTION);
     EXPECT_TRUE(Debug().Contains("Filter_GetOsVersion: exception, code = -1073741819\n"));
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <support/adapter-test.h>
+#include <support/records.h>
 
 #include <cstring>
 #include <limits>
@@ -39,8 +40,7 @@ class SharingProgram
     {
         uint64_t address = 0;
         const Result result =
-            Device().Control(IOCTL_NDIS_FILTER_START_SHARE, {reinterpret_cast<uint8_t*>(&value), 4},
-                             {reinterpret_cast<uint8_t*>(&address), 8});
+            Device().Control(IOCTL_NDIS_FILTER_START_SHARE, support::In(value), support::Out(address));
         EXPECT_EQ(result.status, STATUS_SUCCESS);
         EXPECT_EQ(result.information, 8u);
         if (address != NDIS_FILTER_SHARE_FAILED) {
@@ -193,6 +193,14 @@ class SharedTest : public SharingTest
     {
         SharingTest::SetUp();
         ASSERT_NE(program.Start(), NDIS_FILTER_SHARE_FAILED);
+    }
+
+    void StartRingsAt(int32_t index)
+    {
+        for (SharedRing* ring : {&program.In(), &program.Out()}) {
+            Store(ring->m_iRead, index);
+            Store(ring->m_iWrite, index);
+        }
     }
 };
 
