@@ -3,8 +3,6 @@
 
 #include "journal.h"
 
-#include <nlohmann/json.hpp>
-
 #include <string>
 #include <vector>
 
@@ -26,12 +24,14 @@ enum class Outcome {
 };
 
 struct Verdict {
+    std::vector<Point> points = {};
     Outcome outcome = Outcome::Bad;
-    std::string call;                 // under way when the call failed
-    std::string answer;               // "-20 instead of 0"
-    std::vector<std::string> bad;     // what is wrong, each a sentence
-    std::vector<std::string> lasting; // calls of the short pass that the same machine answers otherwise since
-    std::vector<std::string> trace;
+    std::string call = {};             // under way when the call failed
+    std::string answer = {};           // "-20 instead of 0"
+    std::vector<std::string> bad = {}; // what is wrong, each a sentence
+    std::vector<std::string> lasting =
+        {}; // calls of the short pass that the same machine answers otherwise since
+    std::vector<std::string> trace = {};
 };
 
 struct RunOptions {
@@ -39,7 +39,7 @@ struct RunOptions {
     unsigned seconds = 60; // that one run may take
 };
 
-// Nothing when the run failed; `error` says how.
+// Without entries when the run failed; `error` says how.
 Reference Count(const RunOptions& options, std::string* error);
 
 // One run for each set of points. `startUpOnly`: the short pass takes the place of the scenario behind the start-up.
