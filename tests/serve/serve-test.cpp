@@ -240,34 +240,6 @@ TEST(Serve, AProgramThatScribblesOverTheSharedMemoryDisturbsNobodyElse)
     EXPECT_EQ(filtered, frames);
 }
 
-TEST(Serve, OneOfTwoProgramsThatFightHasTheShare)
-{
-    LabServer lab(kTraffic);
-    std::atomic<int> owners = 0;
-    std::atomic<int> won = 0;
-    const auto fight = [&] {
-        const auto device = lab.Open();
-        for (int round = 0; round < 300; ++round) {
-            SharedMemory* memory = StartShare(*device);
-            if (memory == nullptr) {
-                continue;
-            }
-            EXPECT_EQ(++owners, 1);
-            ++won;
-            EXPECT_EQ(memory->KernelModeInput.m_iBlockCount, NDIS_FILTER_BLOCK_COUNT);
-            --owners;
-            EXPECT_EQ(device->StopShare().status, kSuccess);
-        }
-    };
-    {
-        const std::jthread first(fight);
-        const std::jthread second(fight);
-    }
-    EXPECT_GT(won, 0);
-    const nlohmann::json report = lab.Stop();
-    EXPECT_GT(report["balance"]["received"], 0);
-}
-
 TEST(Serve, TheIndicatorShowsFramesOfAPortAndAnswersForItself)
 {
     const LabServer lab({kCapture, "--loop", "--rate", "5000", "--filter", "indicator", "--set-dword",
@@ -312,20 +284,14 @@ TEST(Serve, TheIndicatorShowsFramesOfAPortAndAnswersForItself)
     port = 65536;
     EXPECT_LT(device->Control(IOCTL_INDICATOR_SET_PORT, BytesOf(port), {}).status, 0);
 
-    const auto diagnose = [&](std::string command) {
-        std::vector<uint8_t> output(2048);
-        const ControlResult result =
-            device->Control(IOCTL_NDIS_FILTER_DIAG,
-                            {reinterpret_cast<const uint8_t*>(command.data()), command.size()}, output);
-        EXPECT_EQ(result.status, kSuccess) << command;
-        return result.returned > sizeof(UserDiag)
-                   ? std::string(output.begin() + offsetof(UserDiag, m_Text), output.end())
-                   : "";
+    const auto diagnose = [&](std::vector<std::string> words) {
+        words.insert(words.begin(), "diag");
+        return lab.Ctl(words).output;
     };
-    EXPECT_THAT(diagnose("Indicator PORT 0"), HasSubstr("port 0\n"));
-    EXPECT_THAT(diagnose("indicator"), HasSubstr("port 0, "));
-    EXPECT_THAT(diagnose("indicator port 65536"), HasSubstr("counters - "));
-    EXPECT_THAT(diagnose("driver"), HasSubstr("indicator - shows frames"));
+    EXPECT_THAT(diagnose({"Indicator", "PORT", "0"}), HasSubstr("port 0\n"));
+    EXPECT_THAT(diagnose({"indicator"}), HasSubstr("port 0, "));
+    EXPECT_THAT(diagnose({"indicator", "port", "65536"}), HasSubstr("counters - "));
+    EXPECT_THAT(diagnose({"driver"}), HasSubstr("indicator - shows frames"));
 }
 
 TEST(Serve, CapturesAreReplayedOnceOrInALoopWithinTheRate)

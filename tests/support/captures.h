@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include <pcap/pcap.h>
+
 namespace support
 {
 
@@ -20,6 +22,9 @@ std::vector<CapturedFrame> ParseCapture(const Bytes& file, std::string* error);
 
 // The frames of a file; fails the test when it is no capture, or not read to its end.
 std::vector<CapturedFrame> ReadCapture(const std::string& path);
+
+// Writes frames one millisecond apart.
+void WriteCapture(const std::string& path, const std::vector<Bytes>& frames, int linkType = DLT_EN10MB);
 
 Bytes ReadFile(const std::string& path); // empty when there is none
 
