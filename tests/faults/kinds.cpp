@@ -1,5 +1,7 @@
 #include "kinds.h"
 
+#include <support/faults.h>
+
 #include <hook/virtual-adapters.h>
 #include <machine.h>
 
@@ -25,11 +27,20 @@ static_assert(std::size(kKernel) == static_cast<size_t>(machine::Fault::Count));
 static_assert(std::size(kHook) == static_cast<size_t>(hook::Function::Count));
 static_assert(std::size(kTransport) == static_cast<size_t>(machine::TransportRequest::Count));
 
-constexpr machine::Status kNoResources = static_cast<machine::Status>(0xC000009A);
+constexpr auto kNoResources = static_cast<machine::Status>(0xC000009A);
+constexpr auto kOdd = static_cast<machine::Status>(0xC0001234); // no transport of this world answers that
 
 machine::Fault KernelKind(size_t kind)
 {
     return static_cast<machine::Fault>(kind);
+}
+
+int64_t ToldOf(machine::Fault fault)
+{
+    using machine::Fault;
+    return fault == Fault::LockPages  ? support::kAccessViolation
+           : fault == Fault::MapPages ? 0 // also told by no address
+                                      : kNoResources;
 }
 
 std::vector<Kind> MakeKinds()
@@ -39,7 +50,7 @@ std::vector<Kind> MakeKinds()
         const machine::Fault fault = KernelKind(i);
         kinds.push_back({kKernel[i], [=] { return machine::FaultCalls(fault); },
                          [=](uint64_t n) { machine::FailCall(fault, n); },
-                         [=](uint64_t) { return machine::FaultHit(fault); }});
+                         [=](uint64_t) { return machine::FaultHit(fault); }, ToldOf(fault)});
     }
     for (size_t i = 0; i < std::size(kHook); ++i) {
         const auto function = static_cast<hook::Function>(i);
@@ -50,18 +61,17 @@ std::vector<Kind> MakeKinds()
             kinds.push_back({std::string("hook-") + kHook[i] + (raised ? "-raised" : ""),
                              [=] { return never ? 0 : hook::CallsOf(function); },
                              [=](uint64_t n) { hook::FailCall(function, n, failure); },
-                             [](uint64_t) { return hook::FaultHit(); }});
+                             [](uint64_t) { return hook::FaultHit(); }, 0});
         }
     }
     for (size_t i = 0; i < std::size(kTransport); ++i) {
         const auto request = static_cast<machine::TransportRequest>(i);
         for (const auto when : {machine::TransportAnswer::AtOnce, machine::TransportAnswer::Later}) {
             const bool later = when == machine::TransportAnswer::Later;
-            kinds.push_back(
-                {std::string("transport-") + kTransport[i] + (later ? "-later" : ""),
-                 [=] { return machine::TransportRequests(request); },
-                 [=](uint64_t n) { machine::AnswerTransportRequest(request, n, when, kNoResources); },
-                 [=](uint64_t n) { return machine::TransportRequests(request) >= n; }});
+            kinds.push_back({std::string("transport-") + kTransport[i] + (later ? "-later" : ""),
+                             [=] { return machine::TransportRequests(request); },
+                             [=](uint64_t n) { machine::AnswerTransportRequest(request, n, when, kOdd); },
+                             [=](uint64_t n) { return machine::TransportRequests(request) >= n; }, kOdd});
         }
     }
     return kinds;

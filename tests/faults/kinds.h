@@ -15,6 +15,7 @@ struct Kind {
     std::function<uint64_t()> calls;     // so far
     std::function<void(uint64_t)> fail;  // the n-th one
     std::function<bool(uint64_t)> isHit; // the n-th one was made
+    int64_t told; // by the kernel sockets, when they answer a status; 0: no matter which
 };
 
 // Number of a kind, from 0. A point is the n-th call of a kind in a run, from 1.
