@@ -25,7 +25,7 @@ struct Scene {
 
 // Runs a command and expects its exit code, every text (separated by '|') in what it prints, and none but these when
 // the texts are "".
-void Expect(const char* command, DWORD code, const std::string& texts)
+void Expect(const char* command, int code, const std::string& texts)
 {
     SCOPED_TRACE(command);
     const std::string narrow = command;
@@ -53,7 +53,7 @@ TEST(ctl, CommandsAndWhatTheyPrint)
     Scene scene;
     const struct {
         const char* command;
-        DWORD code;
+        int code;
         const char* texts;
     } cases[] = {
         {"version", 0,
