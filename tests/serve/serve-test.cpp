@@ -244,18 +244,17 @@ TEST(Serve, TheIndicatorShowsFramesOfAPortAndAnswersForItself)
 {
     const LabServer lab({kCapture, "--loop", "--rate", "5000", "--filter", "indicator", "--set-dword",
                          "indicator.IndicatePort=53", "--set-dword", "indicator.SignalEvery=3"});
-    const auto device = lab.Open();
-    SharedMemory* memory = StartShare(*device);
-    ASSERT_NE(memory, nullptr);
+    ndisfilter::Client client(lab.Socket());
+    client.StartShare();
+    std::vector<ndisfilter_block> room(16);
     int frames = 0;
     int signals = 0;
     while ((frames < 20 || signals < 5) && !HasFailure()) {
-        const auto read = device->Send(IOCTL_NDIS_FILTER_READ_SHARE);
-        ASSERT_TRUE(read->Wait(kWaitMs).has_value());
-        while (!IsOutputEmpty(*memory)) {
-            const int32_t index = Load(memory->KernelModeOutput.m_iRead);
-            const SharedBlock& block = memory->m_OutputBlocks[index];
-            if (block.m_nPacketSize != 0) {
+        const auto blocks = client.Receive(room, kWaitMs);
+        ASSERT_FALSE(blocks.empty());
+        for (const ndisfilter_block& received : blocks) {
+            const SharedBlock& block = received.content.frame;
+            if (received.is_signal == 0) {
                 constexpr size_t kSourcePort = 34; // behind an IPv4 header without options
                 ++frames;
                 EXPECT_TRUE(block.m_Data[kSourcePort + 1] == 53 || block.m_Data[kSourcePort + 3] == 53);
@@ -264,16 +263,16 @@ TEST(Serve, TheIndicatorShowsFramesOfAPortAndAnswersForItself)
                                                      : INDICATOR_CODE_SENT);
             } else {
                 IndicatorSignal signal;
-                std::memcpy(&signal, &block, sizeof(signal));
+                std::memcpy(&signal, received.content.signal, sizeof(signal));
                 ++signals;
                 EXPECT_EQ(signal.m_nSignature, INDICATOR_SIGNATURE);
                 EXPECT_EQ(signal.m_nIndicated % 3, 0u);
                 EXPECT_EQ(signal.m_Text, std::to_string(signal.m_nIndicated) + " frames indicated");
             }
-            Store(memory->KernelModeOutput.m_iRead, Next(index));
         }
     }
 
+    const auto device = lab.Open();
     uint32_t port = 80;
     EXPECT_EQ(device->Control(IOCTL_INDICATOR_SET_PORT, BytesOf(port), {}).status, kSuccess);
     IndicatorCounters counters = {};

@@ -75,27 +75,24 @@ struct OddTransport {
 
 TEST_F(FailureTest, EachModeTellsItsOwnOfTwoStatusesAndNothingWhenNothingWasSent)
 {
+    ASSERT_EQ(machine::LoadDriver("Odd", OddTransport::Entry), STATUS_SUCCESS);
     struct Callback {
         KEVENT event;
-        KS_TRANSPORT_ADDRESS address;
+        Port port{L"\\Device\\Odd"};
         int count = 0;
         static VOID Run(PVOID context, PIO_STATUS_BLOCK result, ULONG extra)
         {
             const auto self = static_cast<Callback*>(context);
             ++self->count;
             EXPECT_NE(KeReadStateEvent(&self->event), 0); // set just before
-            EXPECT_EQ(self->address.Count, 2u);           // and the request's reference is dropped behind
+            EXPECT_EQ(self->port.address.Count, 2u);      // and the request's reference is dropped behind
             EXPECT_EQ(result->Status, OddTransport::completed);
             EXPECT_EQ(extra, 0u);
         }
     } callback;
-    KS_TRANSPORT_ADDRESS& address = callback.address;
+    KS_TRANSPORT_ADDRESS& address = callback.port.address;
     KeInitializeEvent(&callback.event, NotificationEvent, FALSE);
-    ASSERT_EQ(machine::LoadDriver("Odd", OddTransport::Entry), STATUS_SUCCESS);
-    TA_IP_ADDRESS local = echo::Loopback(0);
-    ASSERT_EQ(
-        KS_OpenTransportAddress(L"\\Device\\Odd", reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address),
-        STATUS_SUCCESS);
+    ASSERT_EQ(callback.port.status, STATUS_SUCCESS);
     const auto sets = [&] {
         return KS_SetEventHandlers(&address, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
     };
@@ -190,16 +187,14 @@ TEST_F(FailureTest, ASecondSynchronousRequestOnAnAddressIsRefused)
 // It stays open, and is closed by the last completion, which runs at DISPATCH_LEVEL.
 TEST_F(FailureTest, AnAddressThatIsClosedWithARequestUnderWayIsKeptUntilItCompletes)
 {
-    KS_TRANSPORT_ADDRESS address;
+    Port port(L"\\Device\\Udp");
+    KS_TRANSPORT_ADDRESS& address = port.address;
     IO_STATUS_BLOCK result = {};
-    TA_IP_ADDRESS local = echo::Loopback(0);
     std::atomic<int> completions{0};
     const KS_COMPLETION count = [](PVOID context, PIO_STATUS_BLOCK, ULONG) {
         ++*static_cast<std::atomic<int>*>(context);
     };
-    ASSERT_EQ(
-        KS_OpenTransportAddress(L"\\Device\\Udp", reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address),
-        STATUS_SUCCESS);
+    ASSERT_EQ(port.status, STATUS_SUCCESS);
     machine::AnswerTransportRequest(TransportRequest::ReceiveDatagram, 1, TransportAnswer::Held, kOdd);
     KS_ReceiveDatagramOnAddress(&address, nullptr, count, &completions, &result, block_.Mdl(), nullptr,
                                 nullptr, 0);
@@ -250,11 +245,8 @@ TEST_F(FailureTest, TheUnloadOfTheFrameworkEndsWhatIsUnderWay)
     machine::SetRegistryDword(support::kFrameworkService, "Start", 3);
     for (int round = 0; round < 20; ++round) {
         ASSERT_EQ(support::LoadFramework(), STATUS_SUCCESS);
-        KS_TRANSPORT_ADDRESS address;
-        TA_IP_ADDRESS local = echo::Loopback(0);
-        ASSERT_EQ(
-            KS_OpenTransportAddress(L"\\Device\\Udp", reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address),
-            0);
+        std::optional<Port> port(L"\\Device\\Udp");
+        ASSERT_EQ(port->status, STATUS_SUCCESS);
         echo::Connection connection;
         ASSERT_EQ(connection.Open(), STATUS_SUCCESS);
         ASSERT_EQ(connection.Connect(listener.Port()), STATUS_SUCCESS);
@@ -267,7 +259,7 @@ TEST_F(FailureTest, TheUnloadOfTheFrameworkEndsWhatIsUnderWay)
         NTSTATUS waited[2] = {STATUS_SUCCESS, STATUS_SUCCESS};
         std::thread waiters[2];
         waiters[0] = std::thread([&] {
-            waited[0] = KS_ReceiveDatagramOnAddress(&address, nullptr, nullptr, nullptr, nullptr,
+            waited[0] = KS_ReceiveDatagramOnAddress(&port->address, nullptr, nullptr, nullptr, nullptr,
                                                     block_.Mdl(), nullptr, nullptr, 0);
         });
         waiters[1] = std::thread([&] {
@@ -302,7 +294,7 @@ TEST_F(FailureTest, TheUnloadOfTheFrameworkEndsWhatIsUnderWay)
         EXPECT_EQ(waited[0], STATUS_CANCELLED);
         EXPECT_TRUE(round != 0 || waited[1] == STATUS_CANCELLED);
         connection.Close();
-        KS_CloseTransportAddress(&address);
+        port.reset();
         EXPECT_EQ(machine::TakeCensus().requests, 0u);
     }
     machine::DeleteRegistryKey(support::kFrameworkService);
