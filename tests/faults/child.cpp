@@ -1,7 +1,9 @@
 #include "child.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
+#include <thread>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +16,8 @@ namespace faults
 {
 namespace
 {
+
+constexpr unsigned kSeconds = 60; // that a piece of work may take
 
 struct Child {
     size_t number;
@@ -44,10 +48,10 @@ std::string ReadAll(FILE* file)
     return text;
 }
 
-std::string Describe(int status, unsigned seconds)
+std::string Describe(int status)
 {
     if (WIFSIGNALED(status)) {
-        return WTERMSIG(status) == SIGALRM ? "no end within " + std::to_string(seconds) + " s"
+        return WTERMSIG(status) == SIGALRM ? "no end within " + std::to_string(kSeconds) + " s"
                                            : "signal " + std::to_string(WTERMSIG(status));
     }
     return WEXITSTATUS(status) == 0 ? "" : "exit status " + std::to_string(WEXITSTATUS(status));
@@ -55,13 +59,12 @@ std::string Describe(int status, unsigned seconds)
 
 } // namespace
 
-std::vector<ChildResult> RunChildren(size_t count, const std::function<std::string(size_t)>& work,
-                                     unsigned jobs, unsigned seconds)
+std::vector<ChildResult> RunChildren(size_t count, const std::function<std::string(size_t)>& work)
 {
     std::vector<ChildResult> results(count);
     std::map<pid_t, Child> running;
     for (size_t next = 0; next < count || !running.empty();) {
-        if (next < count && running.size() < jobs) {
+        if (next < count && running.size() < std::max(1u, std::thread::hardware_concurrency())) {
             const Child child = {next, tmpfile(), tmpfile()};
             fflush(nullptr);
             const pid_t process = child.output != nullptr && child.errors != nullptr ? fork() : -1;
@@ -71,7 +74,7 @@ std::vector<ChildResult> RunChildren(size_t count, const std::function<std::stri
             }
             if (process == 0) {
                 dup2(fileno(child.errors), STDERR_FILENO);
-                alarm(seconds); // its default action ends the process
+                alarm(kSeconds); // its default action ends the process
                 Work(work(next), child.output);
             }
             running[process] = child;
@@ -79,7 +82,7 @@ std::vector<ChildResult> RunChildren(size_t count, const std::function<std::stri
         } else {
             int status = 0;
             const Child child = running.extract(wait(&status)).mapped();
-            results[child.number] = {ReadAll(child.output), ReadAll(child.errors), Describe(status, seconds)};
+            results[child.number] = {ReadAll(child.output), ReadAll(child.errors), Describe(status)};
         }
     }
     return results;

@@ -143,13 +143,13 @@ void UseAdapter(World& world, FilterAdapter* adapter)
 {
     ULONG id = 0;
     FilterAdapter* found = nullptr;
+    CALL(Filter_EnumOpenedAdapter); // first: the table is empty since a refresh that failed
     CALL(Filter_IsValidAdapter, adapter);
     CALL(Filter_AdapterToId, adapter, &id);
     CALL(Filter_IdToAdapter, id, &found);
     CALL(Filter_GetFirstAdapter);
     CALL(Filter_FindAdapterByMacAddress, support::kOwnMac.data(), &found);
     CALL(Filter_FindAdapterByNetCfgInstanceId, "{ADAPTER-1}", &found);
-    CALL(Filter_EnumOpenedAdapter);
     UseProperties(adapter);
     UseNdisRequest(adapter);
     if (world.driver == nullptr) {

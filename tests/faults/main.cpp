@@ -7,7 +7,6 @@
 #include <fmt/format.h>
 
 #include <chrono>
-#include <thread>
 
 namespace
 {
@@ -38,13 +37,9 @@ int main(int argc, char** argv)
 {
     CLI::App app(
         "Fails each call that may fail, once, in a scenario that uses every export and control request.");
-    RunOptions options;
-    options.jobs = std::max(1u, std::thread::hardware_concurrency());
     bool scenarioOnly = false;
     bool verbose = false;
     std::string only;
-    app.add_option("--jobs", options.jobs, "runs at a time")->check(CLI::Range(1, 64));
-    app.add_option("--seconds", options.seconds, "that one run may take")->check(CLI::Range(1, 3600));
     app.add_flag("--scenario", scenarioOnly,
                  "only the run without faults, and the check that nothing is missing");
     app.add_flag("--verbose", verbose, "each point, not only those that are bad");
@@ -53,7 +48,7 @@ int main(int argc, char** argv)
 
     const auto begin = std::chrono::steady_clock::now();
     std::string error;
-    const Reference reference = Count(options, &error);
+    const Reference reference = Count(&error);
     if (reference.entries.empty()) {
         fmt::print(stderr, "faults: the scenario does not succeed even without a fault:\n{}\n", error);
         return 1;
@@ -80,8 +75,8 @@ int main(int argc, char** argv)
             return 2;
         }
     }
-    report.singles = RunAll(singles, false, reference, options);
-    report.pairs = RunAll(pairs, true, reference, options);
+    report.singles = RunAll(singles, false, reference);
+    report.pairs = RunAll(pairs, true, reference);
     report.CheckOutcomes();
     report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     fmt::print("{}", report.Text(verbose || !only.empty()));

@@ -33,10 +33,19 @@ void Release(FilterPacket* packet)
     CALL(Filter_ReleasePacketp, packet, __FILE__, __LINE__);
 }
 
-void Deliver(const char* name, decltype(hook::DeliverReceived)& deliver, FilterAdapter* adapter,
+uint64_t Delivered()
+{
+    const hook::Balance balance = hook::TakeBalance();
+    return balance.deliveredToAdapter + balance.deliveredToProtocols;
+}
+
+// Whether the frame has come through.
+bool Deliver(const char* name, decltype(hook::DeliverReceived)& deliver, FilterAdapter* adapter,
              const hook::FrameOptions& options)
 {
+    const uint64_t before = Delivered();
     Recorded(name, [&] { return deliver(adapter, Frame(), options); });
+    return Delivered() == before + 1;
 }
 
 // A frame of which only the beginning is in the packet, kept by the filter of its chain.
@@ -50,10 +59,10 @@ FilterPacket* Keep(World& world, bool unmapped)
 
 void UseTraffic(World& world, FilterAdapter* adapter)
 {
-    Deliver("a received frame", hook::DeliverReceived, adapter, {.waitMs = 0});
-    Deliver("a sent frame", hook::DeliverSent, adapter, {.waitMs = 0});
-    Deliver("a received frame in pieces", hook::DeliverReceived, adapter,
-            {.presentBytes = 60, .pieces = {100}, .waitMs = 0});
+    Made(Deliver("a received frame", hook::DeliverReceived, adapter, {.waitMs = 0}));
+    Made(Deliver("a sent frame", hook::DeliverSent, adapter, {.waitMs = 0}));
+    Made(Deliver("a received frame in pieces", hook::DeliverReceived, adapter,
+                 {.presentBytes = 60, .pieces = {100}, .waitMs = 0}));
     for (const bool unmapped : {false, true}) {
         if (FilterPacket* packet = Keep(world, unmapped)) {
             CALL(Filter_TransferPacketData, packet);

@@ -272,10 +272,10 @@ class Run
 
 } // namespace
 
-Reference Count(const RunOptions& options, std::string* error)
+Reference Count(std::string* error)
 {
-    const ChildResult result = RunChildren(
-        1, [](size_t) { return nlohmann::json(Run::WithoutFaults()).dump(); }, 1, options.seconds)[0];
+    const ChildResult result =
+        RunChildren(1, [](size_t) { return nlohmann::json(Run::WithoutFaults()).dump(); })[0];
     Reference reference;
     if (!result.end.empty()) {
         *error = result.end + "\n" + result.errors;
@@ -289,12 +289,12 @@ Reference Count(const RunOptions& options, std::string* error)
 }
 
 std::vector<Verdict> RunAll(const std::vector<std::vector<Point>>& sets, bool startUpOnly,
-                            const Reference& reference, const RunOptions& options)
+                            const Reference& reference)
 {
     const auto work = [&](size_t number) {
         return nlohmann::json(Run(sets[number], reference).WithFaults(startUpOnly)).dump();
     };
-    const std::vector<ChildResult> results = RunChildren(sets.size(), work, options.jobs, options.seconds);
+    const std::vector<ChildResult> results = RunChildren(sets.size(), work);
     std::vector<Verdict> verdicts;
     for (size_t i = 0; i < sets.size(); ++i) {
         Verdict verdict{.points = sets[i]};

@@ -34,16 +34,11 @@ struct Verdict {
     std::vector<std::string> trace = {};
 };
 
-struct RunOptions {
-    unsigned jobs = 2;
-    unsigned seconds = 60; // that one run may take
-};
-
 // Without entries when the run failed; `error` says how.
-Reference Count(const RunOptions& options, std::string* error);
+Reference Count(std::string* error);
 
 // One run for each set of points. `startUpOnly`: the short pass takes the place of the scenario behind the start-up.
 std::vector<Verdict> RunAll(const std::vector<std::vector<Point>>& sets, bool startUpOnly,
-                            const Reference& reference, const RunOptions& options);
+                            const Reference& reference);
 
 } // namespace faults

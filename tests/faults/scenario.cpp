@@ -2,8 +2,6 @@
 
 #include <support/loading.h>
 
-using support::Bytes;
-
 namespace faults
 {
 namespace
@@ -62,49 +60,10 @@ void UseEverything(World& world)
 
 void UseAgain(World& world)
 {
-    FilterDriver* driver = nullptr;
-    PacketFilter* filter = nullptr;
-    const CountedString driverName("again");
-    const CountedString filterName("again filter");
-    if (MAKES(driver, Filter_RegisterDriver, &driverName, nullptr, 1, 0, &driver)) {
-        const FILTER_PROC bypass = [](FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket*) {
-            return FILTER_RESULT_BYPASS;
-        };
-        MAKES(filter, Filter_RegisterFilter, driver, &filterName, bypass, nullptr,
-              FILTER_TYPE_INCOMING_PACKET, FILTER_ORDER_LAST, &filter);
-    }
-    if (world.adapter != nullptr && hook::IsBound()) {
-        const Bytes frame = support::UdpFrame();
-        const auto delivered = [&] {
-            const hook::Balance balance = hook::TakeBalance();
-            return balance.deliveredToAdapter + balance.deliveredToProtocols;
-        };
-        for (const auto deliver : {hook::DeliverReceived, hook::DeliverSent}) {
-            const uint64_t before = delivered();
-            Recorded("a frame", [&] { return deliver(world.adapter, frame, {.waitMs = 0}); });
-            Made(delivered() == before + 1);
-        }
-        if (FilterPacket* packet = NewPacket(world)) {
-            CALL(Filter_InjectPacketToAdapter, world.adapter, packet);
-        }
-    }
-    if (HashTable* table = CALL(Filter_CreateHashTable, "again", 4, nullptr, nullptr)) {
-        CALL(Filter_DestroyHashTable, table);
-    }
-    CALL(Filter_ReportEvent, 1, 2, "again %d", 3);
-    UserEvent event = {};
-    REQUEST(IOCTL_NDIS_FILTER_CLEAR_EVENT);
-    REQUEST(IOCTL_NDIS_FILTER_GET_EVENT, {}, Out(event));
-    uint32_t value = 1;
-    uint64_t address = 0;
-    REQUEST(IOCTL_NDIS_FILTER_START_SHARE, In(value), Out(address));
-    Made(address != NDIS_FILTER_SHARE_FAILED && address != 0);
-    REQUEST(IOCTL_NDIS_FILTER_STOP_SHARE);
-    UserAdapterList list = {};
-    REQUEST(IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, {}, Out(list));
-    if (driver != nullptr) {
-        CALL(Filter_DeregisterDriver, driver);
-    }
+    UseClients(world);
+    UsePackets(world);
+    UseRequests(world);
+    DeregisterClients(world);
 }
 
 void ShutDown(World& world)

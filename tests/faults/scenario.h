@@ -37,7 +37,7 @@ struct World {
 // Start-up: the framework, the hook driver, its adapters, the binding. False: the framework could not be loaded.
 bool StartUp(World& world);
 void UseEverything(World& world);
-// What still has to work behind any fault: a driver with a filter, a frame each way, an event, a request.
+// What still has to work behind any fault.
 void UseAgain(World& world);
 void ShutDown(World& world);
 

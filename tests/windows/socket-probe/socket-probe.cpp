@@ -43,21 +43,13 @@ BOOLEAN MemoryDescriptions()
 {
     static UCHAR data[PAGE_SIZE];
     const PIRP irp = IoAllocateIrp(1, FALSE);
-    if (irp == nullptr) {
-        return FALSE;
-    }
     const PMDL alone = KS_AllocateAndProbeMdl(data, sizeof(data), FALSE, FALSE, nullptr);
     const PMDL first = KS_AllocateAndProbeMdl(data, 10, FALSE, FALSE, irp);
-    const BOOLEAN right = alone != nullptr && MmGetMdlByteCount(alone) == sizeof(data) &&
-                          MmGetMdlVirtualAddress(alone) == data && first != nullptr &&
+    const BOOLEAN right = MmGetMdlByteCount(alone) == sizeof(data) && MmGetMdlVirtualAddress(alone) == data &&
                           irp->MdlAddress == first && first->Next == nullptr;
     irp->MdlAddress = nullptr;
-    const PMDL both[] = {alone, first};
-    for (const PMDL mdl : both) {
-        if (mdl != nullptr) {
-            KS_UnlockAndFreeMdl(mdl);
-        }
-    }
+    KS_UnlockAndFreeMdl(alone);
+    KS_UnlockAndFreeMdl(first);
     IoFreeIrp(irp);
     KS_FreePacketAndBuffers(nullptr);
     return right;
@@ -91,9 +83,6 @@ BOOLEAN SimpleRequests()
     BOOLEAN right = TRUE;
     for (UCHAR minor = 0; minor < 3; ++minor) {
         const PIRP irp = IoAllocateIrp(probeDevice->StackSize, FALSE);
-        if (irp == nullptr) {
-            return FALSE;
-        }
         const PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
         next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
         next->MinorFunction = minor;
@@ -153,10 +142,6 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
         return status;
     }
     lateItem = IoAllocateWorkItem(probeDevice);
-    if (lateItem == nullptr) {
-        IoDeleteDevice(probeDevice);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
     driver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = Answer;
     for (const Row& row : Rows) {
         if (!row.IsRight()) {

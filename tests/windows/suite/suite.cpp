@@ -94,18 +94,13 @@ static SC_HANDLE Create(const std::wstring& name)
                           kGroup, nullptr, nullptr, nullptr, nullptr);
 }
 
-// What a run that was cut off has left behind.
-static void DeleteLeftover(const std::wstring& name)
-{
-    const SC_HANDLE handle = OpenServiceW(ServiceManager(), name.c_str(), SERVICE_ALL_ACCESS);
-    DeleteService(handle);
-    CloseServiceHandle(handle);
-}
-
 Service::Service(const std::wstring& name) : name_(name), handle_(Create(name))
 {
     if (handle_ == nullptr && GetLastError() == ERROR_SERVICE_EXISTS) {
-        DeleteLeftover(name);
+        // What a run that was cut off has left behind.
+        const SC_HANDLE leftover = OpenServiceW(ServiceManager(), name.c_str(), SERVICE_ALL_ACCESS);
+        DeleteService(leftover);
+        CloseServiceHandle(leftover);
         handle_ = Create(name);
     }
     if (handle_ == nullptr) {
@@ -181,13 +176,9 @@ CleanupRequests::CleanupRequests()
     }
 }
 
-static HANDLE Open(const wchar_t* name)
-{
-    return CreateFileW(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED,
-                       nullptr);
-}
-
-Device::Device(const wchar_t* name) : handle_(Open(name))
+Device::Device(const wchar_t* name)
+    : handle_(CreateFileW(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED,
+                          nullptr))
 {
     if (handle_ == INVALID_HANDLE_VALUE) {
         throw SystemFailure("device " + Narrow(name) + " cannot be opened");
@@ -205,16 +196,6 @@ void Device::Close()
         CloseHandle(handle_);
         handle_ = INVALID_HANDLE_VALUE;
     }
-}
-
-DWORD Device::OpenError()
-{
-    const HANDLE handle = Open(L"\\\\.\\NdisFilter");
-    if (handle == INVALID_HANDLE_VALUE) {
-        return GetLastError();
-    }
-    CloseHandle(handle);
-    return ERROR_SUCCESS;
 }
 
 Answer Device::Control(uint32_t code, std::span<const uint8_t> input, size_t outputLength)

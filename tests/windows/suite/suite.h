@@ -118,8 +118,6 @@ class Device
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
 
-    static DWORD OpenError(); // of the framework's device; 0 when it can be opened
-
     // One request that is not parked.
     Answer Control(uint32_t code, std::span<const uint8_t> input = {}, size_t outputLength = 0);
     uint64_t StartShare(); // the address, or NDIS_FILTER_SHARE_FAILED when another program has it
