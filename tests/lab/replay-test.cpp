@@ -291,7 +291,7 @@ struct BadCall {
 TEST_F(Replay, ErrorsAreOneLineWithNameAndValue)
 {
     WriteCapture(Path("a.pcap"), SomeTraffic());
-    WriteCapture(Path("raw.pcap"), {Bytes(40)}, DLT_RAW);
+    WriteCapture(Path("raw.pcap"), {Bytes(40)}, kLinkTypeRaw);
     std::ofstream(Path("text.pcap")) << "this is no capture, it is a text";
     std::ofstream(Path("empty.pcap"));
     std::ofstream(Path("junk.so")) << "no module";

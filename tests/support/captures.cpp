@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include <gtest/gtest.h>
+#include <pcap/pcap.h>
 
 namespace support
 {

@@ -5,8 +5,6 @@
 
 #include <string>
 
-#include <pcap/pcap.h>
-
 namespace support
 {
 
@@ -23,8 +21,11 @@ std::vector<CapturedFrame> ParseCapture(const Bytes& file, std::string* error);
 // The frames of a file; fails the test when it is no capture, or not read to its end.
 std::vector<CapturedFrame> ReadCapture(const std::string& path);
 
+inline constexpr int kLinkTypeEthernet = 1, kLinkTypeRaw = 12; // DLT_EN10MB and DLT_RAW of libpcap
+
 // Writes frames one millisecond apart.
-void WriteCapture(const std::string& path, const std::vector<Bytes>& frames, int linkType = DLT_EN10MB);
+void WriteCapture(const std::string& path, const std::vector<Bytes>& frames,
+                  int linkType = kLinkTypeEthernet);
 
 Bytes ReadFile(const std::string& path); // empty when there is none
 
