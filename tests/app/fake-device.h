@@ -4,9 +4,9 @@
 #include "client.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <cstring>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <vector>
 
@@ -16,33 +16,24 @@ class FakeRead final : public ndisfilter::PendingControl
 {
   public:
     struct State {
-        void Complete(int32_t newStatus)
+        void Complete(int32_t status)
         {
-            const std::lock_guard lock(mutex);
-            if (!done) {
-                done = true;
-                status = newStatus;
-                changed.notify_all();
-            }
+            std::call_once(once, [&] { promise.set_value(status); });
         }
-        std::mutex mutex;
-        std::condition_variable changed;
-        bool done = false;
-        int32_t status = 0;
+        std::once_flag once;
+        std::promise<int32_t> promise;
+        std::shared_future<int32_t> result = promise.get_future();
     };
 
     explicit FakeRead(std::shared_ptr<State> state) : state_(std::move(state)) {}
     ~FakeRead() override { Cancel(); }
     std::optional<ndisfilter::ControlResult> Wait(std::optional<uint32_t> timeoutMs) override
     {
-        std::unique_lock lock(state_->mutex);
-        const auto done = [this] { return state_->done; };
-        if (!timeoutMs) {
-            state_->changed.wait(lock, done);
-        } else if (!state_->changed.wait_for(lock, std::chrono::milliseconds(*timeoutMs), done)) {
+        if (timeoutMs &&
+            state_->result.wait_for(std::chrono::milliseconds(*timeoutMs)) != std::future_status::ready) {
             return std::nullopt;
         }
-        return ndisfilter::ControlResult{state_->status, 0};
+        return ndisfilter::ControlResult{state_->result.get(), 0};
     }
     void Cancel() override { state_->Complete(NDISFILTER_CANCELLED); }
 
@@ -145,15 +136,13 @@ class FakeDevice final : public ndisfilter::Device
         auto state = std::make_shared<FakeRead::State>();
         if (code == IOCTL_NDIS_FILTER_WRITE_SHARE) {
             TakeAnnouncement();
-            state->done = true;
+            state->Complete(NDISFILTER_SUCCESS);
+        } else if (const std::lock_guard lock(driver_.mutex);
+                   driver_.readsAnswerAtOnce || FakeDriver::Load(driver_.Output().m_iRead) !=
+                                                    FakeDriver::Load(driver_.Output().m_iWrite)) {
+            state->Complete(NDISFILTER_SUCCESS);
         } else {
-            const std::lock_guard lock(driver_.mutex);
-            if (driver_.readsAnswerAtOnce ||
-                FakeDriver::Load(driver_.Output().m_iRead) != FakeDriver::Load(driver_.Output().m_iWrite)) {
-                state->done = true;
-            } else {
-                driver_.parked = state;
-            }
+            driver_.parked = state;
         }
         return std::make_unique<FakeRead>(state);
     }

@@ -1,10 +1,10 @@
 #include "child.h"
 
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
+#include <map>
+#include <thread>
 
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,51 +17,23 @@ namespace faults
 namespace
 {
 
+constexpr unsigned kSeconds = 60; // that a piece of work may take
+
 struct Child {
-    pid_t process;
     size_t number;
-    int output;
-    FILE* errors; // a file without a name
+    FILE* output; // files without a name
+    FILE* errors;
 };
 
-[[noreturn]] void Work(const std::function<std::string(size_t)>& work, size_t number, int output, int errors,
-                       unsigned seconds)
+[[noreturn]] void Work(const std::string& text, FILE* output)
 {
-    dup2(errors, STDERR_FILENO);
-    alarm(seconds); // its default action ends the process
-    const std::string text = work(number);
-    for (size_t done = 0; done < text.size();) {
-        const ssize_t written = write(output, text.data() + done, text.size() - done);
-        if (written <= 0) {
-            _exit(2);
-        }
-        done += static_cast<size_t>(written);
+    if (fwrite(text.data(), 1, text.size(), output) != text.size() || fflush(output) != 0) {
+        _exit(2);
     }
 #ifdef NDISFILTER_COVERAGE
     __gcov_dump();
 #endif
     _exit(0); // without the destructors of what threads of the machine still use
-}
-
-Child Start(const std::function<std::string(size_t)>& work, size_t number, unsigned seconds)
-{
-    int ends[2];
-    FILE* errors = tmpfile();
-    if (errors == nullptr || pipe2(ends, O_CLOEXEC) != 0) {
-        perror("faults: no file or pipe for a process");
-        exit(2);
-    }
-    fflush(nullptr);
-    const pid_t process = fork();
-    if (process < 0) {
-        perror("faults: fork");
-        exit(2);
-    }
-    if (process == 0) {
-        Work(work, number, ends[1], fileno(errors), seconds);
-    }
-    close(ends[1]);
-    return {process, number, ends[0], errors};
 }
 
 std::string ReadAll(FILE* file)
@@ -76,24 +48,10 @@ std::string ReadAll(FILE* file)
     return text;
 }
 
-// Takes what is there of the output. False: it has ended.
-bool Drain(const Child& child, std::string& output)
+std::string Describe(int status)
 {
-    char buffer[65536];
-    const ssize_t count = read(child.output, buffer, sizeof(buffer));
-    if (count > 0) {
-        output.append(buffer, static_cast<size_t>(count));
-    }
-    return count > 0;
-}
-
-std::string Finish(const Child& child, unsigned seconds)
-{
-    int status = 0;
-    close(child.output);
-    waitpid(child.process, &status, 0);
     if (WIFSIGNALED(status)) {
-        return WTERMSIG(status) == SIGALRM ? "no end within " + std::to_string(seconds) + " s"
+        return WTERMSIG(status) == SIGALRM ? "no end within " + std::to_string(kSeconds) + " s"
                                            : "signal " + std::to_string(WTERMSIG(status));
     }
     return WEXITSTATUS(status) == 0 ? "" : "exit status " + std::to_string(WEXITSTATUS(status));
@@ -101,27 +59,30 @@ std::string Finish(const Child& child, unsigned seconds)
 
 } // namespace
 
-std::vector<ChildResult> RunChildren(size_t count, const std::function<std::string(size_t)>& work,
-                                     unsigned jobs, unsigned seconds)
+std::vector<ChildResult> RunChildren(size_t count, const std::function<std::string(size_t)>& work)
 {
     std::vector<ChildResult> results(count);
-    std::vector<Child> running;
+    std::map<pid_t, Child> running;
     for (size_t next = 0; next < count || !running.empty();) {
-        while (next < count && running.size() < jobs) {
-            running.push_back(Start(work, next++, seconds));
-        }
-        std::vector<pollfd> waits;
-        for (const Child& child : running) {
-            waits.push_back({child.output, POLLIN, 0});
-        }
-        poll(waits.data(), waits.size(), -1);
-        for (size_t i = waits.size(); i-- > 0;) {
-            ChildResult& result = results[running[i].number];
-            if (waits[i].revents != 0 && !Drain(running[i], result.output)) {
-                result.end = Finish(running[i], seconds);
-                result.errors = ReadAll(running[i].errors);
-                running.erase(running.begin() + static_cast<std::ptrdiff_t>(i));
+        if (next < count && running.size() < std::max(1u, std::thread::hardware_concurrency())) {
+            const Child child = {next, tmpfile(), tmpfile()};
+            fflush(nullptr);
+            const pid_t process = child.output != nullptr && child.errors != nullptr ? fork() : -1;
+            if (process < 0) {
+                perror("faults: no file or process for a run");
+                exit(2);
             }
+            if (process == 0) {
+                dup2(fileno(child.errors), STDERR_FILENO);
+                alarm(kSeconds); // its default action ends the process
+                Work(work(next), child.output);
+            }
+            running[process] = child;
+            ++next;
+        } else {
+            int status = 0;
+            const Child child = running.extract(wait(&status)).mapped();
+            results[child.number] = {ReadAll(child.output), ReadAll(child.errors), Describe(status)};
         }
     }
     return results;

@@ -1,4 +1,4 @@
-// A process of its own for each piece of work, several at a time.
+// A process of its own for each piece of work, one on each processor, for a minute at most.
 #pragma once
 
 #include <functional>
@@ -15,7 +15,6 @@ struct ChildResult {
 };
 
 // Works on 0 to count - 1 in forked processes. The work answers a text; what it leaves behind goes with its process.
-std::vector<ChildResult> RunChildren(size_t count, const std::function<std::string(size_t)>& work,
-                                     unsigned jobs, unsigned seconds);
+std::vector<ChildResult> RunChildren(size_t count, const std::function<std::string(size_t)>& work);
 
 } // namespace faults

@@ -1,6 +1,7 @@
 // What client drivers register, and what they ask of adapters.
 #include "scenario.h"
 
+#include <algorithm>
 #include <atomic>
 
 namespace faults
@@ -20,11 +21,11 @@ FILTER_RESULT KeepOrBypass(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPac
     return FILTER_RESULT_CONSUME;
 }
 
-void TakeName(STRING* name)
+// What a getter has handed out.
+void TakeMade(PVOID made)
 {
-    Journal::Made(name != nullptr);
-    if (name != nullptr) {
-        CALL(Filter_FreeMemory, name);
+    if (Made(made != nullptr)) {
+        CALL(Filter_FreeMemory, made);
     }
 }
 
@@ -36,7 +37,7 @@ void UseFilter(FilterDriver* driver, PacketFilter* filter)
     FILTER_ORDER order = 0;
     CALL(Filter_IsValidFilter, filter);
     CALL(Filter_GetFilterName, filter, &name);
-    TakeName(name);
+    TakeMade(name);
     CALL(Filter_GetFilterContext, filter, &context);
     CALL(Filter_GetFilterType, filter, &type);
     CALL(Filter_GetFilterOrder, filter, &order);
@@ -60,10 +61,7 @@ void UseProperties(FilterAdapter* adapter)
     CALL(Filter_IsNdisWanAdapter, adapter, &flag);
     CALL(Filter_GetAdapterMtu, adapter, &mtu);
     CALL(Filter_GetAdapterName, adapter, &name);
-    Journal::Made(name != nullptr);
-    if (name != nullptr) {
-        CALL(Filter_FreeMemory, name);
-    }
+    TakeMade(name);
     CALL(Filter_SetAdapterPPPSrcMacAddress, adapter, mac);
     CALL(Filter_SetAdapterPPPDstMacAddress, adapter, mac);
     CALL(Filter_GetAdapterPPPSrcMacAddress, adapter, mac);
@@ -100,9 +98,7 @@ void UseNdisRequest(FilterAdapter* adapter)
 {
     static ULONG size;
     PVOID handle = nullptr;
-    CALL(Filter_AllocateNdisRequest, &handle);
-    Journal::Made(handle != nullptr);
-    if (handle == nullptr) {
+    if (!MAKES(handle, Filter_AllocateNdisRequest, &handle)) {
         return;
     }
     auto* request = static_cast<hook::NdisRequest*>(handle);
@@ -111,8 +107,110 @@ void UseNdisRequest(FilterAdapter* adapter)
     request->informationLength = sizeof(size);
     CALL(Filter_IsValidNdisRequest, handle);
     CALL(Filter_MakeNdisRequest, adapter, handle, nullptr);
-    Journal::Made(request->status == 0 && request->bytesDone != 0);
+    Made(request->status == 0 && request->bytesDone != 0);
     CALL(Filter_FreeNdisRequest, handle);
+}
+
+void RegisterClients(World& world)
+{
+    ULONG major = 0;
+    ULONG minor = 0;
+    CALL(Filter_GetAPIVersion, &major, &minor);
+    const CountedString first("client");
+    const CountedString second("other");
+    MAKES(world.other, Filter_RegisterDriver, &second, nullptr, 1, 0, &world.other);
+    if (!MAKES(world.driver, Filter_RegisterDriver, &first, &world, 1, 0, &world.driver)) {
+        return;
+    }
+    STRING* name = nullptr;
+    PVOID context = nullptr;
+    CALL(Filter_IsValidDriver, world.driver);
+    CALL(Filter_GetDriverName, world.driver, &name);
+    TakeMade(name);
+    CALL(Filter_GetDriverContext, world.driver, &context);
+    const char* names[] = {"incoming", "outgoing", "to adapter", "to protocol"};
+    for (FILTER_TYPE type = 0; type < FILTER_TYPE_COUNT; ++type) {
+        const CountedString filter(names[type]);
+        MAKES(world.filters[type], Filter_RegisterFilter, world.driver, &filter, KeepOrBypass, nullptr, type,
+              FILTER_ORDER_LAST, &world.filters[type]);
+    }
+    if (world.filters[0] != nullptr) {
+        UseFilter(world.driver, world.filters[0]);
+    }
+}
+
+void UseAdapter(World& world, FilterAdapter* adapter)
+{
+    ULONG id = 0;
+    FilterAdapter* found = nullptr;
+    CALL(Filter_EnumOpenedAdapter); // first: the table is empty since a refresh that failed
+    CALL(Filter_IsValidAdapter, adapter);
+    CALL(Filter_AdapterToId, adapter, &id);
+    CALL(Filter_IdToAdapter, id, &found);
+    CALL(Filter_GetFirstAdapter);
+    CALL(Filter_FindAdapterByMacAddress, support::kOwnMac.data(), &found);
+    CALL(Filter_FindAdapterByNetCfgInstanceId, "{ADAPTER-1}", &found);
+    UseProperties(adapter);
+    UseNdisRequest(adapter);
+    if (world.driver == nullptr) {
+        return;
+    }
+    const FILTER_ENUM_ADAPTER goOn = [](PVOID, FilterAdapter*) -> BOOLEAN { return TRUE; };
+    CALL(Filter_EnumAdapter, world.driver, goOn, nullptr);
+    UseContexts(world.driver, adapter);
+    EventHandler* handler = nullptr;
+    const FILTER_EVENT_PROC hear = [](FilterDriver*, PVOID, ULONG, PVOID, FilterAdapter*) {};
+    if (MAKES(handler, Filter_RegisterEventHandler, world.driver, hear, nullptr, &handler)) {
+        CALL(Filter_IsValidEventHandler, handler);
+        Recorded("an adapter's status", [&] { hook::IndicateStatus(adapter, 0x4001000B); });
+        CALL(Filter_DeregisterEventHandler, world.driver, handler);
+    }
+}
+
+void UseTimer(FilterDriver* driver)
+{
+    static std::atomic<bool> fired;
+    fired = false;
+    FilterTimer* timer = nullptr;
+    const FILTER_TIMER_PROC fire = [](FilterDriver*, PVOID, FilterTimer*, PVOID) { fired = true; };
+    if (!MAKES(timer, Filter_InitializeTimer, driver, fire, nullptr, FALSE, &timer)) {
+        return;
+    }
+    CALL(Filter_IsValidTimer, timer);
+    machine::StopClock(132'000'000'000'000'000);
+    CALL(Filter_StartTimer, timer, 5);
+    Recorded("a timer expires", [] { machine::AdvanceClock(10); });
+    Made(fired);
+    machine::StartClock();
+    CALL(Filter_StopTimer, timer);
+    CALL(Filter_FreeTimer, driver, timer);
+}
+
+void UseInterface(FilterDriver* driver, FilterDriver* other)
+{
+    struct Block {
+        USHORT length = sizeof(Block);
+        USHORT value = 1;
+    } block;
+    const CountedString name("an interface");
+    IfEventHandler* handler = nullptr;
+    FilterInterface* published = nullptr;
+    PVOID copy = nullptr;
+    const FILTER_IF_EVENT_PROC hear = [](FilterDriver*, PVOID, ULONG, PVOID, const STRING*) {};
+    if (MAKES(handler, Filter_RegisterIfEventHandler, other, hear, nullptr, &handler)) {
+        CALL(Filter_IsValidIfEventHandler, handler);
+    }
+    if (MAKES(published, Filter_RegisterInterface, driver, &name, &block, &published)) {
+        CALL(Filter_IsValidInterfaceObject, published);
+        if (MAKES(copy, Filter_QueryInterface, other, &name, &copy)) {
+            CALL(Filter_IsValidInterface, copy);
+            CALL(Filter_ReleaseInterface, other, copy);
+        }
+        CALL(Filter_DeregisterInterface, driver, published);
+    }
+    if (handler != nullptr) {
+        CALL(Filter_DeregisterIfEventHandler, other, handler);
+    }
 }
 
 } // namespace
@@ -128,69 +226,17 @@ FilterPacket* TakeKept()
     return g_kept.exchange(nullptr);
 }
 
-void RegisterClients(World& world)
+void UseClients(World& world)
 {
-    ULONG major = 0;
-    ULONG minor = 0;
-    CALL(Filter_GetAPIVersion, &major, &minor);
-    const Name first("client");
-    const Name second("other");
-    CALL(Filter_RegisterDriver, &first, &world, 1, 0, &world.driver);
-    Journal::Made(world.driver != nullptr);
-    CALL(Filter_RegisterDriver, &second, nullptr, 1, 0, &world.other);
-    Journal::Made(world.other != nullptr);
-    if (world.driver == nullptr) {
-        return;
+    RegisterClients(world);
+    if (world.adapter != nullptr) {
+        UseAdapter(world, world.adapter);
     }
-    STRING* name = nullptr;
-    PVOID context = nullptr;
-    CALL(Filter_IsValidDriver, world.driver);
-    CALL(Filter_GetDriverName, world.driver, &name);
-    TakeName(name);
-    CALL(Filter_GetDriverContext, world.driver, &context);
-    const char* names[] = {"incoming", "outgoing", "to adapter", "to protocol"};
-    for (FILTER_TYPE type = 0; type < FILTER_TYPE_COUNT; ++type) {
-        const Name filter(names[type]);
-        CALL(Filter_RegisterFilter, world.driver, &filter, KeepOrBypass, nullptr, type, FILTER_ORDER_LAST,
-             &world.filters[type]);
-        Journal::Made(world.filters[type] != nullptr);
+    if (world.driver != nullptr) {
+        UseTimer(world.driver);
     }
-    if (world.filters[0] != nullptr) {
-        UseFilter(world.driver, world.filters[0]);
-    }
-}
-
-void UseAdapters(World& world)
-{
-    FilterAdapter* const adapter = world.adapter;
-    if (adapter == nullptr) {
-        return;
-    }
-    ULONG id = 0;
-    FilterAdapter* found = nullptr;
-    CALL(Filter_IsValidAdapter, adapter);
-    CALL(Filter_AdapterToId, adapter, &id);
-    CALL(Filter_IdToAdapter, id, &found);
-    CALL(Filter_GetFirstAdapter);
-    CALL(Filter_FindAdapterByMacAddress, support::kOwnMac.data(), &found);
-    CALL(Filter_FindAdapterByNetCfgInstanceId, "{ADAPTER-1}", &found);
-    CALL(Filter_EnumOpenedAdapter);
-    UseProperties(adapter);
-    UseNdisRequest(adapter);
-    if (world.driver == nullptr) {
-        return;
-    }
-    const FILTER_ENUM_ADAPTER goOn = [](PVOID, FilterAdapter*) -> BOOLEAN { return TRUE; };
-    CALL(Filter_EnumAdapter, world.driver, goOn, nullptr);
-    UseContexts(world.driver, adapter);
-    EventHandler* handler = nullptr;
-    const FILTER_EVENT_PROC hear = [](FilterDriver*, PVOID, ULONG, PVOID, FilterAdapter*) {};
-    CALL(Filter_RegisterEventHandler, world.driver, hear, nullptr, &handler);
-    Journal::Made(handler != nullptr);
-    if (handler != nullptr) {
-        CALL(Filter_IsValidEventHandler, handler);
-        Recorded("an adapter's status", [&] { hook::IndicateStatus(adapter, 0x4001000B); });
-        CALL(Filter_DeregisterEventHandler, world.driver, handler);
+    if (world.driver != nullptr && world.other != nullptr) {
+        UseInterface(world.driver, world.other);
     }
 }
 
@@ -205,69 +251,7 @@ void DeregisterClients(World& world)
         }
     }
     world.driver = world.other = nullptr;
-    for (PacketFilter*& filter : world.filters) {
-        filter = nullptr;
-    }
-}
-
-void UseTimers(World& world)
-{
-    static std::atomic<bool> fired;
-    fired = false;
-    FilterTimer* timer = nullptr;
-    if (world.driver == nullptr) {
-        return;
-    }
-    const FILTER_TIMER_PROC fire = [](FilterDriver*, PVOID, FilterTimer*, PVOID) { fired = true; };
-    CALL(Filter_InitializeTimer, world.driver, fire, nullptr, FALSE, &timer);
-    Journal::Made(timer != nullptr);
-    if (timer == nullptr) {
-        return;
-    }
-    CALL(Filter_IsValidTimer, timer);
-    machine::StopClock(132'000'000'000'000'000);
-    CALL(Filter_StartTimer, timer, 5);
-    Recorded("a timer expires", [] { machine::AdvanceClock(10); });
-    Journal::Made(fired);
-    machine::StartClock();
-    CALL(Filter_StopTimer, timer);
-    CALL(Filter_FreeTimer, world.driver, timer);
-}
-
-void UseInterfaces(World& world)
-{
-    struct Block {
-        USHORT length = sizeof(Block);
-        USHORT value = 1;
-    } block;
-    const Name name("an interface");
-    IfEventHandler* handler = nullptr;
-    FilterInterface* published = nullptr;
-    PVOID copy = nullptr;
-    if (world.driver == nullptr || world.other == nullptr) {
-        return;
-    }
-    const FILTER_IF_EVENT_PROC hear = [](FilterDriver*, PVOID, ULONG, PVOID, const STRING*) {};
-    CALL(Filter_RegisterIfEventHandler, world.other, hear, nullptr, &handler);
-    Journal::Made(handler != nullptr);
-    if (handler != nullptr) {
-        CALL(Filter_IsValidIfEventHandler, handler);
-    }
-    CALL(Filter_RegisterInterface, world.driver, &name, &block, &published);
-    Journal::Made(published != nullptr);
-    if (published != nullptr) {
-        CALL(Filter_IsValidInterfaceObject, published);
-        CALL(Filter_QueryInterface, world.other, &name, &copy);
-        Journal::Made(copy != nullptr);
-        if (copy != nullptr) {
-            CALL(Filter_IsValidInterface, copy);
-            CALL(Filter_ReleaseInterface, world.other, copy);
-        }
-        CALL(Filter_DeregisterInterface, world.driver, published);
-    }
-    if (handler != nullptr) {
-        CALL(Filter_DeregisterIfEventHandler, world.other, handler);
-    }
+    std::fill(std::begin(world.filters), std::end(world.filters), nullptr);
 }
 
 } // namespace faults

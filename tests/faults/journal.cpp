@@ -4,46 +4,20 @@
 
 namespace faults
 {
-namespace
-{
-
-struct Book {
-    Point point;
-    int hitEntry = -1;
-    bool startsUp = true;
-    std::vector<Entry> entries;
-    std::vector<size_t> open; // those that have begun: a handler's calls lie within a request
-    size_t last = 0;          // ended last
-};
-Book g_book;
 
 // A hit belongs to the innermost call that is open, or to the one that begins next.
-void LookForHit()
+void Journal::LookForHit()
 {
-    if (!g_book.open.empty() && g_book.point.n != 0 && g_book.hitEntry < 0 && IsHit(g_book.point)) {
-        g_book.hitEntry = static_cast<int>(g_book.open.back());
+    if (!open.empty() && point.n != 0 && hitEntry < 0 && Kinds()[point.kind].isHit(point.n)) {
+        hitEntry = static_cast<int>(open.back());
     }
-}
-
-} // namespace
-
-void Journal::Start(const Point& point)
-{
-    g_book.point = point;
-    g_book.hitEntry = -1;
-    g_book.startsUp = true;
-    g_book.entries.clear();
-    g_book.open.clear();
 }
 
 void Journal::Begin(const char* name)
 {
     LookForHit(); // what led to a handler is the outer call's
-    g_book.open.push_back(g_book.entries.size());
-    Entry entry;
-    entry.name = name;
-    entry.startsUp = g_book.startsUp;
-    g_book.entries.push_back(std::move(entry));
+    open.push_back(entries.size());
+    entries.push_back({.name = name, .startsUp = startsUp, .calls = {}});
 }
 
 void Journal::End(int64_t answer)
@@ -52,33 +26,12 @@ void Journal::End(int64_t answer)
         machine::WaitIdle();
     }
     LookForHit();
-    g_book.last = g_book.open.back();
-    g_book.open.pop_back();
-    Entry& entry = g_book.entries[g_book.last];
-    entry.answer = answer;
-    for (size_t kind = 0; kind < KindCount(); ++kind) {
-        entry.calls.push_back(CallsOf(kind));
+    last = open.back();
+    open.pop_back();
+    entries[last].answer = answer;
+    for (const Kind& kind : Kinds()) {
+        entries[last].calls.push_back(kind.calls());
     }
-}
-
-void Journal::Made(bool made)
-{
-    g_book.entries[g_book.last].made = made;
-}
-
-void Journal::StartUpIsOver()
-{
-    g_book.startsUp = false;
-}
-
-const std::vector<Entry>& Journal::Entries()
-{
-    return g_book.entries;
-}
-
-int Journal::HitEntry()
-{
-    return g_book.hitEntry;
 }
 
 } // namespace faults

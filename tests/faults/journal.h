@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <string>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 namespace faults
@@ -23,19 +22,22 @@ struct Entry {
     std::vector<uint64_t> calls; // of each kind, up to its end and that of what it set off
 };
 
-class Journal
-{
-  public:
-    // The point is looked for; nothing when `point.n` is 0.
-    static void Start(const Point& point);
-    static void Begin(const char* name);
+struct Journal {
+    Point point; // that is looked for; none when `n` is 0
+    std::vector<Entry> entries = {};
+    bool startsUp = true;
+    int hitEntry = -1;             // -1: the point was not reached
+    std::vector<size_t> open = {}; // those that have begun: a handler's calls lie within a request
+    size_t last = 0;               // ended last
+
+    void Begin(const char* name);
     // Waits until what the call has set off is over, when it may wait.
-    static void End(int64_t answer);
-    static void Made(bool made); // of the entry ended last
-    static void StartUpIsOver();
-    static const std::vector<Entry>& Entries();
-    static int HitEntry(); // -1: the point was not reached
+    void End(int64_t answer);
+
+  private:
+    void LookForHit();
 };
+inline Journal g_journal;
 
 template <class Answer>
 int64_t Number(const Answer& answer)
@@ -52,18 +54,27 @@ int64_t Number(const Answer& answer)
 template <class Call>
 auto Recorded(const char* name, const Call& call)
 {
-    Journal::Begin(name);
+    g_journal.Begin(name);
     if constexpr (std::is_void_v<decltype(call())>) {
         call();
-        Journal::End(0);
+        g_journal.End(0);
     } else {
         auto answer = call();
-        Journal::End(Number(answer));
+        g_journal.End(Number(answer));
         return answer;
     }
 }
 
 // A call under the name of the function that is called.
 #define CALL(Function, ...) faults::Recorded(#Function, [&] { return Function(__VA_ARGS__); })
+
+// Whether the call that ended last has made what it was to.
+inline bool Made(bool made)
+{
+    return g_journal.entries[g_journal.last].made = made;
+}
+
+// A call that is to make something, and whether it did.
+#define MAKES(Result, Function, ...) (CALL(Function, __VA_ARGS__), faults::Made((Result) != nullptr))
 
 } // namespace faults

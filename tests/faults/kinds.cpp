@@ -1,11 +1,11 @@
 #include "kinds.h"
 
+#include <support/faults.h>
+
 #include <hook/virtual-adapters.h>
 #include <machine.h>
 
 #include <algorithm>
-
-using machine::TransportAnswer;
 
 namespace faults
 {
@@ -23,108 +23,82 @@ constexpr const char* kHook[] = {"GetOsVersion",     "HandleIoControl",       "A
 constexpr const char* kTransport[] = {
     "Create",  "Associate",    "SetEventHandler", "Connect", "Disconnect", "Send",
     "Receive", "SendDatagram", "ReceiveDatagram", "Query",   "Set"};
-constexpr size_t kKernelKinds = std::size(kKernel);
-constexpr size_t kHookKinds = 2 * std::size(kHook);
-constexpr size_t kTransportKinds = 2 * std::size(kTransport);
-static_assert(kKernelKinds == static_cast<size_t>(machine::Fault::Count));
+static_assert(std::size(kKernel) == static_cast<size_t>(machine::Fault::Count));
 static_assert(std::size(kHook) == static_cast<size_t>(hook::Function::Count));
 static_assert(std::size(kTransport) == static_cast<size_t>(machine::TransportRequest::Count));
 
-constexpr machine::Status kNoResources = static_cast<machine::Status>(0xC000009A);
+constexpr auto kNoResources = static_cast<machine::Status>(0xC000009A);
+constexpr auto kOdd = static_cast<machine::Status>(0xC0001234); // no transport of this world answers that
 
 machine::Fault KernelKind(size_t kind)
 {
     return static_cast<machine::Fault>(kind);
 }
 
-bool IsHookKind(size_t kind)
+int64_t ToldOf(machine::Fault fault)
 {
-    return kind >= kKernelKinds && kind < kKernelKinds + kHookKinds;
+    using machine::Fault;
+    return fault == Fault::LockPages  ? support::kAccessViolation
+           : fault == Fault::MapPages ? 0 // also told by no address
+                                      : kNoResources;
 }
 
-hook::Function FunctionOf(size_t kind)
+std::vector<Kind> MakeKinds()
 {
-    return static_cast<hook::Function>((kind - kKernelKinds) / 2);
-}
-
-machine::TransportRequest RequestOf(size_t kind)
-{
-    return static_cast<machine::TransportRequest>((kind - kKernelKinds - kHookKinds) / 2);
-}
-
-bool IsSecondWay(size_t kind) // raised, later
-{
-    return (kind - kKernelKinds) % 2 != 0;
+    std::vector<Kind> kinds;
+    for (size_t i = 0; i < std::size(kKernel); ++i) {
+        const machine::Fault fault = KernelKind(i);
+        kinds.push_back({kKernel[i], [=] { return machine::FaultCalls(fault); },
+                         [=](uint64_t n) { machine::FailCall(fault, n); },
+                         [=](uint64_t) { return machine::FaultHit(fault); }, ToldOf(fault)});
+    }
+    for (size_t i = 0; i < std::size(kHook); ++i) {
+        const auto function = static_cast<hook::Function>(i);
+        for (const hook::Failure failure : {hook::Failure::Answered, hook::Failure::Raised}) {
+            const bool raised = failure == hook::Failure::Raised;
+            // The one call of the hook driver that the framework does not guard: a contract.
+            const bool never = raised && function == hook::Function::MmUnmapLockedPages;
+            kinds.push_back({std::string("hook-") + kHook[i] + (raised ? "-raised" : ""),
+                             [=] { return never ? 0 : hook::CallsOf(function); },
+                             [=](uint64_t n) { hook::FailCall(function, n, failure); },
+                             [](uint64_t) { return hook::FaultHit(); }, 0});
+        }
+    }
+    for (size_t i = 0; i < std::size(kTransport); ++i) {
+        const auto request = static_cast<machine::TransportRequest>(i);
+        for (const auto when : {machine::TransportAnswer::AtOnce, machine::TransportAnswer::Later}) {
+            const bool later = when == machine::TransportAnswer::Later;
+            kinds.push_back({std::string("transport-") + kTransport[i] + (later ? "-later" : ""),
+                             [=] { return machine::TransportRequests(request); },
+                             [=](uint64_t n) { machine::AnswerTransportRequest(request, n, when, kOdd); },
+                             [=](uint64_t n) { return machine::TransportRequests(request) >= n; }, kOdd});
+        }
+    }
+    return kinds;
 }
 
 } // namespace
 
-size_t KindCount()
+const std::vector<Kind>& Kinds()
 {
-    return kKernelKinds + kHookKinds + kTransportKinds;
+    static const std::vector<Kind> kinds = MakeKinds();
+    return kinds;
 }
 
 bool IsKernelKind(size_t kind)
 {
-    return kind < kKernelKinds;
-}
-
-std::string NameOf(size_t kind)
-{
-    if (IsKernelKind(kind)) {
-        return kKernel[kind];
-    }
-    if (IsHookKind(kind)) {
-        return std::string("hook-") + kHook[static_cast<size_t>(FunctionOf(kind))] +
-               (IsSecondWay(kind) ? "-raised" : "");
-    }
-    return std::string("transport-") + kTransport[static_cast<size_t>(RequestOf(kind))] +
-           (IsSecondWay(kind) ? "-later" : "");
-}
-
-size_t KindNamed(const std::string& name)
-{
-    size_t kind = 0;
-    while (kind < KindCount() && NameOf(kind) != name) {
-        ++kind;
-    }
-    return kind;
-}
-
-uint64_t CallsOf(size_t kind)
-{
-    if (IsHookKind(kind) && IsSecondWay(kind) && FunctionOf(kind) == hook::Function::MmUnmapLockedPages) {
-        return 0; // the one call of the hook driver that the framework does not guard: a contract
-    }
-    return IsKernelKind(kind) ? machine::FaultCalls(KernelKind(kind))
-           : IsHookKind(kind) ? hook::CallsOf(FunctionOf(kind))
-                              : machine::TransportRequests(RequestOf(kind));
+    return kind < std::size(kKernel);
 }
 
 void Arm(const std::vector<Point>& points)
 {
-    for (size_t i = 0; i < points.size(); ++i) {
-        const auto [kind, n] = points[i];
-        if (IsHookKind(kind)) {
-            hook::FailCall(FunctionOf(kind), n,
-                           IsSecondWay(kind) ? hook::Failure::Raised : hook::Failure::Answered);
-        } else if (!IsKernelKind(kind)) {
-            machine::AnswerTransportRequest(
-                RequestOf(kind), n, IsSecondWay(kind) ? TransportAnswer::Later : TransportAnswer::AtOnce,
-                kNoResources);
-        } else if (i + 1 < points.size() && points[i + 1].kind == kind) {
-            machine::FailCalls(KernelKind(kind), n, points[++i].n);
-        } else {
-            machine::FailCall(KernelKind(kind), n);
-        }
+    if (points.size() == 2 && points[0].kind == points[1].kind) {
+        machine::FailCalls(KernelKind(points[0].kind), points[0].n, points[1].n);
+        return;
     }
-}
-
-bool IsHit(const Point& point)
-{
-    return IsKernelKind(point.kind) ? machine::FaultHit(KernelKind(point.kind))
-           : IsHookKind(point.kind) ? hook::FaultHit()
-                                    : machine::TransportRequests(RequestOf(point.kind)) >= point.n;
+    for (const auto [kind, n] : points) {
+        Kinds()[kind].fail(n);
+    }
 }
 
 void DisarmAll()
@@ -136,13 +110,12 @@ void DisarmAll()
 
 std::vector<std::string> TraceOf(const Point& point)
 {
-    std::vector<std::string> trace;
-    if (IsKernelKind(point.kind)) {
-        trace = machine::FaultTrace(KernelKind(point.kind));
-        const auto own = [](const std::string& name) { return name.find("6faults") != std::string::npos; };
-        trace.erase(std::find_if(trace.begin(), trace.end(), own),
-                    trace.end()); // the scenario, and who runs it
+    if (!IsKernelKind(point.kind)) {
+        return {};
     }
+    std::vector<std::string> trace = machine::FaultTrace(KernelKind(point.kind));
+    const auto own = [](const std::string& name) { return name.find("6faults") != std::string::npos; };
+    trace.erase(std::find_if(trace.begin(), trace.end(), own), trace.end()); // the scenario, and who runs it
     return trace;
 }
 

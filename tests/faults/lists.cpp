@@ -1,8 +1,8 @@
-#include "lists.h"
+// What the scenario has to use: the exports of the driver and the control requests of its public header.
+#include "report.h"
 
 #include <fstream>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 
 namespace faults
@@ -10,49 +10,35 @@ namespace faults
 namespace
 {
 
-constexpr const char* kExports[] = {NDISFILTER_SOURCE "/driver/kernel/filter/ndisfilter.exports",
-                                    NDISFILTER_SOURCE "/driver/kernel/tdi/tdi-client.exports"};
-constexpr const char* kRequests = NDISFILTER_SOURCE "/driver/kernel/filter/include/ndisfilter-user.h";
+struct List {
+    const char* path;
+    std::string begin; // of the lines with a name, and where the name begins in them
+    size_t at;
+};
 
-std::ifstream Open(const char* path)
-{
-    std::ifstream file(path);
-    if (!file) {
-        throw std::runtime_error(std::string("cannot read ") + path);
-    }
-    return file;
-}
-
-std::set<std::string> Expected()
-{
-    std::set<std::string> names;
-    std::string line;
-    for (const char* path : kExports) {
-        for (std::ifstream file = Open(path); std::getline(file, line);) {
-            const std::string name = line.substr(0, line.find_first_of("=# "));
-            if (!name.empty()) {
-                names.insert(name);
-            }
-        }
-    }
-    std::ifstream header = Open(kRequests);
-    while (std::getline(header, line)) {
-        std::istringstream words(line);
-        std::string define;
-        std::string name;
-        words >> define >> name;
-        if (define == "#define" && name.starts_with("IOCTL_")) {
-            names.insert(name);
-        }
-    }
-    return names;
-}
+const List kLists[] = {
+    {NDISFILTER_SOURCE "/driver/kernel/filter/ndisfilter.exports", "", 0},
+    {NDISFILTER_SOURCE "/driver/kernel/tdi/tdi-client.exports", "", 0},
+    {NDISFILTER_SOURCE "/driver/kernel/filter/include/ndisfilter-user.h", "#define IOCTL_", 8}};
 
 } // namespace
 
 std::vector<std::string> MissingFrom(const std::vector<Entry>& entries)
 {
-    std::set<std::string> names = Expected();
+    std::set<std::string> names;
+    for (const List& list : kLists) {
+        std::ifstream file(list.path);
+        if (!file) {
+            throw std::runtime_error(std::string("cannot read ") + list.path);
+        }
+        for (std::string line; std::getline(file, line);) {
+            if (line.starts_with(list.begin)) {
+                line.erase(0, list.at);
+                names.insert(line.substr(0, line.find_first_of("=# ")));
+            }
+        }
+    }
+    names.erase("");
     for (const Entry& entry : entries) {
         names.erase(entry.name);
     }

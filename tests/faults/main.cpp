@@ -1,6 +1,5 @@
 // Every call that may fail, failing once: counts the calls of a scenario that uses every export and control request,
 // then runs it once for each of them with that call failing, and for every pair of those of the start-up.
-#include "lists.h"
 #include "report.h"
 #include "runs.h"
 
@@ -8,7 +7,6 @@
 #include <fmt/format.h>
 
 #include <chrono>
-#include <thread>
 
 namespace
 {
@@ -18,7 +16,7 @@ using namespace faults;
 // The points of a run, by kind and number. `startUp`: the kernel's ones that the start-up reaches.
 std::vector<Point> PointsOf(const Reference& reference, bool startUp)
 {
-    std::vector<uint64_t> calls(KindCount(), 0);
+    std::vector<uint64_t> calls;
     for (const Entry& entry : reference.entries) {
         if (entry.startsUp || !startUp) {
             calls = entry.calls;
@@ -33,32 +31,15 @@ std::vector<Point> PointsOf(const Reference& reference, bool startUp)
     return points;
 }
 
-std::vector<std::vector<Point>> PairsOf(const std::vector<Point>& points)
-{
-    std::vector<std::vector<Point>> pairs;
-    for (size_t i = 0; i < points.size(); ++i) {
-        for (size_t j = i + 1; j < points.size(); ++j) {
-            pairs.push_back({points[i], points[j]});
-        }
-    }
-    return pairs;
-}
-
 } // namespace
 
 int main(int argc, char** argv)
 {
     CLI::App app(
         "Fails each call that may fail, once, in a scenario that uses every export and control request.");
-    RunOptions options;
-    options.jobs = std::max(1u, std::thread::hardware_concurrency());
-    bool json = false;
     bool scenarioOnly = false;
     bool verbose = false;
     std::string only;
-    app.add_option("--jobs", options.jobs, "runs at a time")->check(CLI::Range(1, 64));
-    app.add_option("--seconds", options.seconds, "that one run may take")->check(CLI::Range(1, 3600));
-    app.add_flag("--json", json, "the report for programs");
     app.add_flag("--scenario", scenarioOnly,
                  "only the run without faults, and the check that nothing is missing");
     app.add_flag("--verbose", verbose, "each point, not only those that are bad");
@@ -67,7 +48,7 @@ int main(int argc, char** argv)
 
     const auto begin = std::chrono::steady_clock::now();
     std::string error;
-    const Reference reference = Count(options, &error);
+    const Reference reference = Count(&error);
     if (reference.entries.empty()) {
         fmt::print(stderr, "faults: the scenario does not succeed even without a fault:\n{}\n", error);
         return 1;
@@ -75,23 +56,29 @@ int main(int argc, char** argv)
     Report report;
     report.missing = MissingFrom(reference.entries);
     report.calls = reference.entries.size();
+    std::vector<std::vector<Point>> singles;
+    std::vector<std::vector<Point>> pairs;
     if (!scenarioOnly) {
         for (const Point& point : PointsOf(reference, false)) {
-            if (only.empty() || only == fmt::format("{}:{}", NameOf(point.kind), point.n)) {
-                report.sets.push_back({point});
+            if (only.empty() || only == NameOf({point})) {
+                singles.push_back({point});
             }
         }
-        report.verdicts = RunAll(report.sets, false, reference, options);
-        report.CheckOutcomes();
-        if (only.empty()) {
-            report.pairs = PairsOf(PointsOf(reference, true));
-            report.pairVerdicts = RunAll(report.pairs, true, reference, options);
-        } else if (report.sets.empty()) {
+        const std::vector<Point> points = PointsOf(reference, true);
+        for (size_t i = 0; only.empty() && i < points.size(); ++i) {
+            for (size_t j = i + 1; j < points.size(); ++j) {
+                pairs.push_back({points[i], points[j]});
+            }
+        }
+        if (singles.empty()) {
             fmt::print(stderr, "faults: there is no point {}\n", only);
             return 2;
         }
     }
+    report.singles = RunAll(singles, false, reference);
+    report.pairs = RunAll(pairs, true, reference);
+    report.CheckOutcomes();
     report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    fmt::print("{}", json ? report.Json().dump(2) + "\n" : report.Text(verbose || !only.empty()));
+    fmt::print("{}", report.Text(verbose || !only.empty()));
     return report.IsGood() ? 0 : 1;
 }

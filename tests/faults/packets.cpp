@@ -33,16 +33,48 @@ void Release(FilterPacket* packet)
     CALL(Filter_ReleasePacketp, packet, __FILE__, __LINE__);
 }
 
+uint64_t Delivered()
+{
+    const hook::Balance balance = hook::TakeBalance();
+    return balance.deliveredToAdapter + balance.deliveredToProtocols;
+}
+
+// Whether the frame has come through.
+bool Deliver(const char* name, decltype(hook::DeliverReceived)& deliver, FilterAdapter* adapter,
+             const hook::FrameOptions& options)
+{
+    const uint64_t before = Delivered();
+    Recorded(name, [&] { return deliver(adapter, Frame(), options); });
+    return Delivered() == before + 1;
+}
+
 // A frame of which only the beginning is in the packet, kept by the filter of its chain.
 FilterPacket* Keep(World& world, bool unmapped)
 {
     KeepNext();
-    Recorded("a frame that a filter keeps", [&] {
-        return static_cast<int>(hook::DeliverReceived(
-            world.adapter, Frame(),
-            {.presentBytes = 20, .pieces = {30, 0, 100}, .unmappedBuffers = unmapped, .waitMs = 0}));
-    });
+    Deliver("a frame that a filter keeps", hook::DeliverReceived, world.adapter,
+            {.presentBytes = 20, .pieces = {30, 0, 100}, .unmappedBuffers = unmapped, .waitMs = 0});
     return TakeKept();
+}
+
+void UseTraffic(World& world, FilterAdapter* adapter)
+{
+    Made(Deliver("a received frame", hook::DeliverReceived, adapter, {.waitMs = 0}));
+    Made(Deliver("a sent frame", hook::DeliverSent, adapter, {.waitMs = 0}));
+    Made(Deliver("a received frame in pieces", hook::DeliverReceived, adapter,
+                 {.presentBytes = 60, .pieces = {100}, .waitMs = 0}));
+    for (const bool unmapped : {false, true}) {
+        if (FilterPacket* packet = Keep(world, unmapped)) {
+            CALL(Filter_TransferPacketData, packet);
+            CALL(Filter_ModifyPacket, packet);
+            if (world.filters[0] != nullptr) {
+                CALL(Filter_InjectPacketFromFilter, FILTER_METHOD_START_AFTER_THIS_FILTER, world.filters[0],
+                     packet);
+            } else {
+                Release(packet);
+            }
+        }
+    }
 }
 
 } // namespace
@@ -58,39 +90,13 @@ FilterPacket* NewPacket(World& world)
     return packet;
 }
 
-void UseTraffic(World& world)
-{
-    if (world.adapter == nullptr) {
-        return;
-    }
-    Recorded("a received frame",
-             [&] { return static_cast<int>(hook::DeliverReceived(world.adapter, Frame(), {.waitMs = 0})); });
-    Recorded("a sent frame",
-             [&] { return static_cast<int>(hook::DeliverSent(world.adapter, Frame(), {.waitMs = 0})); });
-    Recorded("a received frame in pieces", [&] {
-        return static_cast<int>(hook::DeliverReceived(world.adapter, Frame(),
-                                                      {.presentBytes = 60, .pieces = {100}, .waitMs = 0}));
-    });
-    for (const bool unmapped : {false, true}) {
-        if (FilterPacket* packet = Keep(world, unmapped)) {
-            CALL(Filter_TransferPacketData, packet);
-            CALL(Filter_ModifyPacket, packet);
-            if (world.filters[0] != nullptr) {
-                CALL(Filter_InjectPacketFromFilter, FILTER_METHOD_START_AFTER_THIS_FILTER, world.filters[0],
-                     packet);
-            } else {
-                Release(packet);
-            }
-        }
-    }
-}
-
 void UsePackets(World& world)
 {
     FilterAdapter* const adapter = world.adapter;
     if (adapter == nullptr) {
         return;
     }
+    UseTraffic(world, adapter);
     if (FilterPacket* packet = NewPacket(world)) {
         const FILTER_RELEASE_CALLBACK released = [](FilterPacket*, PVOID) {};
         CALL(Filter_SetPacketReleaseCallback, packet, released, nullptr);
@@ -99,8 +105,7 @@ void UsePackets(World& world)
         CALL(Filter_CalculatePacketCheckSum, packet->m_pIp, support::kProtocolTcp);
         CALL(Filter_VerifyPacketCheckSum, packet);
         FilterPacket* clone = nullptr;
-        CALL(Filter_ClonePacket, packet, &clone);
-        Journal::Made(clone != nullptr);
+        MAKES(clone, Filter_ClonePacket, packet, &clone);
         CALL(Filter_DumpPacket, "a packet", packet);
         if (clone != nullptr) {
             Release(clone);

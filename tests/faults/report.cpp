@@ -1,7 +1,5 @@
 #include "report.h"
 
-#include "silence.h"
-
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -14,65 +12,55 @@ namespace
 {
 
 constexpr std::array kOutcomes = {"said", "unmade", "same", "missed", "bad"};
-using Counts = std::array<size_t, kOutcomes.size()>;
 
 const char* NameOf(Outcome outcome)
 {
     return kOutcomes[static_cast<size_t>(outcome)];
 }
 
-std::string NameOf(const std::vector<Point>& points)
+std::string Row(const std::string& name, const std::vector<Verdict>& verdicts)
 {
-    std::string name;
-    for (const Point& point : points) {
-        name += fmt::format("{}{}:{}", name.empty() ? "" : " and ", faults::NameOf(point.kind), point.n);
-    }
-    return name;
-}
-
-Counts Sum(const std::vector<Verdict>& verdicts)
-{
-    Counts counts = {};
+    std::array<size_t, kOutcomes.size()> counts = {};
     for (const Verdict& verdict : verdicts) {
         ++counts[static_cast<size_t>(verdict.outcome)];
     }
-    return counts;
-}
-
-std::string Row(const std::string& name, size_t points, const Counts& counts)
-{
-    return fmt::format("{:<32}{:>7}{:>7}{:>8}{:>7}{:>8}{:>6}\n", name, points, counts[0], counts[1],
+    return fmt::format("{:<32}{:>7}{:>7}{:>8}{:>7}{:>8}{:>6}\n", name, verdicts.size(), counts[0], counts[1],
                        counts[2], counts[3], counts[4]);
 }
 
-std::string Describe(const std::vector<Point>& points, const Verdict& verdict, bool withTrace)
+std::string Describe(const Verdict& verdict)
 {
-    std::string text = fmt::format("{}: {} in {}", NameOf(points), NameOf(verdict.outcome),
+    std::string text = fmt::format("{}: {} in {}", NameOf(verdict.points), NameOf(verdict.outcome),
                                    verdict.call.empty() ? "no call" : verdict.call);
     if (verdict.outcome == Outcome::Said) {
         text += fmt::format(", {}", verdict.answer);
     }
-    for (const std::string& bad : verdict.bad) {
-        text += "\n    " + bad;
-    }
-    for (const std::string& lasting : verdict.lasting) {
-        text += "\n    since then otherwise: " + lasting;
-    }
-    for (size_t i = 0; withTrace && i < verdict.trace.size(); ++i) {
-        text += "\n    from " + verdict.trace[i];
+    for (const auto& [title, lines] : {std::pair{"", &verdict.bad},
+                                       {"since then otherwise: ", &verdict.lasting},
+                                       {"from ", &verdict.trace}}) {
+        for (const std::string& line : *lines) {
+            text += fmt::format("\n    {}{}", title, line);
+        }
     }
     return text + "\n";
 }
 
 } // namespace
 
+std::string NameOf(const std::vector<Point>& points)
+{
+    std::string name;
+    for (const auto& [kind, n] : points) {
+        name += fmt::format("{}{}:{}", name.empty() ? "" : " and ", Kinds()[kind].name, n);
+    }
+    return name;
+}
+
 void Report::CheckOutcomes()
 {
-    for (size_t i = 0; i < sets.size(); ++i) {
-        Verdict& verdict = verdicts[i];
-        const std::string kind = faults::NameOf(sets[i][0].kind);
+    for (Verdict& verdict : singles) {
         if ((verdict.outcome == Outcome::Unmade || verdict.outcome == Outcome::Same) &&
-            !MayStaySilent(verdict.call, kind)) {
+            !MayStaySilent(verdict.call, Kinds()[verdict.points[0].kind].name)) {
             verdict.bad.push_back(
                 fmt::format("{} keeps the failure to itself ({})", verdict.call, NameOf(verdict.outcome)));
             verdict.outcome = Outcome::Bad;
@@ -83,62 +71,37 @@ void Report::CheckOutcomes()
 bool Report::IsGood() const
 {
     const auto bad = [](const Verdict& verdict) { return verdict.outcome == Outcome::Bad; };
-    return missing.empty() && std::none_of(verdicts.begin(), verdicts.end(), bad) &&
-           std::none_of(pairVerdicts.begin(), pairVerdicts.end(), bad);
+    return missing.empty() && std::none_of(singles.begin(), singles.end(), bad) &&
+           std::none_of(pairs.begin(), pairs.end(), bad);
 }
 
 std::string Report::Text(bool verbose) const
 {
     std::string text = fmt::format("{} calls, exports and control requests missing: {}\n", calls,
                                    missing.empty() ? "none" : fmt::format("{}", fmt::join(missing, " ")));
-    if (!sets.empty()) {
+    if (!singles.empty()) {
         text += fmt::format("{:<32}{:>7}{:>7}{:>8}{:>7}{:>8}{:>6}\n", "calls that fail", "points", "said",
                             "unmade", "same", "missed", "bad");
         std::map<size_t, std::vector<Verdict>> kinds;
-        for (size_t i = 0; i < sets.size(); ++i) {
-            kinds[sets[i][0].kind].push_back(verdicts[i]);
+        for (const Verdict& verdict : singles) {
+            kinds[verdict.points[0].kind].push_back(verdict);
         }
-        for (const auto& [kind, ofKind] : kinds) {
-            text += Row(faults::NameOf(kind), ofKind.size(), Sum(ofKind));
+        for (const auto& [kind, verdicts] : kinds) {
+            text += Row(Kinds()[kind].name, verdicts);
         }
-        text += Row("together", verdicts.size(), Sum(verdicts));
+        text += Row("together", singles);
     }
     if (!pairs.empty()) {
-        text += Row("pairs in the start-up", pairVerdicts.size(), Sum(pairVerdicts));
+        text += Row("pairs in the start-up", pairs);
     }
-    const auto list = [&](const std::vector<std::vector<Point>>& points, const std::vector<Verdict>& all) {
-        for (size_t i = 0; i < all.size(); ++i) {
-            if (verbose || all[i].outcome == Outcome::Bad) {
-                text += Describe(points[i], all[i], verbose || all[i].outcome == Outcome::Bad);
+    for (const std::vector<Verdict>* verdicts : {&singles, &pairs}) {
+        for (const Verdict& verdict : *verdicts) {
+            if (verbose || verdict.outcome == Outcome::Bad) {
+                text += Describe(verdict);
             }
         }
-    };
-    list(sets, verdicts);
-    list(pairs, pairVerdicts);
+    }
     return text + fmt::format("{:.1f} s: {}\n", seconds, IsGood() ? "all good" : "NOT GOOD");
-}
-
-nlohmann::json Report::Json() const
-{
-    const auto list = [&](const std::vector<std::vector<Point>>& points, const std::vector<Verdict>& all) {
-        nlohmann::json entries = nlohmann::json::array();
-        for (size_t i = 0; i < all.size(); ++i) {
-            entries.push_back({{"point", NameOf(points[i])},
-                               {"outcome", NameOf(all[i].outcome)},
-                               {"call", all[i].call},
-                               {"answer", all[i].answer},
-                               {"bad", all[i].bad},
-                               {"lasting", all[i].lasting},
-                               {"trace", all[i].trace}});
-        }
-        return entries;
-    };
-    return {{"good", IsGood()},
-            {"calls", calls},
-            {"missing", missing},
-            {"seconds", seconds},
-            {"points", list(sets, verdicts)},
-            {"pairs", list(pairs, pairVerdicts)}};
 }
 
 } // namespace faults

@@ -3,8 +3,6 @@
 
 #include "runs.h"
 
-#include <nlohmann/json.hpp>
-
 #include <string>
 #include <vector>
 
@@ -14,17 +12,23 @@ namespace faults
 struct Report {
     size_t calls = 0; // that the scenario makes
     std::vector<std::string> missing;
-    std::vector<std::vector<Point>> sets;
-    std::vector<Verdict> verdicts; // of sets
-    std::vector<std::vector<Point>> pairs;
-    std::vector<Verdict> pairVerdicts;
+    std::vector<Verdict> singles;
+    std::vector<Verdict> pairs;
     double seconds = 0;
 
     // A call that does not tell its failure must be one that is documented not to.
     void CheckOutcomes();
     bool IsGood() const;
     std::string Text(bool verbose) const;
-    nlohmann::json Json() const;
 };
+
+// Exports and control requests that no entry has.
+std::vector<std::string> MissingFrom(const std::vector<Entry>& entries);
+
+// Whether a call may answer as ever when a call of the kind fails in it.
+bool MayStaySilent(const std::string& call, const std::string& kind);
+
+// "pool:3 and file:1"
+std::string NameOf(const std::vector<Point>& points);
 
 } // namespace faults

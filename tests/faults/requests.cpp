@@ -55,28 +55,22 @@ void WriteBlock(SharedMemory& memory, uint32_t id, uint32_t direction)
     __atomic_store_n(&ring.m_iWrite, (ring.m_iWrite + 1) % NDIS_FILTER_BLOCK_COUNT, __ATOMIC_RELEASE);
 }
 
-} // namespace
-
 void UseHandlers(World& world)
 {
     if (world.driver == nullptr) {
         return;
     }
     IoCtrlHandler* handler = nullptr;
-    CALL(Filter_RegisterIoControl, world.driver, Handle, nullptr, &handler);
-    Journal::Made(handler != nullptr);
-    const std::string command = "client show";
-    static uint8_t reply[4096];
-    const std::span<const uint8_t> line(reinterpret_cast<const uint8_t*>(command.data()), command.size());
-    Journal::Made(REQUEST(IOCTL_NDIS_FILTER_DIAG, line, reply).information > NDIS_FILTER_DIAG_HEADER_SIZE);
-    const std::string own = "filter show filter";
-    const std::span<const uint8_t> question(reinterpret_cast<const uint8_t*>(own.data()), own.size());
-    Journal::Made(REQUEST(IOCTL_NDIS_FILTER_DIAG, question, reply).information >
-                  NDIS_FILTER_DIAG_HEADER_SIZE);
+    MAKES(handler, Filter_RegisterIoControl, world.driver, Handle, nullptr, &handler);
     // Into a reply that is too short each text is formatted apart.
-    const std::string brief = "filter show driver";
-    const std::span<const uint8_t> request(reinterpret_cast<const uint8_t*>(brief.data()), brief.size());
-    REQUEST(IOCTL_NDIS_FILTER_DIAG, request, std::span(reply).first(NDIS_FILTER_DIAG_HEADER_SIZE + 8));
+    for (const auto& [line, size] : {std::pair<std::string_view, size_t>{"client show", 4096},
+                                     {"filter show filter", 4096},
+                                     {"filter show driver", NDIS_FILTER_DIAG_HEADER_SIZE + 8}}) {
+        static uint8_t reply[4096];
+        const std::span<const uint8_t> input(reinterpret_cast<const uint8_t*>(line.data()), line.size());
+        const auto result = REQUEST(IOCTL_NDIS_FILTER_DIAG, input, std::span(reply).first(size));
+        Made(result.information > NDIS_FILTER_DIAG_HEADER_SIZE);
+    }
     hook::SetIoControlHandler([](uint32_t code, const void*, uint32_t, void*, uint32_t, uint32_t*) {
         return code == NDIS_FILTER_CTL_CODE(0xA00) ? STATUS_SUCCESS : STATUS_NOT_SUPPORTED;
     });
@@ -88,20 +82,53 @@ void UseHandlers(World& world)
     }
 }
 
-void StartLogs(World& world)
+void UseShare(World& world)
 {
+    const uint32_t value = 1;
+    uint64_t address = 0;
+    REQUEST(IOCTL_NDIS_FILTER_START_SHARE, In(value), Out(address));
+    if (!Made(address != 0 && address != NDIS_FILTER_SHARE_FAILED)) {
+        return;
+    }
+    auto& memory = *reinterpret_cast<SharedMemory*>(address);
+    const uint32_t id = IdOf(world.adapter);
+    for (const uint32_t direction : {NDIS_FILTER_DIRECTION_TO_ADAPTER, NDIS_FILTER_DIRECTION_TO_PROTOCOL,
+                                     NDIS_FILTER_DIRECTION_TO_APPLICATION}) {
+        WriteBlock(memory, id, direction);
+        REQUEST(IOCTL_NDIS_FILTER_WRITE_SHARE);
+        Made(memory.KernelModeInput.m_iRead == memory.KernelModeInput.m_iWrite);
+    }
+    memory.KernelModeOutput.m_iRead = memory.KernelModeOutput.m_iWrite;
+    static uint8_t signal[NDIS_FILTER_SIGNAL_SIZE];
+    {
+        g_journal.Begin("IOCTL_NDIS_FILTER_READ_SHARE");
+        machine::Request read = world.device->Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0);
+        g_journal.End(read.DispatchStatus());
+        CALL(Filter_IndicateSignalToApplication, signal);
+        Made(read.IsComplete());
+        read.Cancel();
+    }
+    if (FilterPacket* packet = world.adapter != nullptr ? NewPacket(world) : nullptr) {
+        CALL(Filter_IndicatePacketToApplication, packet, 1, 2);
+        CALL(Filter_ReleasePacketp, packet, __FILE__, __LINE__);
+    }
+    REQUEST(IOCTL_NDIS_FILTER_STOP_SHARE);
+}
+
+} // namespace
+
+void StartRequests(World& world)
+{
+    UseHandlers(world);
     REQUEST(IOCTL_NDIS_FILTER_SET_PACKET_DUMP, In(MacValue(1)));
     REQUEST(IOCTL_NDIS_FILTER_START_ETHRLOG);
 }
 
-void StopLogs(World& world)
-{
-    REQUEST(IOCTL_NDIS_FILTER_STOP_ETHRLOG);
-    REQUEST(IOCTL_NDIS_FILTER_SET_PACKET_DUMP, In(MacValue(0)));
-}
-
 void UseRequests(World& world)
 {
+    UseShare(world);
+    REQUEST(IOCTL_NDIS_FILTER_STOP_ETHRLOG);
+    REQUEST(IOCTL_NDIS_FILTER_SET_PACKET_DUMP, In(MacValue(0)));
     uint8_t version[2] = {};
     uint32_t size = 0;
     REQUEST(IOCTL_NDIS_FILTER_GET_VERSION, {}, version);
@@ -113,7 +140,7 @@ void UseRequests(World& world)
     REQUEST(IOCTL_NDIS_FILTER_CLEAR_EVENT);
     CALL(Filter_ReportEventEx, 1, 2, sizeof(head), &head);
     UserEvent event = {};
-    Journal::Made(REQUEST(IOCTL_NDIS_FILTER_GET_EVENT, {}, Out(event)).information == sizeof(event));
+    Made(REQUEST(IOCTL_NDIS_FILTER_GET_EVENT, {}, Out(event)).information == sizeof(event));
     UserIPConfig config = {};
     config.m_nAdapterId = IdOf(world.adapter);
     config.m_nIP = 1;
@@ -129,41 +156,6 @@ void UseRequests(World& world)
     REQUEST(IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION);
     const uint32_t limit = 512;
     REQUEST(IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL, In(limit));
-}
-
-void UseShare(World& world)
-{
-    const uint32_t value = 1;
-    uint64_t address = 0;
-    REQUEST(IOCTL_NDIS_FILTER_START_SHARE, In(value), Out(address));
-    const bool shared = address != 0 && address != NDIS_FILTER_SHARE_FAILED;
-    Journal::Made(shared);
-    if (!shared) {
-        return;
-    }
-    auto& memory = *reinterpret_cast<SharedMemory*>(address);
-    const uint32_t id = IdOf(world.adapter);
-    for (const uint32_t direction : {NDIS_FILTER_DIRECTION_TO_ADAPTER, NDIS_FILTER_DIRECTION_TO_PROTOCOL,
-                                     NDIS_FILTER_DIRECTION_TO_APPLICATION}) {
-        WriteBlock(memory, id, direction);
-        REQUEST(IOCTL_NDIS_FILTER_WRITE_SHARE);
-        Journal::Made(memory.KernelModeInput.m_iRead == memory.KernelModeInput.m_iWrite);
-    }
-    memory.KernelModeOutput.m_iRead = memory.KernelModeOutput.m_iWrite;
-    static uint8_t signal[NDIS_FILTER_SIGNAL_SIZE];
-    {
-        Journal::Begin("IOCTL_NDIS_FILTER_READ_SHARE");
-        machine::Request read = world.device->Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0);
-        Journal::End(read.DispatchStatus());
-        CALL(Filter_IndicateSignalToApplication, signal);
-        Journal::Made(read.IsComplete());
-        read.Cancel();
-    }
-    if (FilterPacket* packet = world.adapter != nullptr ? NewPacket(world) : nullptr) {
-        CALL(Filter_IndicatePacketToApplication, packet, 1, 2);
-        CALL(Filter_ReleasePacketp, packet, __FILE__, __LINE__);
-    }
-    REQUEST(IOCTL_NDIS_FILTER_STOP_SHARE);
 }
 
 } // namespace faults

@@ -3,8 +3,6 @@
 
 #include "journal.h"
 
-#include <nlohmann/json.hpp>
-
 #include <string>
 #include <vector>
 
@@ -26,24 +24,20 @@ enum class Outcome {
 };
 
 struct Verdict {
+    std::vector<Point> points = {};
     Outcome outcome = Outcome::Bad;
-    std::string call;                 // under way when the call failed
-    std::string answer;               // "-20 instead of 0"
-    std::vector<std::string> bad;     // what is wrong, each a sentence
-    std::vector<std::string> lasting; // calls of the short pass that the same machine answers otherwise since
-    std::vector<std::string> trace;
+    std::string call = {};                 // under way when the call failed
+    std::string answer = {};               // "-20 instead of 0"
+    std::vector<std::string> bad = {};     // what is wrong, each a sentence
+    std::vector<std::string> lasting = {}; // calls of the short pass with other answers since
+    std::vector<std::string> trace = {};
 };
 
-struct RunOptions {
-    unsigned jobs = 2;
-    unsigned seconds = 60; // that one run may take
-};
-
-// Nothing when the run failed; `error` says how.
-Reference Count(const RunOptions& options, std::string* error);
+// Without entries when the run failed; `error` says how.
+Reference Count(std::string* error);
 
 // One run for each set of points. `startUpOnly`: the short pass takes the place of the scenario behind the start-up.
 std::vector<Verdict> RunAll(const std::vector<std::vector<Point>>& sets, bool startUpOnly,
-                            const Reference& reference, const RunOptions& options);
+                            const Reference& reference);
 
 } // namespace faults

@@ -2,10 +2,6 @@
 
 #include <support/loading.h>
 
-#include <cstring>
-
-using support::Bytes;
-
 namespace faults
 {
 namespace
@@ -15,12 +11,6 @@ constexpr uint32_t kTraceEverything = 0xFFFFFFFF;
 constexpr uint32_t kPackets = 25; // made all at once: which processor takes one changes nothing
 
 } // namespace
-
-Name::Name(const char* text)
-{
-    const auto length = static_cast<USHORT>(std::strlen(text));
-    string = {length, length, const_cast<PCHAR>(text)};
-}
 
 bool StartUp(World& world)
 {
@@ -53,24 +43,16 @@ bool StartUp(World& world)
     }
     world.process = std::make_unique<machine::Process>();
     world.device = world.process->Open("\\\\.\\NdisFilter");
-    Journal::StartUpIsOver();
+    g_journal.startsUp = false;
     return world.device != nullptr;
 }
 
 void UseEverything(World& world)
 {
     UseServices();
-    UseTables();
-    RegisterClients(world);
-    UseAdapters(world);
-    UseTimers(world);
-    UseInterfaces(world);
-    UseHandlers(world);
-    StartLogs(world);
-    UseTraffic(world);
+    UseClients(world);
+    StartRequests(world);
     UsePackets(world);
-    UseShare(world);
-    StopLogs(world);
     UseRequests(world);
     DeregisterClients(world);
     UseSockets();
@@ -78,69 +60,23 @@ void UseEverything(World& world)
 
 void UseAgain(World& world)
 {
-    FilterDriver* driver = nullptr;
-    PacketFilter* filter = nullptr;
-    const Name driverName("again");
-    const Name filterName("again filter");
-    CALL(Filter_RegisterDriver, &driverName, nullptr, 1, 0, &driver);
-    Journal::Made(driver != nullptr);
-    if (driver != nullptr) {
-        const FILTER_PROC bypass = [](FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket*) {
-            return FILTER_RESULT_BYPASS;
-        };
-        CALL(Filter_RegisterFilter, driver, &filterName, bypass, nullptr, FILTER_TYPE_INCOMING_PACKET,
-             FILTER_ORDER_LAST, &filter);
-        Journal::Made(filter != nullptr);
-    }
-    if (world.adapter != nullptr && hook::IsBound()) {
-        const Bytes frame = support::UdpFrame();
-        const auto delivered = [&] {
-            const hook::Balance balance = hook::TakeBalance();
-            return balance.deliveredToAdapter + balance.deliveredToProtocols;
-        };
-        for (const auto deliver : {hook::DeliverReceived, hook::DeliverSent}) {
-            const uint64_t before = delivered();
-            Recorded("a frame",
-                     [&] { return static_cast<int>(deliver(world.adapter, frame, {.waitMs = 0})); });
-            Journal::Made(delivered() == before + 1);
-        }
-        if (FilterPacket* packet = NewPacket(world)) {
-            CALL(Filter_InjectPacketToAdapter, world.adapter, packet);
-        }
-    }
-    HashTable* table = CALL(Filter_CreateHashTable, "again", 4, nullptr, nullptr);
-    if (table != nullptr) {
-        CALL(Filter_DestroyHashTable, table);
-    }
-    CALL(Filter_ReportEvent, 1, 2, "again %d", 3);
-    UserEvent event = {};
-    REQUEST(IOCTL_NDIS_FILTER_CLEAR_EVENT);
-    REQUEST(IOCTL_NDIS_FILTER_GET_EVENT, {}, Out(event));
-    uint32_t value = 1;
-    uint64_t address = 0;
-    REQUEST(IOCTL_NDIS_FILTER_START_SHARE, In(value), Out(address));
-    Journal::Made(address != NDIS_FILTER_SHARE_FAILED && address != 0);
-    REQUEST(IOCTL_NDIS_FILTER_STOP_SHARE);
-    UserAdapterList list = {};
-    REQUEST(IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, {}, Out(list));
-    if (driver != nullptr) {
-        CALL(Filter_DeregisterDriver, driver);
-    }
+    UseClients(world);
+    UsePackets(world);
+    UseRequests(world);
+    DeregisterClients(world);
 }
 
 void ShutDown(World& world)
 {
     world.device.reset();
     world.process.reset();
-    if (hook::IsLoaded()) {
-        if (hook::IsBound()) {
-            for (FilterAdapter* adapter : {world.adapter, world.second}) {
-                if (adapter != nullptr) {
-                    Recorded("an adapter closes", [&] { hook::CloseAdapter(adapter); });
-                }
+    if (hook::IsBound()) {
+        for (FilterAdapter* adapter : {world.adapter, world.second}) {
+            if (adapter != nullptr) {
+                Recorded("an adapter closes", [&] { hook::CloseAdapter(adapter); });
             }
-            Recorded("IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK", [] { return hook::Unbind(); });
         }
+        Recorded("IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK", [] { return hook::Unbind(); });
     }
     // Before the hook driver, whose packets may be in the framework's queues.
     if (machine::IsDriverLoaded(support::kFrameworkService)) {

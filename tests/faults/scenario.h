@@ -5,7 +5,7 @@
 
 #include "journal.h"
 
-#include <support/frames.h>
+#include <support/client.h>
 #include <support/records.h>
 
 #include <hook/virtual-adapters.h>
@@ -19,7 +19,6 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace faults
 {
@@ -35,34 +34,19 @@ struct World {
     std::unique_ptr<machine::File> device = nullptr;
 };
 
-// A counted string of a literal.
-struct Name {
-    STRING string;
-    explicit Name(const char* text);
-    const STRING* operator&() const { return &string; }
-};
-
 // Start-up: the framework, the hook driver, its adapters, the binding. False: the framework could not be loaded.
 bool StartUp(World& world);
 void UseEverything(World& world);
-// What still has to work behind any fault: a driver with a filter, a frame each way, an event, a request.
+// What still has to work behind any fault.
 void UseAgain(World& world);
 void ShutDown(World& world);
 
-// The parts of UseEverything.
+// The parts of UseEverything, in its order.
 void UseServices();
-void RegisterClients(World& world);
-void UseAdapters(World& world);
-void UseTraffic(World& world);
+void UseClients(World& world); // leaves two drivers, and a filter of each type
+void StartRequests(World& world);
 void UsePackets(World& world);
-void UseTables();
-void UseTimers(World& world);
-void UseInterfaces(World& world);
-void UseHandlers(World& world);
 void UseRequests(World& world);
-void StartLogs(World& world);
-void StopLogs(World& world);
-void UseShare(World& world);
 void DeregisterClients(World& world);
 void UseSockets();
 
@@ -74,14 +58,15 @@ FilterPacket* TakeKept();
 inline machine::Request::Result Ask(const char* name, World& world, uint32_t code,
                                     std::span<const uint8_t> input = {}, std::span<uint8_t> output = {})
 {
-    Journal::Begin(name);
+    g_journal.Begin(name);
     const machine::Request::Result result = world.device->Control(code, input, output);
-    Journal::End(result.status < 0 ? result.status : static_cast<int64_t>(result.information));
+    g_journal.End(result.status < 0 ? result.status : static_cast<int64_t>(result.information));
     return result;
 }
 // A control request under the name of its code.
 #define REQUEST(Code, ...) faults::Ask(#Code, world, Code __VA_OPT__(, ) __VA_ARGS__)
 
+using support::CountedString;
 using support::In;
 using support::Out;
 

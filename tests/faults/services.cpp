@@ -33,14 +33,14 @@ void UseSettings()
     CALL(Filter_RegGetDwordValue, &path, L"Number", 7);
     UNICODE_STRING text = {};
     CALL(Filter_RegGetStringValue, &path, L"Text", &text);
-    Journal::Made(text.Buffer != nullptr);
+    Made(text.Buffer != nullptr);
     FreePath(text);
     CALL(Filter_GetGlobalDebugFlag, &path, 0);
     CALL(Filter_GetPendingPacketLimit, &path, 11);
     static ULONG result;
     result = 0;
     CALL(Filter_SafeGetGlobalDebugFlag, &path, 0, &result);
-    Journal::Made(result != 0); // the worker has stored it
+    Made(result != 0); // the worker has stored it
     CALL(Filter_GetSystemTime);
     CALL(Filter_GetSystemTimeMs);
 }
@@ -49,7 +49,7 @@ void UseAddresses()
 {
     char text[32] = {};
     const UCHAR mac[6] = {2, 0, 0, 0, 0, 1};
-    const Name one("one");
+    const CountedString one("one");
     CALL(htons, 0x0102);
     CALL(ntohs, 0x0102);
     CALL(htonl, 0x01020304);
@@ -80,31 +80,6 @@ Item* NewItem(ULONG key)
 BOOLEAN IsItem(HashItem* item, const VOID* key)
 {
     return reinterpret_cast<Item*>(item)->key == *static_cast<const ULONG*>(key);
-}
-
-} // namespace
-
-void UseServices()
-{
-    CALL(Filter_StatusString, FILTER_ERROR_OUT_OF_MEMORY);
-    CALL(Filter_ResultString, FILTER_RESULT_BYPASS);
-    CALL(Filter_TypeString, FILTER_TYPE_INCOMING_PACKET);
-    CALL(Filter_OrderString, FILTER_ORDER_LAST);
-    CALL(Filter_MethodString, FILTER_METHOD_START_FROM_FIRST_FILTER);
-    if (PVOID memory = CALL(Filter_AllocateMemory, 100, kTag)) {
-        CALL(Filter_FreeMemory, memory);
-    }
-    FilterLock lock = {};
-    CALL(Filter_InitializeLock, &lock);
-    CALL(Filter_AcquireLock, &lock);
-    CALL(Filter_ReleaseLock, &lock);
-    CALL(Filter_FreeLock, &lock);
-    UseSettings();
-    UseAddresses();
-    FilterEventHead head = {};
-    CALL(Filter_ReportEvent, 1, 2, "event %d", 3);
-    CALL(Filter_ReportEventEx, 1, 2, sizeof(head), &head);
-    CALL(Filter_SetPendingPacketLimit, 1024);
 }
 
 void UseTables()
@@ -149,6 +124,32 @@ void UseTables()
     CALL(Filter_ReferenceHashTable, table);
     CALL(Filter_ReleaseHashTable, table);
     CALL(Filter_DestroyHashTable, table);
+}
+
+} // namespace
+
+void UseServices()
+{
+    CALL(Filter_StatusString, FILTER_ERROR_OUT_OF_MEMORY);
+    CALL(Filter_ResultString, FILTER_RESULT_BYPASS);
+    CALL(Filter_TypeString, FILTER_TYPE_INCOMING_PACKET);
+    CALL(Filter_OrderString, FILTER_ORDER_LAST);
+    CALL(Filter_MethodString, FILTER_METHOD_START_FROM_FIRST_FILTER);
+    if (PVOID memory = CALL(Filter_AllocateMemory, 100, kTag)) {
+        CALL(Filter_FreeMemory, memory);
+    }
+    FilterLock lock = {};
+    CALL(Filter_InitializeLock, &lock);
+    CALL(Filter_AcquireLock, &lock);
+    CALL(Filter_ReleaseLock, &lock);
+    CALL(Filter_FreeLock, &lock);
+    UseSettings();
+    UseAddresses();
+    FilterEventHead head = {};
+    CALL(Filter_ReportEvent, 1, 2, "event %d", 3);
+    CALL(Filter_ReportEventEx, 1, 2, sizeof(head), &head);
+    CALL(Filter_SetPendingPacketLimit, 1024);
+    UseTables();
 }
 
 } // namespace faults

@@ -1,7 +1,9 @@
-#include "silence.h"
+// Calls that are documented not to tell a failure by what they answer.
+#include "report.h"
 
 #include <algorithm>
-#include <string_view>
+
+#include <fnmatch.h>
 
 namespace faults
 {
@@ -9,66 +11,55 @@ namespace
 {
 
 struct Silence {
-    std::string_view calls; // blank-separated; a star ends a beginning
-    std::string_view kinds; // the same
+    std::string calls; // patterns of the shell
+    std::string kinds;
 };
 
-constexpr Silence kSilences[] = {
+const Silence kSilences[] = {
     // What a registration or a name getter was to give stays null.
-    {"Filter_Register* Filter_GetAdapterName Filter_GetDriverName Filter_GetFilterName "
+    {"Filter_Register*|Filter_GetAdapterName|Filter_GetDriverName|Filter_GetFilterName|"
      "Filter_InitializeTimer",
      "pool"},
     // The value stays what it is, a tick is lost.
-    {"Filter_SafeGetGlobalDebugFlag IOCTL_NDIS_FILTER_GET_DBGFLAG", "pool registry"},
-    {"a-timer-expires", "pool"},
+    {"Filter_SafeGetGlobalDebugFlag|IOCTL_NDIS_FILTER_GET_DBGFLAG", "pool|registry"},
+    {"a timer expires", "pool"},
     // It starts without settings, mapped memory and threads.
-    {"DriverEntry", "pool registry mdl thread"},
+    {"DriverEntry", "pool|registry|mdl|thread"},
     {"HookDriverEntry", "registry"},
     // Asked for again.
-    {"DriverUnload IOCTL_NDIS_FILTER_STOP_ETHRLOG", "object"},
+    {"DriverUnload|IOCTL_NDIS_FILTER_STOP_ETHRLOG", "object"},
     // Told otherwise than by the status: a value of 20, an empty reply, the request's record, its completion.
-    {"IOCTL_NDIS_FILTER_START_SHARE", "map-pages hook-MmMapLockedPages*"},
-    {"IOCTL_NDIS_FILTER_DIAG a-request-of-nobody", "hook-HandleIoControl*"},
+    {"IOCTL_NDIS_FILTER_START_SHARE", "map-pages|hook-MmMapLockedPages*"},
+    {"IOCTL_NDIS_FILTER_DIAG|a request of nobody", "hook-HandleIoControl*"},
     {"IOCTL_NDIS_FILTER_DIAG", "pool"},
     {"Filter_MakeNdisRequest", "hook-MakeNdisRequest"},
     {"KS_ReceiveDatagramOnAddress", "transport-ReceiveDatagram-later"},
-    {"NdisAllocatePacket*", "pool ndis-packet"},
+    {"NdisAllocatePacket*", "pool|ndis-packet"},
     // A success in any case; logs are started and written behind it.
-    {"IOCTL_NDIS_FILTER_START_ETHRLOG", "pool thread file"},
+    {"IOCTL_NDIS_FILTER_START_ETHRLOG", "pool|thread|file"},
     // A capture log that misses the frame does not hold it up, nor does who injects or announces it hear what became
     // of it. A block that got no packet stays in the ring.
-    {"a-received-frame* a-sent-frame a-frame-that-a-filter-keeps Filter_Invoke* Filter_Inject* "
-     "Filter_Indicate* "
-     "IOCTL_NDIS_FILTER_WRITE_SHARE",
-     "pool file map-pages hook-AllocatePacket* hook-FreePacket* hook-InjectPacketTo*"},
+    {"a received frame*|a sent frame|a frame that a filter keeps|Filter_Invoke*|Filter_Inject*|"
+     "Filter_Indicate*|IOCTL_NDIS_FILTER_WRITE_SHARE",
+     "pool|file|map-pages|hook-AllocatePacket*|hook-FreePacket*|hook-InjectPacketTo*"},
     // Functions that answer nothing.
-    {"*", "hook-FreePacket hook-FreeRequest hook-MmUnmapLockedPages hook-GetTcpIpBoundAdapters"},
-    {"Filter_EnumOpenedAdapter IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK a-first-adapter a-second-adapter "
-     "an-adapter-closes",
+    {"*", "hook-FreePacket|hook-FreeRequest|hook-MmUnmapLockedPages|hook-GetTcpIpBoundAdapters"},
+    {"Filter_EnumOpenedAdapter|IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK|a first adapter|a second adapter|"
+     "an adapter closes",
      "hook-GetTcpIpBoundAdapters-raised"},
 };
 
-bool Contains(std::string_view list, std::string_view name)
+bool Matches(const std::string& patterns, const std::string& name)
 {
-    while (!list.empty()) {
-        const std::string_view word = list.substr(0, list.find(' '));
-        const bool begins = word.ends_with('*') && name.starts_with(word.substr(0, word.size() - 1));
-        if (begins || word == name) {
-            return true;
-        }
-        list.remove_prefix(std::min(list.size(), word.size() + 1));
-    }
-    return false;
+    return fnmatch(("@(" + patterns + ")").c_str(), name.c_str(), FNM_EXTMATCH) == 0;
 }
 
 } // namespace
 
 bool MayStaySilent(const std::string& call, const std::string& kind)
 {
-    std::string name = call;
-    std::replace(name.begin(), name.end(), ' ', '-');
     return std::any_of(std::begin(kSilences), std::end(kSilences), [&](const Silence& silence) {
-        return Contains(silence.calls, name) && Contains(silence.kinds, kind);
+        return Matches(silence.calls, call) && Matches(silence.kinds, kind);
     });
 }
 

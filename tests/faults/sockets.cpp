@@ -2,17 +2,13 @@
 // no header that declares htons.
 #include "journal.h"
 
+#include <support/host-socket.h>
+
 #include <hostguard.h>
 #include <machine.h>
 #include <tdi-client.h>
 
-#include <atomic>
-#include <cstring>
-
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <optional>
 
 namespace faults
 {
@@ -26,89 +22,25 @@ constexpr const WCHAR* kTcp = L"\\Device\\Tcp";
 constexpr const WCHAR* kUdp = L"\\Device\\Udp";
 constexpr char kText[] = "a few bytes";
 
-// A socket of loopback; its waits are bounded.
-class Peer
-{
-  public:
-    explicit Peer(int type) : descriptor_(socket(AF_INET, type | SOCK_CLOEXEC, 0))
-    {
-        address_.sin_family = AF_INET;
-        address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(descriptor_, reinterpret_cast<sockaddr*>(&address_), sizeof(address_));
-        socklen_t length = sizeof(address_);
-        getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address_), &length);
-        if (type == SOCK_STREAM) {
-            listen(descriptor_, 5);
-        }
-    }
-    ~Peer()
-    {
-        close(caller_);
-        close(descriptor_);
-    }
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
-
-    TA_IP_ADDRESS Address() const
-    {
-        TA_IP_ADDRESS address = {};
-        KS_InitIPAddress(&address, address_.sin_addr.s_addr, address_.sin_port);
-        return address;
-    }
-    // A caller's connection gets the text, and no more.
-    void Serve()
-    {
-        if (IsReadable(descriptor_)) {
-            caller_ = accept(descriptor_, nullptr, nullptr);
-            send(caller_, kText, sizeof(kText), MSG_NOSIGNAL);
-            shutdown(caller_, SHUT_WR);
-        }
-    }
-    // Answers one datagram with the text.
-    void Answer()
-    {
-        char buffer[64];
-        sockaddr_in from = {};
-        socklen_t length = sizeof(from);
-        if (IsReadable(descriptor_) && recvfrom(descriptor_, buffer, sizeof(buffer), 0,
-                                                reinterpret_cast<sockaddr*>(&from), &length) >= 0) {
-            for (int i = 0; i < 2; ++i) {
-                sendto(descriptor_, kText, sizeof(kText), 0, reinterpret_cast<sockaddr*>(&from), length);
-            }
-        }
-    }
-
-  private:
-    static bool IsReadable(int descriptor)
-    {
-        pollfd one = {descriptor, POLLIN, 0};
-        return poll(&one, 1, 5000) == 1;
-    }
-    const int descriptor_;
-    int caller_ = -1;
-    sockaddr_in address_ = {};
-};
-
 UCHAR g_data[256];
 
 // Pages that cannot be locked raise; that counts as none.
 PMDL DescribeData()
 {
     return Recorded("KS_AllocateAndProbeMdl", [] {
-        PMDL mdl = nullptr;
-        const auto allocate = [](void* result) {
-            *static_cast<PMDL*>(result) =
-                KS_AllocateAndProbeMdl(g_data, sizeof(kText), FALSE, FALSE, nullptr);
-        };
-        HostCallGuarded(&mdl, allocate);
+        static PMDL mdl;
+        mdl = nullptr;
+        HostCallGuarded(nullptr, [](void*) {
+            mdl = KS_AllocateAndProbeMdl(g_data, sizeof(kText), FALSE, FALSE, nullptr);
+        });
         return mdl;
     });
 }
 
-TA_IP_ADDRESS AnyPort()
+TA_IP_ADDRESS Loopback(uint16_t port)
 {
     TA_IP_ADDRESS address = {};
-    CALL(KS_InitIPAddress, &address, htonl(INADDR_LOOPBACK), 0);
+    CALL(KS_InitIPAddress, &address, htonl(INADDR_LOOPBACK), htons(port));
     return address;
 }
 
@@ -127,7 +59,7 @@ void UseHelpers()
     CALL(KS_InitProcessNameOffset);
     char name[KS_PROCESS_NAME_SIZE];
     CALL(KS_GetCurrentProcessName, name);
-    TA_IP_ADDRESS address = AnyPort();
+    TA_IP_ADDRESS address = Loopback(0);
     CALL(KS_TransportAddressLength, Cast(address));
     PFILE_FULL_EA_INFORMATION attribute = nullptr;
     ULONG length = 0;
@@ -190,18 +122,20 @@ void UseProvider()
 
 void UseStream(PMDL mdl)
 {
-    Peer peer(SOCK_STREAM);
+    const support::HostSocket peer(SOCK_STREAM);
     KS_TRANSPORT_ADDRESS address = {};
     KS_CONNECTION_ENDPOINT endpoint = {};
-    TA_IP_ADDRESS local = AnyPort();
-    TA_IP_ADDRESS remote = peer.Address();
+    TA_IP_ADDRESS local = Loopback(0);
+    TA_IP_ADDRESS remote = Loopback(peer.Port());
     if (!NT_SUCCESS(CALL(KS_OpenTransportAddress, kTcp, Cast(local), &address))) {
         return;
     }
     CALL(KS_SetEventHandlers, &address, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
     if (NT_SUCCESS(CALL(KS_OpenConnectionEndpoint, kTcp, &address, &endpoint, nullptr))) {
         if (NT_SUCCESS(CALL(KS_Connect, &endpoint, &remote))) {
-            peer.Serve();
+            const support::HostSocket caller(peer);
+            caller.Send(kText);
+            caller.EndSending();
             CALL(KS_SetConnectionInfo, &endpoint, g_data);
             CALL(KS_SendOnEndpoint, &endpoint, nullptr, nullptr, nullptr, nullptr, mdl, 0);
             CALL(KS_ReceiveOnEndpoint, &endpoint, nullptr, nullptr, nullptr, nullptr, mdl, 0);
@@ -215,12 +149,12 @@ void UseStream(PMDL mdl)
 // The second datagram is received by a request that outlives its address's opening: a work item closes that.
 void UseDatagrams(PMDL mdl)
 {
-    Peer peer(SOCK_DGRAM);
+    const support::HostSocket peer(SOCK_DGRAM);
     static KS_TRANSPORT_ADDRESS address;
     static KEVENT received;
     IO_STATUS_BLOCK result = {};
-    TA_IP_ADDRESS local = AnyPort();
-    TA_IP_ADDRESS remote = peer.Address();
+    TA_IP_ADDRESS local = Loopback(0);
+    TA_IP_ADDRESS remote = Loopback(peer.Port());
     TDI_CONNECTION_INFORMATION to = {};
     to.RemoteAddressLength = sizeof(remote);
     to.RemoteAddress = &remote;
@@ -239,11 +173,11 @@ void UseDatagrams(PMDL mdl)
     if (waiting == STATUS_PENDING) {
         CALL(KS_CloseTransportAddress, &address);
         Recorded("a datagram comes", [&] {
-            peer.Answer();
+            peer.Answer(kText, 2);
             KeWaitForSingleObject(&received, Executive, KernelMode, FALSE, nullptr);
         });
     } else {
-        peer.Answer();
+        peer.Answer(kText, 2);
         CALL(KS_CloseTransportAddress, &address);
     }
 }

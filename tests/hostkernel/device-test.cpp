@@ -1,6 +1,8 @@
 // Loading and unloading drivers, who may open their devices, requests that wait, and files on drive C.
 #include "probe-driver.h"
 
+#include <support/program.h>
+
 #include <filesystem>
 
 using namespace probe;
@@ -129,15 +131,11 @@ class DriveTest : public DriverTest
     void SetUp() override
     {
         DriverTest::SetUp();
-        std::string name = (std::filesystem::temp_directory_path() / "driveXXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        directory = name;
-        machine::SetDriveC(directory.string());
+        machine::SetDriveC(temporary.Path());
     }
     void TearDown() override
     {
         machine::SetDriveC("");
-        std::filesystem::remove_all(directory);
         DriverTest::TearDown();
     }
     NTSTATUS Create(const char16_t* name)
@@ -155,7 +153,8 @@ class DriveTest : public DriverTest
                            static_cast<ULONG>(text.size()), nullptr, nullptr);
     }
 
-    std::filesystem::path directory;
+    const support::TemporaryDirectory temporary;
+    const std::filesystem::path directory = temporary.Path();
     HANDLE file = nullptr;
     IO_STATUS_BLOCK result = {};
 };

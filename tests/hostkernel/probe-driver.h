@@ -71,6 +71,13 @@ class DriverTest : public testing::Test
 
     NTSTATUS Load() { return machine::LoadDriver(kService, Entry); }
 
+    static void StartThread(PKSTART_ROUTINE routine, void* context)
+    {
+        HANDLE handle = nullptr;
+        PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, routine, context);
+        EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
+    }
+
     // Runs an action of the driver within a request of a program.
     void InRequest(machine::File& file, const std::function<void()>& action)
     {

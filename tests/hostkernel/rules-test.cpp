@@ -115,13 +115,8 @@ TEST_F(RulesTest, OfWaitsAndObjects)
     machine::AdvanceClock(1);
     ExpectRules("clock-not-stopped");
 
-    HANDLE thread = nullptr;
-    const PKSTART_ROUTINE keepsLock = [](PVOID lock) {
-        KeAcquireSpinLockRaiseToDpc(static_cast<PKSPIN_LOCK>(lock));
-    };
     KSPIN_LOCK lock = 0;
-    PsCreateSystemThread(&thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, keepsLock, &lock);
-    ZwClose(thread);
+    StartThread([](PVOID held) { KeAcquireSpinLockRaiseToDpc(static_cast<PKSPIN_LOCK>(held)); }, &lock);
     ASSERT_TRUE(machine::WaitIdle());
     ExpectRules("lock-left-held", "irql-changed");
     WORK_QUEUE_ITEM item;

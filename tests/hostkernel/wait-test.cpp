@@ -29,12 +29,6 @@ class WaitTest : public DriverTest
         EXPECT_EQ(machine::TakeCensus(), before_);
         DriverTest::TearDown();
     }
-    static void StartThread(PKSTART_ROUTINE routine, void* context)
-    {
-        HANDLE handle = nullptr;
-        PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, routine, context);
-        EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
-    }
 
   private:
     machine::Census before_;

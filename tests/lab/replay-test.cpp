@@ -1,6 +1,5 @@
 // What a person gets from `ndisfilter-lab replay`: numbers, captures, errors.
-#include "captures.h"
-
+#include <support/captures.h>
 #include <support/program.h>
 
 #include <algorithm>
@@ -15,11 +14,28 @@ namespace
 {
 
 namespace fs = std::filesystem;
+using namespace support;
 using nlohmann::json;
-using support::ProgramResult;
-using support::RunProgram;
 using testing::HasSubstr;
-using testing::Not;
+
+const MacAddress kAdapterMac = {0x02, 0, 0, 0, 0, 0x0a};
+
+Bytes Frame(bool sent, uint16_t etherType, const Bytes& payload)
+{
+    return sent ? EthernetFrame(etherType, payload, kPeerMac, kAdapterMac)
+                : EthernetFrame(etherType, payload, kAdapterMac, kPeerMac);
+}
+
+// A datagram between adapter and peer of 10.0.0.x; ports stand where those of TCP do, too.
+Bytes IpFrame(bool sent, uint8_t protocol, uint16_t peerPort, size_t payloadLength = 20, uint8_t peer = 2)
+{
+    const Ipv4Address own = {10, 0, 0, 1}, other = {10, 0, 0, peer};
+    const Bytes datagram = sent ? UdpDatagram(40000, peerPort, Counting(payloadLength))
+                                : UdpDatagram(peerPort, 40000, Counting(payloadLength));
+    return Frame(
+        sent, kEtherTypeIpv4,
+        Ipv4Packet(protocol, datagram, {.source = sent ? own : other, .destination = sent ? other : own}));
+}
 
 class Replay : public testing::Test
 {
@@ -51,8 +67,8 @@ class Replay : public testing::Test
 // Five frames sent, five received; two of port 53 each way and one of port 23.
 std::vector<Bytes> SomeTraffic()
 {
-    return {EthernetFrame(true, 0x0806, Bytes(28)), // ARP
-            EthernetFrame(false, 0x0806, Bytes(28)),
+    return {Frame(true, kEtherTypeArp, Bytes(28)), // ARP
+            Frame(false, kEtherTypeArp, Bytes(28)),
             IpFrame(true, 17, 53),
             IpFrame(false, 17, 53, 100),
             IpFrame(true, 6, 80, 1460),
@@ -119,8 +135,8 @@ TEST_F(Replay, DirectionAndAddressAreAsTold)
 TEST_F(Replay, BlockerBlocksPortsAndAddresses)
 {
     std::vector<Bytes> frames = SomeTraffic();
-    frames.push_back(IpFrame(false, 6, 80, 20, 0x0A000007));
-    frames.push_back(IpFrame(true, 1, 0, 20, 0x0A000007));
+    frames.push_back(IpFrame(false, 6, 80, 20, 7));
+    frames.push_back(IpFrame(true, 1, 0, 20, 7));
     WriteCapture(Path("a.pcap"), frames);
     // With few bytes present the filter must fetch the headers that it looks at.
     for (const std::string present : {"1518", "40", "20", "0"}) {
@@ -220,7 +236,7 @@ TEST_F(Replay, SeveralWorkersCapturesAndRounds)
 TEST_F(Replay, TooLongFramesAreSkippedAndSaid)
 {
     WriteCapture(Path("long.pcap"),
-                 {IpFrame(true, 6, 80, 1518 - 38), IpFrame(true, 6, 80, 1519 - 38), IpFrame(true, 6, 80)});
+                 {IpFrame(true, 6, 80, 1518 - 42), IpFrame(true, 6, 80, 1519 - 42), IpFrame(true, 6, 80)});
     const ProgramResult result = Run({"long.pcap"});
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_THAT(result.output, HasSubstr("1 frames too long"));
@@ -275,7 +291,7 @@ struct BadCall {
 TEST_F(Replay, ErrorsAreOneLineWithNameAndValue)
 {
     WriteCapture(Path("a.pcap"), SomeTraffic());
-    WriteCapture(Path("raw.pcap"), {Bytes(40)}, DLT_RAW);
+    WriteCapture(Path("raw.pcap"), {Bytes(40)}, kLinkTypeRaw);
     std::ofstream(Path("text.pcap")) << "this is no capture, it is a text";
     std::ofstream(Path("empty.pcap"));
     std::ofstream(Path("junk.so")) << "no module";

@@ -1,5 +1,6 @@
 // The sample drivers, loaded as the lab loads them.
 #include "support/framework.h"
+#include "support/records.h"
 
 #include "../../samples/firewall/firewall.h"
 
@@ -40,22 +41,12 @@ uint32_t Number(const Bytes& frame, size_t at, size_t size)
     return value;
 }
 
-// The one's complement sum that a right checksum makes 0xFFFF (RFC 1071).
-uint32_t Sum(const Bytes& frame, size_t from, size_t to, uint32_t sum = 0)
-{
-    for (size_t at = from; at < to; at++) {
-        sum += (at - from) % 2 == 0 ? frame[at] << 8 : frame[at];
-    }
-    return (sum & 0xFFFF) + (sum >> 16);
-}
-
 void ExpectChecksums(const Bytes& frame, uint8_t protocol)
 {
-    const size_t end = kIp + Number(frame, kIp + 2, 2);
-    const auto length = static_cast<uint32_t>(end - kTransport);
-    EXPECT_EQ(Sum(frame, kIp, kTransport), 0xFFFFu);
-    const uint32_t pseudo = Sum(frame, kIp + 12, kTransport, protocol + length);
-    EXPECT_EQ(Sum(frame, kTransport, end, pseudo), 0xFFFFu);
+    Bytes right = frame;
+    Filter_CalculatePacketCheckSum(&right[kIp], 0);
+    Filter_CalculatePacketCheckSum(&right[kIp], protocol);
+    EXPECT_EQ(right, frame);
 }
 
 class SampleTest : public FrameworkTest
@@ -88,7 +79,8 @@ class SampleTest : public FrameworkTest
     void Load(const std::string& name)
     {
         std::string error;
-        ASSERT_EQ(machine::LoadDriverModule(NDISFILTER_FILTERS_DIR "/" + name + ".so", &error), STATUS_SUCCESS)
+        ASSERT_EQ(machine::LoadDriverModule(NDISFILTER_FILTERS_DIR "/" + name + ".so", &error),
+                  STATUS_SUCCESS)
             << error << Debug().Text();
         loaded.push_back(name);
     }
@@ -119,8 +111,9 @@ class SampleTest : public FrameworkTest
     std::string Ask(const std::string& command)
     {
         Bytes output(8192);
-        const auto result = device->Control(
-            IOCTL_NDIS_FILTER_DIAG, {reinterpret_cast<const uint8_t*>(command.data()), command.size()}, output);
+        const auto result =
+            device->Control(IOCTL_NDIS_FILTER_DIAG,
+                            {reinterpret_cast<const uint8_t*>(command.data()), command.size()}, output);
         EXPECT_EQ(result.status, STATUS_SUCCESS);
         EXPECT_GE(result.information, 40u);
         return std::string(reinterpret_cast<const char*>(output.data()) + 33, result.information - 40);
@@ -132,29 +125,20 @@ class SampleTest : public FrameworkTest
     std::vector<std::string> loaded;
 };
 
-class FirewallTest : public SampleTest
+TEST_F(SampleTest, TheFirewallBlocksNewConnectionsAndForgetsOldOnes)
 {
-  protected:
-    FirewallCounters Counters()
-    {
+    const auto counted = [&] {
         FirewallCounters counters = {};
-        device->Control(IOCTL_FIREWALL_GET_COUNTERS, {},
-                        {reinterpret_cast<uint8_t*>(&counters), sizeof(counters)});
+        device->Control(IOCTL_FIREWALL_GET_COUNTERS, {}, Out(counters));
         return counters;
-    }
-};
-
-TEST_F(FirewallTest, BlocksNewConnectionsAndForgetsOldOnes)
-{
+    };
     machine::SetRegistryDword("firewall", "IdleSeconds", 30);
     Load("firewall");
     Send(TcpOut(1000, 80, kSyn));
     Receive(Tcp(80, 1000, kSyn | kAck));
     const FirewallRule rule = {
         .m_nProtocol = 6, .m_nAction = FIREWALL_DROP, .m_nPort = 80, .m_nAddress = 0, .m_nMask = 0};
-    EXPECT_EQ(device->Control(IOCTL_FIREWALL_ADD_RULE, {reinterpret_cast<const uint8_t*>(&rule), sizeof(rule)}, {})
-                  .status,
-              STATUS_SUCCESS);
+    EXPECT_EQ(device->Control(IOCTL_FIREWALL_ADD_RULE, In(rule), {}).status, STATUS_SUCCESS);
     Send(TcpOut(1000, 80, kAck)); // an established connection goes on, however little of a frame there is
     Receive(Tcp(80, 1000, kAck), {.presentBytes = 20, .pieces = {30, 0}});
     EXPECT_EQ(toAdapter->Frames().size(), 2u);
@@ -165,34 +149,31 @@ TEST_F(FirewallTest, BlocksNewConnectionsAndForgetsOldOnes)
     EXPECT_EQ(toAdapter->Frames().size(), 2u);
     EXPECT_EQ(toProtocols->Frames().size(), 2u);
     UserEvent event = {};
-    EXPECT_EQ(device->Control(IOCTL_NDIS_FILTER_GET_EVENT, {}, {reinterpret_cast<uint8_t*>(&event), sizeof(event)})
-                  .status,
-              STATUS_SUCCESS);
+    EXPECT_EQ(device->Control(IOCTL_NDIS_FILTER_GET_EVENT, {}, Out(event)).status, STATUS_SUCCESS);
     EXPECT_EQ(event.m_nEvent1, FIREWALL_EVENT_BLOCKED);
     EXPECT_THAT(std::string(reinterpret_cast<const char*>(&event) + 12 + sizeof(FilterEventHead)),
                 "blocked: protocol 6, 192.168.0.1:1001 to 192.168.0.2:80");
 
     EXPECT_EQ(Ask("firewall rules"), "drop protocol 6, port 80, address 0.0.0.0/0.0.0.0\n");
-    EXPECT_EQ(Ask("firewall connections"),
-              "protocol 6, 192.168.0.1:1000 - 192.168.0.2:80, 4 frames\n");
+    EXPECT_EQ(Ask("firewall connections"), "protocol 6, 192.168.0.1:1000 - 192.168.0.2:80, 4 frames\n");
     Pass(20);
     Send(TcpOut(1000, 80, kAck));
     Pass(20);
-    EXPECT_EQ(Counters().m_nConnections, 1u); // not idle long enough
+    EXPECT_EQ(counted().m_nConnections, 1u); // not idle long enough
     Send(TcpOut(1000, 80, kFin | kAck));
     Pass(7);
-    EXPECT_EQ(Counters().m_nConnections, 0u); // closed ones go sooner
-    EXPECT_EQ(Counters().m_nBlocked, 3u);
+    EXPECT_EQ(counted().m_nConnections, 0u); // closed ones go sooner
+    EXPECT_EQ(counted().m_nBlocked, 3u);
     Send(EthernetFrame(kEtherTypeIpv4, Ipv4Packet(kProtocolUdp, UdpDatagram(5, 6))));
-    EXPECT_EQ(Counters().m_nConnections, 1u);
+    EXPECT_EQ(counted().m_nConnections, 1u);
     Pass(31);
-    EXPECT_EQ(Counters().m_nConnections, 0u);
+    EXPECT_EQ(counted().m_nConnections, 0u);
     EXPECT_EQ(Ask("firewall clear"), "no rules\n");
     Send(TcpOut(1001, 80, kSyn));
-    EXPECT_EQ(Counters().m_nOpened, 3u);
+    EXPECT_EQ(counted().m_nOpened, 3u);
 }
 
-TEST_F(FirewallTest, RejectsWithAResetOnTheWayBack)
+TEST_F(SampleTest, TheFirewallRejectsWithAResetOnTheWayBack)
 {
     Load("firewall");
     EXPECT_EQ(Ask("firewall reject tcp 80"), "rule added\n");
@@ -246,7 +227,8 @@ TEST_F(SampleTest, TheFlowMeterTellsItsReaderWhatHappens)
 
 TEST_F(SampleTest, TheRewriterTranslatesBothWaysAndLeavesTheRestAlone)
 {
-    machine::SetRegistryString("rewriter", "Translate", "192.168.0.80:80=192.168.0.2:8080, 1.2.3.4:5=nonsense");
+    machine::SetRegistryString("rewriter", "Translate",
+                               "192.168.0.80:80=192.168.0.2:8080, 1.2.3.4:5=nonsense");
     Load("rewriter");
     EXPECT_TRUE(Debug().Contains("rewriter: '1.2.3.4:5=nonsense' is no translation"));
     const Ipv4Address asked = {192, 168, 0, 80};
@@ -273,7 +255,8 @@ TEST_F(SampleTest, TheRewriterTranslatesBothWaysAndLeavesTheRestAlone)
     EXPECT_EQ(Number(toAdapter->Frames().at(1), kTransport + 6, 2), 0u);
 
     // Fragments, other ports, and datagrams longer than their frame.
-    Bytes fragment = Tcp(1000, 80, kAck, {.source = kOwnAddress, .destination = asked, .moreFragments = true});
+    Bytes fragment =
+        Tcp(1000, 80, kAck, {.source = kOwnAddress, .destination = asked, .moreFragments = true});
     Bytes overlong = TcpOut(1000, 80, kAck, asked);
     overlong[kIp + 2] = 0xFF;
     Bytes tiny = TcpOut(1000, 80, kAck, asked);
@@ -343,17 +326,20 @@ TEST_F(SampleTest, FramescopeSendsAFrameAlongEachRoadAndSeesItComeBack)
     Receive(frame);
     EXPECT_THAT(toProtocols->Frames(), ElementsAre(right));
     uint32_t sent = 0;
-    for (const char* road : {"adapter", "protocol", "from-adapter", "from-protocol", "from-program", "chain", "nowhere"}) {
+    for (const char* road :
+         {"adapter", "protocol", "from-adapter", "from-protocol", "from-program", "chain", "nowhere"}) {
         EXPECT_THAT(Ask(std::string("framescope send ") + road), HasSubstr("FILTER_STATUS_SUCCESS")) << road;
         ++sent;
     }
     EXPECT_TRUE(machine::WaitIdle());
     EXPECT_TRUE(Eventually([&] {
-        return Ask("framescope send nowhere-silently").find(std::to_string(sent) + " came back") != std::string::npos;
+        return Ask("framescope send nowhere-silently").find(std::to_string(sent) + " came back") !=
+               std::string::npos;
     }));
     EXPECT_EQ(toAdapter->Frames(), (std::vector<Bytes>{right, right}));
     EXPECT_EQ(toProtocols->Frames(), std::vector<Bytes>(5, right));
-    EXPECT_THAT(Ask("framescope counts"), StartsWith("3 frames received, 0 of IPv6, 1 with a wrong IPv4 checksum"));
+    EXPECT_THAT(Ask("framescope counts"),
+                StartsWith("3 frames received, 0 of IPv6, 1 with a wrong IPv4 checksum"));
     Bytes stranger = right;
     stranger[11] ^= 0x40;
     Receive(stranger);

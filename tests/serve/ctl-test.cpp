@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include <fcntl.h>
@@ -235,17 +234,11 @@ TEST(CaptureLogs, HoldAReplayWholeAndInOrderForAnyViewer)
         std::string file;
         const char* direction;
     };
-    const Log logs[] = {
-        {driveC + "/Adapter(02-00-00-00-00-0A)NdisUpper.eth", "in"},
-        {driveC + "/Adapter(02-00-00-00-00-0A)NdisLower.eth", "out"},
-        {driveC + "/Driver-to-Application-Io.eth", "loop"}};
+    const Log logs[] = {{driveC + "/Adapter(02-00-00-00-00-0A)NdisUpper.eth", "in"},
+                        {driveC + "/Adapter(02-00-00-00-00-0A)NdisLower.eth", "out"},
+                        {driveC + "/Driver-to-Application-Io.eth", "loop"}};
     const support::Bytes marker(60, 0xEE);
-    support::Bytes markerFile(capture.begin(), capture.begin() + kHeader);
-    markerFile.insert(markerFile.end(), {0, 0, 0, 0, 0, 0, 0, 0, 60, 0, 0, 0, 60, 0, 0, 0});
-    markerFile.insert(markerFile.end(), marker.begin(), marker.end());
-    std::ofstream(directory.File("marker.pcap"))
-        .write(reinterpret_cast<const char*>(markerFile.data()),
-               static_cast<std::streamsize>(markerFile.size()));
+    support::WriteCapture(directory.File("marker.pcap"), {marker});
     const auto framesSoFar = [&](const std::string& log) {
         std::string error;
         return support::ParseCapture(support::ReadFile(log), &error);
@@ -305,8 +298,9 @@ TEST(CaptureLogs, HoldAReplayWholeAndInOrderForAnyViewer)
         EXPECT_TRUE(result.output.ends_with("\n" + count + "\n")) << result.output;
     }
     if (!hasViewers) {
-        GTEST_SKIP() << "NOT CHECKED with viewers: tcpdump, capinfos or tshark is missing; scripts/setup test "
-                        "installs them";
+        GTEST_SKIP()
+            << "NOT CHECKED with viewers: tcpdump, capinfos or tshark is missing; scripts/setup test "
+               "installs them";
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <lab-protocol.h>
 
+#include <algorithm>
 #include <functional>
 #include <random>
 
@@ -46,10 +47,11 @@ class RawProgram
                   static_cast<ssize_t>(bytes.size()));
     }
     template <class Message>
-    void Send(const Message& message, size_t tail = 0)
+    void Send(const Message& message, const std::vector<uint8_t>& tail = {})
     {
-        std::vector<uint8_t> bytes(sizeof(message) + tail);
+        std::vector<uint8_t> bytes(sizeof(message));
         std::memcpy(bytes.data(), &message, sizeof(message));
+        bytes.insert(bytes.end(), tail.begin(), tail.end());
         SendBytes(bytes);
     }
     void SendControl(uint64_t id, uint32_t code, const std::vector<uint8_t>& input, uint32_t outputLength)
@@ -59,12 +61,24 @@ class RawProgram
         control.code = code;
         control.inputLength = static_cast<uint32_t>(input.size());
         control.outputLength = outputLength;
-        std::vector<uint8_t> bytes(sizeof(control));
-        std::memcpy(bytes.data(), &control, sizeof(control));
-        bytes.insert(bytes.end(), input.begin(), input.end());
-        SendBytes(bytes);
+        Send(control, input);
     }
     void SendStart(uint64_t id) { SendControl(id, IOCTL_NDIS_FILTER_START_SHARE, {1, 0, 0, 0}, 8); }
+    // Says that the pages are mapped at an address, and answers the share's that the driver makes of it.
+    uint64_t ReportMapped(uint64_t id, uint64_t address)
+    {
+        labprotocol::Mapped mapped;
+        mapped.id = id;
+        mapped.address = address;
+        Send(mapped);
+        const auto reply = ReceiveBytes();
+        uint64_t share = 0;
+        EXPECT_EQ(reply.size(), sizeof(labprotocol::Reply) + sizeof(share));
+        if (reply.size() == sizeof(labprotocol::Reply) + sizeof(share)) {
+            std::memcpy(&share, reply.data() + sizeof(labprotocol::Reply), sizeof(share));
+        }
+        return share;
+    }
 
     // The next message, empty at the end of the connection.
     std::vector<uint8_t> ReceiveBytes(int* file = nullptr)
@@ -128,21 +142,22 @@ TEST_F(Protocol, WhatIsNoMessageEndsTheConnection)
     badOutput.outputLength = labprotocol::kLongestTransfer + 1;
     labprotocol::Control hugeInput;
     hugeInput.inputLength = 0xFFFFFFFF;
+    const std::vector<uint8_t> tooLong(labprotocol::kLongestMessage + 1, 3);
     const std::function<void(RawProgram&)> wrongs[] = {
         [](RawProgram& program) { program.SendBytes({1}); },
         [](RawProgram& program) {
-            program.SendBytes({3, 0, 0, 0});
+            program.SendBytes(std::vector<uint8_t>{3, 0, 0, 0});
         },
         [](RawProgram& program) { program.SendBytes(std::vector<uint8_t>(40, 0xFF)); },
-        [](RawProgram& program) {
-            program.SendBytes(std::vector<uint8_t>(labprotocol::kLongestMessage + 1, 3));
+        [&](RawProgram& program) { program.SendBytes(tooLong); },
+        [&](RawProgram& program) {
+            program.Send(badLength, {1, 2, 3, 4});
         },
-        [&](RawProgram& program) { program.Send(badLength, 4); },
         [&](RawProgram& program) { program.Send(badOutput); },
         [&](RawProgram& program) { program.Send(hugeInput); },
-        [](RawProgram& program) { program.Send(labprotocol::Cancel(), 1); },
-        [](RawProgram& program) { program.Send(labprotocol::Mapped(), 1); },
-        [](RawProgram& program) { program.Send(labprotocol::Close(), 1); },
+        [](RawProgram& program) { program.Send(labprotocol::Cancel(), {0}); },
+        [](RawProgram& program) { program.Send(labprotocol::Mapped(), {0}); },
+        [](RawProgram& program) { program.Send(labprotocol::Close(), {0}); },
         [](RawProgram& program) { program.Send(labprotocol::Welcome()); },
     };
     for (const auto& doWrong : wrongs) {
@@ -168,6 +183,13 @@ TEST_F(Protocol, WhoDoesNotGreetIsNotServed)
     EXPECT_TRUE(newer.IsDisconnected());
 }
 
+std::vector<uint8_t> RandomBytes(std::mt19937& random, size_t size)
+{
+    std::vector<uint8_t> bytes(size);
+    std::ranges::generate(bytes, [&] { return static_cast<uint8_t>(random()); });
+    return bytes;
+}
+
 TEST_F(Protocol, RandomMessagesHurtNobody)
 {
     std::mt19937 random(4711);
@@ -175,10 +197,7 @@ TEST_F(Protocol, RandomMessagesHurtNobody)
     for (int round = 0; round < 300; ++round) {
         RawProgram program(lab_);
         for (int message = 0; message < 4; ++message) {
-            std::vector<uint8_t> bytes(random() % 64 + 4);
-            for (uint8_t& byte : bytes) {
-                byte = static_cast<uint8_t>(random());
-            }
+            std::vector<uint8_t> bytes = RandomBytes(random, random() % 64 + 4);
             const uint32_t type = random() % 10;
             std::memcpy(bytes.data(), &type, sizeof(type));
             send(program.Descriptor(), bytes.data(), bytes.size(),
@@ -198,10 +217,7 @@ TEST_F(Protocol, RequestsOfAnyLengthComeToAnEnd)
             continue; // asks for a mapping first
         }
         for (int round = 0; round < 4; ++round) {
-            std::vector<uint8_t> input(random() % (round < 2 ? 64 : 10'000));
-            for (uint8_t& byte : input) {
-                byte = static_cast<uint8_t>(random());
-            }
+            const auto input = RandomBytes(random, random() % (round < 2 ? 64 : 10'000));
             const uint32_t outputLength = random() % (round % 2 == 0 ? 64 : 10'000);
             program.SendControl(++id, NDIS_FILTER_CTL_CODE(function), input, outputLength);
             const auto bytes = program.ReceiveBytes();
@@ -224,14 +240,7 @@ TEST_F(Protocol, TheAddressThatAProgramReportsComesBackAndIsNotUsed)
     mapped.id = map.id + 1; // nobody has asked for that
     mapped.address = 0x1000;
     program.Send(mapped);
-    mapped.id = map.id;
-    mapped.address = 0xDEADBEEF;
-    program.Send(mapped);
-    const auto reply = program.ReceiveBytes();
-    ASSERT_EQ(reply.size(), sizeof(labprotocol::Reply) + 8);
-    uint64_t address = 0;
-    std::memcpy(&address, reply.data() + sizeof(labprotocol::Reply), sizeof(address));
-    EXPECT_EQ(address, 0xDEADBEEF + 20u);
+    EXPECT_EQ(program.ReportMapped(map.id, 0xDEADBEEF), 0xDEADBEEF + 20u);
 
     // Every byte of the pages is the program's to spoil, those behind the record as well.
     void* pages =
@@ -248,12 +257,7 @@ TEST_F(Protocol, AMappingThatFailsOrNeverComesLeavesTheShareFree)
 {
     RawProgram failing(lab_);
     failing.SendStart(1);
-    labprotocol::Mapped mapped;
-    mapped.id = failing.Receive<labprotocol::Map>().id;
-    failing.Send(mapped); // address 0
-    const auto reply = failing.ReceiveBytes();
-    ASSERT_EQ(reply.size(), sizeof(labprotocol::Reply) + 8);
-    EXPECT_EQ(reply[sizeof(labprotocol::Reply)], NDIS_FILTER_SHARE_FAILED);
+    EXPECT_EQ(failing.ReportMapped(failing.Receive<labprotocol::Map>().id, 0), NDIS_FILTER_SHARE_FAILED);
     {
         RawProgram dying(lab_);
         dying.SendStart(1);
@@ -320,11 +324,7 @@ TEST_F(Protocol, NumbersOfRequestsAreTheProgramsOwn)
 {
     RawProgram program(lab_);
     program.SendStart(7);
-    labprotocol::Mapped mapped;
-    mapped.id = program.Receive<labprotocol::Map>().id;
-    mapped.address = 0x1000;
-    program.Send(mapped);
-    program.ReceiveBytes();
+    program.ReportMapped(program.Receive<labprotocol::Map>().id, 0x1000);
     program.SendControl(7, IOCTL_NDIS_FILTER_READ_SHARE, {}, 0); // parked
     labprotocol::Cancel cancel;
     cancel.id = 8;

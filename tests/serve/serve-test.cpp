@@ -240,50 +240,21 @@ TEST(Serve, AProgramThatScribblesOverTheSharedMemoryDisturbsNobodyElse)
     EXPECT_EQ(filtered, frames);
 }
 
-TEST(Serve, OneOfTwoProgramsThatFightHasTheShare)
-{
-    LabServer lab(kTraffic);
-    std::atomic<int> owners = 0;
-    std::atomic<int> won = 0;
-    const auto fight = [&] {
-        const auto device = lab.Open();
-        for (int round = 0; round < 300; ++round) {
-            SharedMemory* memory = StartShare(*device);
-            if (memory == nullptr) {
-                continue;
-            }
-            EXPECT_EQ(++owners, 1);
-            ++won;
-            EXPECT_EQ(memory->KernelModeInput.m_iBlockCount, NDIS_FILTER_BLOCK_COUNT);
-            --owners;
-            EXPECT_EQ(device->StopShare().status, kSuccess);
-        }
-    };
-    {
-        const std::jthread first(fight);
-        const std::jthread second(fight);
-    }
-    EXPECT_GT(won, 0);
-    const nlohmann::json report = lab.Stop();
-    EXPECT_GT(report["balance"]["received"], 0);
-}
-
 TEST(Serve, TheIndicatorShowsFramesOfAPortAndAnswersForItself)
 {
     const LabServer lab({kCapture, "--loop", "--rate", "5000", "--filter", "indicator", "--set-dword",
                          "indicator.IndicatePort=53", "--set-dword", "indicator.SignalEvery=3"});
-    const auto device = lab.Open();
-    SharedMemory* memory = StartShare(*device);
-    ASSERT_NE(memory, nullptr);
+    ndisfilter::Client client(lab.Socket());
+    client.StartShare();
+    std::vector<ndisfilter_block> room(16);
     int frames = 0;
     int signals = 0;
     while ((frames < 20 || signals < 5) && !HasFailure()) {
-        const auto read = device->Send(IOCTL_NDIS_FILTER_READ_SHARE);
-        ASSERT_TRUE(read->Wait(kWaitMs).has_value());
-        while (!IsOutputEmpty(*memory)) {
-            const int32_t index = Load(memory->KernelModeOutput.m_iRead);
-            const SharedBlock& block = memory->m_OutputBlocks[index];
-            if (block.m_nPacketSize != 0) {
+        const auto blocks = client.Receive(room, kWaitMs);
+        ASSERT_FALSE(blocks.empty());
+        for (const ndisfilter_block& received : blocks) {
+            const SharedBlock& block = received.content.frame;
+            if (received.is_signal == 0) {
                 constexpr size_t kSourcePort = 34; // behind an IPv4 header without options
                 ++frames;
                 EXPECT_TRUE(block.m_Data[kSourcePort + 1] == 53 || block.m_Data[kSourcePort + 3] == 53);
@@ -292,16 +263,16 @@ TEST(Serve, TheIndicatorShowsFramesOfAPortAndAnswersForItself)
                                                      : INDICATOR_CODE_SENT);
             } else {
                 IndicatorSignal signal;
-                std::memcpy(&signal, &block, sizeof(signal));
+                std::memcpy(&signal, received.content.signal, sizeof(signal));
                 ++signals;
                 EXPECT_EQ(signal.m_nSignature, INDICATOR_SIGNATURE);
                 EXPECT_EQ(signal.m_nIndicated % 3, 0u);
                 EXPECT_EQ(signal.m_Text, std::to_string(signal.m_nIndicated) + " frames indicated");
             }
-            Store(memory->KernelModeOutput.m_iRead, Next(index));
         }
     }
 
+    const auto device = lab.Open();
     uint32_t port = 80;
     EXPECT_EQ(device->Control(IOCTL_INDICATOR_SET_PORT, BytesOf(port), {}).status, kSuccess);
     IndicatorCounters counters = {};
@@ -312,20 +283,14 @@ TEST(Serve, TheIndicatorShowsFramesOfAPortAndAnswersForItself)
     port = 65536;
     EXPECT_LT(device->Control(IOCTL_INDICATOR_SET_PORT, BytesOf(port), {}).status, 0);
 
-    const auto diagnose = [&](std::string command) {
-        std::vector<uint8_t> output(2048);
-        const ControlResult result =
-            device->Control(IOCTL_NDIS_FILTER_DIAG,
-                            {reinterpret_cast<const uint8_t*>(command.data()), command.size()}, output);
-        EXPECT_EQ(result.status, kSuccess) << command;
-        return result.returned > sizeof(UserDiag)
-                   ? std::string(output.begin() + offsetof(UserDiag, m_Text), output.end())
-                   : "";
+    const auto diagnose = [&](std::vector<std::string> words) {
+        words.insert(words.begin(), "diag");
+        return lab.Ctl(words).output;
     };
-    EXPECT_THAT(diagnose("Indicator PORT 0"), HasSubstr("port 0\n"));
-    EXPECT_THAT(diagnose("indicator"), HasSubstr("port 0, "));
-    EXPECT_THAT(diagnose("indicator port 65536"), HasSubstr("counters - "));
-    EXPECT_THAT(diagnose("driver"), HasSubstr("indicator - shows frames"));
+    EXPECT_THAT(diagnose({"Indicator", "PORT", "0"}), HasSubstr("port 0\n"));
+    EXPECT_THAT(diagnose({"indicator"}), HasSubstr("port 0, "));
+    EXPECT_THAT(diagnose({"indicator", "port", "65536"}), HasSubstr("counters - "));
+    EXPECT_THAT(diagnose({"driver"}), HasSubstr("indicator - shows frames"));
 }
 
 TEST(Serve, CapturesAreReplayedOnceOrInALoopWithinTheRate)

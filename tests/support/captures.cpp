@@ -45,6 +45,23 @@ std::vector<CapturedFrame> ReadCapture(const std::string& path)
     return frames;
 }
 
+void WriteCapture(const std::string& path, const std::vector<Bytes>& frames, int linkType)
+{
+    pcap_t* format = pcap_open_dead(linkType, 65535);
+    pcap_dumper_t* file = pcap_dump_open(format, path.c_str());
+    ASSERT_NE(file, nullptr) << pcap_geterr(format);
+    int64_t time = 1'700'000'000'123'456; // microseconds
+    for (const Bytes& frame : frames) {
+        pcap_pkthdr header = {};
+        header.ts = {time / 1'000'000, time % 1'000'000};
+        header.caplen = header.len = static_cast<bpf_u_int32>(frame.size());
+        pcap_dump(reinterpret_cast<u_char*>(file), &header, frame.data());
+        time += 1000;
+    }
+    pcap_dump_close(file);
+    pcap_close(format);
+}
+
 Bytes ReadFile(const std::string& path)
 {
     std::ifstream stream(path, std::ios::binary);

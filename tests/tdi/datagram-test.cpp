@@ -6,28 +6,6 @@
 namespace
 {
 
-// An open address, and the addresses that its requests name.
-struct Port {
-    KS_TRANSPORT_ADDRESS address;
-    TA_IP_ADDRESS peer = {};
-    TDI_CONNECTION_INFORMATION to = {};
-    NTSTATUS status;
-
-    explicit Port(PCWSTR device, uint16_t peerPort = 0)
-    {
-        TA_IP_ADDRESS local = echo::Loopback(0);
-        status = KS_OpenTransportAddress(device, reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address);
-        peer = echo::Loopback(peerPort);
-        to.RemoteAddressLength = sizeof(peer);
-        to.RemoteAddress = &peer;
-    }
-    ~Port() { KS_CloseTransportAddress(&address); }
-    NTSTATUS Send(PMDL mdl)
-    {
-        return KS_SendDatagramOnAddress(&address, nullptr, nullptr, nullptr, nullptr, mdl, &to);
-    }
-};
-
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr uint32_t kDatagrams = 20'000; // a sanitizer finds in it what it would find in more
 #else

@@ -1,28 +1,22 @@
 // The log shipper in the lab, with a log server of an ordinary program.
 #include "tdi-test.h"
 
-#include <cstdlib>
-#include <sstream>
+#include "support/program.h"
+
 #include <thread>
 
 namespace
 {
 
-std::string RunLab(uint16_t port, bool stream, const char* more = "")
+std::string RunLab(uint16_t port, bool stream, const std::string& more = "")
 {
-    std::ostringstream command;
-    command << NDISFILTER_LAB << " replay " << NDISFILTER_TEST_DATA
-            << "/session.pcapng --sockets --quiet --debug-output - --filter logshipper"
-            << " --set-dword logshipper.LogPort=" << port << " --set-dword logshipper.LogStream=" << stream
-            << more << " 2>&1";
-    std::string output;
-    FILE* pipe = popen(command.str().c_str(), "r");
-    char buffer[4096];
-    for (size_t count; (count = fread(buffer, 1, sizeof(buffer), pipe)) != 0;) {
-        output.append(buffer, count);
-    }
-    output += "exit code " + std::to_string(WEXITSTATUS(pclose(pipe)));
-    return output;
+    const support::TemporaryDirectory directory;
+    const std::string command =
+        NDISFILTER_LAB " replay " NDISFILTER_TEST_DATA "/session.pcapng --sockets --quiet --debug-output - "
+                       "--filter logshipper --set-dword logshipper.LogPort=" +
+        std::to_string(port) + " --set-dword logshipper.LogStream=" + std::to_string(stream) + more + " 2>&1";
+    const support::ProgramResult result = support::RunProgram("bash", {"-c", command}, directory.Path());
+    return result.output + "exit code " + std::to_string(result.exitCode);
 }
 
 size_t Count(const std::string& text, const std::string& part)

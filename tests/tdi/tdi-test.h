@@ -5,13 +5,12 @@
 #include <echo-client.h>
 
 #include "support/eventually.h"
+#include "support/host-socket.h"
 
 #include <gmock/gmock.h>
 #include <machine.h>
 
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/socket.h>
+using support::HostSocket;
 
 class TdiTest : public testing::Test
 {
@@ -49,80 +48,6 @@ class TdiTest : public testing::Test
     machine::Census before_;
 };
 
-// A socket of an ordinary program; all its calls wait a minute at most.
-class HostSocket
-{
-  public:
-    // A stream socket that does not listen holds its port and refuses who calls it.
-    explicit HostSocket(int type, bool listens = true) : descriptor_(socket(AF_INET, type | SOCK_CLOEXEC, 0))
-    {
-        const sockaddr_in address = Loopback(0);
-        bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-        if (type == SOCK_STREAM && listens) {
-            listen(descriptor_, 5);
-        }
-    }
-    // Who calls a listening one.
-    explicit HostSocket(const HostSocket& listener)
-        : descriptor_(listener.IsReadable() ? accept(listener.descriptor_, nullptr, nullptr) : -1)
-    {}
-    ~HostSocket() { close(descriptor_); }
-
-    uint16_t Port() const
-    {
-        sockaddr_in address = {};
-        socklen_t length = sizeof(address);
-        getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address), &length);
-        return ntohs(address.sin_port);
-    }
-    void Connect(uint16_t port) const
-    {
-        const sockaddr_in address = Loopback(port);
-        connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-    }
-    bool IsReadable() const { return Poll(60'000); }
-    bool HasMore() const { return Poll(0); } // now
-    void Send(const std::string& text) const { send(descriptor_, text.data(), text.size(), MSG_NOSIGNAL); }
-    // "<end>" at the end of the stream, "<reset>" when it was reset.
-    std::string Receive() const
-    {
-        char buffer[4096];
-        const ssize_t count = IsReadable() ? recv(descriptor_, buffer, sizeof(buffer), 0) : -1;
-        return count > 0 ? std::string(buffer, static_cast<size_t>(count)) : count == 0 ? "<end>" : "<reset>";
-    }
-    // Of a listening one: small buffers and segments at both ends of the connections to come.
-    void TakeLittle() const
-    {
-        const int buffer = 2304;
-        const int segment = 88;
-        setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof(buffer));
-        setsockopt(descriptor_, IPPROTO_TCP, TCP_MAXSEG, &segment, sizeof(segment));
-    }
-    void EndSending() const { shutdown(descriptor_, SHUT_WR); }
-    void ResetOnClose() const
-    {
-        const linger reset = {1, 0};
-        setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
-    }
-
-  private:
-    static sockaddr_in Loopback(uint16_t port)
-    {
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return address;
-    }
-    bool Poll(int milliseconds) const
-    {
-        pollfd one = {descriptor_, POLLIN, 0};
-        return poll(&one, 1, milliseconds) == 1;
-    }
-
-    const int descriptor_;
-};
-
 inline std::string TextOf(echo::Block& block, const IO_STATUS_BLOCK& result)
 {
     return std::string(reinterpret_cast<char*>(block.Bytes()), result.Information);
@@ -133,5 +58,27 @@ struct TextBlock : echo::Block {
     explicit TextBlock(const std::string& text) : Block(text.size())
     {
         std::memcpy(Bytes(), text.data(), text.size());
+    }
+};
+
+// An open address, and the addresses that its requests name.
+struct Port {
+    KS_TRANSPORT_ADDRESS address;
+    TA_IP_ADDRESS peer = {};
+    TDI_CONNECTION_INFORMATION to = {};
+    NTSTATUS status;
+
+    explicit Port(PCWSTR device, uint16_t peerPort = 0)
+    {
+        TA_IP_ADDRESS local = echo::Loopback(0);
+        status = KS_OpenTransportAddress(device, reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address);
+        peer = echo::Loopback(peerPort);
+        to.RemoteAddressLength = sizeof(peer);
+        to.RemoteAddress = &peer;
+    }
+    ~Port() { KS_CloseTransportAddress(&address); }
+    NTSTATUS Send(PMDL mdl)
+    {
+        return KS_SendDatagramOnAddress(&address, nullptr, nullptr, nullptr, nullptr, mdl, &to);
     }
 };

@@ -31,8 +31,6 @@ LONGLONG MillisecondsFromNow(UINT milliseconds)
     return -10000LL * milliseconds;
 }
 
-// ---------------------------------------------------------------------------------------- read-write locks
-
 // In the first 16 bytes of an NDIS_RW_LOCK.
 struct RwLock {
     volatile LONG state; // readers, or -1 for a writer
@@ -42,19 +40,12 @@ struct RwLock {
 
 constexpr USHORT LOCK_READ = 2, LOCK_WRITE = 1, LOCK_RECURSIVE = 4;
 
-RwLock* LockOf(PNDIS_RW_LOCK lock)
-{
-    return reinterpret_cast<RwLock*>(lock);
-}
-
 bool TryEnter(RwLock* lock, bool write)
 {
     const LONG state = lock->state;
     return write ? InterlockedCompareExchange(&lock->state, -1, 0) == 0
                  : state >= 0 && InterlockedCompareExchange(&lock->state, state + 1, state) == state;
 }
-
-// --------------------------------------------------------------- what Wine's ntoskrnl.exe leaves out
 
 VOID NTAPI RunWorkItem(PVOID context)
 {
@@ -125,8 +116,6 @@ NTSTATUS NTAPI GetDeviceObjectPointer(PUNICODE_STRING name, ACCESS_MASK, PFILE_O
     *file = static_cast<PFILE_OBJECT>(object);
     return STATUS_SUCCESS;
 }
-
-// ---------------------------------------------------------------------------------------------------- timers
 
 // Wine's KeSetTimer waits for the timer's deferred call, also inside of it, and its KeCancelTimer does; a real kernel's
 // never wait. So timers are ours: one thread, there while any timer is set, runs the calls one after the other.
@@ -218,8 +207,6 @@ VOID NTAPI FlushQueuedDpcs()
     }
 }
 
-// ------------------------------------------------------------------------------------------------ mending Wine
-
 struct Replacement {
     const char* name;
     PVOID routine;
@@ -276,7 +263,7 @@ VOID NTAPI NdisInitializeReadWriteLock(PNDIS_RW_LOCK lock)
 
 VOID NTAPI NdisAcquireReadWriteLock(PNDIS_RW_LOCK ndisLock, BOOLEAN write, PLOCK_STATE lockState)
 {
-    RwLock* lock = LockOf(ndisLock);
+    const auto lock = reinterpret_cast<RwLock*>(ndisLock);
     if (lock->owner == KeGetCurrentThread()) {
         lockState->LockState = LOCK_RECURSIVE;
         return;
@@ -292,7 +279,7 @@ VOID NTAPI NdisAcquireReadWriteLock(PNDIS_RW_LOCK ndisLock, BOOLEAN write, PLOCK
 
 VOID NTAPI NdisReleaseReadWriteLock(PNDIS_RW_LOCK ndisLock, PLOCK_STATE lockState)
 {
-    RwLock* lock = LockOf(ndisLock);
+    const auto lock = reinterpret_cast<RwLock*>(ndisLock);
     if (lockState->LockState == LOCK_WRITE) {
         lock->owner = nullptr;
         InterlockedExchange(&lock->state, 0);

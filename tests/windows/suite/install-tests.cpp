@@ -1,6 +1,8 @@
 // ndisfilter.inf, as the system's installer reads it.
 #include "suite.h"
 
+#include <filesystem>
+
 #include <setupapi.h>
 
 using namespace suite;
@@ -30,13 +32,13 @@ DWORD Number(const wchar_t* name)
 TEST(install, TheInfInstallsAndRemovesTheService)
 {
     RunSection(L"DefaultInstall");
-    EXPECT_TRUE(Exists(kInstalled));
+    EXPECT_TRUE(std::filesystem::exists(kInstalled));
     EXPECT_EQ(Number(L"Type"), DWORD{SERVICE_KERNEL_DRIVER});
     EXPECT_EQ(Number(L"Start"), DWORD{SERVICE_SYSTEM_START});
     EXPECT_EQ(Number(L"GlobalDebugFlag"), 0u);
     EXPECT_EQ(Number(L"PendingPacketLimit"), 2048u);
     RunSection(L"DefaultUninstall");
-    EXPECT_TRUE(!Exists(kInstalled));
+    EXPECT_FALSE(std::filesystem::exists(kInstalled));
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #include "suite.h"
 
 #include <cstdio>
+#include <list>
 
 using namespace suite;
 
@@ -20,11 +21,11 @@ TEST(life, LoadsAndUnloadsWithDefaultsAndWithOtherValues)
 {
     Service filter(L"ndisfilter");
     const auto run = [&](uint32_t mask, bool hasLimit) {
-        EXPECT_EQ(Device::OpenError(), DWORD{ERROR_FILE_NOT_FOUND});
+        EXPECT_THROW(Device(), Failure);
         const DebugOutput output;
         filter.Start();
         EXPECT_TRUE(output.ShowsExactly(MaskLine(mask)));
-        EXPECT_EQ(Device::OpenError(), DWORD{ERROR_SUCCESS});
+        EXPECT_NO_THROW(Device());
         filter.Stop();
         EXPECT_EQ(output.Count("PendingPacketLimit success, Value = 0x321"), size_t{hasLimit});
         EXPECT_EQ(output.Count("Leave DriverEntry"), size_t{mask != 0}); // the area that the mask switches on
@@ -46,16 +47,17 @@ TEST(life, SampleDriversLoadAndUnload)
     Service filter(L"ndisfilter");
     filter.Start();
     for (int life = 0; life < 2; ++life) {
-        Service indicator(L"indicator"), firewall(L"firewall"), flowmeter(L"flowmeter"), reader(L"meterreader"),
-            rewriter(L"rewriter"), wan(L"wan"), quiet(L"quiet"), framescope(L"framescope");
-        flowmeter.SetNumber(L"StatisticsMs", 10);
-        rewriter.SetText(L"Translate", L"10.0.0.80:80=10.0.0.2:8080");
-        for (Service* sample : {&indicator, &firewall, &reader, &flowmeter, &rewriter, &wan, &quiet, &framescope}) {
-            sample->Start();
+        std::list<Service> samples;
+        for (const wchar_t* name : {L"indicator", L"firewall", L"meterreader", L"flowmeter", L"rewriter",
+                                    L"wan", L"quiet", L"framescope"}) {
+            Service& sample = samples.emplace_back(name);
+            sample.SetNumber(L"StatisticsMs", 10);                       // of the flow meter
+            sample.SetText(L"Translate", L"10.0.0.80:80=10.0.0.2:8080"); // of the rewriter
+            sample.Start();
         }
         const DebugOutput output;
-        for (Service* sample : {&framescope, &quiet, &wan, &rewriter, &flowmeter, &reader, &firewall, &indicator}) {
-            sample->Stop();
+        for (; !samples.empty(); samples.pop_back()) {
+            samples.back().Stop();
         }
         EXPECT_TRUE(output.Shows("rewriter: 10.0.0.80:80 is 10.0.0.2:8080"));
         EXPECT_EQ(output.Count("exception"), size_t{0});
@@ -74,6 +76,16 @@ TEST(life, AClientThatStartsTooEarlyIsRefused)
     blocker.Stop();
     filter.Stop();
     EXPECT_EQ(output.Count("exception"), size_t{0});
+}
+
+// The driver starts only when all that it tries of the kernel sockets answers as it should.
+TEST(life, ExportsTheKernelSockets)
+{
+    Service filter(L"ndisfilter"), probe(L"socket-probe");
+    filter.Start();
+    probe.Start();
+    probe.Stop();
+    filter.Stop();
 }
 
 } // namespace

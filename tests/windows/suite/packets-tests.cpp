@@ -2,6 +2,7 @@
 #include "suite.h"
 
 #include <cstddef>
+#include <filesystem>
 
 using namespace suite;
 
@@ -95,7 +96,7 @@ TEST(packets, AFilterThatFaultsIsContained)
 
 TEST(packets, TheExampleOfTheDistributionLoadsAndCounts)
 {
-    if (!Exists(options.drivers + L"\\sizes.sys")) {
+    if (!std::filesystem::exists(options.drivers + L"\\sizes.sys")) {
         GTEST_SKIP() << "sizes.sys is not built; scripts/check-client-example does";
     }
     Room room;
@@ -156,7 +157,7 @@ TEST(packets, RingsCarryFramesBothWays)
     Device device;
     device.Control(IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, {},
                    sizeof(UserAdapterList)); // gives them identifiers
-    device.Control(IOCTL_NDIS_FILTER_START_SHARE, Bytes(uint32_t{1}), 8);
+    device.StartShare();
     Request read(device, IOCTL_NDIS_FILTER_READ_SHARE, {}, 0);
     EXPECT_TRUE(read.IsPending());
 

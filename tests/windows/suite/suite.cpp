@@ -65,11 +65,6 @@ bool IsWine()
     return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
 }
 
-bool Exists(const std::wstring& path)
-{
-    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
 std::string ReadWhole(const std::wstring& path)
 {
     std::ifstream file(path.c_str(), std::ios::binary);
@@ -78,35 +73,18 @@ std::string ReadWhole(const std::wstring& path)
 
 Ended RunProgram(const std::wstring& name, const std::wstring& arguments)
 {
-    const std::wstring outputPath = options.drivers + L"\\output.txt";
-    SECURITY_ATTRIBUTES inherited = {sizeof(inherited), nullptr, TRUE};
-    const HANDLE output = CreateFileW(outputPath.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherited,
-                                      CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    std::wstring command = L"\"" + options.drivers + L"\\" + name + L"\" " + arguments;
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof(startup);
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = startup.hStdError = output;
-    PROCESS_INFORMATION process;
-    const BOOL started = CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                                        &startup, &process);
-    CloseHandle(output);
-    if (!started) {
-        throw SystemFailure(Narrow(name) + " cannot be run");
+    // In quotes as a whole, which the shell takes off.
+    const std::wstring command = L"\"\"" + options.drivers + L"\\" + name + L"\" " + arguments + L" 2>&1\"";
+    FILE* const pipe = _wpopen(command.c_str(), L"rt");
+    if (pipe == nullptr) {
+        throw Failure(Narrow(name) + " cannot be run");
     }
-    Ended ended = {STILL_ACTIVE, ""};
-    if (WaitForSingleObject(process.hProcess, kPatienceMs) != WAIT_OBJECT_0) {
-        TerminateProcess(process.hProcess, STILL_ACTIVE);
+    std::string output;
+    for (int character; (character = fgetc(pipe)) != EOF;) {
+        output.push_back(static_cast<char>(character));
     }
-    GetExitCodeProcess(process.hProcess, &ended.code);
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
-    ended.output = ReadWhole(outputPath);
-    std::erase(ended.output, '\r');
-    return ended;
+    return {_pclose(pipe), output};
 }
-
-// -------------------------------------------------------------------------------------------------- services
 
 static SC_HANDLE Create(const std::wstring& name)
 {
@@ -116,18 +94,13 @@ static SC_HANDLE Create(const std::wstring& name)
                           kGroup, nullptr, nullptr, nullptr, nullptr);
 }
 
-// What a run that was cut off has left behind.
-static void DeleteLeftover(const std::wstring& name)
-{
-    const SC_HANDLE handle = OpenServiceW(ServiceManager(), name.c_str(), SERVICE_ALL_ACCESS);
-    DeleteService(handle);
-    CloseServiceHandle(handle);
-}
-
 Service::Service(const std::wstring& name) : name_(name), handle_(Create(name))
 {
     if (handle_ == nullptr && GetLastError() == ERROR_SERVICE_EXISTS) {
-        DeleteLeftover(name);
+        // What a run that was cut off has left behind.
+        const SC_HANDLE leftover = OpenServiceW(ServiceManager(), name.c_str(), SERVICE_ALL_ACCESS);
+        DeleteService(leftover);
+        CloseServiceHandle(leftover);
         handle_ = Create(name);
     }
     if (handle_ == nullptr) {
@@ -203,15 +176,9 @@ CleanupRequests::CleanupRequests()
     }
 }
 
-// --------------------------------------------------------------------------------------------------- devices
-
-static HANDLE Open(const wchar_t* name)
-{
-    return CreateFileW(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED,
-                       nullptr);
-}
-
-Device::Device(const wchar_t* name) : handle_(Open(name))
+Device::Device(const wchar_t* name)
+    : handle_(CreateFileW(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED,
+                          nullptr))
 {
     if (handle_ == INVALID_HANDLE_VALUE) {
         throw SystemFailure("device " + Narrow(name) + " cannot be opened");
@@ -231,19 +198,14 @@ void Device::Close()
     }
 }
 
-DWORD Device::OpenError()
-{
-    const HANDLE handle = Open(L"\\\\.\\NdisFilter");
-    if (handle == INVALID_HANDLE_VALUE) {
-        return GetLastError();
-    }
-    CloseHandle(handle);
-    return ERROR_SUCCESS;
-}
-
 Answer Device::Control(uint32_t code, std::span<const uint8_t> input, size_t outputLength)
 {
     return Request(*this, code, input, outputLength).Wait();
+}
+
+uint64_t Device::StartShare()
+{
+    return As<uint64_t>(Control(IOCTL_NDIS_FILTER_START_SHARE, Bytes(uint32_t{1}), 8).bytes);
 }
 
 Request::Request(Device& device, uint32_t code, std::span<const uint8_t> input, size_t outputLength)
@@ -293,8 +255,6 @@ Answer Request::Wait()
     return {error_, {output_.begin(), output_.begin() + static_cast<ptrdiff_t>(returned)}};
 }
 
-// ---------------------------------------------------------------------------------------------- debug output
-
 DebugOutput::DebugOutput() : begin_(ReadWhole(options.debugOutput).size()) {}
 
 std::vector<std::string> DebugOutput::Lines() const
@@ -327,8 +287,6 @@ bool DebugOutput::ShowsExactly(const std::string& line) const
         return std::find(lines.begin(), lines.end(), line) != lines.end();
     });
 }
-
-// -------------------------------------------------------------------------------------------------- adapters
 
 Room::Room()
 {

@@ -35,7 +35,6 @@ struct Failure : std::runtime_error {
 
 std::string Narrow(const std::wstring& text);
 bool IsWine();
-bool Exists(const std::wstring& path);
 std::string ReadWhole(const std::wstring& path);
 
 // Looks at a condition until it holds, for ten seconds.
@@ -43,14 +42,12 @@ bool WaitFor(const std::function<bool()>& condition);
 
 // What a program has printed, both outputs together, and its exit code.
 struct Ended {
-    DWORD code;
+    int code;
     std::string output;
 };
 
-// Runs a program of the drivers' directory, for ten seconds at most.
+// Runs a program of the drivers' directory.
 Ended RunProgram(const std::wstring& name, const std::wstring& arguments);
-
-// -------------------------------------------------------------------------------------------------- services
 
 // A kernel service: NAME.sys in the drivers' directory. All are in one load order group, so that they share a
 // process under Wine. Stopped and deleted at the end.
@@ -82,8 +79,6 @@ class CleanupRequests
   private:
     std::optional<Service> shim_;
 };
-
-// --------------------------------------------------------------------------------------------------- devices
 
 // What a control request came to: 0 or an error code of Windows, and the bytes returned.
 struct Answer {
@@ -123,10 +118,9 @@ class Device
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
 
-    static DWORD OpenError(); // of the framework's device; 0 when it can be opened
-
     // One request that is not parked.
     Answer Control(uint32_t code, std::span<const uint8_t> input = {}, size_t outputLength = 0);
+    uint64_t StartShare(); // the address, or NDIS_FILTER_SHARE_FAILED when another program has it
     void Close();
     HANDLE Handle() const { return handle_; }
 
@@ -152,8 +146,6 @@ Record As(const std::vector<uint8_t>& bytes)
     return record;
 }
 
-// ---------------------------------------------------------------------------------------------- debug output
-
 // What the drivers have printed since the object was made.
 class DebugOutput
 {
@@ -168,8 +160,6 @@ class DebugOutput
 
     size_t begin_;
 };
-
-// -------------------------------------------------------------------------------------------------- adapters
 
 // The framework and the hook driver with its two adapters, not bound and not open yet.
 class Room
