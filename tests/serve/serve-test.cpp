@@ -10,8 +10,6 @@
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <ndisfilter-client.hpp>
 
@@ -127,45 +125,18 @@ TEST(Serve, ClosingTheDeviceCompletesItsRead)
     EXPECT_NE(StartShare(*device), nullptr);
 }
 
-// What a program does that is killed in the middle of it all.
-[[noreturn]] void HoldShareUntilKilled(const LabServer& lab, int ready)
-{
-    const auto device = lab.Open();
-    SharedMemory* memory = StartShare(*device);
-    const auto read = device->Send(IOCTL_NDIS_FILTER_READ_SHARE);
-    const char answer = memory != nullptr ? '1' : '0';
-    if (write(ready, &answer, 1) == 1) {
-        while (true) {
-            device->Control(IOCTL_NDIS_FILTER_WRITE_SHARE, {}, {});
-            memory->m_InputBlocks[0].m_Data[0] = 1;
-        }
-    }
-    _exit(1);
-}
-
 TEST(Serve, AKilledProgramLeavesTheShareFree)
 {
     // Without traffic its read stays parked.
     for (const std::vector<std::string>& arguments : {kTraffic, kOneAdapter}) {
         const LabServer lab(arguments);
-        int ready[2];
-        ASSERT_EQ(pipe(ready), 0);
-        const pid_t child = fork(); // while this process has one thread
-        if (child == 0) {
-            HoldShareUntilKilled(lab, ready[1]);
-        }
-        close(ready[1]);
-        char answer = 0;
-        EXPECT_EQ(read(ready[0], &answer, 1), 1);
-        EXPECT_EQ(answer, '1');
-        close(ready[0]);
-        {
-            const auto device = lab.Open();
-            EXPECT_EQ(StartShare(*device), nullptr); // the other one has it
-        }
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
         const auto device = lab.Open();
+        {
+            const support::Program watcher(NDISFILTERCTL, {"--device", lab.Socket(), "watch"},
+                                           lab.CtlDirectory());
+            EXPECT_TRUE(Eventually([&] { return watcher.Errors().find("watching") != std::string::npos; }));
+            EXPECT_EQ(StartShare(*device), nullptr); // the other one has it
+        }                                            // it is killed
         SharedMemory* memory = nullptr;
         EXPECT_TRUE(Eventually([&] { return (memory = StartShare(*device)) != nullptr; }));
         const auto read = device->Send(IOCTL_NDIS_FILTER_READ_SHARE); // the dead one's is no longer parked

@@ -3,6 +3,7 @@
 
 #include "support/program.h"
 
+#include <algorithm>
 #include <thread>
 
 namespace
@@ -19,18 +20,9 @@ std::string RunLab(uint16_t port, bool stream, const std::string& more = "")
     return result.output + "exit code " + std::to_string(result.exitCode);
 }
 
-size_t Count(const std::string& text, const std::string& part)
-{
-    size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
 TEST(LogShipperTest, ShipsALineForEachEventBothWays)
 {
-    size_t lines[2] = {};
+    std::ptrdiff_t lines[2] = {};
     for (const bool stream : {false, true}) {
         const HostSocket server(stream ? SOCK_STREAM : SOCK_DGRAM);
         std::string output;
@@ -48,11 +40,10 @@ TEST(LogShipperTest, ShipsALineForEachEventBothWays)
             log += server.Receive() + "\n";
         }
         EXPECT_THAT(output, testing::HasSubstr("exit code 0"));
-        lines[stream] = Count(log, "\n");
+        lines[stream] = std::ranges::count(log, '\n');
         EXPECT_THAT(output, testing::HasSubstr("logshipper: " + std::to_string(lines[stream]) +
                                                " lines handed to the transport, 0 lost, 0 dropped"));
         EXPECT_THAT(log, testing::StartsWith("<134>logshipper: 1 adapter 1 opened\n"));
-        EXPECT_GT(Count(log, " connection "), 0u);
         EXPECT_THAT(log, testing::EndsWith(" adapter 1 connection 10.77.0.1:57388 > 10.77.0.2:80\n"));
     }
     EXPECT_EQ(lines[0], lines[1]);
