@@ -17,9 +17,7 @@ constexpr uint32_t kMediaConnect = 0x4001000B;
 constexpr uint32_t kMediaDisconnect = 0x4001000C;
 constexpr ULONG kSlots = FILTER_ADAPTER_CONTEXT_COUNT;
 
-class ContextsTest : public FrameworkTest
-{
-  protected:
+struct ContextsTest : FrameworkTest {
     void SetUp() override
     {
         FrameworkTest::SetUp();
@@ -37,12 +35,9 @@ class ContextsTest : public FrameworkTest
     FilterAdapter* adapter_ = nullptr;
 };
 
-class AdapterEventsTest : public ContextsTest
-{};
+struct AdapterEventsTest : ContextsTest {};
 
-class HandlersTest : public FrameworkTest
-{
-  protected:
+struct HandlersTest : FrameworkTest {
     HandlersTest() : FrameworkTest(WithTrace(0x80)) {}
 };
 

@@ -11,8 +11,7 @@ using namespace support;
 namespace
 {
 
-class AdapterFaultsTest : public FrameworkTest
-{};
+struct AdapterFaultsTest : FrameworkTest {};
 
 VOID FaultOnEvent(FilterDriver*, PVOID, ULONG event, PVOID, FilterAdapter*)
 {

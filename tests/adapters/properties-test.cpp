@@ -18,9 +18,7 @@ constexpr uint32_t kTraceAdapter = 0x1;
 constexpr MacAddress kPermanentMac = {0x02, 0, 0, 0, 0, 0x99};
 constexpr MacAddress kPppMac = {0xAA, 0x0B, 0xCC, 0xDD, 0xEE, 0x0F};
 
-class PropertiesTest : public FrameworkTest
-{
-  protected:
+struct PropertiesTest : FrameworkTest {
     PropertiesTest() : FrameworkTest(WithTrace(kTraceAdapter)) {}
 
     void SetUp() override

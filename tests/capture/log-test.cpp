@@ -26,9 +26,7 @@ const std::string kUpper = LogName(kOwnMacText, "Upper");
 const std::string kLower = LogName(kOwnMacText, "Lower");
 const std::string kInject = LogName(kOwnMacText, "Inject");
 
-class CaptureTest : public sharing::SharingTest
-{
-  protected:
+struct CaptureTest : sharing::SharingTest {
     CaptureTest() { plan_ = WithTrace(0x2); }
 
     void SetUp() override
@@ -233,7 +231,8 @@ TEST_F(CaptureTest, FailuresLeaveALogSilentAndTrafficAlone)
             Start();
             for (int i = 0; i < 2; ++i) {
                 Receive(frame);
-                EXPECT_TRUE(machine::WaitIdle()); // one writer after the other: the n-th call is always the same
+                EXPECT_TRUE(
+                    machine::WaitIdle()); // one writer after the other: the n-th call is always the same
                 ++delivered;
             }
             hit = machine::FaultHit(kind);

@@ -8,9 +8,7 @@ namespace chains
 
 using Counters = std::array<uint32_t, 5>; // processed, then bypass, discard, consume, capture
 
-class ChainTest : public support::AdapterTest
-{
-  protected:
+struct ChainTest : support::AdapterTest {
     using AdapterTest::AdapterTest;
 
     // A filter's counters as its dump shows them.

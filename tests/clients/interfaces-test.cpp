@@ -31,9 +31,7 @@ VOID Listen(FilterDriver*, PVOID, ULONG event, PVOID context, const STRING* name
     }
 }
 
-class InterfacesTest : public FrameworkTest
-{
-  protected:
+struct InterfacesTest : FrameworkTest {
     InterfacesTest() : FrameworkTest(FrameworkOnly(0x40)) {}
 
     void SetUp() override

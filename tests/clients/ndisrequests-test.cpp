@@ -9,9 +9,7 @@ namespace
 
 constexpr uint32_t kMaximumFrameSize = 0x00010106;
 
-class NdisRequestsTest : public FrameworkTest
-{
-  protected:
+struct NdisRequestsTest : FrameworkTest {
     NdisRequestsTest() : FrameworkTest(WithTrace(1)) {}
 
     hook::NdisRequest* Allocate()

@@ -44,9 +44,7 @@ VOID CallVisit(PVOID visit, HashItem* head)
     (*static_cast<Visit*>(visit))(ItemOf(head));
 }
 
-class TablesTest : public FrameworkTest
-{
-  protected:
+struct TablesTest : FrameworkTest {
     TablesTest() : FrameworkTest(FrameworkOnly()) {}
 
     void TearDown() override
@@ -81,9 +79,7 @@ class TablesTest : public FrameworkTest
     std::list<Item> items; // outlive the table
 };
 
-class TracedTablesTest : public TablesTest
-{
-  protected:
+struct TracedTablesTest : TablesTest {
     TracedTablesTest() { plan_ = FrameworkOnly(kTraceHash); }
 };
 

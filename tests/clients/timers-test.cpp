@@ -14,9 +14,7 @@ namespace
 constexpr uint32_t kTraceServices = 0x800;
 constexpr int64_t kStart = 132'000'000'000'000'000;
 
-class TimersTest : public FrameworkTest
-{
-  protected:
+struct TimersTest : FrameworkTest {
     TimersTest() : FrameworkTest(FrameworkOnly(kTraceServices)) {}
 
     void SetUp() override

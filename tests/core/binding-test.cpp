@@ -30,9 +30,7 @@ LONG AskVersion()
     return status == FILTER_STATUS_SUCCESS ? static_cast<LONG>(values[3]) : status;
 }
 
-class BindingTest : public DeviceTest
-{
-  protected:
+struct BindingTest : DeviceTest {
     BindingTest() : DeviceTest(FrameworkOnly(kTraceCore)) {}
 
     // Sends a record, which may be answered, and expects it taken whole.
@@ -156,8 +154,7 @@ TEST_F(QuietBindingTest, PrintsTheRecordThatIsBound)
 }
 
 // Without some or all functions of the hook driver the exports answer; nothing calls through a null pointer.
-class PartlyBoundTest : public FrameworkTest
-{};
+struct PartlyBoundTest : FrameworkTest {};
 
 TEST_F(PartlyBoundTest, EachMissingFunctionIsAnswered)
 {

@@ -11,9 +11,7 @@ namespace
 constexpr uint32_t kTraceCore = 0x100;
 const std::string kServiceKey = "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\NdisFilter";
 
-class StartUpTest : public FrameworkTest
-{
-  protected:
+struct StartUpTest : FrameworkTest {
     explicit StartUpTest(LoadPlan plan = NothingLoaded()) : FrameworkTest(plan) {}
 
     // A frame in and one out through the framework, which must be loaded.

@@ -20,9 +20,7 @@ bool Drained()
     return Eventually([] { return Filter_GetInjectPacketCount() == 0; }) && machine::WaitIdle();
 }
 
-class QueueTest : public AdapterTest
-{
-  protected:
+struct QueueTest : AdapterTest {
     using AdapterTest::AdapterTest;
 
     FILTER_STATUS QueueReceived(const Bytes& frame)

@@ -34,9 +34,7 @@ void Put(Bytes& bytes, size_t offset, uint16_t value)
     bytes[offset + 1] = static_cast<uint8_t>(value);
 }
 
-class ChecksumTest : public FrameworkTest
-{
-  protected:
+struct ChecksumTest : FrameworkTest {
     ChecksumTest() : FrameworkTest(WithTrace(0x200)) {}
 };
 

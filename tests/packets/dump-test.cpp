@@ -7,9 +7,7 @@ using testing::ElementsAre;
 namespace
 {
 
-class DumpTest : public AdapterTest
-{
-  protected:
+struct DumpTest : AdapterTest {
     void SetUp() override
     {
         AdapterTest::SetUp();

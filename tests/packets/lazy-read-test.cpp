@@ -24,9 +24,7 @@ void ExpectTransferred(FilterPacket* packet, ULONG bytesRead, ULONG size)
     EXPECT_EQ(packet->m_nPacketSize, size);
 }
 
-class PacketTest : public AdapterTest
-{
-  protected:
+struct PacketTest : AdapterTest {
     PacketTest() : AdapterTest(WithTrace(0x200)) {}
 
     // Runs `procedure` on a received packet of 60 bytes and answers its verdict.

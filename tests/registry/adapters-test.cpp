@@ -40,21 +40,15 @@ std::vector<FilterAdapter*> Enumerate(size_t limit = 100)
     return adapters;
 }
 
-class AdaptersTest : public FrameworkTest
-{
-  protected:
+struct AdaptersTest : FrameworkTest {
     AdaptersTest() : FrameworkTest(WithTrace(kTraceAdapter)) {}
 };
 
-class UnboundAdaptersTest : public FrameworkTest
-{
-  protected:
+struct UnboundAdaptersTest : FrameworkTest {
     UnboundAdaptersTest() : FrameworkTest(NotBound(kTraceHook)) {}
 };
 
-class HandBoundAdaptersTest : public DeviceTest
-{
-  protected:
+struct HandBoundAdaptersTest : DeviceTest {
     HandBoundAdaptersTest() : DeviceTest(FrameworkOnly()) {}
 
     NdisHookAPI BindBy(HOOK_GET_TCPIP_BOUND_ADAPTERS getAdapters)
@@ -219,8 +213,7 @@ TEST_F(AdaptersTest, AreFoundByTheirCurrentMacAddressAndTheBeginningOfTheirName)
     FilterAdapter* longest = AddAdapter(whole, Mac(2)); // the second's address
     const auto expect = [](const std::string& what, FilterAdapter* expected, const auto& find) {
         FilterAdapter* found = nullptr;
-        EXPECT_EQ(find(&found),
-                  expected != nullptr ? FILTER_STATUS_SUCCESS : FILTER_ERROR_ADAPTER_NOT_FOUND)
+        EXPECT_EQ(find(&found), expected != nullptr ? FILTER_STATUS_SUCCESS : FILTER_ERROR_ADAPTER_NOT_FOUND)
             << what;
         EXPECT_EQ(found, expected) << what;
     };
@@ -231,9 +224,9 @@ TEST_F(AdaptersTest, AreFoundByTheirCurrentMacAddressAndTheBeginningOfTheirName)
         });
     }
     const std::pair<std::string, FilterAdapter*> names[] = {
-        {"{AB-2}", second},   {"{AB-1} one", first},         {"{AB-", first},
-        {"{ab-1}", nullptr},  {"AB-1", nullptr},             {"{AB-1} one more", nullptr},
-        {whole, longest},     {whole + "n", nullptr},        {whole + whole, nullptr}};
+        {"{AB-2}", second},  {"{AB-1} one", first},  {"{AB-", first},
+        {"{ab-1}", nullptr}, {"AB-1", nullptr},      {"{AB-1} one more", nullptr},
+        {whole, longest},    {whole + "n", nullptr}, {whole + whole, nullptr}};
     for (const auto& [name, expected] : names) {
         expect(name, expected, [&name = name](FilterAdapter** found) {
             return Filter_FindAdapterByNetCfgInstanceId(name.c_str(), found);

@@ -15,9 +15,7 @@ namespace
 
 constexpr uint32_t kTraceFilter = 0x20;
 
-class FiltersTest : public FrameworkTest
-{
-  protected:
+struct FiltersTest : FrameworkTest {
     FiltersTest() : FrameworkTest(FrameworkOnly()) {}
 
     // Names of a chain's filters in chain order, as its dump shows them.

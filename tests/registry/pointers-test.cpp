@@ -45,9 +45,7 @@ BOOLEAN FaultOnFilter(PVOID, PacketFilter*)
     return TRUE;
 }
 
-class PointersTest : public FrameworkTest
-{
-  protected:
+struct PointersTest : FrameworkTest {
     void SetUp() override
     {
         FrameworkTest::SetUp();

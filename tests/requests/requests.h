@@ -34,9 +34,7 @@ inline void UseUpIds()
     }
 }
 
-class RequestsTest : public support::DeviceTest
-{
-  protected:
+struct RequestsTest : support::DeviceTest {
     explicit RequestsTest(support::LoadPlan plan = support::WithTrace(kTraceCore))
         : DeviceTest(std::move(plan))
     {}

@@ -14,9 +14,7 @@ namespace
 constexpr int kMostEvents = 1023;
 constexpr ULONG kTraceEventAndService = 0x810;
 
-class EventsTest : public FrameworkTest
-{
-  protected:
+struct EventsTest : FrameworkTest {
     EventsTest() : FrameworkTest(FrameworkOnly(kTraceEventAndService)) {}
 };
 

@@ -29,9 +29,7 @@ std::string Narrow(const UNICODE_STRING& text)
     return std::string(text.Buffer, text.Buffer + text.Length / sizeof(WCHAR));
 }
 
-class ServicesTest : public FrameworkTest
-{
-  protected:
+struct ServicesTest : FrameworkTest {
     ServicesTest() : FrameworkTest(FrameworkOnly(kMask)) {}
 
     UNICODE_STRING key = Counted(L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\NdisFilter");

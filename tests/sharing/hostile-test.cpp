@@ -7,9 +7,7 @@ using namespace support;
 namespace
 {
 
-class HostileTest : public SharedTest
-{
-  protected:
+struct HostileTest : SharedTest {
     // Both rings are empty from here on, and work.
     void Repair()
     {

@@ -133,9 +133,7 @@ inline FILTER_STATUS SendSignal(uint8_t content = 0x77)
     return Filter_IndicateSignalToApplication(signal.data());
 }
 
-class SharingTest : public support::AdapterTest
-{
-  protected:
+struct SharingTest : support::AdapterTest {
     void SetUp() override
     {
         AdapterTest::SetUp();
@@ -186,9 +184,7 @@ class SharingTest : public support::AdapterTest
 };
 
 // `program` owns the share.
-class SharedTest : public SharingTest
-{
-  protected:
+struct SharedTest : SharingTest {
     void SetUp() override
     {
         SharingTest::SetUp();
