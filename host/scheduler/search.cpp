@@ -47,7 +47,7 @@ constexpr size_t kMaxSites = 1 << 13;
 constexpr size_t kMaxDeviations = 1 << 14;
 constexpr size_t kMaxSwitches = 4096;
 constexpr uint32_t kSwitchesTold = 40;
-constexpr unsigned kSecondsPerRun = 60;
+constexpr unsigned kSecondsPerRun = 600; // of a machine that may have much else to do
 constexpr int kFailed = 3;
 
 // Written by the processes of a search, read by the one that waits for them.
