@@ -125,6 +125,33 @@ TEST_F(ParseTest, EachHeaderIsFoundInThePacketsOwnDataAndInTheCallersFrame)
         EXPECT_EQ(used->m_nProtocol, protocol);
     }
     Filter_ReleasePacket(used);
+    EXPECT_EQ(Filter_InitPacketHeader(nullptr, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+}
+
+// With every trace and the dump on, so that all code that looks at headers sees each of them.
+struct EveryCutTest : AdapterTest {
+    EveryCutTest() : AdapterTest(WithTrace(kTraceEverything)) {}
+};
+
+TEST_F(EveryCutTest, FramesOfEverySizePassUnchangedInBothDirections)
+{
+    std::vector<Bytes> frames;
+    for (const Case& test : Cases()) {
+        for (size_t size = 0; size <= std::min<size_t>(test.frame.size(), 84); ++size) {
+            frames.emplace_back(test.frame.begin(), test.frame.begin() + static_cast<ptrdiff_t>(size));
+        }
+        frames.push_back(test.frame);
+        frames.back().resize(1514, 0xA5);
+    }
+    adapter->m_bPacketDump = TRUE;
+    const Collector up(adapter, hook::Side::Protocols), down(adapter, hook::Side::Adapter);
+    for (const Bytes& frame : frames) {
+        ASSERT_EQ(hook::DeliverReceived(adapter, frame), hook::Accepted::Yes);
+        ASSERT_EQ(hook::DeliverSent(adapter, frame), hook::Accepted::Yes);
+        Debug().Take();
+    }
+    EXPECT_EQ(up.Frames(), frames);
+    EXPECT_EQ(down.Frames(), frames);
 }
 
 } // namespace
