@@ -188,7 +188,7 @@ std::vector<Call> ClientCalls()
 {
     const Argument interfaceName = Handle(Form::NameOf, kInterface, kNull);
     return {
-        Line(NAMED(Filter_RegisterDriver), 1,
+        Line(NAMED(Filter_RegisterDriver), 10,
              {Name(), Pointer(&t_walks), Number(1, 1, FILTER_ERROR_UNSUPPORTED_API_VERSION, {2, 3}),
               Number(0, 1), New(kDriver)}),
         Line(NAMED(Filter_IsValidDriver), 50, {Live(kDriver)}),
@@ -197,11 +197,11 @@ std::vector<Call> ClientCalls()
         // Not as often as the other calls: a client is to have a life.
         Line("Filter_DeregisterDriver", Depart, 5, {Ended(kDriver)}, {.percent = 10}),
 
-        Line(NAMED(Filter_RegisterFilter), 20,
+        Line(NAMED(Filter_RegisterFilter), 50,
              {Owner(), Name(), Pointer(FilterProcedure, kNull), Context(), kChain,
               OneOf({FILTER_ORDER_FIRST, FILTER_ORDER_NEXT, FILTER_ORDER_LAST, 7, 1000}), New(kFilter)}),
         Line(NAMED(Filter_IsValidFilter), 50, {Live(kFilter)}),
-        Line(NAMED(Filter_DeregisterFilter), 20, {Owner(), Ended(kFilter)}),
+        Line(NAMED(Filter_DeregisterFilter), 50, {Owner(), Ended(kFilter)}),
         Line(NAMED(Filter_GetFilterName), 50, {Live(kFilter), Text()}),
         Line(NAMED(Filter_GetFilterContext), 50, {Live(kFilter), Out(8)}),
         Line(NAMED(Filter_GetFilterType), 50, {Live(kFilter), Out(4)}),
@@ -210,38 +210,38 @@ std::vector<Call> ClientCalls()
         Line(NAMED(Filter_DumpFilter), 99, {kChain}),
         Line(NAMED(Filter_ShowFilter), 50, {Handle(Form::Live, kFilter), Number(0, 100)}),
 
-        Line(NAMED(Filter_RegisterEventHandler), 20,
+        Line(NAMED(Filter_RegisterEventHandler), 50,
              {Owner(), Pointer(OnAdapterEvent, kNull), Context(), New(kEventHandler)}),
         Line(NAMED(Filter_IsValidEventHandler), 50, {Live(kEventHandler)}),
-        Line(NAMED(Filter_DeregisterEventHandler), 20, {Owner(), Ended(kEventHandler)}),
-        Line(NAMED(Filter_RegisterIfEventHandler), 20,
+        Line(NAMED(Filter_DeregisterEventHandler), 50, {Owner(), Ended(kEventHandler)}),
+        Line(NAMED(Filter_RegisterIfEventHandler), 50,
              {Owner(), Pointer(OnInterfaceEvent, kNull), Context(), New(kIfEventHandler)}),
         Line(NAMED(Filter_IsValidIfEventHandler), 50, {Live(kIfEventHandler)}),
-        Line(NAMED(Filter_DeregisterIfEventHandler), 20, {Owner(), Ended(kIfEventHandler)}),
-        Line(NAMED(Filter_RegisterIoControl), 20,
+        Line(NAMED(Filter_DeregisterIfEventHandler), 50, {Owner(), Ended(kIfEventHandler)}),
+        Line(NAMED(Filter_RegisterIoControl), 50,
              {Owner(), Pointer(OnControl, kNull), Context(), New(kIoCtrlHandler)}),
         Line(NAMED(Filter_IsValidIoCtrlHandler), 50, {Live(kIoCtrlHandler)}),
-        Line(NAMED(Filter_DeregisterIoControl), 20, {Owner(), Ended(kIoCtrlHandler)}),
+        Line(NAMED(Filter_DeregisterIoControl), 50, {Owner(), Ended(kIoCtrlHandler)}),
         Line(NAMED(Filter_DefaultIoCtrlHandler), 0,
              {Null(), Null(), Any(), Null(), Null(), Null(), Null(), Null()},
              {.may = {STATUS_NOT_SUPPORTED}}),
 
-        Line(NAMED(Filter_InitializeTimer), 20,
+        Line(NAMED(Filter_InitializeTimer), 50,
              {Owner(), Pointer(OnTimer, kNull), Context(), Number(0, 2), New(kTimer)}),
         Line(NAMED(Filter_IsValidTimer), 50, {Live(kTimer)}),
         Line(NAMED(Filter_StartTimer), 50, {Live(kTimer), Number(0, 20)}),
         Line(NAMED(Filter_StopTimer), 50, {Live(kTimer)}),
-        Line(NAMED(Filter_FreeTimer), 20, {Owner(), Ended(kTimer)}, {.level = kPassive}),
+        Line(NAMED(Filter_FreeTimer), 50, {Owner(), Ended(kTimer)}, {.level = kPassive}),
 
-        Line(NAMED(Filter_RegisterInterface), 20, {Owner(), Name(), Made(MakeBlock, kNull), New(kInterface)}),
-        Line("Filter_QueryInterface", QueryInterface, 10, {Owner(), interfaceName, New(kReference)}),
+        Line(NAMED(Filter_RegisterInterface), 50, {Owner(), Name(), Made(MakeBlock, kNull), New(kInterface)}),
+        Line("Filter_QueryInterface", QueryInterface, 30, {Owner(), interfaceName, New(kReference)}),
         // The owner of the interface may have left meanwhile.
-        Line(NAMED(Filter_IsValidInterface), 10, {Live(kReference)}, {.may = {kNo}}),
+        Line(NAMED(Filter_IsValidInterface), 30, {Live(kReference)}, {.may = {kNo}}),
         Line(NAMED(Filter_IsValidInterfaceObject), 50, {Live(kInterface)}),
-        Line(NAMED(Filter_ReleaseInterface), 10, {Owner(), Ended(kReference)},
+        Line(NAMED(Filter_ReleaseInterface), 30, {Owner(), Ended(kReference)},
              {.may = {FILTER_ERROR_INVALID_FILTER_INTERFACE}}),
         // One that is referenced is withdrawn all the same, and goes with the last reference.
-        Line(NAMED(Filter_DeregisterInterface), 10, {Owner(), Ended(kInterface)},
+        Line(NAMED(Filter_DeregisterInterface), 30, {Owner(), Ended(kInterface)},
              {.may = {FILTER_ERROR_INTERFACE_ARE_REFERENCED}}),
     };
 }

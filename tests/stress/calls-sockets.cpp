@@ -225,7 +225,7 @@ std::vector<Call> SocketCalls()
         Line("KS_CloseTransportAddress", Close<false>, 50, {open(Form::Ended, kAddress)}, passive),
         Line("KS_SetEventHandlers", SwitchHandler, 50, {address, OneOf({0, 0, Word(OnDatagram)})}, waiting),
         Line("KS_SendDatagramOnAddress", SendDatagram, 50, {address, data}, request),
-        Line("KS_ReceiveDatagramOnAddress", ReceiveDatagram, 10, {address, data}, request),
+        Line("KS_ReceiveDatagramOnAddress", ReceiveDatagram, 30, {address, data}, request),
         Line("KS_OpenConnectionEndpoint", Open<true>, 50, {Handle(Form::New, kEndpoint)}, passive),
         Line("KS_CloseConnectionEndpoint", Close<true>, 50, {open(Form::Ended, kEndpoint)}, passive),
         Line("KS_Connect", Connect, 20, {connection}, waiting),
