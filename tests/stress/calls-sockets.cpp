@@ -1,6 +1,6 @@
 // The kernel sockets: addresses and connections that threads share, with an echo server of this machine as their peer.
-// All data requests of a connection are told by callback or event; nobody waits for one that may never complete.
-#include "stress.h"
+// All data requests of a connection are told by callback; nobody waits for one that may never complete.
+#include "row.h"
 
 #include <echo-client.h>
 
@@ -10,202 +10,96 @@ namespace stress
 namespace
 {
 
+// A record is the library's until its count is 0, so each is used once in a round. An address has no endpoint.
+using Record = echo::Connection;
+constexpr uint32_t kRecords = 1 << 14;
+Record g_records[kRecords];
+std::atomic<uint32_t> g_recordsUsed{0};
+Record g_closed;
+
 // What one data request needs until it has completed.
-struct Block {
-    Slot<Block> slot;
-    std::unique_ptr<echo::Block> data;
+struct Data {
+    Slot* slot = nullptr;
+    echo::Block block{512};
     IO_STATUS_BLOCK result;
-    KEVENT event;
-    std::atomic<bool> awaited{false}; // held until the event is set
     TA_IP_ADDRESS peer;
     TDI_CONNECTION_INFORMATION information;
 };
+std::unique_ptr<Data[]> g_data;
 
-// A record is the library's until its count is 0: only then is its slot empty again.
-struct Address {
-    Slot<KS_TRANSPORT_ADDRESS> slot;
-    std::atomic<bool> closing{false};
-    KS_TRANSPORT_ADDRESS record;
-};
-
-struct Connection {
-    Slot<KS_CONNECTION_ENDPOINT> slot;
-    std::atomic<bool> closing{false};
-    KS_TRANSPORT_ADDRESS address;
-    KS_CONNECTION_ENDPOINT endpoint;
-};
-
-Address g_addresses[3];
-Connection g_connections[3];
-Block g_blocks[24];
-KS_TRANSPORT_ADDRESS g_closedAddress;
-KS_CONNECTION_ENDPOINT g_closedEndpoint;
-std::unique_ptr<echo::Server> g_server;
-
-ULONG CountOf(const volatile ULONG& count)
+const echo::Server& Server() // of the run
 {
-    return __atomic_load_n(&count, __ATOMIC_ACQUIRE);
+    static const echo::Server server;
+    return server;
 }
-
-// ---------------------------------------------------------------------------------------------------- requests
 
 VOID NTAPI OnCompletion(PVOID context, PIO_STATUS_BLOCK, ULONG)
 {
-    auto* block = static_cast<Block*>(context);
-    block->slot.Publish(block);
+    static_cast<Data*>(context)->slot->Put(context);
 }
 
-Block* TakeBlock(Caller& caller)
-{
-    auto hold = FirstOf(caller.Stream(), g_blocks, [](Block& block) {
-        bool awaited = block.awaited.load(std::memory_order_acquire);
-        if (awaited && KeReadStateEvent(&block.event) != 0 &&
-            block.awaited.compare_exchange_strong(awaited, false, std::memory_order_acquire)) {
-            block.slot.Publish(&block);
-        }
-        return Hold<Block>::Taken(block.slot);
-    });
-    Block* const block = hold ? hold.Get() : nullptr;
-    hold.KeepHeld();
-    return block;
-}
-
-constexpr std::initializer_list<int64_t> kRefusals = {
-    STATUS_INVALID_CONNECTION, STATUS_CONNECTION_ACTIVE,  STATUS_CONNECTION_REFUSED,
-    STATUS_CONNECTION_RESET,   STATUS_CONNECTION_ABORTED, STATUS_GRACEFUL_DISCONNECT,
-    STATUS_DEVICE_BUSY,        STATUS_CANCELLED,          STATUS_ADDRESS_ALREADY_EXISTS};
-
-Outcome JudgeRequest(Caller& caller, NTSTATUS status)
-{
-    return status == STATUS_PENDING ? Outcome::Success : caller.Judge(status, kRefusals);
-}
-
-enum class Mode { Callback, Event, Waiting };
-
-// `send` gets event, callback, context, status block and block. Nothing was sent: the block is still ours.
+// `send` gets the callback, its context and where the result goes.
 template <class Send>
-Outcome Request(Caller& caller, Mode mode, const Send& send)
+NTSTATUS Begin(Data* data, const Send& send)
 {
-    Block* const block = TakeBlock(caller);
-    if (block == nullptr) {
-        return Outcome::NothingToUse;
+    const NTSTATUS status = send(OnCompletion, data, Dice().Chance(50) ? &data->result : nullptr);
+    if (status == STATUS_INSUFFICIENT_RESOURCES || status == STATUS_INVALID_HANDLE) { // nothing was sent
+        data->slot->Put(data);
     }
-    NTSTATUS status;
-    if (mode == Mode::Callback) {
-        status =
-            send(nullptr, OnCompletion, block, caller.Stream().Chance(50) ? &block->result : nullptr, *block);
-        if (status == STATUS_INSUFFICIENT_RESOURCES || status == STATUS_INVALID_HANDLE) {
-            block->slot.Publish(block);
-        }
-    } else if (mode == Mode::Event) {
-        status = send(&block->event, nullptr, nullptr, &block->result, *block);
-        if (status == STATUS_PENDING) {
-            block->awaited.store(true, std::memory_order_release);
-        } else {
-            block->slot.Publish(block);
-        }
-    } else {
-        status = send(nullptr, nullptr, nullptr, nullptr, *block);
-        block->slot.Publish(block);
-    }
-    return JudgeRequest(caller, status);
+    return status == STATUS_PENDING ? STATUS_SUCCESS : status;
 }
 
-// Callbacks alone are allowed everywhere.
-Mode AnyMode(Caller& caller, bool mayWait)
+NTSTATUS SendDatagram(Record* record, Data* data)
 {
-    return caller.IsRaised() || caller.Stream().Chance(50) ? Mode::Callback
-           : mayWait && caller.Stream().Chance(50)         ? Mode::Waiting
-                                                           : Mode::Event;
-}
-
-// --------------------------------------------------------------------------------------------------- addresses
-
-bool IsGone(const Address& address)
-{
-    return CountOf(address.record.Count) == 0;
-}
-
-bool IsGone(const Connection& connection)
-{
-    return CountOf(connection.endpoint.Count) == 0 && CountOf(connection.address.Count) == 0;
-}
-
-// An empty place, or one that was closed and whose records the library has left; it is then held.
-template <class Place>
-Place* ReserveOne(Caller& caller, Place (&places)[3])
-{
-    return FirstOf(caller.Stream(), places, [](Place& place) {
-        if (place.slot.Reserve()) {
-            return &place;
-        }
-        if (place.closing.exchange(false, std::memory_order_acquire)) { // nobody else looks at it meanwhile
-            if (IsGone(place)) {
-                return &place;
-            }
-            place.closing.store(true, std::memory_order_release);
-        }
-        return static_cast<Place*>(nullptr);
+    data->peer = echo::Loopback(Server().udpPort);
+    data->information = {};
+    data->information.RemoteAddress = &data->peer;
+    data->information.RemoteAddressLength = sizeof(data->peer);
+    return Begin(data, [=](auto... how) {
+        return KS_SendDatagramOnAddress(&record->address, nullptr, how..., data->block.Mdl(),
+                                        &data->information);
     });
 }
 
-NTSTATUS Open(PCWSTR device, KS_TRANSPORT_ADDRESS* record)
+// One that gets no echo ends with the unload of the framework.
+NTSTATUS ReceiveDatagram(Record* record, Data* data)
 {
+    return Begin(data, [=](auto... how) {
+        return KS_ReceiveDatagramOnAddress(&record->address, nullptr, how..., data->block.Mdl(), nullptr,
+                                           nullptr, 0);
+    });
+}
+
+template <auto kMove>
+NTSTATUS MoveData(Record* record, Data* data)
+{
+    return Begin(
+        data, [=](auto... how) { return kMove(&record->endpoint, nullptr, how..., data->block.Mdl(), 0); });
+}
+
+NTSTATUS Disconnect(Record* record, Data* data)
+{
+    const ULONG flags = Dice().OneOf<ULONG>({TDI_DISCONNECT_ABORT, TDI_DISCONNECT_RELEASE});
+    return Begin(data, [=](auto... how) { return KS_Disconnect(&record->endpoint, nullptr, how..., flags); });
+}
+
+template <bool kWithEndpoint>
+NTSTATUS Open(Record** result)
+{
+    const uint32_t index = g_recordsUsed.fetch_add(1, std::memory_order_relaxed);
+    Require(index < kRecords, "a round opens more than there is room for");
+    Record* const record = *result = &g_records[index % kRecords];
     TA_IP_ADDRESS local = echo::Loopback(0);
-    return KS_OpenTransportAddress(device, reinterpret_cast<PTRANSPORT_ADDRESS>(&local), record);
+    return kWithEndpoint
+               ? record->Open()
+               : KS_OpenTransportAddress(L"\\Device\\Udp", reinterpret_cast<PTRANSPORT_ADDRESS>(&local),
+                                         &record->address);
 }
 
-Outcome OpenAddress(Caller& caller)
+NTSTATUS SwitchHandler(Record* record, PTDI_IND_RECEIVE_DATAGRAM handler)
 {
-    Address* const place = ReserveOne(caller, g_addresses);
-    if (place == nullptr) {
-        return Outcome::NothingToUse;
-    }
-    const NTSTATUS status = Open(L"\\Device\\Udp", &place->record);
-    if (NT_SUCCESS(status)) {
-        place->slot.Publish(&place->record);
-    } else {
-        place->slot.Empty();
-    }
-    return caller.Judge(status);
-}
-
-void OpenAddressWrongly(Caller& caller)
-{
-    KS_TRANSPORT_ADDRESS record;
-    caller.Expect(Open(L"\\Device\\Nothing", &record), STATUS_OBJECT_NAME_NOT_FOUND);
-    caller.Expect(record.Status, STATUS_OBJECT_NAME_NOT_FOUND);
-}
-
-auto BorrowAddress(Caller& caller)
-{
-    return FirstOf(caller.Stream(), g_addresses,
-                   [](Address& address) { return Loan<KS_TRANSPORT_ADDRESS>(address.slot); });
-}
-
-NTSTATUS SwitchOff(KS_TRANSPORT_ADDRESS* record)
-{
-    return KS_SetEventHandlers(record, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
-}
-
-Outcome CloseAddress(Caller& caller)
-{
-    auto hold = FirstOf(caller.Stream(), g_addresses,
-                        [](Address& address) { return Hold<KS_TRANSPORT_ADDRESS>::Taken(address.slot); });
-    if (!hold) {
-        return Outcome::NothingToUse;
-    }
-    auto* address = reinterpret_cast<Address*>(hold.Place()); // its first member
-    hold.KeepHeld();
-    caller.Expect(SwitchOff(&address->record), STATUS_SUCCESS);
-    const NTSTATUS status = KS_CloseTransportAddress(&address->record);
-    address->closing.store(true, std::memory_order_release);
-    return caller.Judge(status);
-}
-
-void CloseAddressAgain(Caller& caller)
-{
-    caller.Expect(KS_CloseTransportAddress(&g_closedAddress), 0);
+    return KS_SetEventHandlers(&record->address, nullptr, nullptr, nullptr, nullptr, nullptr, handler,
+                               nullptr);
 }
 
 NTSTATUS OnDatagram(PVOID, LONG, PVOID, LONG, PVOID, ULONG, ULONG, ULONG, ULONG* taken, PVOID, PIRP*)
@@ -214,359 +108,200 @@ NTSTATUS OnDatagram(PVOID, LONG, PVOID, LONG, PVOID, ULONG, ULONG, ULONG, ULONG*
     return STATUS_DATA_NOT_ACCEPTED;
 }
 
-Outcome SetHandlers(Caller& caller)
+// What is under way ends with a connection.
+template <bool kWithEndpoint>
+NTSTATUS Close(Record* record)
 {
-    const auto address = BorrowAddress(caller);
-    return address
-               ? caller.Judge(KS_SetEventHandlers(address.Get(), nullptr, nullptr, nullptr, nullptr, nullptr,
-                                                  caller.Stream().Chance(30) ? OnDatagram : nullptr, nullptr),
-                              {STATUS_DEVICE_BUSY})
-               : Outcome::NothingToUse;
-}
-
-void SetHandlersWrongly(Caller& caller)
-{
-    caller.Expect(SwitchOff(&g_closedAddress), STATUS_INVALID_HANDLE);
-}
-
-NTSTATUS SendDatagram(KS_TRANSPORT_ADDRESS* record, PKEVENT event, KS_COMPLETION completion, PVOID context,
-                      PIO_STATUS_BLOCK result, Block& block)
-{
-    block.peer = echo::Loopback(g_server->udpPort);
-    block.information = {};
-    block.information.RemoteAddress = &block.peer;
-    block.information.RemoteAddressLength = sizeof(block.peer);
-    return KS_SendDatagramOnAddress(record, event, completion, context, result, block.data->Mdl(),
-                                    &block.information);
-}
-
-Outcome SendOnAddress(Caller& caller)
-{
-    const auto address = BorrowAddress(caller);
-    return address ? Request(caller, AnyMode(caller, true),
-                             [&](auto&&... arguments) { return SendDatagram(address.Get(), arguments...); })
-                   : Outcome::NothingToUse;
-}
-
-// On a closed record: nothing is sent, and no callback comes.
-template <class Send>
-void OnClosed(Caller& caller, const Send& send)
-{
-    Block* const block = TakeBlock(caller);
-    if (block != nullptr) {
-        caller.Expect(send(*block), STATUS_INVALID_HANDLE);
-        block->slot.Publish(block);
+    if (kWithEndpoint && record != &g_closed) {
+        KS_Disconnect(&record->endpoint, nullptr, nullptr, nullptr, nullptr, TDI_DISCONNECT_ABORT);
+    } else if (record != &g_closed) {
+        RequireSuccess(SwitchHandler(record, nullptr), "switching handlers off");
     }
+    record->Close(); // an endpoint with the count 0 is none
+    return STATUS_SUCCESS;
 }
 
-void SendOnClosed(Caller& caller)
+NTSTATUS Connect(Record* record)
 {
-    OnClosed(caller, [](Block& block) {
-        return KS_SendDatagramOnAddress(&g_closedAddress, nullptr, OnCompletion, &block, nullptr,
-                                        block.data->Mdl(), &block.information);
-    });
+    return record->Connect(Server().tcpPort);
 }
 
-// Of the echo of what was sent just before. One that gets none ends with the unload of the framework.
-Outcome ReceiveOnAddress(Caller& caller)
+NTSTATUS SetInformation(Record* record, PVOID buffer)
 {
-    const auto address = BorrowAddress(caller);
-    if (!address) {
-        return Outcome::NothingToUse;
-    }
-    const Outcome outcome = Request(
-        caller, AnyMode(caller, false),
-        [&](PKEVENT event, KS_COMPLETION completion, PVOID context, PIO_STATUS_BLOCK result, Block& block) {
-            return KS_ReceiveDatagramOnAddress(address.Get(), event, completion, context, result,
-                                               block.data->Mdl(), nullptr, nullptr, 0);
-        });
-    if (outcome == Outcome::Success) {
-        Request(caller, Mode::Callback,
-                [&](auto&&... arguments) { return SendDatagram(address.Get(), arguments...); });
-    }
-    return outcome;
-}
-
-void ReceiveOnClosed(Caller& caller)
-{
-    OnClosed(caller, [](Block& block) {
-        return KS_ReceiveDatagramOnAddress(&g_closedAddress, nullptr, OnCompletion, &block, nullptr,
-                                           block.data->Mdl(), nullptr, nullptr, 0);
-    });
-}
-
-// ------------------------------------------------------------------------------------------------- connections
-
-Outcome OpenEndpoint(Caller& caller)
-{
-    Connection* const place = ReserveOne(caller, g_connections);
-    if (place == nullptr) {
-        return Outcome::NothingToUse;
-    }
-    caller.Expect(Open(L"\\Device\\Tcp", &place->address), STATUS_SUCCESS);
-    const NTSTATUS status =
-        KS_OpenConnectionEndpoint(L"\\Device\\Tcp", &place->address, &place->endpoint, place);
-    if (NT_SUCCESS(status)) {
-        place->slot.Publish(&place->endpoint);
-    } else {
-        place->slot.Empty();
-    }
-    return caller.Judge(status);
-}
-
-void OpenEndpointWrongly(Caller& caller)
-{
-    KS_CONNECTION_ENDPOINT record;
-    const auto address = BorrowAddress(caller);
-    if (address) {
-        caller.Expect(KS_OpenConnectionEndpoint(L"\\Device\\Nothing", address.Get(), &record, nullptr),
-                      STATUS_OBJECT_NAME_NOT_FOUND);
-    }
-    caller.Expect(KS_OpenConnectionEndpoint(L"\\Device\\Tcp", &g_closedAddress, &record, nullptr),
-                  STATUS_INVALID_HANDLE);
-}
-
-auto BorrowEndpoint(Caller& caller)
-{
-    return FirstOf(caller.Stream(), g_connections,
-                   [](Connection& connection) { return Loan<KS_CONNECTION_ENDPOINT>(connection.slot); });
-}
-
-// What is under way ends with the connection.
-Outcome CloseEndpoint(Caller& caller)
-{
-    auto hold = FirstOf(caller.Stream(), g_connections, [](Connection& connection) {
-        return Hold<KS_CONNECTION_ENDPOINT>::Taken(connection.slot);
-    });
-    if (!hold) {
-        return Outcome::NothingToUse;
-    }
-    auto* connection = reinterpret_cast<Connection*>(hold.Place()); // its first member
-    hold.KeepHeld();
-    KS_Disconnect(&connection->endpoint, nullptr, nullptr, nullptr, nullptr, TDI_DISCONNECT_ABORT);
-    const NTSTATUS status = KS_CloseConnectionEndpoint(&connection->endpoint);
-    caller.Expect(KS_CloseTransportAddress(&connection->address), 0);
-    connection->closing.store(true, std::memory_order_release);
-    return caller.Judge(status);
-}
-
-void CloseEndpointAgain(Caller& caller)
-{
-    caller.Expect(KS_CloseConnectionEndpoint(&g_closedEndpoint), 0);
-}
-
-Outcome Connect(Caller& caller)
-{
-    const auto endpoint = BorrowEndpoint(caller);
-    TA_IP_ADDRESS peer = echo::Loopback(g_server->tcpPort);
-    // The last: the same pair of ports has only just been in use.
-    const std::initializer_list<int64_t> refusals = {
-        STATUS_INVALID_CONNECTION, STATUS_CONNECTION_ACTIVE,        STATUS_CONNECTION_REFUSED,
-        STATUS_CONNECTION_RESET,   STATUS_CONNECTION_ABORTED,       STATUS_DEVICE_BUSY,
-        STATUS_CANCELLED,          STATUS_INVALID_ADDRESS_COMPONENT};
-    return endpoint ? caller.Judge(KS_Connect(endpoint.Get(), &peer), refusals) : Outcome::NothingToUse;
-}
-
-void ConnectClosed(Caller& caller)
-{
-    TA_IP_ADDRESS peer = echo::Loopback(g_server->tcpPort);
-    caller.Expect(KS_Connect(&g_closedEndpoint, &peer), STATUS_INVALID_HANDLE);
-}
-
-Outcome Disconnect(Caller& caller)
-{
-    const auto endpoint = BorrowEndpoint(caller);
-    const ULONG flags = caller.Stream().OneOf<ULONG>({TDI_DISCONNECT_ABORT, TDI_DISCONNECT_RELEASE});
-    if (!endpoint || caller.Stream().Chance(60)) {
-        return Outcome::NothingToUse;
-    }
-    return Request(
-        caller, AnyMode(caller, flags == TDI_DISCONNECT_ABORT),
-        [&](PKEVENT event, KS_COMPLETION completion, PVOID context, PIO_STATUS_BLOCK result, Block&) {
-            return KS_Disconnect(endpoint.Get(), event, completion, context, result, flags);
-        });
-}
-
-void DisconnectClosed(Caller& caller)
-{
-    OnClosed(caller, [](Block& block) {
-        return KS_Disconnect(&g_closedEndpoint, nullptr, OnCompletion, &block, nullptr, TDI_DISCONNECT_ABORT);
-    });
-}
-
-template <auto kMove>
-Outcome MoveData(Caller& caller)
-{
-    const auto endpoint = BorrowEndpoint(caller);
-    if (!endpoint) {
-        return Outcome::NothingToUse;
-    }
-    return Request(
-        caller, AnyMode(caller, false),
-        [&](PKEVENT event, KS_COMPLETION completion, PVOID context, PIO_STATUS_BLOCK result, Block& block) {
-            return kMove(endpoint.Get(), event, completion, context, result, block.data->Mdl(), 0);
-        });
-}
-
-template <auto kMove>
-void MoveOnClosed(Caller& caller)
-{
-    OnClosed(caller, [](Block& block) {
-        return kMove(&g_closedEndpoint, nullptr, OnCompletion, &block, nullptr, block.data->Mdl(), 0);
-    });
-}
-
-Outcome SetInformation(Caller& caller)
-{
-    UCHAR information[KS_CONNECTION_INFO_SIZE];
-    const auto endpoint = BorrowEndpoint(caller);
-    return endpoint ? caller.Judge(KS_SetConnectionInfo(endpoint.Get(), information), kRefusals)
-                    : Outcome::NothingToUse;
-}
-
-void SetInformationClosed(Caller& caller)
-{
-    UCHAR information[KS_CONNECTION_INFO_SIZE];
-    caller.Expect(KS_SetConnectionInfo(&g_closedEndpoint, information), STATUS_INVALID_HANDLE);
+    return KS_SetConnectionInfo(&record->endpoint, buffer);
 }
 
 // Asks for an address's port.
-Outcome MakeRequest(Caller& caller)
+NTSTATUS MakeRequest(Record* record)
 {
-    const auto address = BorrowAddress(caller);
-    if (!address) {
-        return Outcome::NothingToUse;
-    }
     struct {
         ULONG activityCount;
         TA_IP_ADDRESS address;
     } info = {};
-    const PDEVICE_OBJECT device = IoGetRelatedDeviceObject(address.Get()->FileObject);
+    const PDEVICE_OBJECT device = IoGetRelatedDeviceObject(record->address.FileObject);
     const PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
     const PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
     next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
     next->MinorFunction = TDI_QUERY_INFORMATION;
-    next->FileObject = address.Get()->FileObject;
+    next->FileObject = record->address.FileObject;
     reinterpret_cast<TDI_REQUEST_KERNEL_QUERY_INFORMATION&>(next->Parameters).QueryType =
         TDI_QUERY_ADDRESS_INFO;
     const PMDL mdl = KS_AllocateAndProbeMdl(&info, sizeof(info), FALSE, FALSE, irp);
-    const Outcome outcome = caller.Judge(KS_MakeSimpleTdiRequest(device, irp));
-    caller.Check(info.address.Address[0].Address[0].sin_port != 0, "an open address has a port");
+    const NTSTATUS status = KS_MakeSimpleTdiRequest(device, irp);
+    Require(info.address.Address[0].Address[0].sin_port != 0, "an open address has a port");
     KS_UnlockAndFreeMdl(mdl);
     IoFreeIrp(irp);
-    return outcome;
+    return status;
 }
 
-// ------------------------------------------------------------------------------------------------- the table
+NTSTATUS UseControlChannel(PCWSTR device)
+{
+    KS_CONTROL_CHANNEL channel = {};
+    const NTSTATUS status = KS_OpenControlChannel(device, &channel);
+    return NT_SUCCESS(status) ? KS_CloseControlChannel(&channel) : status;
+}
 
-constexpr auto P = Level::Passive;
-constexpr auto D = Level::Dispatch;
+BOOLEAN UseMdl(ULONG length)
+{
+    static UCHAR memory[8192];
+    const PMDL mdl = KS_AllocateAndProbeMdl(memory, length, FALSE, FALSE, nullptr);
+    KS_UnlockAndFreeMdl(mdl);
+    return mdl != nullptr;
+}
 
-constexpr Call kCalls[] = {
-    {"KS_OpenTransportAddress", Actor::Caller, P, 10, OpenAddress, OpenAddressWrongly},
-    {"KS_CloseTransportAddress", Actor::Caller, P, 10, CloseAddress, CloseAddressAgain},
-    {"KS_SetEventHandlers", Actor::Caller, P, 10, SetHandlers, SetHandlersWrongly},
-    {"KS_SendDatagramOnAddress", Actor::Caller, D, 10, SendOnAddress, SendOnClosed},
-    {"KS_ReceiveDatagramOnAddress", Actor::Caller, D, 2, ReceiveOnAddress, ReceiveOnClosed},
-    {"KS_OpenConnectionEndpoint", Actor::Caller, P, 10, OpenEndpoint, OpenEndpointWrongly},
-    {"KS_CloseConnectionEndpoint", Actor::Caller, P, 10, CloseEndpoint, CloseEndpointAgain},
-    {"KS_Connect", Actor::Caller, P, 5, Connect, ConnectClosed},
-    {"KS_Disconnect", Actor::Caller, D, 2, Disconnect, DisconnectClosed},
-    {"KS_SendOnEndpoint", Actor::Caller, D, 2, MoveData<KS_SendOnEndpoint>, MoveOnClosed<KS_SendOnEndpoint>},
-    {"KS_ReceiveOnEndpoint", Actor::Caller, D, 2, MoveData<KS_ReceiveOnEndpoint>,
-     MoveOnClosed<KS_ReceiveOnEndpoint>},
-    {"KS_SetConnectionInfo", Actor::Caller, P, 5, SetInformation, SetInformationClosed},
-    {"KS_MakeSimpleTdiRequest", Actor::Caller, P, 10, MakeRequest, nullptr},
-};
+// One link for all: another thread may have made or deleted it.
+NTSTATUS UseLink(PCWSTR device, BOOLEAN create)
+{
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, device);
+    return KS_CreateSymbolicLink(&name, create);
+}
+
+VOID FreePacket()
+{
+    NDIS_STATUS status;
+    NDIS_HANDLE pool;
+    PNDIS_PACKET packet;
+    NdisAllocatePacketPool(&status, &pool, 1, 0);
+    NdisAllocatePacket(&status, &packet, pool);
+    KS_FreePacketAndBuffers(packet);
+    NdisFreePacketPool(pool);
+}
 
 } // namespace
 
-std::span<const Call> SocketCalls()
+std::vector<Call> SocketCalls()
 {
-    return kCalls;
-}
+    static TA_IP_ADDRESS loopback = echo::Loopback(0);
+    const Argument device = OneOf({Word(L"\\Device\\Tcp"), Word(L"\\Device\\Udp"), Word(L"\\Device\\RawIp")},
+                                  STATUS_OBJECT_NAME_NOT_FOUND, {Word(L"\\Device\\Nothing")});
+    const Argument bytes = Noise(300);
+    const Argument link = OneOf({Word(L"\\Device\\Stress")}, STATUS_UNSUCCESSFUL, {Word(L"\\Device\\")});
+    const auto open = [](Form form, Kind kind) { // a closed record is refused, but may be closed again
+        Argument argument = Handle(form, kind);
+        argument.wrong = {Word(&g_closed)};
+        argument.refusal = form == Form::Live ? STATUS_INVALID_HANDLE : STATUS_SUCCESS;
+        return argument;
+    };
+    const Argument address = open(Form::Live, kAddress);
+    const Argument connection = open(Form::Live, kEndpoint);
+    const Argument data = Handle(Form::Lent, kData);
+    const std::vector<int64_t> lost = {
+        STATUS_INVALID_CONNECTION,
+        STATUS_CONNECTION_ACTIVE,
+        STATUS_CONNECTION_REFUSED,
+        STATUS_CONNECTION_RESET,
+        STATUS_CONNECTION_ABORTED,
+        STATUS_GRACEFUL_DISCONNECT,
+        STATUS_DEVICE_BUSY,
+        STATUS_CANCELLED,
+        STATUS_ADDRESS_ALREADY_EXISTS,
+        STATUS_INVALID_ADDRESS_COMPONENT}; // the last: the same pair of ports has only just been in use
+    const Options passive = {.level = kPassive};
+    const Options request = {.may = lost};
+    const Options waiting = {.may = lost, .level = kPassive};
+    return {
+        Line("KS_OpenTransportAddress", Open<false>, 50, {Handle(Form::New, kAddress)}, passive),
+        Line("KS_CloseTransportAddress", Close<false>, 50, {open(Form::Ended, kAddress)}, passive),
+        Line("KS_SetEventHandlers", SwitchHandler, 50, {address, OneOf({0, 0, Word(OnDatagram)})}, waiting),
+        Line("KS_SendDatagramOnAddress", SendDatagram, 50, {address, data}, request),
+        Line("KS_ReceiveDatagramOnAddress", ReceiveDatagram, 30, {address, data}, request),
+        Line("KS_OpenConnectionEndpoint", Open<true>, 50, {Handle(Form::New, kEndpoint)}, passive),
+        Line("KS_CloseConnectionEndpoint", Close<true>, 50, {open(Form::Ended, kEndpoint)}, passive),
+        Line("KS_Connect", Connect, 20, {connection}, waiting),
+        Line("KS_Disconnect", Disconnect, 8, {connection, data}, {.may = lost, .percent = 40}),
+        Line("KS_SendOnEndpoint", MoveData<KS_SendOnEndpoint>, 20, {connection, data}, request),
+        Line("KS_ReceiveOnEndpoint", MoveData<KS_ReceiveOnEndpoint>, 20, {connection, data}, request),
+        Line("KS_SetConnectionInfo", SetInformation, 15, {connection, Output(KS_CONNECTION_INFO_SIZE)},
+             waiting),
+        Line("KS_MakeSimpleTdiRequest", MakeRequest, 50, {Handle(Form::Live, kAddress)}, passive),
 
-void StartSockets()
-{
-    g_server = std::make_unique<echo::Server>();
-    if (g_server->tcpPort == 0) {
-        Fail("the echo server did not start");
-    }
-    char name[KS_PROCESS_NAME_SIZE];
-    if (KS_GetCurrentProcessName(name)) {
-        Fail("a process's name is known before it was looked for");
-    }
-    KS_InitProcessNameOffset();
-}
-
-void EndSockets()
-{
-    g_server.reset();
+        Line("KS_OpenControlChannel", UseControlChannel, 99, {device}, passive),
+        Line("KS_CloseControlChannel", UseControlChannel, 99, {device}, passive),
+        Line(NAMED(KS_QueryProviderInfo), 99, {device, Output(KS_PROVIDER_INFO_SIZE)}, passive),
+        Line(NAMED(KS_QueryProviderStatistics), 99, {device, Output(KS_PROVIDER_STATISTICS_SIZE)}, passive),
+        Line("KS_AllocateAndProbeMdl", UseMdl, 99, {Number(1, 8192)}),
+        Line("KS_UnlockAndFreeMdl", UseMdl, 99, {Number(1, 8192)}),
+        Line(NAMED(KS_BuildEaBuffer), 99,
+             {Number(1, 255, STATUS_INVALID_PARAMETER, {256, 1000}), bytes,
+              Number(0, 300, STATUS_INVALID_PARAMETER, {65536, 100'000}), bytes,
+              Output(8, kNoMatter, [](uint64_t* ea) { ExFreePool(reinterpret_cast<PVOID>(*ea)); }),
+              Output(4)},
+             passive),
+        Line(NAMED(KS_TransportAddressLength), 99, {Pointer(&loopback)}),
+        Line(NAMED(KS_InitIPAddress), 99, {Output(sizeof(TA_IP_ADDRESS)), Any(), Any()}),
+        Line("KS_CreateSymbolicLink", UseLink, 30, {link, Number(0, 2)},
+             {.may = {STATUS_OBJECT_NAME_COLLISION, STATUS_OBJECT_NAME_NOT_FOUND}, .level = kPassive}),
+        Line("KS_FreePacketAndBuffers", FreePacket, 99, {}),
+        Line(NAMED(KS_htonl), 99, {Any()}),
+        Line(NAMED(KS_ntohl), 99, {Any()}),
+        Line(NAMED(KS_htons), 99, {Any()}),
+        Line(NAMED(KS_ntohs), 99, {Any()}),
+        Line(NAMED(KS_in_cksum), 99, {Noise(64), Number(0, 65)}),
+        Line(NAMED(KS_GetCurrentProcessName), 99, {Output(KS_PROCESS_NAME_SIZE)}),
+        // It is called once, when sockets are opened first.
+        {"KS_InitProcessNameOffset", kExportCaller, kPassive, 0, [] { return Outcome::NothingToUse; }},
+    };
 }
 
 void OpenSockets()
 {
-    for (Block& block : g_blocks) {
-        block.data = std::make_unique<echo::Block>(512);
-        KeInitializeEvent(&block.event, NotificationEvent, FALSE);
-        block.slot.Reserve();
-        block.slot.Publish(&block);
+    [[maybe_unused]] static const bool once = [] {
+        Require(Server().tcpPort != 0, "the echo server did not start");
+        KS_InitProcessNameOffset();
+        return true;
+    }();
+    g_data = std::make_unique<Data[]>(Pool(kData).size());
+    g_recordsUsed = 0;
+    for (Slot& slot : Pool(kData)) {
+        g_data[slot.index].slot = &slot;
+        slot.Put(&g_data[slot.index]);
     }
-    if (!NT_SUCCESS(Open(L"\\Device\\Tcp", &g_closedAddress)) ||
-        !NT_SUCCESS(
-            KS_OpenConnectionEndpoint(L"\\Device\\Tcp", &g_closedAddress, &g_closedEndpoint, nullptr))) {
-        Fail("a connection cannot be opened");
-    }
-    KS_CloseConnectionEndpoint(&g_closedEndpoint);
-    KS_CloseTransportAddress(&g_closedAddress);
+    RequireSuccess(g_closed.Open(), "a connection");
+    g_closed.Close();
 }
 
 // The unload of the framework ends the data requests that are still under way, and waits for that.
 void CloseSockets()
 {
-    UNICODE_STRING name;
-    RtlInitUnicodeString(&name, L"\\Device\\Stress");
-    KS_CreateSymbolicLink(&name, FALSE);
-    for (Address& address : g_addresses) {
-        if (address.slot.Take()) {
-            SwitchOff(&address.record);
-            KS_CloseTransportAddress(&address.record);
-            address.closing = true;
-        }
-    }
-    for (Connection& connection : g_connections) {
-        if (connection.slot.Take()) {
-            KS_Disconnect(&connection.endpoint, nullptr, nullptr, nullptr, nullptr, TDI_DISCONNECT_ABORT);
-            KS_CloseConnectionEndpoint(&connection.endpoint);
-            KS_CloseTransportAddress(&connection.address);
-            connection.closing = true;
-        }
-    }
+    UseLink(L"\\Device\\Stress", FALSE);
+    DropAll(kAddress, [](Use& use) { Close<false>(use.Get<Record>()); });
+    DropAll(kEndpoint, [](Use& use) { Close<true>(use.Get<Record>()); });
 }
 
 void CheckSockets()
 {
-    for (Address& address : g_addresses) {
-        if (address.closing.exchange(false) && !IsGone(address)) {
-            Fail("an address is not closed behind the unload");
-        }
-        address.slot.Empty();
+    const auto isOpen = [](const volatile ULONG& count) {
+        return __atomic_load_n(&count, __ATOMIC_ACQUIRE) != 0;
+    };
+    for (Record& record : g_records) {
+        Require(!isOpen(record.address.Count) && !isOpen(record.endpoint.Count), "a record is still open");
+        record = {};
     }
-    for (Connection& connection : g_connections) {
-        if (connection.closing.exchange(false) && !IsGone(connection)) {
-            Fail("a connection is not closed behind the unload");
-        }
-        connection.slot.Empty();
+    for (Slot& slot : Pool(kData)) {
+        Require(slot.Hold(true), "a data request has not completed behind the unload");
     }
-    for (Block& block : g_blocks) {
-        const bool completed =
-            block.awaited.exchange(false) ? KeReadStateEvent(&block.event) != 0 : block.slot.Take();
-        if (!completed) {
-            Fail("a data request has not completed behind the unload");
-        }
-        block.data.reset();
-        block.slot.Empty();
-    }
+    g_data.reset();
 }
 
 } // namespace stress
