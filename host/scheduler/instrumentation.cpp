@@ -156,10 +156,10 @@ void __tsan_vptr_read(void** memory)
     Type __tsan_atomic##bits##_load(const volatile Type* memory, int)                                        \
     {                                                                                                        \
         Arrive(memory, sizeof(Type), Operation::Read, __builtin_return_address(0));                          \
-        const Type value = __atomic_load_n(memory, __ATOMIC_SEQ_CST);                                        \
-        if (Self() != nullptr) {                                                                             \
-            NoteLoad(const_cast<const Type*>(memory), static_cast<uint64_t>(value),                          \
-                     __builtin_return_address(0));                                                           \
+        Type value = __atomic_load_n(memory, __ATOMIC_SEQ_CST);                                              \
+        if (Self() != nullptr && NoteLoad(const_cast<const Type*>(memory), static_cast<uint64_t>(value),     \
+                                          __builtin_return_address(0))) {                                    \
+            value = __atomic_load_n(memory, __ATOMIC_SEQ_CST);                                               \
         }                                                                                                    \
         return value;                                                                                        \
     }                                                                                                        \

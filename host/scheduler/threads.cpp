@@ -459,7 +459,7 @@ Undivided::~Undivided()
     }
 }
 
-void NoteLoad(const void* object, uint64_t value, const void* site)
+bool NoteLoad(const void* object, uint64_t value, const void* site)
 {
     auto& load = t_self->load;
     if (load.object == object && load.site == site && load.value == value &&
@@ -467,10 +467,12 @@ void NoteLoad(const void* object, uint64_t value, const void* site)
         if (++load.count >= kSameLoads) {
             load.count = 0;
             Yield(site);
+            return true;
         }
-        return;
+        return false;
     }
     load = {object, site, value, t_self->changes, 0};
+    return false;
 }
 
 uint64_t Now()

@@ -54,8 +54,9 @@ class Undivided
 void DivideLocks(bool on); // on: the kernel's locks are not taken in one step, but in those of their own code
 bool LocksAreDivided();
 
-// A load that reads the same again and again is a loop that waits.
-void NoteLoad(const void* object, uint64_t value, const void* site);
+// A load that reads the same again and again is a loop that waits: it gives way. True: others ran since, so the value is
+// to be loaded anew, or what they changed would count as seen when the loop gives way next.
+bool NoteLoad(const void* object, uint64_t value, const void* site);
 
 uint64_t Now(); // nanoseconds of the run's clock
 
