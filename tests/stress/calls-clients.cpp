@@ -110,12 +110,15 @@ VOID OnTimer(FilterDriver*, PVOID, FilterTimer* timer, PVOID context)
     }
 }
 
-// Answers diagnostics for its driver.
+// Answers diagnostics for its driver, and the code that all of them own.
 NTSTATUS OnControl(PVOID context, PIRP irp, ULONG code, PVOID input, ULONG inputLength, PVOID output,
                    ULONG outputLength, ULONG_PTR* returned)
 {
     const auto& registration = *static_cast<const Registration*>(context);
     registration.CheckStands();
+    if (code == kOwnCode) {
+        return STATUS_SUCCESS;
+    }
     Diag* diag = nullptr;
     if (code == IOCTL_NDIS_FILTER_DIAG &&
         Filter_BeginDiag(input, inputLength, output, outputLength, &diag) == 0) {
@@ -165,6 +168,14 @@ uint64_t MakeBlock(Words& memory) // its first word is its length
 {
     memory.assign(8, 2 + Dice().Below(63));
     return reinterpret_cast<uint64_t>(memory.data());
+}
+
+// It declines whatever it gets.
+NTSTATUS Decline(ULONG code)
+{
+    const NTSTATUS status =
+        Filter_DefaultIoCtrlHandler(nullptr, nullptr, code, nullptr, 0, nullptr, 0, nullptr);
+    return status == STATUS_NOT_SUPPORTED ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
 }
 
 // Each copy is its holder's alone.
@@ -222,9 +233,7 @@ std::vector<Call> ClientCalls()
              {Owner(), Pointer(OnControl, kNull), Context(), New(kIoCtrlHandler)}),
         Line(NAMED(Filter_IsValidIoCtrlHandler), 50, {Live(kIoCtrlHandler)}),
         Line(NAMED(Filter_DeregisterIoControl), 50, {Owner(), Ended(kIoCtrlHandler)}),
-        Line(NAMED(Filter_DefaultIoCtrlHandler), 0,
-             {Null(), Null(), Any(), Null(), Null(), Null(), Null(), Null()},
-             {.may = {STATUS_NOT_SUPPORTED}}),
+        Line("Filter_DefaultIoCtrlHandler", Decline, 99, {Any()}),
 
         Line(NAMED(Filter_InitializeTimer), 50,
              {Owner(), Pointer(OnTimer, kNull), Context(), Number(0, 2), New(kTimer)}),

@@ -22,32 +22,42 @@ void Linger(uint32_t times = 1)
     }
 }
 
-Outcome ChangeAdapter()
+Outcome CloseAndOpen()
 {
     FilterAdapter* const adapter = AnyAdapter();
-    const uint32_t act = Dice().Below(30);
-    const auto side = Dice().OneOf({hook::Side::Adapter, hook::Side::Protocols});
-    if (act == 0) { // identifiers are never used again
-        ReplaceAdapter(Dice().Below(kAdapters));
-    } else if (act < 10) {
-        hook::CloseAdapter(adapter);
-        Linger();
-        hook::OpenAdapter(adapter);
-    } else if (act < 20) {
-        hook::SetBehaviour(adapter, side, Dice().OneOf({hook::Behaviour::Refuse, hook::Behaviour::Fault}));
-        Linger();
-        hook::SetBehaviour(adapter, side, hook::Behaviour::Accept);
-    } else {
-        hook::IndicateStatus(adapter, Dice().OneOf<uint32_t>({0x4001000B, 0x4001000C, 0x40010099}));
+    hook::CloseAdapter(adapter);
+    Linger();
+    hook::OpenAdapter(adapter);
+    return Outcome::Success;
+}
+
+Outcome RemoveAndAdd()
+{
+    if (Dice().Chance(90)) { // identifiers are never used again
+        return Outcome::NothingToUse;
     }
+    ReplaceAdapter(Dice().Below(kAdapters));
+    return Outcome::Success;
+}
+
+Outcome RefuseOrFault()
+{
+    FilterAdapter* const adapter = AnyAdapter();
+    const auto side = Dice().OneOf({hook::Side::Adapter, hook::Side::Protocols});
+    hook::SetBehaviour(adapter, side, Dice().OneOf({hook::Behaviour::Refuse, hook::Behaviour::Fault}));
+    Linger();
+    hook::SetBehaviour(adapter, side, hook::Behaviour::Accept);
+    return Outcome::Success;
+}
+
+Outcome IndicateStatus()
+{
+    hook::IndicateStatus(AnyAdapter(), Dice().OneOf<uint32_t>({0x4001000B, 0x4001000C, 0x40010099}));
     return Outcome::Success;
 }
 
 Outcome UnbindAndBind()
 {
-    if (!g_plan.unbinds) {
-        return Outcome::NothingToUse;
-    }
     RequireSuccess(hook::Unbind(Dice().OneOf({hook::UnbindMode::Drained, hook::UnbindMode::Abrupt})),
                    "unbinding");
     Linger();
@@ -56,9 +66,6 @@ Outcome UnbindAndBind()
 
 Outcome StartAndStopCapture()
 {
-    if (!g_plan.captures) {
-        return Outcome::NothingToUse;
-    }
     RequireSuccess(AskOnce(IOCTL_NDIS_FILTER_START_ETHRLOG).status, "start of the log");
     Linger(Dice().Below(20));
     return Judge(AskOnce(IOCTL_NDIS_FILTER_STOP_ETHRLOG).status);
@@ -94,6 +101,7 @@ struct Program {
     std::unique_ptr<machine::Process> process;
     std::unique_ptr<machine::File> device;
     SharedMemory* memory = nullptr;
+    int32_t seenRead = -1;                // of the input ring, when blocks were sent last
     std::optional<machine::Request> read; // is parked, or was
 } g_program;
 
@@ -155,6 +163,7 @@ Outcome StopShare()
     return outcome;
 }
 
+// Success: the driver has taken something since the last time.
 Outcome SendBlocks()
 {
     if (g_program.memory == nullptr) {
@@ -162,6 +171,8 @@ Outcome SendBlocks()
     }
     Random& random = Dice();
     SharedRing& ring = g_program.memory->KernelModeInput;
+    const int32_t read = Index(ring.m_iRead);
+    const bool moved = std::exchange(g_program.seenRead, read) != read;
     for (uint32_t i = 1 + random.Below(20); i > 0; --i) {
         const int32_t index = Index(ring.m_iWrite);
         if (Next(index) == Index(ring.m_iRead)) {
@@ -176,7 +187,23 @@ Outcome SendBlocks()
             random.Chance(98) ? random.Below(sizeof(block.m_Data) + 1) : random.Below(0x7FFFFFFF);
         Index(ring.m_iWrite).store(Next(index));
     }
-    return Ask(IOCTL_NDIS_FILTER_WRITE_SHARE);
+    const Outcome announced = Ask(IOCTL_NDIS_FILTER_WRITE_SHARE);
+    return moved ? announced : Outcome::Refused;
+}
+
+// The driver's own indexes stay, or the rings would be halted for good.
+uint32_t SpoilRings()
+{
+    if (g_program.memory == nullptr) {
+        return 0;
+    }
+    SharedRing& in = g_program.memory->KernelModeInput;
+    SharedRing& out = g_program.memory->KernelModeOutput;
+    Index(in.m_iWrite).store(static_cast<int32_t>(Dice().Next()));
+    Index(out.m_iRead).store(static_cast<int32_t>(Dice().Next()));
+    Ask(IOCTL_NDIS_FILTER_WRITE_SHARE);
+    ClearRings();
+    return 1;
 }
 
 Outcome TakeBlocks()
@@ -196,6 +223,18 @@ Outcome TakeBlocks()
         g_program.read.emplace(Device().Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0));
     }
     return some ? Outcome::Success : Outcome::Refused;
+}
+
+// A second read ends with a refusal, or because the first has just been completed.
+uint32_t ReadTwice()
+{
+    if (!g_program.read || g_program.read->IsComplete()) {
+        return 0;
+    }
+    machine::Request second = Device().Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0);
+    second.Cancel();
+    Require(second.Wait(60'000).has_value(), "a second read ends");
+    return 1;
 }
 
 Outcome CloseHandle()
@@ -220,51 +259,112 @@ Outcome GetEvents()
     return some ? Outcome::Success : Outcome::Refused;
 }
 
-// Any other request. Half of the inputs begin with an identifier or a MAC address and have the length of the longest.
-Outcome SendRequest()
+// The others, by their code, bytes of input and of output. The input begins with an identifier or a MAC address.
+struct Exchange {
+    const char* name;
+    uint32_t floor, code;
+    size_t input, output;
+    bool byAddress = false;
+};
+constexpr Exchange kExchanges[] = {
+    {"program: GET_VERSION", 99, IOCTL_NDIS_FILTER_GET_VERSION, 0, 2},
+    {"program: GET_TCPIP_INTERFACES", 50, IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, 0, sizeof(UserAdapterList)},
+    {"program: CLEAR_EVENT", 99, IOCTL_NDIS_FILTER_CLEAR_EVENT, 0, 0},
+    {"program: SET_IPCONFIG", 50, IOCTL_NDIS_FILTER_SET_IPCONFIG, sizeof(UserIPConfig), 0},
+    {"program: GET_IPCONFIG", 50, IOCTL_NDIS_FILTER_GET_IPCONFIG, 4, sizeof(UserIPConfig)},
+    {"program: SET_MEDIA_STATUS", 50, IOCTL_NDIS_FILTER_SET_MEDIA_STATUS, 7, 0, true},
+    {"program: GET_MEDIA_STATUS", 50, IOCTL_NDIS_FILTER_GET_MEDIA_STATUS, 7, 7, true},
+    {"program: GET_DBGFLAG", 99, IOCTL_NDIS_FILTER_GET_DBGFLAG, 0, 0},
+    {"program: SET_PACKET_DUMP", 50, IOCTL_NDIS_FILTER_SET_PACKET_DUMP, 7, 0, true},
+    {"program: GET_PACKET_DUMP", 50, IOCTL_NDIS_FILTER_GET_PACKET_DUMP, 7, 7, true},
+    {"program: GET_ADAPTER", 50, IOCTL_NDIS_FILTER_GET_ADAPTER, 6, 10, true},
+    {"program: PUT_SHAREDMEMORYSIZE", 99, IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, 0, 4},
+    {"program: DUMP_DEVICE_EXTENSION", 99, IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION, 0, 0},
+    {"program: SET_CONGESTION_CONTROL", 99, IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL, 4, 0},
+};
+
+Outcome Send(const Exchange& exchange)
+{
+    std::vector<uint8_t> input(std::max<size_t>(exchange.input, 6));
+    std::vector<uint8_t> output(exchange.output);
+    const uint32_t adapter = Dice().Below(kAdapters);
+    if (exchange.byAddress) {
+        std::memcpy(input.data(), AdapterOptionsOf(adapter).address.data(), 6);
+    } else {
+        input[0] = static_cast<uint8_t>(adapter + 1);
+    }
+    input.resize(exchange.input);
+    const auto result = Device().Control(exchange.code, input, output);
+    Require(result.information <= std::max(exchange.input, exchange.output),
+            "no more bytes are returned than there is room for");
+    return result.status == STATUS_SUCCESS ? Outcome::Success : Outcome::Refused;
+}
+
+uint32_t SendTooShort(const Exchange& exchange)
+{
+    std::vector<uint8_t> input(exchange.input - (exchange.input != 0));
+    std::vector<uint8_t> output(exchange.output - (exchange.output != 0));
+    Require(Device().Control(exchange.code, input, output).status != STATUS_SUCCESS,
+            "a request that is too short is refused");
+    return 1;
+}
+
+// The code of clients' handlers, if there are any.
+Outcome SendToClient()
+{
+    uint8_t output[4] = {};
+    return Judge(Device().Control(kOwnCode, {}, output).status, {STATUS_NOT_SUPPORTED});
+}
+
+uint32_t SendAnything()
 {
     Random& random = Dice();
-    const bool sensible = random.Chance(50);
-    const uint32_t code = IOCTL_NDIS_FILTER_GET_VERSION + 4 * random.Below(sensible ? 24 : 0x200);
-    std::vector<uint8_t> input(sensible ? sizeof(UserIPConfig) : random.Below(3000));
-    std::vector<uint8_t> output(sensible ? sizeof(UserAdapterList) : random.Below(10000));
-    random.Fill(input.data(), sensible ? 0 : input.size());
-    if (sensible && random.Chance(50)) {
-        std::memcpy(input.data(), AdapterOptionsOf(random.Below(kAdapters)).address.data(), 6);
-    } else if (sensible) {
-        input[0] = static_cast<uint8_t>(1 + random.Below(kAdapters));
-    }
+    std::vector<uint8_t> input(random.Below(random.Chance(90) ? 64 : 3000));
+    std::vector<uint8_t> output(random.Below(random.Chance(90) ? 64 : 10000));
+    random.Fill(input.data(), input.size());
+    const uint32_t code = NDIS_FILTER_CTL_CODE(0x800 + random.Below(0x200));
     // Not those whose effect the others rely on, nor the one that may stay pending.
     for (const uint32_t kept :
          {IOCTL_NDIS_FILTER_START_SHARE, IOCTL_NDIS_FILTER_STOP_SHARE, IOCTL_NDIS_FILTER_READ_SHARE,
           IOCTL_NDIS_FILTER_START_ETHRLOG, IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK,
           IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK}) {
         if (code == kept) {
-            return Outcome::NothingToUse;
+            return 0;
         }
     }
-    return Device().Control(code, input, output).status == STATUS_SUCCESS ? Outcome::Success
-                                                                          : Outcome::Refused;
+    Device().Control(code, input, output);
+    return 1;
 }
 
 } // namespace
 
 std::vector<Call> NeighbourCalls()
 {
-    return {
-        {"adapter changes", kAdministrator, kPassive, 99, ChangeAdapter},
-        {"hook driver unbinds and binds", kAdministrator, kPassive, 0, UnbindAndBind},
-        {"capture starts and stops", kAdministrator, kPassive, 0, StartAndStopCapture},
+    std::vector<Call> calls = {
+        {"adapter closes and opens", kAdministrator, kPassive, 99, CloseAndOpen},
+        {"adapter is removed and added", kAdministrator, kPassive, 5, RemoveAndAdd},
+        {"adapter refuses or faults", kAdministrator, kPassive, 99, RefuseOrFault},
+        {"adapter indicates a status", kAdministrator, Level::Dispatch, 99, IndicateStatus},
+        {"hook driver unbinds and binds", kAdministrator, kPassive, 99, UnbindAndBind, {}, &Plan::unbinds},
+        {"capture starts and stops", kAdministrator, kPassive, 99, StartAndStopCapture, {}, &Plan::captures},
         {"frames received", kTraffic, Level::Dispatch, 15, Deliver<hook::DeliverReceivedBatch>},
         {"frames sent", kTraffic, Level::Dispatch, 15, Deliver<hook::DeliverSentBatch>},
-        {"program starts its share", kProgram, kPassive, 5, StartShare},
-        {"program stops its share", kProgram, kPassive, 3, StopShare},
-        {"program writes to its share", kProgram, kPassive, 40, SendBlocks},
-        {"program reads its share", kProgram, kPassive, 10, TakeBlocks},
-        {"program closes its handle", kProgram, kPassive, 2, CloseHandle},
-        {"program gets events", kProgram, kPassive, 20, GetEvents},
-        {"program sends another request", kProgram, kPassive, 5, SendRequest},
+        {"program: START_SHARE", kProgram, kPassive, 5, StartShare},
+        {"program: STOP_SHARE", kProgram, kPassive, 3, StopShare},
+        {"program: WRITE_SHARE", kProgram, kPassive, 40, SendBlocks, SpoilRings},
+        {"program: READ_SHARE", kProgram, kPassive, 10, TakeBlocks, ReadTwice},
+        {"program: closes its handle", kProgram, kPassive, 2, CloseHandle},
+        {"program: GET_EVENT", kProgram, kPassive, 20, GetEvents},
+        {"program: code of a client", kProgram, kPassive, 20, SendToClient, SendAnything},
     };
+    for (const Exchange& exchange : kExchanges) {
+        calls.push_back(
+            {exchange.name, kProgram, kPassive, exchange.floor, [&exchange] { return Send(exchange); }});
+        if (exchange.input + exchange.output != 0) {
+            calls.back().illegal = [&exchange] { return SendTooShort(exchange); };
+        }
+    }
+    return calls;
 }
 
 machine::File& Device()

@@ -30,8 +30,8 @@ FILTER_STATUS CountUp(GuardedNumber* guarded)
     }
     const FILTER_STATUS status = Filter_AcquireLock(&guarded->lock);
     guarded->number++;
-    Filter_ReleaseLock(&guarded->lock);
-    return status;
+    const FILTER_STATUS released = Filter_ReleaseLock(&guarded->lock);
+    return status != FILTER_STATUS_SUCCESS ? status : released;
 }
 
 WCHAR g_pathText[] = L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\NdisFilter";
@@ -130,7 +130,7 @@ std::vector<Call> ServiceCalls()
         Line(NAMED(inet_ntoa), 99, {Any(), Output(16, kNo), Number(16, 1, kNo, {0, 15})}),
         Line(NAMED(inet_mtoa), 99, {Pointer(g_pathText), Output(18), Number(18, 1)}),
         Line(NAMED(SubnetBroadcastAddress), 99, {Any(), Any()}),
-        Line(NAMED(IsBroadcastAddress), 0, {Any()}, {.may = {kNo}}),
+        Line(NAMED(IsBroadcastAddress), 30, {OneOf({0x010000FF, 0xFF000001})}, {.may = {kNo}}),
         Line(NAMED(Filter_CompareString), 30, {compared, compared}, {.may = {1, -1}}),
         Line(NAMED(Filter_GetAPIVersion), 99, {Out(4), Out(4)}),
 

@@ -259,8 +259,7 @@ std::vector<Call> SocketCalls()
         Line(NAMED(KS_ntohs), 99, {Any()}),
         Line(NAMED(KS_in_cksum), 99, {Noise(64), Number(0, 65)}),
         Line(NAMED(KS_GetCurrentProcessName), 99, {Output(KS_PROCESS_NAME_SIZE)}),
-        // It is called once, when sockets are opened first.
-        {"KS_InitProcessNameOffset", kExportCaller, kPassive, 0, [] { return Outcome::NothingToUse; }},
+        {"KS_InitProcessNameOffset", kExportCaller, kPassive, 0, {}}, // when sockets are opened first
     };
 }
 
@@ -275,6 +274,7 @@ void OpenSockets()
     g_recordsUsed = 0;
     for (Slot& slot : Pool(kData)) {
         g_data[slot.index].slot = &slot;
+        Require(slot.Hold(false), "an empty slot");
         slot.Put(&g_data[slot.index]);
     }
     RequireSuccess(g_closed.Open(), "a connection");

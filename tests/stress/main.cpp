@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include <chrono>
+#include <cmath>
 #include <fstream>
 #include <optional>
 #include <random>
@@ -18,7 +19,17 @@ using namespace stress;
 namespace
 {
 
-constexpr uint64_t kEnough = 400; // attempts, from which on a share of successes says something
+constexpr uint64_t kEnough = 100;  // attempts, from which on a share of successes says something
+constexpr uint64_t kEveryPlan = 3; // rounds, in which each plan has had its turn
+constexpr double kDeviations = 4;  // standard ones, of what is left to chance
+
+bool IsEnough(uint32_t floor, uint64_t attempts, uint64_t successes)
+{
+    const double share = floor / 100.0;
+    const double expected = share * static_cast<double>(attempts);
+    return attempts < kEnough ||
+           static_cast<double>(successes) >= expected - kDeviations * std::sqrt(expected * (1 - share));
+}
 
 // The names that the drivers export stand in the table, each once.
 void CheckExports()
@@ -80,12 +91,14 @@ int RunStress(const Options& options)
     nlohmann::json rows = nlohmann::json::array();
     uint64_t calls = 0;
     for (size_t i = 0; i < totals.size(); ++i) {
-        const auto& [name, actor, level, floor, legal, illegal] = AllCalls()[i];
+        const auto& [name, actor, level, floor, legal, illegal, planned] = AllCalls()[i];
         const Tally& tally = totals[i];
-        const bool enough = tally[kAttempts] < kEnough || tally[kSuccesses] * 100 >= floor * tally[kAttempts];
+        const bool enough = IsEnough(floor, tally[kAttempts], tally[kSuccesses]);
         calls += tally[kAttempts] + tally[kIllegal];
-        Require(rounds < 5 || tally[kAttempts] + tally[kIllegal] != 0,
+        Require(rounds < kEveryPlan || !legal || tally[kSuccesses] + tally[kRefusals] != 0,
                 fmt::format("{} was never called", name));
+        Require(rounds < kEveryPlan || !illegal || tally[kIllegal] != 0,
+                fmt::format("{} was never called wrongly", name));
         Require(enough,
                 fmt::format("{} succeeded {} times of {}", name, tally[kSuccesses], tally[kAttempts]));
         nlohmann::json row = {{"name", name}, {"floor", floor}, {"enough", enough}};

@@ -27,7 +27,8 @@ bool Slot::Hold(bool live)
 void Slot::Put(void* value)
 {
     value_.store(value, std::memory_order_release);
-    state_.store(value != nullptr ? kLive : kEmpty, std::memory_order_release);
+    const int before = state_.exchange(value != nullptr ? kLive : kEmpty, std::memory_order_release);
+    Require(before == kHeld, "something is given back twice");
 }
 
 void* Slot::Borrow()

@@ -91,8 +91,7 @@ void Step(Caller& caller)
         PassGate();
         caller.doing.store(call.name, std::memory_order_relaxed);
         if (illegal) {
-            call.illegal();
-            tally[kIllegal]++;
+            tally[kIllegal] += call.illegal();
         } else {
             const Outcome outcome = call.legal();
             tally[kAttempts]++;
@@ -268,16 +267,18 @@ hook::Balance RunRound(uint64_t seed, uint64_t round, uint32_t threads, uint64_t
     Random random(seed, round, 999);
     g_plan = {.seed = seed,
               .round = round,
-              .unbinds = random.Chance(40),
-              .captures = random.Chance(40),
-              .leavesAll = random.Chance(30)};
+              .unbinds = round % 3 == 1,
+              .captures = round % 3 == 2,
+              .leavesAll = round % 4 == 3};
     const machine::Census before = machine::TakeCensus();
     std::signal(SIGALRM, TellWhatIsStuck);
     g_callers.clear();
     for (uint32_t i = 0; i < threads + kActors - 1; ++i) {
         g_callers.push_back(std::make_unique<Caller>(Random(seed, round, i)));
         for (size_t call = 0; call < AllCalls().size(); ++call) {
-            if (AllCalls()[call].actor == (i < threads ? kExportCaller : i - threads + 1)) {
+            const auto& [name, actor, level, floor, legal, illegal, planned] = AllCalls()[call];
+            if (actor == (i < threads ? kExportCaller : i - threads + 1) && legal &&
+                (planned == nullptr || g_plan.*planned)) {
                 g_callers.back()->calls.push_back(call);
             }
         }

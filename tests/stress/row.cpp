@@ -148,14 +148,15 @@ Outcome MakeLegal(const Row& row)
     return Judge(answer.status, row.options.may);
 }
 
-void Refuse(const Row& row, const Argument& argument, uint64_t value, int64_t refusal)
+// How many refusals were checked: one, or none.
+uint32_t Refuse(const Row& row, const Argument& argument, uint64_t value, int64_t refusal)
 {
     if (refusal == kNoMatter) {
-        return;
+        return 0;
     }
     Attempt attempt(row, &argument);
     if (!attempt.IsReady()) {
-        return;
+        return 0;
     }
     std::vector<int64_t> expected = {row.function.tells == Function::Tells::Truth ? kNo : refusal,
                                      argument.stale};
@@ -166,15 +167,17 @@ void Refuse(const Row& row, const Argument& argument, uint64_t value, int64_t re
         expected.insert(expected.end(), row.options.may.begin(), row.options.may.end());
     }
     const int64_t status = attempt.CallWith(argument, value);
-    if (row.function.tells != Function::Tells::Nothing && (refusal != argument.foreign || other)) {
-        Require(std::find(expected.begin(), expected.end(), status) != expected.end(),
-                "an illegal call answered " + std::to_string(status) + ", not " +
-                    std::to_string(expected[0]));
+    if (refusal == argument.foreign && !other) {
+        return 0;
     }
+    Require(row.function.tells == Function::Tells::Nothing ||
+                std::find(expected.begin(), expected.end(), status) != expected.end(),
+            "an illegal call answered " + std::to_string(status) + ", not " + std::to_string(expected[0]));
+    return 1;
 }
 
 // A second end of a handle is refused by its tag, or because no list has it.
-void EndTwice(const Row& row, const Argument& handle)
+uint32_t EndTwice(const Row& row, const Argument& handle)
 {
     Attempt attempt(row);
     if (attempt.IsReady()) {
@@ -186,21 +189,24 @@ void EndTwice(const Row& row, const Argument& handle)
             attempt.Finish(first);
         });
     }
+    return attempt.IsReady() ? 1 : 0;
 }
 
-void MakeIllegal(const Row& row)
+uint32_t MakeIllegal(const Row& row)
 {
+    uint32_t made = 0;
     for (const Argument& argument : row.arguments) {
-        Refuse(row, argument, 0, argument.null);
-        Refuse(row, argument, NoHandle(), argument.wrong.empty() ? argument.refusal : kNoMatter);
-        Refuse(row, argument, 0, argument.foreign);
+        made += Refuse(row, argument, 0, argument.null);
+        made += Refuse(row, argument, NoHandle(), argument.wrong.empty() ? argument.refusal : kNoMatter);
+        made += Refuse(row, argument, 0, argument.foreign);
         for (const int64_t value : argument.wrong) {
-            Refuse(row, argument, static_cast<uint64_t>(value), argument.refusal);
+            made += Refuse(row, argument, static_cast<uint64_t>(value), argument.refusal);
         }
         if (argument.stale != kNoMatter && Dice().Chance(20)) {
-            EndTwice(row, argument);
+            made += EndTwice(row, argument);
         }
     }
+    return made;
 }
 
 uint64_t Bytes(Words& memory, size_t size, bool noise)
@@ -267,7 +273,7 @@ Call Line(const char* name, Function function, uint32_t floor, std::vector<Argum
             return argument.null != kNoMatter || argument.refusal != kNoMatter ||
                    argument.foreign != kNoMatter;
         })) {
-        call.illegal = [row] { MakeIllegal(*row); };
+        call.illegal = [row] { return MakeIllegal(*row); };
     }
     return call;
 }

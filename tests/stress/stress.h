@@ -53,14 +53,24 @@ enum class Level { Passive, Dispatch };                // the highest that the h
 enum class Outcome { Success, Refused, NothingToUse }; // of a legal call
 enum Actor : uint32_t { kExportCaller, kProgram, kAdministrator, kTraffic, kActors };
 
+struct Plan {
+    uint64_t seed = 0;
+    uint64_t round = 0;
+    bool unbinds = false;   // the hook driver unbinds and binds again
+    bool captures = false;  // capture logs start and stop
+    bool leavesAll = false; // clients give nothing back: the unload has to
+};
+inline Plan g_plan; // written before the threads start
+
 // One kind of call: an export, or something that a neighbour of the framework does.
 struct Call {
     const char* name;
     Actor actor;
     Level level;
-    uint32_t floor; // per cent of the legal attempts that must succeed over a run
-    std::function<Outcome()> legal;
-    std::function<void()> illegal = {}; // checks its refusals itself; none: nothing is refused
+    uint32_t floor;                         // per cent of the legal attempts that must succeed over a run
+    std::function<Outcome()> legal;         // none: it is not called at random
+    std::function<uint32_t()> illegal = {}; // checks refusals and counts them; none: nothing is refused
+    bool Plan::*planned = nullptr;          // only in rounds of that plan
 };
 
 // An index into all of them names a kind of call everywhere.
@@ -68,8 +78,8 @@ std::vector<Call> ClientCalls(), AdapterCalls(), PacketCalls(), TableCalls(), Se
     NeighbourCalls();
 const std::vector<Call>& AllCalls();
 
-// Legal calls, those of them that succeeded or were refused by a state that other threads have brought about, illegal
-// calls, and all at DISPATCH_LEVEL.
+// Legal calls, those of them that succeeded or were refused by a state that other threads have brought about, refusals of
+// illegal calls, and all calls at DISPATCH_LEVEL.
 enum Count { kAttempts, kSuccesses, kRefusals, kIllegal, kRaised, kCounts };
 using Tally = std::array<uint64_t, kCounts>;
 
@@ -83,15 +93,6 @@ inline std::atomic<size_t> g_failures{0};
 // Runs while no other thread of the stress makes a call. Within it memory that was just freed is not in use again, so a
 // handle of it is surely stale.
 void Alone(const std::function<void()>& body);
-
-struct Plan {
-    uint64_t seed = 0;
-    uint64_t round = 0;
-    bool unbinds = false;   // the hook driver unbinds and binds again
-    bool captures = false;  // capture logs start and stop
-    bool leavesAll = false; // clients give nothing back: the unload has to
-};
-inline Plan g_plan; // written before the threads start
 
 // `steps`: calls of each calling thread. `drive`: a directory for the files that drivers write.
 hook::Balance RunRound(uint64_t seed, uint64_t round, uint32_t threads, uint64_t steps,
