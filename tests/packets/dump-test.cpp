@@ -45,6 +45,16 @@ TEST_F(DumpTest, TheHexDumpHasSixteenBytesALine)
     frame.resize(1514, 0);
     EXPECT_THAT(Dump(frame).first, testing::HasSubstr("\n  \t05E0  00 00 00 00 00 00 00 00 00 00  "));
     EXPECT_EQ(Dump({}), Text("Title, Size = 0 - 0x0\n", ""));
+
+    FilterPacket* packet = MakePacket(adapter, frame);
+    packet->m_nPacketSize = 0x10000; // the lines end with the packet's data
+    Debug().Take();
+    Filter_DumpPacket("Title", packet);
+    const std::string text = Debug().Take();
+    EXPECT_THAT(text, testing::HasSubstr("Title, Size = 65536 - 0x10000\n"));
+    EXPECT_THAT(text, testing::HasSubstr("\n  \t0660  "));
+    EXPECT_THAT(text, testing::Not(testing::HasSubstr("\n  \t0670  ")));
+    Filter_ReleasePacket(packet);
 }
 
 TEST_F(DumpTest, ArpFieldsAreDecodedAndRarpIsOnlyNamed)

@@ -129,7 +129,13 @@ TEST_F(HandBoundAdaptersTest, CallbacksSurviveFaultsOfTheHookDriver)
     EXPECT_EQ(record.Filter_AdapterOpened(nullptr), 0u);
     EXPECT_EQ(record.Filter_AdapterStatusChanged(nullptr, static_cast<NDIS_STATUS>(kMediaConnect)), 0u);
     EXPECT_EQ(record.Filter_AdapterClosed(nullptr), 0u);
-    EXPECT_EQ(Debug().Take(), "");
+    for (const FILTER_RECEIVED_PACKET take :
+         {record.Filter_FilterReceivedPacket, record.Filter_FilterSendPacket}) {
+        take(nullptr);
+        EXPECT_EQ(Debug().Take(), "");
+        take(Unreadable<FilterPacket>());
+        EXPECT_THAT(Debug().Take(), testing::StartsWith("Filter_InitPacketHeader" + fault));
+    }
     EXPECT_EQ(record.Filter_AdapterOpened(Unwritable<FilterAdapter>()), 0u);
     EXPECT_EQ(record.Filter_AdapterClosed(Unwritable<FilterAdapter>()), 0u);
     EXPECT_EQ(Debug().Take(), "NdisFilter_AdapterOpened" + fault + "NdisFilter_AdapterClosed" + fault);

@@ -77,7 +77,9 @@ TEST_F(ForeignHookTest, WhatAHookDriverAnswersIsTakenForNoMoreThanItIs)
         return STATUS_UNSUCCESSFUL; // counts as success
     };
     // The program writes into the memory as soon as it is mapped.
-    record.Hook_MmMapLockedPages = [](PMDL mdl, ULONG, MappedMemory* mapped) {
+    static ULONG value;
+    record.Hook_MmMapLockedPages = [](PMDL mdl, ULONG given, MappedMemory* mapped) {
+        value = given;
         auto* address = static_cast<uint64_t*>(MmMapLockedPages(mdl, UserMode));
         mapped->m_pUserModeVirtualAddress = reinterpret_cast<uint64_t>(address);
         *address = 0x1234;
@@ -89,14 +91,16 @@ TEST_F(ForeignHookTest, WhatAHookDriverAnswersIsTakenForNoMoreThanItIs)
     EXPECT_EQ(Debug().Take(), "  IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES\n"); // whatever the mask
     EXPECT_EQ(+list.m_nAdapterCount, 32u);
     EXPECT_EQ(+list.m_Adapters[31].m_nAdapterId, 1u);
-    Bytes value(7, 0xEE);
-    EXPECT_EQ(Control(IOCTL_NDIS_FILTER_GET_MEDIA_STATUS, Counting(7), value).information, 7u);
-    EXPECT_EQ(value, (Bytes{0, 1, 2, 3, 4, 5, 0x44}));
-    EXPECT_EQ(Control(IOCTL_NDIS_FILTER_GET_MEDIA_STATUS, Counting(7, 1), value).information, 7u);
-    EXPECT_EQ(value, Counting(7, 1));
+    Bytes state(7, 0xEE);
+    EXPECT_EQ(Control(IOCTL_NDIS_FILTER_GET_MEDIA_STATUS, Counting(7), state).information, 7u);
+    EXPECT_EQ(state, (Bytes{0, 1, 2, 3, 4, 5, 0x44}));
+    EXPECT_EQ(Control(IOCTL_NDIS_FILTER_GET_MEDIA_STATUS, Counting(7, 1), state).information, 7u);
+    EXPECT_EQ(state, Counting(7, 1));
 
     uint64_t share = 0;
-    EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_START_SHARE, Bytes{1, 0, 0, 0}, Out(share)), STATUS_SUCCESS);
+    EXPECT_EQ(StatusOf(IOCTL_NDIS_FILTER_START_SHARE, Bytes{0x78, 0x56, 0x34, 0x12}, Out(share)),
+              STATUS_SUCCESS);
+    EXPECT_EQ(value, 0x12345678u);
     const uint64_t mapping = share - NDIS_FILTER_SHARE_FAILED;
     ASSERT_NE(mapping, 0x1234u);
     EXPECT_EQ(*reinterpret_cast<uint64_t*>(mapping), mapping);
