@@ -1,11 +1,5 @@
 // Context slots of adapters, the event handlers of client drivers, and how handlers of both kinds come and go.
-#include "support/framework.h"
-
-#include <cstring>
-#include <functional>
-#include <memory>
-#include <string>
-#include <vector>
+#include "support/adapter-test.h"
 
 using namespace support;
 using testing::ElementsAre;
@@ -17,29 +11,19 @@ constexpr uint32_t kMediaConnect = 0x4001000B;
 constexpr uint32_t kMediaDisconnect = 0x4001000C;
 constexpr ULONG kSlots = FILTER_ADAPTER_CONTEXT_COUNT;
 
-struct ContextsTest : FrameworkTest {
-    void SetUp() override
-    {
-        FrameworkTest::SetUp();
-        adapter_ = AddAdapter();
-    }
-
-    PVOID ContextIn(ULONG index, FilterAdapter* adapter = nullptr)
+struct ContextsTest : AdapterTest {
+    PVOID ContextIn(ULONG index, FilterAdapter* other = nullptr)
     {
         PVOID value = this;
-        EXPECT_EQ(Filter_GetAdapterContext(adapter != nullptr ? adapter : adapter_, index, &value),
+        EXPECT_EQ(Filter_GetAdapterContext(other != nullptr ? other : adapter, index, &value),
                   FILTER_STATUS_SUCCESS);
         return value;
     }
-
-    FilterAdapter* adapter_ = nullptr;
 };
 
-struct AdapterEventsTest : ContextsTest {};
+using AdapterEventsTest = ContextsTest;
 
-struct HandlersTest : FrameworkTest {
-    HandlersTest() : FrameworkTest(WithTrace(0x80)) {}
-};
+using HandlersTest = Loaded<WithTrace, 0x80>;
 
 PVOID Value(uintptr_t number)
 {
@@ -90,9 +74,9 @@ TEST_F(ContextsTest, ValuesStayForTheNextOwnerAndAreReadByAnybody)
     };
     EXPECT_EQ(Acquire(first), 0);
     EXPECT_EQ(ContextIn(0), nullptr);
-    EXPECT_EQ(set(first, adapter_, 0, 11), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(set(first, adapter, 0, 11), FILTER_STATUS_SUCCESS);
     EXPECT_EQ(set(first, other, 0, 12), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(set(second, adapter_, 0, 13), FILTER_ERROR_INVALID_CONTEXT_OWNER);
+    EXPECT_EQ(set(second, adapter, 0, 13), FILTER_ERROR_INVALID_CONTEXT_OWNER);
     EXPECT_EQ(Release(second, 0), FILTER_ERROR_INVALID_CONTEXT_OWNER);
     EXPECT_EQ(Release(first, 0), FILTER_STATUS_SUCCESS);
     EXPECT_EQ(Release(first, 0), FILTER_ERROR_INVALID_CONTEXT_OWNER);
@@ -105,9 +89,9 @@ TEST_F(ContextsTest, ValuesStayForTheNextOwnerAndAreReadByAnybody)
     FilterAdapter noAdapter = {};
     PVOID value = nullptr;
     EXPECT_EQ(set(first, &noAdapter, kSlots, 13), FILTER_ERROR_INVALID_ADAPTER_HANDLE);
-    EXPECT_EQ(set(first, adapter_, kSlots, 13), FILTER_ERROR_INVALID_ADAPTER_CONTEXT);
+    EXPECT_EQ(set(first, adapter, kSlots, 13), FILTER_ERROR_INVALID_ADAPTER_CONTEXT);
     EXPECT_EQ(Release(first, ~0u), FILTER_ERROR_INVALID_ADAPTER_CONTEXT);
-    EXPECT_EQ(Filter_GetAdapterContext(adapter_, kSlots, &value), FILTER_ERROR_INVALID_ADAPTER_CONTEXT);
+    EXPECT_EQ(Filter_GetAdapterContext(adapter, kSlots, &value), FILTER_ERROR_INVALID_ADAPTER_CONTEXT);
 }
 
 // ---------------------------------------------------------------------------------------------------- events
@@ -152,8 +136,8 @@ TEST_F(AdapterEventsTest, ReachAllHandlersInTheOrderOfRegistration)
     EXPECT_EQ(Filter_SetIPConfig(&config), FILTER_STATUS_SUCCESS);
     hook::CloseAdapter(added);
 
-    const std::pair<ULONG, FilterAdapter*> expected[] = {{0, adapter_}, {0, added}, {2, added},
-                                                         {1, added},    {4, added}, {3, added}};
+    const std::pair<ULONG, FilterAdapter*> expected[] = {{0, adapter}, {0, added}, {2, added},
+                                                         {1, added},   {4, added}, {3, added}};
     std::vector<Seen> all;
     for (const auto& [event, adapter] : expected) {
         all.push_back({second.Handle(), Value(2), event, nullptr, adapter});
@@ -165,7 +149,7 @@ TEST_F(AdapterEventsTest, ReachAllHandlersInTheOrderOfRegistration)
     EXPECT_EQ(Filter_DeregisterEventHandler(second.Handle(), handlers[0]), FILTER_STATUS_SUCCESS);
     Filter_EnumOpenedAdapter();
     EXPECT_THAT(g_seen,
-                ElementsAre(Seen{first.Handle(), Value(1), FILTER_EVENT_ADAPTER_OPENED, Value(3), adapter_}));
+                ElementsAre(Seen{first.Handle(), Value(1), FILTER_EVENT_ADAPTER_OPENED, Value(3), adapter}));
 }
 
 // One of the two registries of handlers.

@@ -2,16 +2,12 @@
 // is registered or left behind.
 #include "support/framework.h"
 
-#include <functional>
-#include <string>
-#include <vector>
-
 using namespace support;
 
 namespace
 {
 
-struct AdapterFaultsTest : FrameworkTest {};
+using AdapterFaultsTest = FrameworkTest;
 
 VOID FaultOnEvent(FilterDriver*, PVOID, ULONG event, PVOID, FilterAdapter*)
 {

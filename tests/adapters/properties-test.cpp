@@ -2,9 +2,6 @@
 #include "support/framework.h"
 
 #include <cstring>
-#include <memory>
-#include <string>
-#include <vector>
 
 using namespace support;
 using testing::Each;
@@ -18,9 +15,7 @@ constexpr uint32_t kTraceAdapter = 0x1;
 constexpr MacAddress kPermanentMac = {0x02, 0, 0, 0, 0, 0x99};
 constexpr MacAddress kPppMac = {0xAA, 0x0B, 0xCC, 0xDD, 0xEE, 0x0F};
 
-struct PropertiesTest : FrameworkTest {
-    PropertiesTest() : FrameworkTest(WithTrace(kTraceAdapter)) {}
-
+struct PropertiesTest : Loaded<WithTrace, kTraceAdapter> {
     void SetUp() override
     {
         FrameworkTest::SetUp();
@@ -139,8 +134,7 @@ TEST_F(PropertiesTest, TheListIsTheHookDriversAndWithoutOneThereIsNone)
     }
 }
 
-struct AnsweringHookTest : DeviceTest {
-    AnsweringHookTest() : DeviceTest(FrameworkOnly()) {}
+struct AnsweringHookTest : Loaded<FrameworkOnly, 0, DeviceTest> {
     static inline NTSTATUS answer;
 };
 

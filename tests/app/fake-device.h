@@ -3,6 +3,8 @@
 
 #include "client.h"
 
+#include <support/rings.h>
+
 #include <atomic>
 #include <cstring>
 #include <functional>
@@ -52,26 +54,21 @@ struct FakeDriver {
     SharedRing& Output() { return Memory().KernelModeOutput; }
     SharedRing& Input() { return Memory().KernelModeInput; }
 
-    static int32_t Load(int32_t& index) { return std::atomic_ref(index).load(); }
-    static void Store(int32_t& index, int32_t value) { std::atomic_ref(index).store(value); }
-
     // Takes input blocks as the driver does, at most `limit`.
     void Drain(size_t limit = SIZE_MAX)
     {
         const std::lock_guard lock(drainMutex);
-        for (; limit > 0 && Load(Input().m_iRead) != Load(Input().m_iWrite); --limit) {
-            const int32_t read = Load(Input().m_iRead);
-            taken.push_back(Memory().m_InputBlocks[read]);
-            Store(Input().m_iRead, (read + 1) % NDIS_FILTER_BLOCK_COUNT);
+        for (; limit > 0 && !support::IsEmpty(Input()); --limit) {
+            taken.push_back(Memory().m_InputBlocks[support::Load(Input().m_iRead)]);
+            support::Advance(Input().m_iRead);
         }
     }
 
     // Writes a block of raw bytes to the output ring and completes the parked read.
     void WriteBlock(const void* bytes, size_t size)
     {
-        const int32_t write = Load(Output().m_iWrite);
-        std::memcpy(&Memory().m_OutputBlocks[write], bytes, size);
-        Store(Output().m_iWrite, (write + 1) % NDIS_FILTER_BLOCK_COUNT);
+        std::memcpy(&Memory().m_OutputBlocks[support::Load(Output().m_iWrite)], bytes, size);
+        support::Advance(Output().m_iWrite);
         CompleteRead(NDISFILTER_SUCCESS);
     }
     void WriteFrame(uint32_t adapterId, uint32_t size)
@@ -138,8 +135,7 @@ class FakeDevice final : public ndisfilter::Device
             TakeAnnouncement();
             state->Complete(NDISFILTER_SUCCESS);
         } else if (const std::lock_guard lock(driver_.mutex);
-                   driver_.readsAnswerAtOnce || FakeDriver::Load(driver_.Output().m_iRead) !=
-                                                    FakeDriver::Load(driver_.Output().m_iWrite)) {
+                   driver_.readsAnswerAtOnce || !support::IsEmpty(driver_.Output())) {
             state->Complete(NDISFILTER_SUCCESS);
         } else {
             driver_.parked = state;

@@ -13,6 +13,7 @@ namespace
 {
 
 using namespace testing;
+using support::Load, support::Store, support::StartRingAt;
 
 constexpr uint32_t kLong = 20'000; // milliseconds until a test gives up
 constexpr int kBlocks = NDIS_FILTER_BLOCK_COUNT;
@@ -53,8 +54,7 @@ class ShareTest : public Test
 
 TEST_F(ShareTest, SendsEveryFieldInOrderAcrossTheEndOfTheRing)
 {
-    driver.Store(driver.Input().m_iRead, kBlocks - 3);
-    driver.Store(driver.Input().m_iWrite, kBlocks - 3);
+    StartRingAt(driver.Input(), kBlocks - 3);
     client.StartShare();
     uint8_t applicationData[NDIS_FILTER_APPLICATION_DATA_SIZE];
     std::memset(applicationData, 0x3C, sizeof(applicationData));
@@ -117,7 +117,7 @@ TEST_F(ShareTest, AFullRingKeepsFramesBackUntilThereIsRoomOrTheyAreTakenBack)
     driver.Drain(10);
     EXPECT_EQ(Send(20, 0, NDISFILTER_TIMEOUT), 10u);
     EXPECT_EQ(client.Discard(), 511u);
-    EXPECT_EQ(driver.Load(driver.Input().m_iWrite), 10);
+    EXPECT_EQ(Load(driver.Input().m_iWrite), 10);
     EXPECT_EQ(client.Flush(0), 0u);
 
     // Room that the driver makes while the call waits is used.
@@ -149,8 +149,7 @@ TEST_F(ShareTest, RefusesFramesThatFitNoBlock)
 
 TEST_F(ShareTest, ReceivesInOrderAcrossTheEndOfTheRing)
 {
-    driver.Store(driver.Output().m_iRead, kBlocks - 3);
-    driver.Store(driver.Output().m_iWrite, kBlocks - 3);
+    StartRingAt(driver.Output(), kBlocks - 3);
     client.StartShare();
     for (uint32_t number = 1; number <= 20; ++number) {
         driver.WriteFrame(number, 60 + number);
@@ -164,7 +163,7 @@ TEST_F(ShareTest, ReceivesInOrderAcrossTheEndOfTheRing)
             EXPECT_EQ(blocks[i].content.frame.m_Data[blocks[i].size - 1], number + i);
         }
     }
-    EXPECT_EQ(driver.Load(driver.Output().m_iRead), driver.Load(driver.Output().m_iWrite));
+    EXPECT_TRUE(support::IsEmpty(driver.Output()));
     EXPECT_EQ(Receive(0), NDISFILTER_TIMEOUT);
 }
 
@@ -182,8 +181,7 @@ TEST_F(ShareTest, CutsFramesLongerThanABlock)
 // A signal is longer than a block; from the last one it reaches into the input blocks.
 TEST_F(ShareTest, ReceivesWholeSignalsAlsoFromTheLastBlock)
 {
-    driver.Store(driver.Output().m_iWrite, kBlocks - 2);
-    driver.Store(driver.Output().m_iRead, kBlocks - 2);
+    StartRingAt(driver.Output(), kBlocks - 2);
     client.StartShare();
     uint8_t signal[NDIS_FILTER_SIGNAL_SIZE];
     for (const uint8_t value : {0x11, 0x22, 0x33}) {
@@ -235,9 +233,9 @@ TEST_F(ShareTest, ReadsThatComeBackForNothingAreWaitedOut)
 {
     driver.readsAnswerAtOnce = true;
     client.StartShare();
-    driver.Store(driver.Output().m_iRead, 77); // the program's own index, spoilt
+    Store(driver.Output().m_iRead, 77); // the program's own index, spoilt
     EXPECT_EQ(Receive(20), NDISFILTER_TIMEOUT);
-    EXPECT_EQ(driver.Load(driver.Output().m_iRead), 0);
+    EXPECT_EQ(Load(driver.Output().m_iRead), 0);
 }
 
 TEST_F(ShareTest, StoppingEndsWaitingCalls)
@@ -273,13 +271,13 @@ TEST_F(ShareTest, AShareThatCannotBeHadIsSaid)
 
 TEST_F(ShareTest, DropsWhatAnEarlierOwnerLeft)
 {
-    driver.Store(driver.Input().m_iRead, 2);
-    driver.Store(driver.Input().m_iWrite, 5);
-    driver.Store(driver.Output().m_iRead, 500);
-    driver.Store(driver.Output().m_iWrite, 3);
+    Store(driver.Input().m_iRead, 2);
+    Store(driver.Input().m_iWrite, 5);
+    Store(driver.Output().m_iRead, 500);
+    Store(driver.Output().m_iWrite, 3);
     client.StartShare();
-    EXPECT_EQ(driver.Load(driver.Input().m_iWrite), 2);
-    EXPECT_EQ(driver.Load(driver.Output().m_iRead), 3);
+    EXPECT_EQ(Load(driver.Input().m_iWrite), 2);
+    EXPECT_EQ(Load(driver.Output().m_iRead), 3);
     EXPECT_EQ(Receive(0), NDISFILTER_TIMEOUT);
     EXPECT_EQ(client.Flush(0), 0u);
 }
@@ -288,14 +286,14 @@ TEST_F(ShareTest, ASpoiltIndexIsReportedAndMendedByTheNextStart)
 {
     for (const int32_t bad : kBadIndexes) {
         client.StartShare();
-        driver.Store(driver.Output().m_iWrite, bad);
-        driver.Store(driver.Input().m_iRead, bad);
+        Store(driver.Output().m_iWrite, bad);
+        Store(driver.Input().m_iRead, bad);
         EXPECT_EQ(Receive(kLong), NDISFILTER_BAD_RING);
         EXPECT_EQ(Send(1, kLong, NDISFILTER_BAD_RING), 0u);
         EXPECT_EQ(ndisfilter_flush(Raw(), kLong, nullptr), NDISFILTER_BAD_RING);
         EXPECT_EQ(ndisfilter_discard(Raw(), nullptr), NDISFILTER_BAD_RING);
-        driver.Store(driver.Output().m_iRead, bad);
-        driver.Store(driver.Input().m_iWrite, bad);
+        Store(driver.Output().m_iRead, bad);
+        Store(driver.Input().m_iWrite, bad);
         client.StopShare();
 
         client.StartShare();
@@ -321,7 +319,7 @@ TEST_F(ShareTest, EndsEveryCallOnMemoryFullOfNonsense)
         for (int word = 0; word < 400; ++word) {
             const size_t place = word < 20 ? random() % 20 : random() % driver.storage.size();
             const auto value = static_cast<int32_t>(word % 2 == 0 ? random() % 600 : random() * 3u);
-            FakeDriver::Store(reinterpret_cast<int32_t&>(driver.storage[place]), value);
+            Store(reinterpret_cast<int32_t&>(driver.storage[place]), value);
         }
         EXPECT_THAT(Receive(0), AnyOf(NDISFILTER_SUCCESS, NDISFILTER_TIMEOUT, NDISFILTER_BAD_RING));
         EXPECT_LE(count, blocks.size());

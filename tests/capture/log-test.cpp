@@ -1,7 +1,6 @@
 // Capture logs, started and stopped by the user program, and read back as any viewer would.
 #include <sharing/program.h>
 #include <support/captures.h>
-#include <support/packet.h>
 #include <support/program.h>
 
 #include <filesystem>
@@ -26,9 +25,7 @@ const std::string kUpper = LogName(kOwnMacText, "Upper");
 const std::string kLower = LogName(kOwnMacText, "Lower");
 const std::string kInject = LogName(kOwnMacText, "Inject");
 
-struct CaptureTest : sharing::SharingTest {
-    CaptureTest() { plan_ = WithTrace(0x2); }
-
+struct CaptureTest : Loaded<WithTrace, 0x2, sharing::SharingTest> {
     void SetUp() override
     {
         machine::SetDriveC(directory.Path());
@@ -231,8 +228,7 @@ TEST_F(CaptureTest, FailuresLeaveALogSilentAndTrafficAlone)
             Start();
             for (int i = 0; i < 2; ++i) {
                 Receive(frame);
-                EXPECT_TRUE(
-                    machine::WaitIdle()); // one writer after the other: the n-th call is always the same
+                EXPECT_TRUE(machine::WaitIdle()); // the n-th call is always the same
                 ++delivered;
             }
             hit = machine::FaultHit(kind);

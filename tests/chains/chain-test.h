@@ -9,8 +9,6 @@ namespace chains
 using Counters = std::array<uint32_t, 5>; // processed, then bypass, discard, consume, capture
 
 struct ChainTest : support::AdapterTest {
-    using AdapterTest::AdapterTest;
-
     // A filter's counters as its dump shows them.
     Counters CountersOf(const support::TestFilter& filter) { return CountersOf(filter.Handle()); }
     Counters CountersOf(PacketFilter* filter)

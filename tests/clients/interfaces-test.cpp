@@ -31,9 +31,7 @@ VOID Listen(FilterDriver*, PVOID, ULONG event, PVOID context, const STRING* name
     }
 }
 
-struct InterfacesTest : FrameworkTest {
-    InterfacesTest() : FrameworkTest(FrameworkOnly(0x40)) {}
-
+struct InterfacesTest : Loaded<FrameworkOnly, 0x40> {
     void SetUp() override
     {
         FrameworkTest::SetUp();
@@ -232,8 +230,7 @@ TEST_F(InterfacesTest, BadArgumentsAndFaultsAreRefusedAndLeaveNothing)
     EXPECT_EQ(Filter_RegisterInterface(driver, &name, &block, &out), FILTER_ERROR_EXCEPTION);
     EXPECT_EQ(Filter_QueryInterface(driver, &name, &copy), FILTER_STATUS_SUCCESS);
     Debug().Take();
-    EXPECT_EQ(Withdraw(out),
-              FILTER_ERROR_INTERFACE_ARE_REFERENCED); // the owner must know that it cannot leave
+    EXPECT_EQ(Withdraw(out), FILTER_ERROR_INTERFACE_ARE_REFERENCED); // it cannot leave
     EXPECT_TRUE(Debug().Contains("Filter_DeregisterInterface: exception, code = -1073741819\n"));
     EXPECT_EQ(Filter_ReleaseInterface(driver, copy), FILTER_STATUS_SUCCESS);
     EXPECT_EQ(Filter_RegisterInterface(driver, &name, &block, &out), FILTER_ERROR_EXCEPTION);

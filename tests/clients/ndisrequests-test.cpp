@@ -9,9 +9,7 @@ namespace
 
 constexpr uint32_t kMaximumFrameSize = 0x00010106;
 
-struct NdisRequestsTest : FrameworkTest {
-    NdisRequestsTest() : FrameworkTest(WithTrace(1)) {}
-
+struct NdisRequestsTest : Loaded<WithTrace, 1> {
     hook::NdisRequest* Allocate()
     {
         PVOID handle = nullptr;

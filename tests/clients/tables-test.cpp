@@ -44,9 +44,7 @@ VOID CallVisit(PVOID visit, HashItem* head)
     (*static_cast<Visit*>(visit))(ItemOf(head));
 }
 
-struct TablesTest : FrameworkTest {
-    TablesTest() : FrameworkTest(FrameworkOnly()) {}
-
+struct TablesTest : Loaded<FrameworkOnly> {
     void TearDown() override
     {
         Filter_DestroyHashTable(table);
@@ -79,9 +77,7 @@ struct TablesTest : FrameworkTest {
     std::list<Item> items; // outlive the table
 };
 
-struct TracedTablesTest : TablesTest {
-    TracedTablesTest() { plan_ = FrameworkOnly(kTraceHash); }
-};
+using TracedTablesTest = Loaded<FrameworkOnly, kTraceHash, TablesTest>;
 
 TEST_F(TracedTablesTest, SayWhatTheyDo)
 {

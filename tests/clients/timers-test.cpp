@@ -2,7 +2,6 @@
 #include "support/framework.h"
 
 #include <atomic>
-#include <mutex>
 #include <thread>
 
 using namespace support;
@@ -14,9 +13,7 @@ namespace
 constexpr uint32_t kTraceServices = 0x800;
 constexpr int64_t kStart = 132'000'000'000'000'000;
 
-struct TimersTest : FrameworkTest {
-    TimersTest() : FrameworkTest(FrameworkOnly(kTraceServices)) {}
-
+struct TimersTest : Loaded<FrameworkOnly, kTraceServices> {
     void SetUp() override
     {
         machine::StopClock(kStart);

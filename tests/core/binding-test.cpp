@@ -30,9 +30,7 @@ LONG AskVersion()
     return status == FILTER_STATUS_SUCCESS ? static_cast<LONG>(values[3]) : status;
 }
 
-struct BindingTest : DeviceTest {
-    BindingTest() : DeviceTest(FrameworkOnly(kTraceCore)) {}
-
+struct BindingTest : Loaded<FrameworkOnly, kTraceCore, DeviceTest> {
     // Sends a record, which may be answered, and expects it taken whole.
     void Send(uint32_t code, NdisHookAPI& record)
     {
@@ -132,9 +130,7 @@ TEST_F(BindingTest, OfAnotherLengthSizeVersionOrCodeIsRefusedAndChangesNothing)
               STATUS_BUFFER_TOO_SMALL); // no buffer at all
 }
 
-struct QuietBindingTest : BindingTest {
-    QuietBindingTest() { plan_ = FrameworkOnly(); }
-};
+using QuietBindingTest = Loaded<FrameworkOnly, 0, BindingTest>;
 
 // Whatever the mask: a line for each field in record order, with what is now bound.
 TEST_F(QuietBindingTest, PrintsTheRecordThatIsBound)
@@ -154,7 +150,7 @@ TEST_F(QuietBindingTest, PrintsTheRecordThatIsBound)
 }
 
 // Without some or all functions of the hook driver the exports answer; nothing calls through a null pointer.
-struct PartlyBoundTest : FrameworkTest {};
+using PartlyBoundTest = FrameworkTest;
 
 TEST_F(PartlyBoundTest, EachMissingFunctionIsAnswered)
 {

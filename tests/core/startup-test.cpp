@@ -1,6 +1,6 @@
 // Driver entry and unload: the order that a maintainer reads in the trace, what happens when something is missing, and
 // that nothing is left behind.
-#include "support/packet.h"
+#include "support/adapter-test.h"
 
 using namespace support;
 using testing::HasSubstr;
@@ -11,9 +11,7 @@ namespace
 constexpr uint32_t kTraceCore = 0x100;
 const std::string kServiceKey = "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\NdisFilter";
 
-struct StartUpTest : FrameworkTest {
-    explicit StartUpTest(LoadPlan plan = NothingLoaded()) : FrameworkTest(plan) {}
-
+struct StartUpTest : Loaded<NothingLoaded> {
     // A frame in and one out through the framework, which must be loaded.
     void ExpectTraffic()
     {
@@ -36,9 +34,7 @@ struct StartUpTest : FrameworkTest {
     }
 };
 
-struct TracedStartUpTest : StartUpTest {
-    TracedStartUpTest() : StartUpTest(FrameworkOnly(kTraceCore)) {}
-};
+using TracedStartUpTest = Loaded<FrameworkOnly, kTraceCore, StartUpTest>;
 
 TEST_F(TracedStartUpTest, BuildsUpAndTearsDownInOrder)
 {
@@ -137,9 +133,7 @@ TEST_F(StartUpTest, SurvivesEachFailureInTurn)
     }
 }
 
-struct RefusedStartUpTest : StartUpTest {
-    RefusedStartUpTest() { plan_.registry = {{"GlobalDebugFlag", kTraceCore}}; }
-};
+using RefusedStartUpTest = Loaded<NothingLoaded, kTraceCore, StartUpTest>;
 
 TEST_F(RefusedStartUpTest, NamesTheDeviceOrLinkAndItsStatus)
 {

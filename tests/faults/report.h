@@ -25,9 +25,6 @@ struct Report {
 // Exports and control requests that no entry has.
 std::vector<std::string> MissingFrom(const std::vector<Entry>& entries);
 
-// Whether a call may answer as ever when a call of the kind fails in it.
-bool MayStaySilent(const std::string& call, const std::string& kind);
-
 // "pool:3 and file:1"
 std::string NameOf(const std::vector<Point>& points);
 

@@ -3,8 +3,6 @@
 
 #include <algorithm>
 
-using support::Bytes;
-
 namespace faults
 {
 namespace
@@ -40,19 +38,6 @@ UserMacValue MacValue(uint8_t value)
     std::copy(support::kOwnMac.begin(), support::kOwnMac.end(), record.m_MacAddress);
     record.m_nValue = value;
     return record;
-}
-
-void WriteBlock(SharedMemory& memory, uint32_t id, uint32_t direction)
-{
-    const Bytes frame = support::UdpFrame();
-    SharedRing& ring = memory.KernelModeInput;
-    SharedBlock& block = memory.m_InputBlocks[ring.m_iWrite];
-    block = {};
-    block.m_nAdapterId = id;
-    block.m_nDirection = direction;
-    block.m_nPacketSize = static_cast<uint32_t>(frame.size());
-    std::copy(frame.begin(), frame.end(), block.m_Data);
-    __atomic_store_n(&ring.m_iWrite, (ring.m_iWrite + 1) % NDIS_FILTER_BLOCK_COUNT, __ATOMIC_RELEASE);
 }
 
 void UseHandlers(World& world)
@@ -94,15 +79,16 @@ void UseShare(World& world)
     const uint32_t id = IdOf(world.adapter);
     for (const uint32_t direction : {NDIS_FILTER_DIRECTION_TO_ADAPTER, NDIS_FILTER_DIRECTION_TO_PROTOCOL,
                                      NDIS_FILTER_DIRECTION_TO_APPLICATION}) {
-        WriteBlock(memory, id, direction);
+        support::Fill(support::NextInput(memory), id, direction, support::UdpFrame());
+        support::Advance(memory.KernelModeInput.m_iWrite);
         REQUEST(IOCTL_NDIS_FILTER_WRITE_SHARE);
-        Made(memory.KernelModeInput.m_iRead == memory.KernelModeInput.m_iWrite);
+        Made(support::IsEmpty(memory.KernelModeInput));
     }
     memory.KernelModeOutput.m_iRead = memory.KernelModeOutput.m_iWrite;
     static uint8_t signal[NDIS_FILTER_SIGNAL_SIZE];
     {
         g_journal.Begin("IOCTL_NDIS_FILTER_READ_SHARE");
-        machine::Request read = world.device->Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0);
+        machine::Request read = world.program->device->Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0);
         g_journal.End(read.DispatchStatus());
         CALL(Filter_IndicateSignalToApplication, signal);
         Made(read.IsComplete());

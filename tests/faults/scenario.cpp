@@ -41,10 +41,9 @@ bool StartUp(World& world)
             return world.second;
         });
     }
-    world.process = std::make_unique<machine::Process>();
-    world.device = world.process->Open("\\\\.\\NdisFilter");
+    world.program = std::make_unique<support::UserProgram>();
     g_journal.startsUp = false;
-    return world.device != nullptr;
+    return world.program->device != nullptr;
 }
 
 void UseEverything(World& world)
@@ -68,8 +67,7 @@ void UseAgain(World& world)
 
 void ShutDown(World& world)
 {
-    world.device.reset();
-    world.process.reset();
+    world.program.reset();
     if (hook::IsBound()) {
         for (FilterAdapter* adapter : {world.adapter, world.second}) {
             if (adapter != nullptr) {

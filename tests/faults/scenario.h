@@ -6,7 +6,7 @@
 #include "journal.h"
 
 #include <support/client.h>
-#include <support/records.h>
+#include <support/rings.h>
 
 #include <hook/virtual-adapters.h>
 #include <machine.h>
@@ -30,8 +30,7 @@ struct World {
     FilterDriver* driver = nullptr;
     FilterDriver* other = nullptr;
     PacketFilter* filters[FILTER_TYPE_COUNT] = {};
-    std::unique_ptr<machine::Process> process = nullptr;
-    std::unique_ptr<machine::File> device = nullptr;
+    std::unique_ptr<support::UserProgram> program = nullptr;
 };
 
 // Start-up: the framework, the hook driver, its adapters, the binding. False: the framework could not be loaded.
@@ -59,7 +58,7 @@ inline machine::Request::Result Ask(const char* name, World& world, uint32_t cod
                                     std::span<const uint8_t> input = {}, std::span<uint8_t> output = {})
 {
     g_journal.Begin(name);
-    const machine::Request::Result result = world.device->Control(code, input, output);
+    const machine::Request::Result result = world.program->device->Control(code, input, output);
     g_journal.End(result.status < 0 ? result.status : static_cast<int64_t>(result.information));
     return result;
 }

@@ -8,8 +8,6 @@
 #include <machine.h>
 #include <tdi-client.h>
 
-#include <optional>
-
 namespace faults
 {
 

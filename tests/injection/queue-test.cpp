@@ -21,8 +21,6 @@ bool Drained()
 }
 
 struct QueueTest : AdapterTest {
-    using AdapterTest::AdapterTest;
-
     FILTER_STATUS QueueReceived(const Bytes& frame)
     {
         return Filter_IndicatePacketFromAdapter(adapter, MakePacket(adapter, frame));

@@ -3,7 +3,6 @@
 #include <support/program.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 

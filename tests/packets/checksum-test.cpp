@@ -1,6 +1,6 @@
 // Checksums in place, against published examples, recorded traffic and a sum by the letter of RFC 1071.
 #include <support/captures.h>
-#include <support/packet.h>
+#include <support/adapter-test.h>
 
 using namespace support;
 
@@ -34,9 +34,7 @@ void Put(Bytes& bytes, size_t offset, uint16_t value)
     bytes[offset + 1] = static_cast<uint8_t>(value);
 }
 
-struct ChecksumTest : FrameworkTest {
-    ChecksumTest() : FrameworkTest(WithTrace(0x200)) {}
-};
+using ChecksumTest = Loaded<WithTrace, 0x200>;
 
 TEST_F(ChecksumTest, EveryLengthAndHeaderSizeAgreesWithTheTextbook)
 {

@@ -129,9 +129,7 @@ TEST_F(ParseTest, EachHeaderIsFoundInThePacketsOwnDataAndInTheCallersFrame)
 }
 
 // With every trace and the dump on, so that all code that looks at headers sees each of them.
-struct EveryCutTest : AdapterTest {
-    EveryCutTest() : AdapterTest(WithTrace(kTraceEverything)) {}
-};
+using EveryCutTest = Loaded<WithTrace, kTraceEverything, AdapterTest>;
 
 TEST_F(EveryCutTest, FramesOfEverySizePassUnchangedInBothDirections)
 {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <optional>
 
 #include <sys/stat.h>
 
@@ -16,15 +17,13 @@ struct CaptureRace : Race {
     void Begin() override
     {
         std::filesystem::remove(LowerLog());
-        process = std::make_unique<machine::Process>();
-        file = process->Open("\\\\.\\NdisFilter");
+        program.emplace();
         outstanding = hook::TakeBalance().outstanding;
     }
     void End() override
     {
         Control(IOCTL_NDIS_FILTER_STOP_ETHRLOG);
-        file.reset();
-        process.reset();
+        program.reset();
         Require(machine::WaitIdle(), "the logs are closed");
         const hook::Balance balance = hook::TakeBalance();
         Require(balance.IsEven() && balance.outstanding - outstanding <= 2 * received,
@@ -44,7 +43,10 @@ struct CaptureRace : Race {
 
     static std::string LowerLog() { return DriveC() + "/Adapter(02-00-00-00-00-01)NdisLower.eth"; }
 
-    void Control(uint32_t code) { RequireSuccess(file->Control(code, {}, {}).status, "a request"); }
+    void Control(uint32_t code)
+    {
+        RequireSuccess(program->device->Control(code, {}, {}).status, "a request");
+    }
     void Start() { Control(IOCTL_NDIS_FILTER_START_ETHRLOG); }
     void Stop() { Control(IOCTL_NDIS_FILTER_STOP_ETHRLOG); }
     void Receive()
@@ -52,8 +54,7 @@ struct CaptureRace : Race {
         received += hook::DeliverReceived(Adapter(), support::UdpFrame()) == hook::Accepted::Yes;
     }
 
-    std::unique_ptr<machine::Process> process;
-    std::unique_ptr<machine::File> file;
+    std::optional<support::UserProgram> program;
     uint64_t outstanding = 0;
     uint64_t received = 0;
 };

@@ -7,7 +7,7 @@
 #include <scheduler/threads.h>
 
 #include <support/frames.h>
-#include <support/records.h>
+#include <support/rings.h>
 
 #include <ntddk.h>
 

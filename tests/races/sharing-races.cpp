@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstring>
 #include <optional>
 
@@ -19,21 +18,15 @@ namespace
 struct SharingRace : Race {
     void Begin() override
     {
-        process = std::make_unique<machine::Process>();
-        file = process->Open("\\\\.\\NdisFilter");
-        uint32_t value = 1;
-        uint64_t address = 0;
-        file->Control(IOCTL_NDIS_FILTER_START_SHARE, support::In(value), support::Out(address));
-        Require(address > NDIS_FILTER_SHARE_FAILED, "the memory is mapped");
-        memory = reinterpret_cast<SharedMemory*>(address);
+        program.emplace();
+        memory = support::StartShare(*program->device);
+        Require(memory != nullptr, "the memory is mapped");
         // The program's view and the framework's are one memory.
         kernelView = reinterpret_cast<uint8_t*>(memory->KernelModeOutput.m_pkBlockBase) -
                      offsetof(SharedMemory, m_OutputBlocks);
         scheduler::Alias(memory, sizeof(SharedMemory), kernelView);
-        for (SharedRing* ring : {&memory->KernelModeInput, &memory->KernelModeOutput}) {
-            Store(ring->m_iRead, 0);
-            Store(ring->m_iWrite, 0);
-        }
+        support::StartRingAt(memory->KernelModeInput, 0);
+        support::StartRingAt(memory->KernelModeOutput, 0);
         Filter_AdapterToId(Adapter(), &adapterId);
         before = hook::TakeBalance();
     }
@@ -41,16 +34,13 @@ struct SharingRace : Race {
     {
         scheduler::ForgetAliases();
         scheduler::ForgetRanges();
-        file.reset();
-        process.reset();
+        program.reset();
         const hook::Balance after = hook::TakeBalance();
         Require(after.IsEven() && after.outstanding == before.outstanding, "every packet has ended once");
     }
 
-    static int32_t Load(const int32_t& index) { return __atomic_load_n(&index, __ATOMIC_SEQ_CST); }
-    static void Store(int32_t& index, int32_t value) { __atomic_store_n(&index, value, __ATOMIC_SEQ_CST); }
-    int32_t Control(uint32_t code) { return file->Control(code, {}, {}).status; }
-    void Park() { read.emplace(file->Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0)); }
+    int32_t Control(uint32_t code) { return program->device->Control(code, {}, {}).status; }
+    void Park() { read.emplace(program->device->Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0)); }
 
     // What the parked read came to; whoever completes it twice is reported by the kernel.
     void RequireRead(std::initializer_list<int32_t> results)
@@ -70,20 +60,12 @@ struct SharingRace : Race {
     // Fills the next input block and announces it.
     void Announce(uint32_t direction)
     {
-        const int32_t at = Load(memory->KernelModeInput.m_iWrite);
-        SharedBlock& block = memory->m_InputBlocks[at];
-        const support::Bytes frame = support::UdpFrame();
-        block.m_nAdapterId = adapterId;
-        block.m_nDirection = direction;
-        block.m_nPacketSize = static_cast<uint32_t>(frame.size());
-        memcpy(reinterpret_cast<uint8_t*>(&block) + offsetof(SharedBlock, m_Data), frame.data(),
-               frame.size());
-        Store(memory->KernelModeInput.m_iWrite, (at + 1) % NDIS_FILTER_BLOCK_COUNT);
+        support::Fill(support::NextInput(*memory), adapterId, direction, support::UdpFrame());
+        support::Advance(memory->KernelModeInput.m_iWrite);
         RequireSuccess(Control(IOCTL_NDIS_FILTER_WRITE_SHARE), "WRITE_SHARE");
     }
 
-    std::unique_ptr<machine::Process> process;
-    std::unique_ptr<machine::File> file;
+    std::optional<support::UserProgram> program;
     SharedMemory* memory = nullptr;
     uint8_t* kernelView = nullptr; // of the same memory
     ULONG adapterId = 0;
@@ -144,8 +126,9 @@ TEST(Races, WriteShareAgainstResetOfItsEvent)
             race.Announce(NDIS_FILTER_DIRECTION_TO_ADAPTER);
         }};
         race.end = [&] {
-            Require(race.Load(race.memory->KernelModeInput.m_iRead) == 3, "every announced block is served");
-            Require(race.Load(race.memory->KernelModeOutput.m_iWrite) == 1, "a frame looped back");
+            Require(support::Load(race.memory->KernelModeInput.m_iRead) == 3,
+                    "every announced block is served");
+            Require(support::Load(race.memory->KernelModeOutput.m_iWrite) == 1, "a frame looped back");
             const hook::Balance after = hook::TakeBalance();
             Require(after.deliveredToProtocols == race.before.deliveredToProtocols + 1 &&
                         after.deliveredToAdapter == race.before.deliveredToAdapter + 1,
@@ -172,7 +155,7 @@ TEST(Races, BlockBeforeItsIndex)
                             Filter_ReleasePacket(packet);
                         },
                         [&] {
-                            if (race.Load(race.memory->KernelModeOutput.m_iWrite) == 0) {
+                            if (support::Load(race.memory->KernelModeOutput.m_iWrite) == 0) {
                                 return;
                             }
                             const SharedBlock& block = race.memory->m_OutputBlocks[0];

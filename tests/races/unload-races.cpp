@@ -22,8 +22,7 @@ VOID OnTimer(FilterDriver*, PVOID, FilterTimer* timer, PVOID)
 TEST(Races, UnloadAgainstEverything)
 {
     std::optional<Client> client;
-    std::unique_ptr<machine::Process> process;
-    std::unique_ptr<machine::File> file;
+    std::optional<support::UserProgram> program;
     std::optional<machine::Request> read;
     std::atomic<int> ended;
     const auto layOut = [&](Race& race) {
@@ -33,13 +32,10 @@ TEST(Races, UnloadAgainstEverything)
         RequireSuccess(Filter_InitializeTimer(client->Handle(), OnTimer, nullptr, TRUE, &timer),
                        "Filter_InitializeTimer");
         Filter_StartTimer(timer, 5);
-        process = std::make_unique<machine::Process>();
-        file = process->Open("\\\\.\\NdisFilter");
-        uint32_t value = 1;
-        uint64_t address = 0;
-        file->Control(IOCTL_NDIS_FILTER_START_SHARE, support::In(value), support::Out(address));
-        file->Control(IOCTL_NDIS_FILTER_START_ETHRLOG, {}, {});
-        read.emplace(file->Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0));
+        program.emplace();
+        support::StartShare(*program->device);
+        program->device->Control(IOCTL_NDIS_FILTER_START_ETHRLOG, {}, {});
+        read.emplace(program->device->Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0));
         ended = 0;
         race.threads = {
             [&] { // the adapters' traffic, until the hook driver takes it away
@@ -54,7 +50,7 @@ TEST(Races, UnloadAgainstEverything)
             },
             [&] { // the program
                 read->Cancel();
-                file->Close();
+                program->device->Close();
                 ++ended;
             },
             [&] { // the threads of the framework look every 10 ms whether they are to end
@@ -69,8 +65,7 @@ TEST(Races, UnloadAgainstEverything)
             Require(read->IsComplete(), "the parked read is completed");
             client->Forget();
             read.reset();
-            file.reset();
-            process.reset();
+            program.reset();
             RequireSuccess(hook::Unload(), "unloading the hook driver");
             Require(hook::TakeBalance().IsEven(), "every packet has ended once");
         };

@@ -3,9 +3,7 @@
 
 #include <atomic>
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 using namespace support;
 using testing::ElementsAre;
@@ -40,17 +38,10 @@ std::vector<FilterAdapter*> Enumerate(size_t limit = 100)
     return adapters;
 }
 
-struct AdaptersTest : FrameworkTest {
-    AdaptersTest() : FrameworkTest(WithTrace(kTraceAdapter)) {}
-};
+using AdaptersTest = Loaded<WithTrace, kTraceAdapter>;
+using UnboundAdaptersTest = Loaded<NotBound, kTraceHook>;
 
-struct UnboundAdaptersTest : FrameworkTest {
-    UnboundAdaptersTest() : FrameworkTest(NotBound(kTraceHook)) {}
-};
-
-struct HandBoundAdaptersTest : DeviceTest {
-    HandBoundAdaptersTest() : DeviceTest(FrameworkOnly()) {}
-
+struct HandBoundAdaptersTest : Loaded<FrameworkOnly, 0, DeviceTest> {
     NdisHookAPI BindBy(HOOK_GET_TCPIP_BOUND_ADAPTERS getAdapters)
     {
         NdisHookAPI record = HookRecord();

@@ -3,8 +3,6 @@
 #include "support/framework.h"
 
 #include <cstring>
-#include <functional>
-#include <string>
 
 using namespace support;
 

@@ -1,6 +1,8 @@
 // Requests about adapters: named by identifier or MAC address, never by handle.
 #include "requests.h"
 
+#include <cstring>
+
 using namespace requests;
 using namespace support;
 using testing::Each;
@@ -55,9 +57,7 @@ TEST_F(AdapterRequestsTest, TheListNamesAdaptersByIdentifier)
     EXPECT_EQ(List(list, STATUS_INTERNAL_ERROR), 0u);
 }
 
-struct ForeignHookTest : RequestsTest {
-    ForeignHookTest() : RequestsTest(FrameworkOnly()) {}
-};
+using ForeignHookTest = Loaded<FrameworkOnly, 0, RequestsTest>;
 
 TEST_F(ForeignHookTest, WhatAHookDriverAnswersIsTakenForNoMoreThanItIs)
 {

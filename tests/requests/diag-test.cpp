@@ -25,9 +25,7 @@ Bytes Command(const std::string& text)
     return Bytes(text.begin(), text.end());
 }
 
-struct DiagTest : RequestsTest {
-    DiagTest() : RequestsTest(WithTrace(0)) {}
-
+struct DiagTest : Loaded<WithTrace, 0, RequestsTest> {
     // The reply's text; its header in `diag`.
     std::string Ask(const std::string& command, size_t size = 65536)
     {

@@ -1,6 +1,8 @@
 // The event queue as the user program reads it, and the settings that a request changes.
 #include "requests.h"
 
+#include <cstring>
+
 using namespace requests;
 using namespace support;
 using testing::Each;
@@ -36,8 +38,7 @@ TEST_F(EventRequestsTest, AnEventsHeadNamesItsAdapterByIdentifier)
     EXPECT_EQ(+event.m_nLength, 43);
     const UserEventHead expected = {11, id, 22, 33, 44, 55, 66};
     EXPECT_EQ(std::memcmp(event.m_Text, &expected, 34), 0);
-    EXPECT_EQ(std::memcmp(event.m_Text + 34, data.data() + 34, 4),
-              0); // the end of the head as reported stays
+    EXPECT_EQ(std::memcmp(event.m_Text + 34, data.data() + 34, 4), 0); // stays as reported
     EXPECT_STREQ(reinterpret_cast<char*>(event.m_Text) + NDIS_FILTER_EVENT_MESSAGE_OFFSET, "text");
     EXPECT_THAT(std::span(event.m_Text).subspan(43), Each(0));
 }

@@ -2,10 +2,6 @@
 #pragma once
 
 #include "support/framework.h"
-#include "support/records.h"
-
-#include <cstring>
-#include <string>
 
 namespace requests
 {
@@ -18,13 +14,6 @@ using support::Out;
 // Tests write +field for a copy of a field that need not be aligned.
 inline constexpr uint32_t kTraceCore = 0x100;
 
-inline uint32_t IdOf(FilterAdapter* adapter)
-{
-    ULONG id = 0;
-    EXPECT_EQ(Filter_AdapterToId(adapter, &id), FILTER_STATUS_SUCCESS);
-    return id;
-}
-
 // Gives all identifiers away.
 inline void UseUpIds()
 {
@@ -34,11 +23,7 @@ inline void UseUpIds()
     }
 }
 
-struct RequestsTest : support::DeviceTest {
-    explicit RequestsTest(support::LoadPlan plan = support::WithTrace(kTraceCore))
-        : DeviceTest(std::move(plan))
-    {}
-
+struct RequestsTest : support::Loaded<support::WithTrace, kTraceCore, support::DeviceTest> {
     void SetUp() override
     {
         DeviceTest::SetUp();

@@ -1,5 +1,5 @@
 // The sample drivers, loaded as the lab loads them.
-#include "support/framework.h"
+#include "support/adapter-test.h"
 #include "support/records.h"
 
 #include "../../samples/firewall/firewall.h"
@@ -49,13 +49,12 @@ void ExpectChecksums(const Bytes& frame, uint8_t protocol)
     EXPECT_EQ(right, frame);
 }
 
-class SampleTest : public FrameworkTest
+class SampleTest : public AdapterTest
 {
   protected:
     void SetUp() override
     {
-        FrameworkTest::SetUp();
-        adapter = AddAdapter();
+        AdapterTest::SetUp();
         toAdapter.emplace(adapter, hook::Side::Adapter);
         toProtocols.emplace(adapter, hook::Side::Protocols);
         device = OpenDevice();
@@ -68,12 +67,10 @@ class SampleTest : public FrameworkTest
             EXPECT_EQ(machine::UnloadDriver(loaded.back()), STATUS_SUCCESS);
             machine::DeleteRegistryKey(loaded.back());
         }
-        EXPECT_TRUE(machine::WaitIdle());
-        EXPECT_EQ(hook::TakeBalance().outstanding, 0u);
         device.reset();
         toAdapter.reset();
         toProtocols.reset();
-        FrameworkTest::TearDown();
+        AdapterTest::TearDown();
     }
 
     void Load(const std::string& name)
@@ -119,7 +116,6 @@ class SampleTest : public FrameworkTest
         return std::string(reinterpret_cast<const char*>(output.data()) + 33, result.information - 40);
     }
 
-    FilterAdapter* adapter = nullptr;
     std::optional<Collector> toAdapter, toProtocols;
     std::unique_ptr<machine::File> device;
     std::vector<std::string> loaded;

@@ -200,8 +200,7 @@ TEST_F(Protocol, RandomMessagesHurtNobody)
             std::vector<uint8_t> bytes = RandomBytes(random, random() % 64 + 4);
             const uint32_t type = random() % 10;
             std::memcpy(bytes.data(), &type, sizeof(type));
-            send(program.Descriptor(), bytes.data(), bytes.size(),
-                 MSG_NOSIGNAL); // it may be disconnected by now
+            send(program.Descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL); // may be too late
         }
         EXPECT_EQ(AskVersion(*device), kSuccess);
     }

@@ -20,12 +20,9 @@ namespace
 
 using ndisfilter::ControlResult;
 using ndisfilter::Device;
+using support::In;
+using support::Out;
 using testing::HasSubstr;
-
-std::span<uint8_t> BytesOf(auto& record)
-{
-    return {reinterpret_cast<uint8_t*>(&record), sizeof(record)};
-}
 
 TEST(Serve, AProgramAsksAndIsAnswered)
 {
@@ -38,8 +35,7 @@ TEST(Serve, AProgramAsksAndIsAnswered)
     ASSERT_NE(device, nullptr);
     EXPECT_EQ(AskVersion(*device), kSuccess);
     UserAdapterList list = {};
-    EXPECT_EQ(device->Control(IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, {}, BytesOf(list)).returned,
-              sizeof(list));
+    EXPECT_EQ(device->Control(IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, {}, Out(list)).returned, sizeof(list));
     ASSERT_EQ(list.m_nAdapterCount, 1u);
     EXPECT_STREQ(list.m_Adapters[0].m_szAdapterName, "lan0");
     // A failed request returns nothing, a code that nobody knows fails.
@@ -63,16 +59,15 @@ TEST(Serve, TheShareIsTheSameMemoryOnBothSides)
         EXPECT_EQ(memory->KernelModeOutput.m_iBlockCount, NDIS_FILTER_BLOCK_COUNT);
         for (uint8_t content = 1; content <= 200; ++content) {
             SendLoopBack(*device, *memory, adapter, content);
-            ASSERT_TRUE(Eventually([&] { return !IsOutputEmpty(*memory); }));
-            const int32_t read = Load(memory->KernelModeOutput.m_iRead);
-            EXPECT_EQ(memory->m_OutputBlocks[read].m_nAdapterId, adapter);
-            EXPECT_EQ(memory->m_OutputBlocks[read].m_Data[59], content);
-            Store(memory->KernelModeOutput.m_iRead, Next(read));
+            ASSERT_TRUE(Eventually([&] { return !support::IsEmpty(memory->KernelModeOutput); }));
+            EXPECT_EQ(support::NextOutput(*memory).m_nAdapterId, adapter);
+            EXPECT_EQ(support::NextOutput(*memory).m_Data[59], content);
+            support::Advance(memory->KernelModeOutput.m_iRead);
         }
         int32_t status = -1;
         EXPECT_EQ(device->StartShare(1, &status), nullptr); // it has it already, and keeps it
         EXPECT_EQ(status, kSuccess);
-        EXPECT_TRUE(IsOutputEmpty(*memory));
+        EXPECT_TRUE(support::IsEmpty(memory->KernelModeOutput));
         EXPECT_EQ(device->StopShare().status, kSuccess);
     }
 }
@@ -95,25 +90,21 @@ TEST(Serve, AParkedReadIsWokenAndCancelled)
     EXPECT_EQ(other->Wait(0)->status, kUnsuccessful); // one is parked
     EXPECT_FALSE(read->Wait(0).has_value());
     SendLoopBack(*device, *memory, adapter, 1);
-    auto result = read->Wait(kWaitMs);
-    ASSERT_TRUE(result.has_value());
-    EXPECT_EQ(result->status, kSuccess);
+    EXPECT_EQ(StatusOf(*read), kSuccess);
     read->Cancel(); // too late, and harmless
-    Store(memory->KernelModeOutput.m_iRead, Load(memory->KernelModeOutput.m_iWrite));
+    support::Advance(memory->KernelModeOutput.m_iRead);
 
     for (int round = 0; round < 200; ++round) { // also while the lab is still at parking it
         read = device->Send(IOCTL_NDIS_FILTER_READ_SHARE);
         read->Cancel();
-        result = read->Wait(kWaitMs);
-        ASSERT_TRUE(result.has_value());
-        ASSERT_EQ(result->status, kCancelled);
+        ASSERT_EQ(StatusOf(*read), kCancelled);
     }
     read = device->Send(IOCTL_NDIS_FILTER_READ_SHARE);
     std::thread stopper([&] { EXPECT_EQ(device->StopShare().status, kSuccess); });
-    result = read->Wait(kWaitMs);
+    const auto status = StatusOf(*read);
     stopper.join();
-    ASSERT_TRUE(result.has_value()); // parked before the stop, or refused behind it
-    EXPECT_TRUE(result->status == kSuccess || result->status == kUnsuccessful);
+    EXPECT_TRUE(status == kSuccess ||
+                status == kUnsuccessful); // parked before the stop, or refused behind it
 }
 
 TEST(Serve, ClosingTheDeviceCompletesItsRead)
@@ -146,9 +137,7 @@ TEST(Serve, AKilledProgramLeavesTheShareFree)
         EXPECT_TRUE(Eventually([&] { return (memory = StartShare(*device)) != nullptr; }));
         const auto read = device->Send(IOCTL_NDIS_FILTER_READ_SHARE); // the dead one's is no longer parked
         SendLoopBack(*device, *memory, FirstAdapter(*device), 1);
-        const auto result = read->Wait(kWaitMs);
-        ASSERT_TRUE(result.has_value());
-        EXPECT_EQ(result->status, kSuccess);
+        EXPECT_EQ(StatusOf(*read), kSuccess);
     }
 }
 
@@ -250,14 +239,13 @@ TEST(Serve, TheIndicatorShowsFramesOfAPortAndAnswersForItself)
 
     const auto device = lab.Open();
     uint32_t port = 80;
-    EXPECT_EQ(device->Control(IOCTL_INDICATOR_SET_PORT, BytesOf(port), {}).status, kSuccess);
+    EXPECT_EQ(device->Control(IOCTL_INDICATOR_SET_PORT, In(port), {}).status, kSuccess);
     IndicatorCounters counters = {};
-    EXPECT_EQ(device->Control(IOCTL_INDICATOR_GET_COUNTERS, {}, BytesOf(counters)).returned,
-              sizeof(counters));
+    EXPECT_EQ(device->Control(IOCTL_INDICATOR_GET_COUNTERS, {}, Out(counters)).returned, sizeof(counters));
     EXPECT_EQ(counters.m_nPort, 80u);
     EXPECT_GE(counters.m_nIndicated, 20u);
     port = 65536;
-    EXPECT_LT(device->Control(IOCTL_INDICATOR_SET_PORT, BytesOf(port), {}).status, 0);
+    EXPECT_LT(device->Control(IOCTL_INDICATOR_SET_PORT, In(port), {}).status, 0);
 
     const auto diagnose = [&](std::vector<std::string> words) {
         words.insert(words.begin(), "diag");
@@ -285,7 +273,7 @@ TEST(Serve, CapturesAreReplayedOnceOrInALoopWithinTheRate)
     const auto device = loop.Open();
     IndicatorCounters counters = {};
     EXPECT_TRUE(Eventually([&] {
-        device->Control(IOCTL_INDICATOR_GET_COUNTERS, {}, BytesOf(counters));
+        device->Control(IOCTL_INDICATOR_GET_COUNTERS, {}, Out(counters));
         return counters.m_nIndicated > 2 * frames;
     }));
     report = loop.Stop();

@@ -1,6 +1,8 @@
 // A program that writes what it likes into the shared memory, at any moment.
 #include "program.h"
 
+#include <limits>
+
 using namespace sharing;
 using namespace support;
 
@@ -50,8 +52,7 @@ TEST_F(HostileTest, AnIndexOutsideTheOutputRingMakesItReadAsFull)
             EXPECT_EQ(program.ReadNow(), STATUS_SUCCESS);
             EXPECT_EQ(Load(*index), value);
             EXPECT_EQ(Load(program.Out().m_nCount), count);
-            Store(program.Out().m_iRead, value); // both alike: not empty either
-            Store(program.Out().m_iWrite, value);
+            StartRingAt(program.Out(), value); // not empty either
             EXPECT_EQ(program.ReadNow(), STATUS_SUCCESS);
             Repair();
         }

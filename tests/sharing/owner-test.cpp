@@ -75,9 +75,7 @@ TEST_F(OwnerTest, AMappingThatFailsLeavesNoOwner)
     }
 }
 
-struct HandedOnTest : SharingTest {
-    HandedOnTest() { plan_ = WithTrace(0x400); }
-};
+using HandedOnTest = Loaded<WithTrace, 0x400, SharingTest>;
 
 // Whichever process closes the last handle, or stops the share, or outlives the owner.
 TEST_F(HandedOnTest, AHandleInAnotherProcessEndsTheMappingInTheOwners)
@@ -214,9 +212,7 @@ TEST_F(OwnerTest, ACancelledReadIsNotParkedAndOneBeingCancelledIsLeftToItsRoutin
     ObDereferenceObject(file);
 }
 
-struct NoMemoryTest : FrameworkTest {
-    NoMemoryTest() : FrameworkTest(NothingLoaded()) {}
-};
+using NoMemoryTest = Loaded<NothingLoaded>;
 
 TEST_F(NoMemoryTest, WithoutSharedMemoryEverythingElseWorks)
 {

@@ -2,25 +2,11 @@
 #pragma once
 
 #include <support/adapter-test.h>
-#include <support/records.h>
-
-#include <cstring>
-#include <limits>
 
 namespace sharing
 {
 
 using Result = machine::Request::Result;
-
-inline int32_t Load(const int32_t& index)
-{
-    return __atomic_load_n(&index, __ATOMIC_ACQUIRE);
-}
-
-inline void Store(int32_t& index, int32_t value)
-{
-    __atomic_store_n(&index, value, __ATOMIC_RELEASE);
-}
 
 // What a request came to; one that nobody completes is cancelled.
 inline Result ResultOf(machine::Request& request)
@@ -77,15 +63,15 @@ class SharingProgram
     }
 
     // Where the program fills the next block, and its hand-over to the framework.
-    SharedBlock& NextInput() { return memory_->m_InputBlocks[Load(In().m_iWrite)]; }
+    SharedBlock& NextInput() { return support::NextInput(*memory_); }
     void Announce()
     {
-        Store(In().m_iWrite, (Load(In().m_iWrite) + 1) % NDIS_FILTER_BLOCK_COUNT);
+        support::Advance(In().m_iWrite);
         EXPECT_EQ(AnnounceOnly().status, STATUS_SUCCESS);
     }
     bool IsInputTaken()
     {
-        return support::Eventually([&] { return Load(In().m_iRead) == Load(In().m_iWrite); });
+        return support::Eventually([&] { return support::IsEmpty(In()); });
     }
     // Announces the next block and waits until the framework has taken it and done with it.
     void Pass()
@@ -95,7 +81,7 @@ class SharingProgram
         EXPECT_TRUE(machine::WaitIdle());
     }
 
-    bool IsOutputEmpty() { return Load(Out().m_iRead) == Load(Out().m_iWrite); }
+    bool IsOutputEmpty() { return support::IsEmpty(Out()); }
     // Waits for a block as programs do, with a read parked; false when none comes.
     bool WaitForOutput()
     {
@@ -106,8 +92,8 @@ class SharingProgram
         }
         return true;
     }
-    SharedBlock& NextOutput() { return memory_->m_OutputBlocks[Load(Out().m_iRead)]; }
-    void TakeOutput() { Store(Out().m_iRead, (Load(Out().m_iRead) + 1) % NDIS_FILTER_BLOCK_COUNT); }
+    SharedBlock& NextOutput() { return support::NextOutput(*memory_); }
+    void TakeOutput() { support::Advance(Out().m_iRead); }
 
   private:
     // Opened when it is first needed: the fixture's program is older than the framework.
@@ -137,9 +123,7 @@ struct SharingTest : support::AdapterTest {
     void SetUp() override
     {
         AdapterTest::SetUp();
-        ULONG id = 0;
-        EXPECT_EQ(Filter_AdapterToId(adapter, &id), FILTER_STATUS_SUCCESS);
-        adapterId = id;
+        adapterId = support::IdOf(adapter);
         ASSERT_TRUE(machine::WaitIdle()); // the share's thread has looked at the ring for the first time
     }
 
@@ -151,12 +135,7 @@ struct SharingTest : support::AdapterTest {
 
     void Fill(SharedBlock& block, uint32_t direction, const support::Bytes& frame) const
     {
-        std::memset(&block, 0, sizeof(block));
-        block.m_nAdapterId = adapterId;
-        block.m_nDirection = direction;
-        block.m_nPacketSize = static_cast<uint32_t>(frame.size());
-        std::copy(frame.begin(), frame.end(),
-                  reinterpret_cast<uint8_t*>(&block) + offsetof(SharedBlock, m_Data));
+        support::Fill(block, adapterId, direction, frame);
     }
 
     // A frame of the program comes straight back to it.
@@ -193,10 +172,8 @@ struct SharedTest : SharingTest {
 
     void StartRingsAt(int32_t index)
     {
-        for (SharedRing* ring : {&program.In(), &program.Out()}) {
-            Store(ring->m_iRead, index);
-            Store(ring->m_iWrite, index);
-        }
+        support::StartRingAt(program.In(), index);
+        support::StartRingAt(program.Out(), index);
     }
 };
 

@@ -2,7 +2,7 @@
 // binds, capture logs start and stop; a user program sends its requests and uses the shared rings.
 #include "world.h"
 
-#include <support/records.h>
+#include <support/rings.h>
 
 #include <chrono>
 #include <cstring>
@@ -94,31 +94,23 @@ Outcome Deliver()
     return result.accepted != 0 ? Outcome::Success : Outcome::Refused;
 }
 
-using support::In;
+using support::Load;
 using support::Out;
 
 struct Program {
-    std::unique_ptr<machine::Process> process;
-    std::unique_ptr<machine::File> device;
+    std::optional<support::UserProgram> user;
     SharedMemory* memory = nullptr;
     int32_t seenRead = -1;                // of the input ring, when blocks were sent last
     std::optional<machine::Request> read; // is parked, or was
 } g_program;
-
-using Index = std::atomic_ref<int32_t>; // of a ring, sequentially consistent
-
-int32_t Next(int32_t index)
-{
-    return (index + 1) % NDIS_FILTER_BLOCK_COUNT;
-}
 
 // What was written to the program counts as read, and what it has written is taken back.
 void ClearRings()
 {
     SharedRing& in = g_program.memory->KernelModeInput;
     SharedRing& out = g_program.memory->KernelModeOutput;
-    Index(in.m_iWrite).store(Index(in.m_iRead));
-    Index(out.m_iRead).store(Index(out.m_iWrite));
+    support::Store(in.m_iWrite, Load(in.m_iRead));
+    support::Store(out.m_iRead, Load(out.m_iWrite));
 }
 
 Outcome Ask(uint32_t code)
@@ -131,14 +123,12 @@ Outcome StartShare()
     if (g_program.memory != nullptr) {
         return Outcome::NothingToUse;
     }
-    const uint32_t value = 1 + Dice().Below(1000);
-    uint64_t address = 0;
-    RequireSuccess(Device().Control(IOCTL_NDIS_FILTER_START_SHARE, In(value), Out(address)).status,
-                   "a share");
-    if (address == NDIS_FILTER_SHARE_FAILED) {
+    machine::Status status = 0;
+    g_program.memory = support::StartShare(Device(), &status, 1 + Dice().Below(1000));
+    RequireSuccess(status, "a share");
+    if (g_program.memory == nullptr) {
         return Outcome::Refused; // the hook driver maps, while it is bound
     }
-    g_program.memory = reinterpret_cast<SharedMemory*>(address);
     ClearRings(); // of what an earlier owner has left
     return Outcome::Success;
 }
@@ -174,18 +164,17 @@ Outcome SendBlocks()
     const int32_t read = Index(ring.m_iRead);
     const bool moved = std::exchange(g_program.seenRead, read) != read;
     for (uint32_t i = 1 + random.Below(20); i > 0; --i) {
-        const int32_t index = Index(ring.m_iWrite);
-        if (Next(index) == Index(ring.m_iRead)) {
+        if (support::Next(Load(ring.m_iWrite)) == Load(ring.m_iRead)) {
             ClearRings(); // the oldest is for no adapter
             break;
         }
-        SharedBlock& block = g_program.memory->m_InputBlocks[index];
+        SharedBlock& block = support::NextInput(*g_program.memory);
         random.Fill(block.m_Data, 64);
         block.m_nAdapterId = 1 + random.Below(random.Chance(99) ? kAdapters : 100);
         block.m_nDirection = 1 + random.Below(random.Chance(90) ? 3 : 0x10000);
         block.m_nPacketSize =
             random.Chance(98) ? random.Below(sizeof(block.m_Data) + 1) : random.Below(0x7FFFFFFF);
-        Index(ring.m_iWrite).store(Next(index));
+        support::Advance(ring.m_iWrite);
     }
     const Outcome announced = Ask(IOCTL_NDIS_FILTER_WRITE_SHARE);
     return moved ? announced : Outcome::Refused;
@@ -212,9 +201,9 @@ Outcome TakeBlocks()
         return Outcome::NothingToUse;
     }
     SharedRing& ring = g_program.memory->KernelModeOutput;
-    const bool some = Index(ring.m_iRead) != Index(ring.m_iWrite);
-    while (Index(ring.m_iRead) != Index(ring.m_iWrite)) {
-        Index(ring.m_iRead).store(Next(Index(ring.m_iRead)));
+    const bool some = !support::IsEmpty(ring);
+    while (!support::IsEmpty(ring)) {
+        support::Advance(ring.m_iRead);
     }
     if (g_program.read && (g_program.read->IsComplete() || Dice().Chance(20))) {
         EndRead();
@@ -369,18 +358,16 @@ std::vector<Call> NeighbourCalls()
 
 machine::File& Device()
 {
-    if (g_program.device == nullptr) {
-        g_program.process = std::make_unique<machine::Process>();
-        g_program.device = g_program.process->Open(kDevice);
+    if (!g_program.user) {
+        g_program.user.emplace();
     }
-    return *g_program.device;
+    return *g_program.user->device;
 }
 
 void CloseProgram()
 {
     g_program.memory = nullptr;
-    g_program.device.reset();
-    g_program.process.reset();
+    g_program.user.reset();
     EndRead();
 }
 

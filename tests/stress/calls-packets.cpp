@@ -164,8 +164,7 @@ std::vector<Call> PacketCalls()
     const Options queued = {.ready = QueuesHaveRoom};
     const Options dropped = {.may = {FILTER_ERROR_OUT_OF_MEMORY}};
     Argument filter = Live(kFilter);
-    filter.refusal =
-        FILTER_STATUS_SUCCESS; // the worker finds no such filter in the chains, and releases the packet
+    filter.refusal = FILTER_STATUS_SUCCESS; // the worker finds none such, and releases the packet
     return {
         Line("Filter_AllocatePacketp", MakePacket, 30,
              {Handle(Form::Live, kAdapter, kNoMatter, kNo), Result(kPacket)}, {.may = {kNo}}),

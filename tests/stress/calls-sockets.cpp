@@ -2,6 +2,8 @@
 // All data requests of a connection are told by callback; nobody waits for one that may never complete.
 #include "row.h"
 
+#include <support/tdi-request.h>
+
 #include <echo-client.h>
 
 namespace stress
@@ -131,27 +133,9 @@ NTSTATUS SetInformation(Record* record, PVOID buffer)
     return KS_SetConnectionInfo(&record->endpoint, buffer);
 }
 
-// Asks for an address's port.
-NTSTATUS MakeRequest(Record* record)
+VOID MakeRequest(Record* record)
 {
-    struct {
-        ULONG activityCount;
-        TA_IP_ADDRESS address;
-    } info = {};
-    const PDEVICE_OBJECT device = IoGetRelatedDeviceObject(record->address.FileObject);
-    const PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
-    const PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
-    next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
-    next->MinorFunction = TDI_QUERY_INFORMATION;
-    next->FileObject = record->address.FileObject;
-    reinterpret_cast<TDI_REQUEST_KERNEL_QUERY_INFORMATION&>(next->Parameters).QueryType =
-        TDI_QUERY_ADDRESS_INFO;
-    const PMDL mdl = KS_AllocateAndProbeMdl(&info, sizeof(info), FALSE, FALSE, irp);
-    const NTSTATUS status = KS_MakeSimpleTdiRequest(device, irp);
-    Require(info.address.Address[0].Address[0].sin_port != 0, "an open address has a port");
-    KS_UnlockAndFreeMdl(mdl);
-    IoFreeIrp(irp);
-    return status;
+    Require(support::AskPort(record->address) != 0, "an open address has a port, and tells it");
 }
 
 NTSTATUS UseControlChannel(PCWSTR device)

@@ -22,9 +22,8 @@ namespace
 constexpr uint32_t kThreads = 2;
 constexpr uint32_t kFilters = 3; // in each chain
 constexpr uint32_t kBatch = 64;
-constexpr uint32_t kNone = 4; // a verdict that is none of the four
-constexpr size_t kMostGrowth =
-    1 << 20; // of the resident set, in bytes: the C library's, and stacks that deepen
+constexpr uint32_t kNone = 4;           // a verdict that is none of the four
+constexpr size_t kMostGrowth = 1 << 20; // of the resident set: the C library's, and stacks that deepen
 
 struct ModelFilter {
     PacketFilter* handle = nullptr;

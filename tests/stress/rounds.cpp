@@ -116,8 +116,7 @@ void MakeCalls(uint32_t threads, uint64_t steps)
             t_caller = &caller;
             while (i < threads ? caller.steps < steps : running.load(std::memory_order_relaxed) != 0) {
                 Step(caller);
-                if (i >= threads &&
-                    caller.random.Chance(20)) { // the callers are to have their share of processors
+                if (i >= threads && caller.random.Chance(20)) { // callers want their share of processors
                     std::this_thread::sleep_for(std::chrono::microseconds(caller.random.Below(300)));
                 }
             }
@@ -175,8 +174,8 @@ const std::vector<Call>& AllCalls()
 {
     static const std::vector<Call> calls = [] {
         std::vector<Call> all;
-        for (const auto& part : {ClientCalls(), AdapterCalls(), PacketCalls(), TableCalls(), ServiceCalls(),
-                                 SocketCalls(), NeighbourCalls()}) {
+        for (const auto& part : {ClientCalls(), AdapterCalls(), PacketCalls(), ServiceCalls(), SocketCalls(),
+                                 NeighbourCalls()}) {
             all.insert(all.end(), part.begin(), part.end());
         }
         return all;

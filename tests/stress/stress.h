@@ -74,7 +74,7 @@ struct Call {
 };
 
 // An index into all of them names a kind of call everywhere.
-std::vector<Call> ClientCalls(), AdapterCalls(), PacketCalls(), TableCalls(), ServiceCalls(), SocketCalls(),
+std::vector<Call> ClientCalls(), AdapterCalls(), PacketCalls(), ServiceCalls(), SocketCalls(),
     NeighbourCalls();
 const std::vector<Call>& AllCalls();
 

@@ -1,5 +1,7 @@
 #include "world.h"
 
+#include <support/rings.h>
+
 #include <algorithm>
 #include <map>
 
@@ -68,8 +70,7 @@ Argument Text()
 
 machine::Request::Result AskOnce(uint32_t code, std::span<const uint8_t> input, std::span<uint8_t> output)
 {
-    machine::Process process;
-    return process.Open(kDevice)->Control(code, input, output);
+    return support::UserProgram().device->Control(code, input, output);
 }
 
 support::Bytes AnyFrame()

@@ -15,13 +15,11 @@
 namespace stress
 {
 
-inline constexpr char kDevice[] = "\\\\.\\NdisFilter";
 inline constexpr uint32_t kAdapters = 4;
 inline constexpr ULONG kTag = 0x73727453;                         // "Strs"
 inline constexpr uint32_t kOwnCode = NDIS_FILTER_CTL_CODE(0x7FF); // of the handlers of clients
 
-inline std::atomic<FilterAdapter*>
-    g_adapters[kAdapters]; // never null in a round; some are closed, or removed
+inline std::atomic<FilterAdapter*> g_adapters[kAdapters]; // not null; some are closed, or removed
 inline constexpr auto AnyAdapter = [] { return g_adapters[Dice().Below(kAdapters)].load(); };
 void ReplaceAdapter(uint32_t index); // removes one and adds one with its name and address
 hook::AdapterOptions AdapterOptionsOf(uint32_t index);

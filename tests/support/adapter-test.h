@@ -1,12 +1,25 @@
 // Tests with one open adapter: what they ask of the balance of packets, and filters that report who ran.
 #pragma once
 
-#include "packet.h"
+#include "framework.h"
 
 #include <array>
 
 namespace support
 {
+
+// A new packet that holds the frame, with its headers parsed; null, and a failed test, without one.
+inline FilterPacket* MakePacket(FilterAdapter* adapter, const Bytes& frame)
+{
+    FilterPacket* packet = Filter_AllocatePacket(adapter);
+    EXPECT_NE(packet, nullptr);
+    if (packet != nullptr) {
+        std::copy(frame.begin(), frame.end(), packet->m_Data);
+        packet->m_nBytesRead = packet->m_nPacketSize = static_cast<ULONG>(frame.size());
+        Filter_InitPacketHeader(packet, nullptr);
+    }
+    return packet;
+}
 
 // How many packets were delivered to the adapter, to the protocols, released, and refused by the hook driver.
 using Outcome = std::array<uint64_t, 4>;
@@ -17,8 +30,6 @@ inline constexpr Outcome kReleased = {0, 0, 1, 0}, kRefused = {0, 0, 0, 1};
 class AdapterTest : public FrameworkTest
 {
   protected:
-    using FrameworkTest::FrameworkTest;
-
     void SetUp() override
     {
         FrameworkTest::SetUp();

@@ -23,6 +23,13 @@ std::string TakeName(STRING* name)
     return text;
 }
 
+uint32_t IdOf(FilterAdapter* adapter)
+{
+    ULONG id = 0;
+    EXPECT_EQ(Filter_AdapterToId(adapter, &id), FILTER_STATUS_SUCCESS);
+    return id;
+}
+
 TestDriver::TestDriver(const std::string& name, void* context)
 {
     const CountedString counted(name);

@@ -34,6 +34,8 @@ class CountedString
 // Takes what a name getter handed out: frees it and answers the text, "(none)" for null.
 std::string TakeName(STRING* name);
 
+uint32_t IdOf(FilterAdapter* adapter);
+
 class TestDriver
 {
   public:

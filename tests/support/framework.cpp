@@ -21,8 +21,6 @@ machine::Status LoadFramework()
     return status;
 }
 
-FrameworkTest::FrameworkTest(LoadPlan plan) : plan_(std::move(plan)) {}
-
 void FrameworkTest::SetUp()
 {
     machine::TakeViolations();

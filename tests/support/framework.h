@@ -9,6 +9,7 @@
 #include "faults.h"
 #include "frames.h"
 #include "loading.h"
+#include "rings.h"
 
 #include <hook/virtual-adapters.h>
 #include <machine.h>
@@ -21,7 +22,6 @@
 namespace support
 {
 
-inline constexpr char kDeviceName[] = "\\\\.\\NdisFilter";
 inline constexpr uint32_t kTraceEverything = 0xFFFFFFFF;
 
 struct LoadPlan {
@@ -44,16 +44,15 @@ inline LoadPlan NotBound(uint32_t mask = 0)
 {
     return {.bind = false, .registry = {{"GlobalDebugFlag", mask}}};
 }
-inline LoadPlan NothingLoaded()
+inline LoadPlan NothingLoaded(uint32_t mask = 0)
 {
-    return {.loadFramework = false, .loadHook = false, .bind = false};
+    return {
+        .loadFramework = false, .loadHook = false, .bind = false, .registry = {{"GlobalDebugFlag", mask}}};
 }
 
 class FrameworkTest : public testing::Test
 {
   protected:
-    explicit FrameworkTest(LoadPlan plan = {});
-
     void SetUp() override;
     void TearDown() override;
 
@@ -85,6 +84,12 @@ class FrameworkTest : public testing::Test
     std::unique_ptr<machine::Process> program_;
 };
 
+// A fixture that is loaded with another plan: Loaded<FrameworkOnly, kTraceDriver>.
+template <LoadPlan (*kPlan)(uint32_t mask), uint32_t kMask = 0, class Base = FrameworkTest>
+struct Loaded : Base {
+    Loaded() { this->plan_ = kPlan(kMask); }
+};
+
 // The binding by hand, for hook drivers that behave otherwise than the host's.
 NdisHookAPI HookRecord(); // size and version right, no functions
 // Sends the record; what came back is in it.
@@ -94,7 +99,6 @@ machine::Request::Result Exchange(machine::File& device, uint32_t code, NdisHook
 class DeviceTest : public FrameworkTest
 {
   protected:
-    using FrameworkTest::FrameworkTest;
     void SetUp() override;
     void TearDown() override;
 

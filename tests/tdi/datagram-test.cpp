@@ -194,15 +194,11 @@ TEST_F(TdiTest, DatagramsAreReceivedOneByOneAndErrorsTold)
     const echo::Server server;
     port.peer = echo::Loopback(server.udpPort);
     ASSERT_EQ(port.Send(first.Mdl()), STATUS_SUCCESS);
-    EXPECT_EQ(KS_ReceiveDatagramOnAddress(&port.address, nullptr, nullptr, nullptr, &result, small.Mdl(),
-                                          nullptr, &from, TDI_RECEIVE_NORMAL),
-              STATUS_BUFFER_OVERFLOW);
+    EXPECT_EQ(port.Receive(small.Mdl(), &result, &from), STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(TextOf(small, result), "to t");
     EXPECT_EQ(sender.Address[0].Address[0].sin_port, KS_htons(server.udpPort));
     ASSERT_EQ(port.Send(first.Mdl()), STATUS_SUCCESS);
-    EXPECT_EQ(KS_ReceiveDatagramOnAddress(&port.address, nullptr, nullptr, nullptr, &result, nullptr, nullptr,
-                                          nullptr, TDI_RECEIVE_NORMAL),
-              STATUS_BUFFER_OVERFLOW);
+    EXPECT_EQ(port.Receive(nullptr, &result), STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(result.Information, 0u);
 
     // Nobody listens: the next error is told by the handler.
@@ -227,9 +223,7 @@ TEST_F(TdiTest, RawDatagramsCarryTheProtocolOfTheFilesName)
     }
     ASSERT_EQ(raw.status, STATUS_SUCCESS);
     ASSERT_EQ(raw.Send(text.Mdl()), STATUS_SUCCESS);
-    EXPECT_EQ(KS_ReceiveDatagramOnAddress(&raw.address, nullptr, nullptr, nullptr, &result, block.Mdl(),
-                                          nullptr, nullptr, TDI_RECEIVE_NORMAL),
-              STATUS_SUCCESS);
+    EXPECT_EQ(raw.Receive(block.Mdl(), &result), STATUS_SUCCESS);
     const std::string packet = TextOf(block, result);
     ASSERT_EQ(packet.size(), 23u); // with the IPv4 header
     EXPECT_EQ(static_cast<uint8_t>(packet[9]), 253);

@@ -261,10 +261,7 @@ TEST_F(FailureTest, TheUnloadOfTheFrameworkEndsWhatIsUnderWay)
         }
         NTSTATUS waited[2] = {STATUS_SUCCESS, STATUS_SUCCESS};
         std::thread waiters[2];
-        waiters[0] = std::thread([&] {
-            waited[0] = KS_ReceiveDatagramOnAddress(&port->address, nullptr, nullptr, nullptr, nullptr,
-                                                    block_.Mdl(), nullptr, nullptr, 0);
-        });
+        waiters[0] = std::thread([&] { waited[0] = port->Receive(block_.Mdl(), nullptr); });
         waiters[1] = std::thread([&] {
             while (NT_SUCCESS(waited[1])) {
                 waited[1] = KS_ReceiveOnEndpoint(&connection.endpoint, nullptr, nullptr, nullptr, nullptr,
@@ -308,14 +305,9 @@ TEST_F(FailureTest, ARequestThatWaitsCanBeCancelled)
     echo::Connection connection;
     ASSERT_EQ(connection.Open(), STATUS_SUCCESS);
     ASSERT_EQ(connection.Connect(server_.tcpPort), STATUS_SUCCESS);
-    const PFILE_OBJECT file = connection.endpoint.FileObject;
-    const PDEVICE_OBJECT device = IoGetRelatedDeviceObject(file);
-    const PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
-    const PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
-    next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
-    next->MinorFunction = TDI_RECEIVE;
-    next->FileObject = file;
-    reinterpret_cast<TDI_REQUEST_KERNEL_RECEIVE&>(next->Parameters).ReceiveLength = 64;
+    const PIRP irp = support::NewTdiRequest(connection.endpoint.FileObject, TDI_RECEIVE);
+    auto& parameters = IoGetNextIrpStackLocation(irp)->Parameters;
+    reinterpret_cast<TDI_REQUEST_KERNEL_RECEIVE&>(parameters).ReceiveLength = 64;
     irp->MdlAddress = block_.Mdl();
     KEVENT done;
     KeInitializeEvent(&done, NotificationEvent, FALSE);
@@ -326,7 +318,7 @@ TEST_F(FailureTest, ARequestThatWaitsCanBeCancelled)
             return STATUS_MORE_PROCESSING_REQUIRED;
         },
         &done, TRUE, TRUE, TRUE);
-    EXPECT_EQ(IoCallDriver(device, irp), STATUS_PENDING);
+    EXPECT_EQ(IoCallDriver(IoGetRelatedDeviceObject(connection.endpoint.FileObject), irp), STATUS_PENDING);
     IoFreeIrp(nullptr); // no request at all
     EXPECT_EQ(BrokenRules(), std::vector<std::string>{"irp-not-live"});
     IoReuseIrp(irp, STATUS_SUCCESS);

@@ -89,38 +89,35 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
     echo::Block block(100);
     TextBlock hello("hello");
     IO_STATUS_BLOCK result;
-    const auto receive = [&] {
-        return KS_ReceiveOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, block.Mdl(),
-                                    TDI_RECEIVE_NORMAL);
+    const auto receive = [&](PMDL mdl) {
+        return KS_ReceiveOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, mdl, TDI_RECEIVE_NORMAL);
     };
-    const auto send = [&] {
-        return KS_SendOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, hello.Mdl(), 0);
+    const auto send = [&](PMDL mdl) {
+        return KS_SendOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, mdl, 0);
     };
     const auto disconnect = [&](ULONG flags) {
         return KS_Disconnect(&endpoint, nullptr, nullptr, nullptr, &result, flags);
     };
-    EXPECT_EQ(receive(), STATUS_INVALID_CONNECTION);
+    EXPECT_EQ(receive(block.Mdl()), STATUS_INVALID_CONNECTION);
     {
         // The peer ends its direction first: ours goes on.
         ASSERT_EQ(connection.Connect(listener->Port()), STATUS_SUCCESS);
         EXPECT_EQ(connection.Connect(listener->Port()), STATUS_CONNECTION_ACTIVE);
         const HostSocket peer(*listener);
-        EXPECT_EQ(KS_SendOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, nullptr, 0),
-                  STATUS_SUCCESS);
-        EXPECT_EQ(KS_ReceiveOnEndpoint(&endpoint, nullptr, nullptr, nullptr, &result, nullptr, 0),
-                  STATUS_SUCCESS);
+        EXPECT_EQ(send(nullptr), STATUS_SUCCESS);
+        EXPECT_EQ(receive(nullptr), STATUS_SUCCESS);
         EXPECT_EQ(result.Information, 0u);
         peer.Send("last words");
         peer.EndSending();
-        ASSERT_EQ(receive(), STATUS_SUCCESS);
+        ASSERT_EQ(receive(block.Mdl()), STATUS_SUCCESS);
         EXPECT_EQ(TextOf(block, result), "last words");
-        EXPECT_EQ(receive(), STATUS_GRACEFUL_DISCONNECT);
-        EXPECT_EQ(send(), STATUS_SUCCESS);
+        EXPECT_EQ(receive(block.Mdl()), STATUS_GRACEFUL_DISCONNECT);
+        EXPECT_EQ(send(hello.Mdl()), STATUS_SUCCESS);
         EXPECT_EQ(result.Information, 5u);
         EXPECT_EQ(disconnect(TDI_DISCONNECT_RELEASE), STATUS_SUCCESS);
         EXPECT_EQ(peer.Receive(), "hello");
         EXPECT_EQ(peer.Receive(), "<end>");
-        EXPECT_EQ(send(), STATUS_INVALID_CONNECTION);
+        EXPECT_EQ(send(hello.Mdl()), STATUS_INVALID_CONNECTION);
     }
     {
         // We end first, and wait for the peer with an event.
@@ -138,7 +135,7 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
             EXPECT_EQ(peer.Receive(), "hello");
             EXPECT_EQ(peer.Receive(), "<end>");
         }
-        EXPECT_EQ(receive(), STATUS_GRACEFUL_DISCONNECT);
+        EXPECT_EQ(receive(block.Mdl()), STATUS_GRACEFUL_DISCONNECT);
         EXPECT_EQ(KeWaitForSingleObject(&ended, Executive, KernelMode, FALSE, nullptr), STATUS_SUCCESS);
         EXPECT_EQ(waited.Status, STATUS_SUCCESS);
     }
@@ -155,7 +152,7 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
         delete peer;
         KeWaitForSingleObject(&ended, Executive, KernelMode, FALSE, nullptr);
         EXPECT_EQ(result.Status, STATUS_CONNECTION_RESET);
-        EXPECT_EQ(send(), STATUS_CONNECTION_RESET);
+        EXPECT_EQ(send(hello.Mdl()), STATUS_CONNECTION_RESET);
     }
     {
         ASSERT_EQ(connection.Connect(listener->Port()), STATUS_SUCCESS);
@@ -166,7 +163,7 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
         EXPECT_THAT(info, testing::Each(0));
         EXPECT_EQ(disconnect(TDI_DISCONNECT_ABORT), STATUS_SUCCESS);
         EXPECT_EQ(peer.Receive(), "<reset>");
-        EXPECT_EQ(receive(), STATUS_CONNECTION_ABORTED);
+        EXPECT_EQ(receive(block.Mdl()), STATUS_CONNECTION_ABORTED);
     }
     {
         // A peer that does not answer, as its queue is full: an abort ends the waiting for it.
@@ -212,12 +209,7 @@ struct Listener {
     // For the transport, which completes it.
     PIRP NewRequest(UCHAR minor)
     {
-        const PFILE_OBJECT file = connection.endpoint.FileObject;
-        const PIRP irp = IoAllocateIrp(IoGetRelatedDeviceObject(file)->StackSize, FALSE);
-        const PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
-        next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
-        next->MinorFunction = minor;
-        next->FileObject = file;
+        const PIRP irp = support::NewTdiRequest(connection.endpoint.FileObject, minor);
         IoSetCompletionRoutine(irp, OnCompleted, this, TRUE, TRUE, TRUE);
         IoSetNextIrpStackLocation(irp);
         return irp;
@@ -260,27 +252,6 @@ struct Listener {
         KeSetEvent(&self->disconnected, 0, FALSE);
         return STATUS_SUCCESS;
     }
-    // Asks the transport for the port that it chose.
-    uint16_t Port() const
-    {
-        struct {
-            ULONG activityCount;
-            TA_IP_ADDRESS address;
-        } info = {};
-        const PDEVICE_OBJECT device = IoGetRelatedDeviceObject(connection.address.FileObject);
-        const PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
-        const PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
-        next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
-        next->MinorFunction = TDI_QUERY_INFORMATION;
-        next->FileObject = connection.address.FileObject;
-        reinterpret_cast<TDI_REQUEST_KERNEL_QUERY_INFORMATION&>(next->Parameters).QueryType =
-            TDI_QUERY_ADDRESS_INFO;
-        const PMDL mdl = KS_AllocateAndProbeMdl(&info, sizeof(info), FALSE, FALSE, irp);
-        EXPECT_EQ(KS_MakeSimpleTdiRequest(device, irp), STATUS_SUCCESS);
-        KS_UnlockAndFreeMdl(mdl);
-        IoFreeIrp(irp);
-        return KS_ntohs(info.address.Address[0].Address[0].sin_port);
-    }
 };
 
 TEST_F(TdiTest, AClientOfTheKernelServesCallersWithEventHandlers)
@@ -309,7 +280,7 @@ TEST_F(TdiTest, AClientOfTheKernelServesCallersWithEventHandlers)
                   row.set);
         {
             const HostSocket caller(SOCK_STREAM, false);
-            caller.Connect(listener.Port());
+            caller.Connect(support::AskPort(listener.connection.address)); // that it chose
             KeWaitForSingleObject(&listener.completed, Executive, KernelMode, FALSE, nullptr);
             caller.Send("abcdefgh");
             // Two answers of the transport's own thread: it has seen the data by then.

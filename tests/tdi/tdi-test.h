@@ -6,6 +6,7 @@
 
 #include "support/eventually.h"
 #include "support/host-socket.h"
+#include "support/tdi-request.h"
 
 #include <gmock/gmock.h>
 #include <machine.h>
@@ -80,5 +81,10 @@ struct Port {
     NTSTATUS Send(PMDL mdl)
     {
         return KS_SendDatagramOnAddress(&address, nullptr, nullptr, nullptr, nullptr, mdl, &to);
+    }
+    NTSTATUS Receive(PMDL mdl, IO_STATUS_BLOCK* result, PTDI_CONNECTION_INFORMATION from = nullptr)
+    {
+        return KS_ReceiveDatagramOnAddress(&address, nullptr, nullptr, nullptr, result, mdl, nullptr, from,
+                                           TDI_RECEIVE_NORMAL);
     }
 };

@@ -117,17 +117,17 @@ TEST(ctl, CaptureFilesHoldWhatPassed)
     LoopFrame last = UdpFrame(0, 81);
     last.length = 61; // tells in the file's size that it has arrived
     const time_t before = time(nullptr);
-    EXPECT_TRUE(WaitFor([&] { // the log takes frames some time behind the request
+    EXPECT_TRUE(Eventually([&] { // the log takes frames some time behind the request
         scene.room.Receive(first);
         return size() > kFile;
     }));
     scene.room.Receive(last);
-    EXPECT_TRUE(WaitFor([&] { return (size() - kFile) % (kRecord + first.length) == 1; }));
+    EXPECT_TRUE(Eventually([&] { return (size() - kFile) % (kRecord + first.length) == 1; }));
     Expect("capture stop", 0, "(02-00-00-00-00-01)NdisUpper.eth  " + std::to_string(size()) + " bytes\n");
 
     std::string file;
     ASSERT_TRUE(
-        WaitFor([&] { return (file = ReadWhole(path)).size() == size(); })); // readable when it is closed
+        Eventually([&] { return (file = ReadWhole(path)).size() == size(); })); // readable when it is closed
     const auto* header = reinterpret_cast<const uint32_t*>(file.data());
     EXPECT_EQ(header[0], 0xA1B2C3D4u);
     EXPECT_GE(header[6] + 1, before); // the clock of the kernel ticks

@@ -135,7 +135,7 @@ TEST(requests, AProgramThatDiesLosesItsShare)
     const Filter filter;
     const std::wstring arguments = L"dies \"" + options.drivers + L"\" \"" + options.debugOutput + L"\"";
     EXPECT_EQ(RunProgram(L"ndisfilter-test.exe", arguments).code, kDied);
-    EXPECT_TRUE(WaitFor([] { return Device().StartShare() > kNoAddress; }));
+    EXPECT_TRUE(Eventually([] { return Device().StartShare() > kNoAddress; }));
 }
 
 } // namespace

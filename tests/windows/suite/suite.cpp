@@ -48,18 +48,6 @@ std::string Narrow(const std::wstring& text)
     return narrow;
 }
 
-bool WaitFor(const std::function<bool()>& condition)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMs);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        Sleep(2);
-    }
-    return true;
-}
-
 bool IsWine()
 {
     return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
@@ -150,7 +138,7 @@ void Service::Start()
     if (!StartServiceW(handle_, 0, nullptr)) {
         throw SystemFailure("service " + Narrow(name_) + " cannot be started");
     }
-    if (!WaitFor([this] { return IsRunning(); })) {
+    if (!Eventually([this] { return IsRunning(); })) {
         throw Failure("service " + Narrow(name_) + " does not run");
     }
 }
@@ -161,7 +149,7 @@ void Service::Stop()
     if (!ControlService(handle_, SERVICE_CONTROL_STOP, &status)) {
         throw SystemFailure("service " + Narrow(name_) + " cannot be stopped");
     }
-    if (!WaitFor([&] {
+    if (!Eventually([&] {
             return QueryServiceStatus(handle_, &status) && status.dwCurrentState == SERVICE_STOPPED;
         })) {
         throw Failure("service " + Narrow(name_) + " does not stop");
@@ -277,12 +265,12 @@ size_t DebugOutput::Count(const std::string& text) const
 
 bool DebugOutput::Shows(const std::string& text) const
 {
-    return WaitFor([&] { return Count(text) > 0; });
+    return Eventually([&] { return Count(text) > 0; });
 }
 
 bool DebugOutput::ShowsExactly(const std::string& line) const
 {
-    return WaitFor([&] {
+    return Eventually([&] {
         const std::vector<std::string> lines = Lines();
         return std::find(lines.begin(), lines.end(), line) != lines.end();
     });

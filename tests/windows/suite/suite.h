@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <optional>
 #include <span>
 #include <stdexcept>
@@ -17,10 +16,14 @@
 
 #include "loophook.h"
 
+#include <support/eventually.h>
+
 #include <ndisfilter-user.h>
 
 namespace suite
 {
+
+using support::Eventually;
 
 struct Options {
     std::wstring drivers;     // directory of the .sys files
@@ -36,9 +39,6 @@ struct Failure : std::runtime_error {
 std::string Narrow(const std::wstring& text);
 bool IsWine();
 std::string ReadWhole(const std::wstring& path);
-
-// Looks at a condition until it holds, for ten seconds.
-bool WaitFor(const std::function<bool()>& condition);
 
 // What a program has printed, both outputs together, and its exit code.
 struct Ended {
