@@ -15,34 +15,17 @@ constexpr size_t kHandles = 3, kRequests = 4, kSteps = 24;
 constexpr uint32_t kHandlersCode = NDIS_FILTER_CTL_CODE(0xA00); // nobody's but the client driver's
 constexpr uint32_t kHooksCode = NDIS_FILTER_CTL_CODE(0xA01);    // the hook driver's
 
-constexpr uint32_t kCodes[] = {
-    IOCTL_NDIS_FILTER_DIAG,
-    IOCTL_NDIS_FILTER_GET_VERSION,
-    IOCTL_NDIS_FILTER_START_SHARE,
-    IOCTL_NDIS_FILTER_STOP_SHARE,
-    IOCTL_NDIS_FILTER_READ_SHARE,
-    IOCTL_NDIS_FILTER_WRITE_SHARE,
-    IOCTL_NDIS_FILTER_GET_EVENT,
-    IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES,
-    IOCTL_NDIS_FILTER_CLEAR_EVENT,
-    IOCTL_NDIS_FILTER_START_ETHRLOG,
-    IOCTL_NDIS_FILTER_STOP_ETHRLOG,
-    IOCTL_NDIS_FILTER_SET_IPCONFIG,
-    IOCTL_NDIS_FILTER_GET_IPCONFIG,
-    IOCTL_NDIS_FILTER_SET_MEDIA_STATUS,
-    IOCTL_NDIS_FILTER_GET_DBGFLAG,
-    IOCTL_NDIS_FILTER_GET_MEDIA_STATUS,
-    IOCTL_NDIS_FILTER_GET_ADAPTER,
-    IOCTL_NDIS_FILTER_SET_PACKET_DUMP,
-    kHandlersCode,
-    IOCTL_NDIS_FILTER_GET_PACKET_DUMP,
-    kHooksCode,
-    IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE,
-    NDIS_FILTER_CTL_CODE(0x900),
-    IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION,
-    IOCTL_NDIS_FILTER_GET_VERSION + 1,
-    IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL,
-};
+// The framework's own from the first to the last, those between them that nobody has, and others.
+constexpr uint32_t kOwnCodes =
+    (IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL - IOCTL_NDIS_FILTER_GET_VERSION) / 4 + 1;
+constexpr uint32_t kOtherCodes[] = {IOCTL_NDIS_FILTER_DIAG, kHandlersCode, kHooksCode,
+                                    NDIS_FILTER_CTL_CODE(0x900), IOCTL_NDIS_FILTER_GET_VERSION + 1};
+
+uint32_t CodeOf(Input& input)
+{
+    const uint32_t choice = input.Below(kOwnCodes + std::size(kOtherCodes));
+    return choice < kOwnCodes ? IOCTL_NDIS_FILTER_GET_VERSION + 4 * choice : kOtherCodes[choice - kOwnCodes];
+}
 
 // Lengths of records, and one byte less and more.
 constexpr uint16_t kLengths[] = {0,    1,    2,    3,    4,    5,    6,    7,    8,    9,   10,
@@ -120,7 +103,7 @@ class Fixture : public Machine
             handle = process_.Open(kDevice);
             Require(handle != nullptr, "a handle of the device");
         }
-        const uint32_t code = input.OneOf(kCodes);
+        const uint32_t code = CodeOf(input);
         nextAnswer = {input.Flag() ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL, input.OneOf(kLengths)};
         const size_t inputLength = input.OneOf(kLengths), outputLength = input.OneOf(kLengths);
         const auto given = input.Take(inputLength);

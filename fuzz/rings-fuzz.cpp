@@ -3,6 +3,8 @@
 // of the area, no packet is lost, no read request stays, and other traffic passes whole.
 #include "support/fuzz.h"
 
+#include <support/rings.h>
+
 #include <array>
 #include <atomic>
 #include <cstring>
@@ -92,10 +94,10 @@ class Scribbler
 class Fixture : public Machine
 {
   public:
-    Fixture() : device_(process_.Open(kDevice))
+    Fixture()
     {
         Require(machine::ChecksSharedAccess(), "a build that checks the driver's reads");
-        Start();
+        Require(memory_ != nullptr, "a share");
         const auto begin =
             uint64_t{memory_->KernelModeOutput.m_pkBlockBase} - offsetof(SharedMemory, m_OutputBlocks);
         ForbidPlainLoads(reinterpret_cast<const void*>(begin), sizeof(SharedMemory));
@@ -115,7 +117,7 @@ class Fixture : public Machine
     {
         first_ = input.OneOf(kStarts);
         for (SharedRing* ring : {&memory_->KernelModeInput, &memory_->KernelModeOutput}) {
-            ring->m_iRead = ring->m_iWrite = static_cast<int32_t>(first_);
+            support::StartRingAt(*ring, static_cast<int32_t>(first_));
         }
         scribbles_ = ReadPlan(input);
         if (scribbles_) {
@@ -184,7 +186,7 @@ class Fixture : public Machine
                 read_->Cancel();
             }
             read_.reset();
-            read_ = device_->Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0);
+            read_ = program_.device->Send(IOCTL_NDIS_FILTER_READ_SHARE, {}, 0);
             break;
         case 6:
             whole_ = 0;
@@ -203,13 +205,13 @@ class Fixture : public Machine
     {
         switch (input.Below(4)) {
         case 0:
-            device_->Control(IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION, {}, {});
+            program_.device->Control(IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION, {}, {});
             break;
         case 1: {
             static constexpr std::string_view kLine = "filter show shmem";
             support::Bytes output(2000);
-            device_->Control(IOCTL_NDIS_FILTER_DIAG,
-                             {reinterpret_cast<const uint8_t*>(kLine.data()), kLine.size()}, output);
+            program_.device->Control(IOCTL_NDIS_FILTER_DIAG,
+                                     {reinterpret_cast<const uint8_t*>(kLine.data()), kLine.size()}, output);
             break;
         }
         case 2:
@@ -266,19 +268,9 @@ class Fixture : public Machine
                block.m_nPacketSize <= FILTER_PACKET_DATA_SIZE;
     }
 
-    void Start()
-    {
-        const uint32_t value = 1;
-        uint64_t address = 0;
-        device_->Control(IOCTL_NDIS_FILTER_START_SHARE, {reinterpret_cast<const uint8_t*>(&value), 4},
-                         {reinterpret_cast<uint8_t*>(&address), 8});
-        Require(address != NDIS_FILTER_SHARE_FAILED, "a share");
-        memory_ = reinterpret_cast<SharedMemory*>(address);
-    }
-
     void Announce()
     {
-        RequireEqual(device_->Control(IOCTL_NDIS_FILTER_WRITE_SHARE, {}, {}).status, STATUS_SUCCESS,
+        RequireEqual(program_.device->Control(IOCTL_NDIS_FILTER_WRITE_SHARE, {}, {}).status, STATUS_SUCCESS,
                      "announcing");
     }
 
@@ -298,9 +290,8 @@ class Fixture : public Machine
         memory_->m_InputBlocks[0].m_nAdapterId = 0; // signals reach into it
     }
 
-    machine::Process process_;
-    const std::unique_ptr<machine::File> device_;
-    SharedMemory* memory_ = nullptr;
+    support::UserProgram program_;
+    SharedMemory* const memory_ = support::StartShare(*program_.device);
     std::optional<machine::Request> read_;
     Scribbler scribbler_;
     bool scribbles_ = false;

@@ -4,6 +4,7 @@
 
 #include <tdi-client.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -68,10 +69,18 @@ NTSTATUS NTAPI OnError(PVOID, NTSTATUS)
     return STATUS_SUCCESS;
 }
 
-template <class Record>
+template <class Record, NTSTATUS (*kClose)(Record*)>
 struct Slot {
     Record record{};
     bool open = false; // and not closed yet
+
+    ULONG Count() const { return __atomic_load_n(&record.Count, __ATOMIC_ACQUIRE); }
+    void Close()
+    {
+        if (std::exchange(open, false)) {
+            RequireEqual(kClose(&record), STATUS_SUCCESS, "closing an address or endpoint");
+        }
+    }
 };
 
 class Fixture : public Machine
@@ -95,8 +104,8 @@ class Fixture : public Machine
     }
 
   private:
-    using Address = Slot<KS_TRANSPORT_ADDRESS>;
-    using Endpoint = Slot<KS_CONNECTION_ENDPOINT>;
+    using Address = Slot<KS_TRANSPORT_ADDRESS, KS_CloseTransportAddress>;
+    using Endpoint = Slot<KS_CONNECTION_ENDPOINT, KS_CloseConnectionEndpoint>;
 
     // How the next request of a kind is answered. One that is waited for must not be held.
     void Plan(TransportRequest kind, bool mayBeHeld, bool always = false)
@@ -128,10 +137,10 @@ class Fixture : public Machine
             OpenEndpoint(endpoint, address);
             break;
         case 3:
-            Close(address);
+            address.Close();
             break;
         case 4:
-            Close(endpoint);
+            endpoint.Close();
             break;
         case 5:
             if (address.open) {
@@ -141,7 +150,7 @@ class Fixture : public Machine
             }
             break;
         case 6:
-            if (endpoint.open && Count(endpoint) == 1) {
+            if (endpoint.open && endpoint.Count() == 1) {
                 Plan(TransportRequest::Connect, false, true);
                 TA_IP_ADDRESS peer = Loopback();
                 KS_Connect(&endpoint.record, &peer);
@@ -150,23 +159,11 @@ class Fixture : public Machine
         case 7:
             machine::ReleaseTransportRequests();
             break;
-        case 8:
-            Query(endpoint);
-            break;
-        case 9:
-            CheckHelpers();
-            break;
         default:
             SendData(address, endpoint);
             break;
         }
         Settle();
-    }
-
-    template <class AnySlot>
-    static ULONG Count(const AnySlot& slot)
-    {
-        return __atomic_load_n(&slot.record.Count, __ATOMIC_ACQUIRE);
     }
 
     static TA_IP_ADDRESS Loopback()
@@ -178,7 +175,7 @@ class Fixture : public Machine
 
     void OpenAddress(Address& address)
     {
-        if (address.open || Count(address) != 0) {
+        if (address.open || address.Count() != 0) {
             return;
         }
         Plan(TransportRequest::Create, false);
@@ -187,63 +184,28 @@ class Fixture : public Machine
         const NTSTATUS status = KS_OpenTransportAddress(
             input_->OneOf(kDevices), reinterpret_cast<PTRANSPORT_ADDRESS>(&local), &address.record);
         RequireEqual(address.record.Status, status, "the status in the record");
-        RequireEqual(Count(address), NT_SUCCESS(status) ? 1u : 0u,
+        RequireEqual(address.Count(), NT_SUCCESS(status) ? 1u : 0u,
                      "references of an address that was opened");
         address.open = NT_SUCCESS(status);
     }
 
     void OpenEndpoint(Endpoint& endpoint, Address& address)
     {
-        if (endpoint.open || Count(endpoint) != 0 || !address.open) {
+        if (endpoint.open || endpoint.Count() != 0 || !address.open) {
             return;
         }
         Plan(TransportRequest::Create, false);
         Plan(TransportRequest::Associate, false);
-        const ULONG before = Count(address);
+        const ULONG before = address.Count();
         const NTSTATUS status =
             KS_OpenConnectionEndpoint(input_->OneOf(kDevices), &address.record, &endpoint.record, &endpoint);
         RequireEqual(endpoint.record.AssociateStatus, status, "the status in the record");
-        RequireEqual(Count(endpoint), NT_SUCCESS(status) ? 1u : 0u,
+        RequireEqual(endpoint.Count(), NT_SUCCESS(status) ? 1u : 0u,
                      "references of an endpoint that was opened");
         if (requests_.empty()) { // else one may end at any moment
-            RequireEqual(Count(address), before + (NT_SUCCESS(status) ? 1 : 0), "references of its address");
+            RequireEqual(address.Count(), before + (NT_SUCCESS(status) ? 1 : 0), "references of its address");
         }
         endpoint.open = NT_SUCCESS(status);
-    }
-
-    void Close(Address& address)
-    {
-        if (std::exchange(address.open, false)) {
-            RequireEqual(KS_CloseTransportAddress(&address.record), STATUS_SUCCESS, "closing an address");
-        }
-    }
-
-    void Close(Endpoint& endpoint)
-    {
-        if (std::exchange(endpoint.open, false)) {
-            RequireEqual(KS_CloseConnectionEndpoint(&endpoint.record), STATUS_SUCCESS, "closing an endpoint");
-        }
-    }
-
-    void Query(Endpoint& endpoint)
-    {
-        Plan(TransportRequest::Query, false);
-        Plan(TransportRequest::Create, false);
-        const std::unique_ptr<uint8_t[]> buffer(new uint8_t[KS_PROVIDER_STATISTICS_SIZE]);
-        switch (input_->Below(3)) {
-        case 0:
-            KS_QueryProviderInfo(input_->OneOf(kDevices), buffer.get());
-            break;
-        case 1:
-            KS_QueryProviderStatistics(input_->OneOf(kDevices), buffer.get());
-            break;
-        default:
-            if (endpoint.open) {
-                Plan(TransportRequest::Set, false);
-                KS_SetConnectionInfo(&endpoint.record, buffer.get());
-            }
-            break;
-        }
     }
 
     void SendData(Address& address, Endpoint& endpoint)
@@ -318,36 +280,6 @@ class Fixture : public Machine
         }
     }
 
-    // Memory of the library's helpers, to the byte.
-    void CheckHelpers()
-    {
-        const uint32_t length = input_->Below(300);
-        const auto given = input_->Take(length);
-        const std::unique_ptr<uint8_t[]> bytes(new uint8_t[given.size()]);
-        std::copy(given.begin(), given.end(), bytes.get());
-        uint32_t sum = 0;
-        for (size_t i = 0; i < given.size(); ++i) { // an odd last byte is an upper half
-            sum += i % 2 != 0 || i + 1 == given.size() ? given[i] << 8 : given[i];
-        }
-        while (sum > 0xFFFF) {
-            sum = (sum & 0xFFFF) + (sum >> 16);
-        }
-        RequireEqual(KS_in_cksum(bytes.get(), static_cast<ULONG>(given.size())), static_cast<USHORT>(~sum),
-                     "a checksum");
-
-        PFILE_FULL_EA_INFORMATION attribute = nullptr;
-        ULONG size = 0;
-        const auto nameLength = static_cast<ULONG>(given.size());
-        const NTSTATUS status =
-            KS_BuildEaBuffer(nameLength, bytes.get(), nameLength, bytes.get(), &attribute, &size);
-        RequireEqual(status, given.size() > 255 ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS,
-                     "an extended attribute");
-        if (attribute != nullptr) {
-            RequireEqual(size, 2 * nameLength + 9, "its size");
-            ExFreePool(attribute);
-        }
-    }
-
     // Forgets the requests that have ended.
     void Settle()
     {
@@ -364,13 +296,12 @@ class Fixture : public Machine
         });
     }
 
-    template <class Condition>
-    static void Await(const Condition& condition, const char* what)
+    // The transport's own thread, which is none of the kernel's, may be in the last steps of a request.
+    bool IsAtRest() const
     {
-        for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(50); !condition();) {
-            Require(std::chrono::steady_clock::now() < end, what);
-            std::this_thread::yield();
-        }
+        const auto isFree = [](const auto& slot) { return slot.Count() == 0; };
+        return requests_.empty() && std::ranges::all_of(endpoints_, isFree) &&
+               std::ranges::all_of(addresses_, isFree) && machine::TakeCensus().requests == 0;
     }
 
     void PutBack()
@@ -378,20 +309,16 @@ class Fixture : public Machine
         machine::ClearTransportAnswers();
         machine::ReleaseTransportRequests();
         for (Endpoint& endpoint : endpoints_) {
-            Close(endpoint);
+            endpoint.Close();
         }
         for (Address& address : addresses_) {
-            Close(address);
+            address.Close();
         }
-        Await([&] { return Settle(), requests_.empty(); }, "every request ends");
-        for (const Endpoint& endpoint : endpoints_) {
-            Await([&] { return Count(endpoint) == 0; }, "an endpoint that is closed comes free");
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(50);
+        for (; !IsAtRest(); Settle()) {
+            Require(std::chrono::steady_clock::now() < end, "requests end, and what is closed comes free");
+            std::this_thread::yield();
         }
-        for (const Address& address : addresses_) {
-            Await([&] { return Count(address) == 0; }, "an address that is closed comes free");
-        }
-        // The transport's own thread, which is none of the kernel's, may be in the last steps of a request.
-        Await([&] { return machine::TakeCensus().requests == 0; }, "requests are freed");
     }
 
     Input* input_ = nullptr;

@@ -40,9 +40,7 @@ std::string Describe(const Verdict& verdict)
     if (verdict.outcome == Outcome::Said) {
         text += fmt::format(", {}", verdict.answer);
     }
-    for (const auto& [title, lines] : {std::pair{"", &verdict.bad},
-                                       {"since then otherwise: ", &verdict.lasting},
-                                       {"from ", &verdict.trace}}) {
+    for (const auto& [title, lines] : {std::pair{"", &verdict.bad}, {"from ", &verdict.trace}}) {
         for (const std::string& line : *lines) {
             text += fmt::format("\n    {}{}", title, line);
         }

@@ -26,10 +26,9 @@ enum class Outcome {
 struct Verdict {
     std::vector<Point> points = {};
     Outcome outcome = Outcome::Bad;
-    std::string call = {};                 // under way when the call failed
-    std::string answer = {};               // "-20 instead of 0"
-    std::vector<std::string> bad = {};     // what is wrong, each a sentence
-    std::vector<std::string> lasting = {}; // calls of the short pass with other answers since
+    std::string call = {};             // under way when the call failed
+    std::string answer = {};           // "-20 instead of 0"
+    std::vector<std::string> bad = {}; // what is wrong, each a sentence
     std::vector<std::string> trace = {};
 };
 

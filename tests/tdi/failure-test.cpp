@@ -305,28 +305,16 @@ TEST_F(FailureTest, ARequestThatWaitsCanBeCancelled)
     echo::Connection connection;
     ASSERT_EQ(connection.Open(), STATUS_SUCCESS);
     ASSERT_EQ(connection.Connect(server_.tcpPort), STATUS_SUCCESS);
-    const PIRP irp = support::NewTdiRequest(connection.endpoint.FileObject, TDI_RECEIVE);
-    auto& parameters = IoGetNextIrpStackLocation(irp)->Parameters;
-    reinterpret_cast<TDI_REQUEST_KERNEL_RECEIVE&>(parameters).ReceiveLength = 64;
-    irp->MdlAddress = block_.Mdl();
-    KEVENT done;
-    KeInitializeEvent(&done, NotificationEvent, FALSE);
-    IoSetCompletionRoutine(
-        irp,
-        [](PDEVICE_OBJECT, PIRP, PVOID event) -> NTSTATUS {
-            KeSetEvent(static_cast<PKEVENT>(event), 0, FALSE);
-            return STATUS_MORE_PROCESSING_REQUIRED;
-        },
-        &done, TRUE, TRUE, TRUE);
+    OwnRequest own;
+    const PIRP irp = own.New(connection.endpoint.FileObject, TDI_RECEIVE, block_.Mdl());
     EXPECT_EQ(IoCallDriver(IoGetRelatedDeviceObject(connection.endpoint.FileObject), irp), STATUS_PENDING);
     IoFreeIrp(nullptr); // no request at all
     EXPECT_EQ(BrokenRules(), std::vector<std::string>{"irp-not-live"});
     IoReuseIrp(irp, STATUS_SUCCESS);
     EXPECT_EQ(BrokenRules(), std::vector<std::string>{"irp-reused-under-way"});
     EXPECT_TRUE(IoCancelIrp(irp));
-    KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
-    EXPECT_EQ(irp->IoStatus.Status, STATUS_CANCELLED);
-    IoFreeIrp(irp);
+    own.Wait();
+    EXPECT_EQ(own.result.Status, STATUS_CANCELLED);
     connection.Close();
 }
 

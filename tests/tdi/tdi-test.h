@@ -62,6 +62,37 @@ struct TextBlock : echo::Block {
     }
 };
 
+// A request of the test's own; it is freed when it has completed.
+struct OwnRequest {
+    KEVENT completed;
+    IO_STATUS_BLOCK result = {};
+
+    OwnRequest() { KeInitializeEvent(&completed, SynchronizationEvent, FALSE); }
+    // For a file of the transport's, which gets it next; a receive with its memory.
+    PIRP New(PFILE_OBJECT file, UCHAR minor, PMDL mdl = nullptr)
+    {
+        const PIRP irp = support::NewTdiRequest(file, minor);
+        if (mdl != nullptr) {
+            irp->MdlAddress = mdl;
+            auto& parameters = IoGetNextIrpStackLocation(irp)->Parameters;
+            reinterpret_cast<TDI_REQUEST_KERNEL_RECEIVE&>(parameters).ReceiveLength = MmGetMdlByteCount(mdl);
+        }
+        IoSetCompletionRoutine(irp, OnCompleted, this, TRUE, TRUE, TRUE);
+        return irp;
+    }
+    void Wait() { KeWaitForSingleObject(&completed, Executive, KernelMode, FALSE, nullptr); }
+
+  private:
+    static NTSTATUS OnCompleted(PDEVICE_OBJECT, PIRP irp, PVOID context)
+    {
+        const auto self = static_cast<OwnRequest*>(context);
+        self->result = irp->IoStatus;
+        IoFreeIrp(irp);
+        KeSetEvent(&self->completed, 0, FALSE);
+        return STATUS_MORE_PROCESSING_REQUIRED;
+    }
+};
+
 // An open address, and the addresses that its requests name.
 struct Port {
     KS_TRANSPORT_ADDRESS address;

@@ -91,15 +91,11 @@ VOID NTAPI UnmapLockedPages(PVOID, PMDL) {}
 NTSTATUS NTAPI GetDeviceObjectPointer(PUNICODE_STRING name, ACCESS_MASK, PFILE_OBJECT* file,
                                       PDEVICE_OBJECT* device)
 {
-    WCHAR path[64] = L"\\Driver\\";
-    USHORT end = sizeof("\\Driver\\") - 1;
-    USHORT from = name->Length / sizeof(WCHAR);
-    while (from > 0 && name->Buffer[from - 1] != L'\\') {
-        --from;
-    }
-    for (; from < name->Length / sizeof(WCHAR) && end < RTL_NUMBER_OF(path) - 1; ++from) {
-        path[end++] = name->Buffer[from];
-    }
+    constexpr WCHAR drivers[] = L"\\Driver"; // as long as "\Device"
+    WCHAR path[64] = {};
+    RtlCopyMemory(path, name->Buffer,
+                  name->Length < sizeof(path) ? name->Length : sizeof(path) - sizeof(WCHAR));
+    RtlCopyMemory(path, drivers, sizeof(drivers) - sizeof(WCHAR));
     UNICODE_STRING driverName;
     RtlInitUnicodeString(&driverName, path);
     PVOID object = nullptr;

@@ -27,15 +27,6 @@ SC_HANDLE ServiceManager()
     return manager;
 }
 
-// The text of a line of Wine's debug channel, "...vDbgPrintExWithPrefix COMPONENT:LEVEL: TEXT"; other lines
-// as they are.
-std::string StripPrefix(const std::string& line)
-{
-    const size_t function = line.find("vDbgPrintExWithPrefix ");
-    const size_t text = function == std::string::npos ? function : line.find(": ", function);
-    return text == std::string::npos ? line : line.substr(text + 2);
-}
-
 } // namespace
 
 Options options;
@@ -245,35 +236,19 @@ Answer Request::Wait()
 
 DebugOutput::DebugOutput() : begin_(ReadWhole(options.debugOutput).size()) {}
 
-std::vector<std::string> DebugOutput::Lines() const
-{
-    std::vector<std::string> lines;
-    const std::string text = ReadWhole(options.debugOutput).substr(begin_);
-    for (size_t begin = 0, end; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1) {
-        lines.push_back(StripPrefix(text.substr(begin, end - begin)));
-    }
-    return lines;
-}
-
 size_t DebugOutput::Count(const std::string& text) const
 {
-    const std::vector<std::string> lines = Lines();
-    return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
-        return line.find(text) != std::string::npos;
-    }));
+    const std::string output = ReadWhole(options.debugOutput);
+    size_t count = 0;
+    for (size_t at = begin_; (at = output.find(text, at)) != std::string::npos; at += text.size()) {
+        ++count;
+    }
+    return count;
 }
 
 bool DebugOutput::Shows(const std::string& text) const
 {
     return Eventually([&] { return Count(text) > 0; });
-}
-
-bool DebugOutput::ShowsExactly(const std::string& line) const
-{
-    return Eventually([&] {
-        const std::vector<std::string> lines = Lines();
-        return std::find(lines.begin(), lines.end(), line) != lines.end();
-    });
 }
 
 Room::Room()

@@ -151,14 +151,11 @@ class DebugOutput
 {
   public:
     DebugOutput();
-    size_t Count(const std::string& text) const;      // lines that hold it
-    bool Shows(const std::string& text) const;        // waits for it
-    bool ShowsExactly(const std::string& line) const; // waits for it
+    size_t Count(const std::string& text) const;
+    bool Shows(const std::string& text) const; // waits for it
 
   private:
-    std::vector<std::string> Lines() const;
-
-    size_t begin_;
+    const size_t begin_;
 };
 
 // The framework and the hook driver with its two adapters, not bound and not open yet.
@@ -173,10 +170,7 @@ class Room
         return hook->Control(code, input, input.size()).error;
     }
     DWORD Bind(const LoopBinding& binding = {168, 168, 1, 0}) { return Ask(LOOPHOOK_BIND, Bytes(binding)); }
-    DWORD Unbind(const LoopBinding& binding = {168, 168, 1, 0})
-    {
-        return Ask(LOOPHOOK_UNBIND, Bytes(binding));
-    }
+    DWORD Unbind() { return Ask(LOOPHOOK_UNBIND, Bytes(LoopBinding{168, 168, 1, 0})); }
     void Open(); // the adapters, and binds
     DWORD Receive(const LoopFrame& frame) { return Ask(LOOPHOOK_RECEIVE, Bytes(frame)); }
     DWORD Send(const LoopFrame& frame) { return Ask(LOOPHOOK_SEND, Bytes(frame)); }
