@@ -1,4 +1,4 @@
-// Frames of the network: parsing, dump, clone and verification of packets, whose record ends with its last byte, and
+// Frames of the network: parsing, dump, clone and lazy reads of packets, whose record ends with its last byte, and
 // checksums of datagrams in buffers of exactly the bytes that the contract asks for, against RFC 1071 word by word.
 #include "support/fuzz.h"
 
@@ -21,12 +21,20 @@ uint16_t Be16(const uint8_t* at)
 }
 
 // A buffer of exactly `size` bytes, so that the next one is the sanitizer's.
-std::vector<uint8_t> Exactly(std::span<const uint8_t> bytes, size_t size)
+class Exact
 {
-    std::vector<uint8_t> buffer(size);
-    std::copy_n(bytes.begin(), std::min(bytes.size(), size), buffer.begin());
-    return buffer;
-}
+  public:
+    Exact(std::span<const uint8_t> bytes, size_t size) : bytes_(new uint8_t[size]()), size_(size)
+    {
+        std::copy_n(bytes.begin(), std::min(bytes.size(), size), bytes_.get());
+    }
+    uint8_t* Data() { return bytes_.get(); }
+    std::vector<uint8_t> Copy() const { return {bytes_.get(), bytes_.get() + size_}; }
+
+  private:
+    const std::unique_ptr<uint8_t[]> bytes_;
+    const size_t size_;
+};
 
 // -------------------------------------------------------------------------------------------------- checksums
 
@@ -82,11 +90,11 @@ void CheckChecksum(Input& input)
     }
     const Layout layout = LayoutOf(head, selector);
     const size_t size = std::max({sizeof(head), layout.begin + layout.size, layout.field + 2});
-    std::vector<uint8_t> datagram = Exactly(given, size);
-    std::copy_n(head, sizeof(head), datagram.begin());
+    Exact datagram(given, size);
+    std::copy_n(head, sizeof(head), datagram.Data());
 
-    std::vector<uint8_t> expected = datagram;
-    const FILTER_STATUS status = Filter_CalculatePacketCheckSum(datagram.data(), selector);
+    std::vector<uint8_t> expected = datagram.Copy();
+    const FILTER_STATUS status = Filter_CalculatePacketCheckSum(datagram.Data(), selector);
     if (selector == 2) {
         RequireEqual(status, FILTER_ERROR_UNSUPPORTED_PROTOCOL, "the status of an unknown selector");
     } else {
@@ -100,7 +108,8 @@ void CheckChecksum(Input& input)
         const uint16_t checksum = Fold(sum);
         std::memcpy(&expected[layout.field], &checksum, sizeof(checksum));
     }
-    Require(datagram == expected, "the datagram with the checksum of RFC 1071, and nothing else changed");
+    Require(datagram.Copy() == expected,
+            "the datagram with the checksum of RFC 1071, and nothing else changed");
 }
 
 // --------------------------------------------------------------------------------------------------- packets
@@ -178,12 +187,12 @@ void CheckRecord(Input& input)
     const bool elsewhere = input.Flag(), parsed = !input.Flag();
     const uint8_t choices[2] = {input.Byte(), input.Byte()};
     const auto frame = input.Take(sizeof(record->m_Data));
-    std::vector<uint8_t> outside = Exactly(frame, kReadableFrame);
+    Exact outside(frame, kReadableFrame);
     // At the record's end there is room for the frame alone.
     std::copy(frame.begin(), frame.end(), record->m_Data);
     if (parsed) {
-        Filter_InitPacketHeader(record.get(), elsewhere ? outside.data() : nullptr);
-        CheckHeaders(*record, elsewhere ? outside.data() : record->m_Data);
+        Filter_InitPacketHeader(record.get(), elsewhere ? outside.Data() : nullptr);
+        CheckHeaders(*record, elsewhere ? outside.Data() : record->m_Data);
     }
     if (!elsewhere || !parsed) {
         Input rest(choices, sizeof(choices));
@@ -193,11 +202,76 @@ void CheckRecord(Input& input)
     }
 }
 
+struct Expectation {
+    std::vector<uint8_t> frame;
+    Input choices{nullptr, 0};
+    size_t seen = 0;
+    FilterPacket* kept = nullptr;
+} expectation;
+
+FILTER_RESULT Filter(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket* packet)
+{
+    ++expectation.seen;
+    Input choices = expectation.choices;
+    RequireEqual(packet->m_nPacketSize, static_cast<ULONG>(expectation.frame.size()), "a packet's size");
+    if (choices.Flag()) {
+        Examine(packet, choices);
+    }
+    Filter_TransferPacketData(packet);
+    RequireEqual(packet->m_nBytesRead, packet->m_nPacketSize, "bytes read");
+    if (!packet->m_bDirty) {
+        Require(std::equal(expectation.frame.begin(), expectation.frame.end(), packet->m_Data),
+                "the whole frame");
+    }
+    const FILTER_RESULT verdict = choices.Below(4);
+    expectation.kept = verdict == FILTER_RESULT_CONSUME ? packet : nullptr;
+    return verdict;
+}
+
+// A frame that the hook driver delivers, of which only a part may be in the packet and the rest in pieces.
+void CheckDelivery(Input& input)
+{
+    FilterAdapter* adapter = hook::FindAdapter(kAddresses[input.Below(kAdapters)]);
+    hook::FrameOptions options;
+    uint8_t choices[4];
+    for (uint8_t& choice : choices) {
+        choice = input.Byte();
+    }
+    const bool lazy = input.Flag(), received = input.Flag();
+    options.unmappedBuffers = input.Flag();
+    if (lazy) {
+        options.presentBytes = input.Get<uint16_t>() % (hook::kLongestFrame + 1);
+        for (uint32_t count = input.Below(4); count > 0; --count) {
+            options.pieces.push_back(input.Byte());
+        }
+    }
+    const auto frame = input.Take(hook::kLongestFrame);
+    expectation = {{frame.begin(), frame.end()}, {choices, sizeof(choices)}};
+    if (lazy && options.presentBytes > frame.size()) {
+        options.presentBytes = static_cast<uint32_t>(frame.size());
+    }
+    const auto accepted = received ? hook::DeliverReceived(adapter, frame, options)
+                                   : hook::DeliverSent(adapter, frame, options);
+    Require(accepted == hook::Accepted::Yes, "a frame that the hook driver takes");
+    RequireEqual(expectation.seen, 1u, "calls of the filter");
+    if (expectation.kept != nullptr) {
+        Filter_ReleasePacket(expectation.kept);
+    }
+}
+
 class Fixture : public Machine
 {
   public:
     Fixture()
     {
+        FilterDriver* driver = RegisterDriver("client");
+        for (const FILTER_TYPE type : {FILTER_TYPE_INCOMING_PACKET, FILTER_TYPE_OUTGOING_PACKET}) {
+            const STRING name = Counted("filter");
+            PacketFilter* filter = nullptr;
+            RequireEqual(
+                Filter_RegisterFilter(driver, &name, Filter, nullptr, type, FILTER_ORDER_FIRST, &filter),
+                FILTER_STATUS_SUCCESS, "registering a filter");
+        }
         for (const auto& address : kAddresses) {
             Filter_SetAdapterPacketDump(address.data(), TRUE);
         }
@@ -207,10 +281,16 @@ class Fixture : public Machine
 
     void Run(Input input)
     {
-        if (input.Flag()) {
-            CheckChecksum(input);
-        } else {
+        switch (input.Below(4)) {
+        case 0:
             CheckRecord(input);
+            break;
+        case 1:
+            CheckDelivery(input);
+            break;
+        default:
+            CheckChecksum(input);
+            break;
         }
         CheckAtRest();
     }
