@@ -146,6 +146,22 @@ TEST_F(UnboundAdaptersTest, ACallbackNamesItsAdapterAndAnUnknownStatus)
     }
 }
 
+TEST_F(AdaptersTest, IdentifiersAreIssuedFromOneInTheOrderOfAsking)
+{
+    int dummies[NDIS_FILTER_MAX_ADAPTERS + 1]; // what is no adapter gets an identifier all the same
+    const auto handle = [&](ULONG i) { return reinterpret_cast<FilterAdapter*>(&dummies[i]); };
+    ULONG id = 0;
+    for (ULONG i = 0; i < NDIS_FILTER_MAX_ADAPTERS; i++) {
+        ASSERT_EQ(Filter_AdapterToId(handle(i), &id), FILTER_STATUS_SUCCESS);
+        EXPECT_EQ(id, i + 1);
+    }
+    EXPECT_EQ(Filter_AdapterToId(handle(NDIS_FILTER_MAX_ADAPTERS), &id), FILTER_ERROR_INTERNAL_ERROR);
+    EXPECT_EQ(id, 32u);
+    FilterAdapter* found = nullptr;
+    EXPECT_EQ(Filter_IdToAdapter(32, &found), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(found, handle(31));
+}
+
 TEST_F(UnboundAdaptersTest, IdentifiersAreTheSameForAllWhoAskAtOnce)
 {
     constexpr ULONG kHandles = 32;
