@@ -1,8 +1,7 @@
 // The four chains, driven by any program of registrations, invocations, injections, bindings and verdicts. A model knows
-// which filters each packet meets in which order, what every counter shows, and where each packet ends.
+// which filters each packet meets in which order, and where each packet ends.
 #include "support/fuzz.h"
 
-#include <array>
 #include <list>
 #include <memory>
 #include <vector>
@@ -16,6 +15,15 @@ constexpr size_t kSteps = 24, kDrivers = 2, kMostFilters = 10;
 constexpr FILTER_ORDER kOrders[] = {FILTER_ORDER_FIRST, FILTER_ORDER_LAST, FILTER_ORDER_NEXT, 1, 2, 100};
 constexpr ULONG kMethods[] = {0, 1, 2, 3, 4, 7};
 
+// Chains, and how clients have packets enter them: the first two at once, the others through a queue.
+constexpr struct {
+    FILTER_TYPE type;
+    FILTER_STATUS (*enter)(FilterAdapter*, FilterPacket*);
+} kEntrances[] = {{FILTER_TYPE_INJECT_TO_ADAPTER, Filter_InjectPacketToAdapter},
+                  {FILTER_TYPE_INJECT_TO_PROTOCOL, Filter_IndicatePacketToProtocol},
+                  {FILTER_TYPE_INCOMING_PACKET, Filter_IndicatePacketFromAdapter},
+                  {FILTER_TYPE_OUTGOING_PACKET, Filter_InjectPacketFromProtocol}};
+
 // What a filter's procedure does. The first four are the verdicts of those numbers.
 enum class Conduct { Bypass, Discard, Consume, Capture, NoVerdict, Fault, Forward, Count };
 
@@ -26,7 +34,6 @@ struct Filter {
     ULONG order = 0;
     uint32_t number = 0;
     Conduct conduct = Conduct::Bypass;
-    std::array<uint32_t, 5> counters = {}; // process, bypass, discard, consume, capture
 };
 
 // How packets that were born ended.
@@ -42,22 +49,13 @@ bool LeadsToProtocols(FILTER_TYPE type)
     return type == FILTER_TYPE_INCOMING_PACKET || type == FILTER_TYPE_INJECT_TO_PROTOCOL;
 }
 
-class Fixture : public Machine
+class Fixture : public DriversMachine<kDrivers>
 {
   public:
-    Fixture()
-    {
-        for (size_t i = 0; i < kDrivers; ++i) {
-            Register(i);
-        }
-        Accept();
-    }
-
     void Run(Input input)
     {
         input_ = &input;
         ends_ = TakeEnds();
-        const bool dumps = input.Below(8) == 0; // most of the time would go into it
         for (size_t step = 0; step < kSteps && !input.IsEmpty(); ++step) {
             Step();
             AwaitRest(); // with what was queued
@@ -66,11 +64,6 @@ class Fixture : public Machine
             expected_.clear();
         }
         Require(TakeEnds() == ends_, "where packets end");
-        if (dumps) {
-            machine::SetDebugSink([this](std::string_view text) { ReadDump(text); });
-            CheckCounters();
-            machine::SetDebugSink(nullptr);
-        }
         PutBack();
         CheckAtRest();
     }
@@ -95,12 +88,6 @@ class Fixture : public Machine
     }
 
   private:
-    void Register(size_t index)
-    {
-        static constexpr const char* kNames[kDrivers] = {"one", "two"};
-        drivers_[index] = RegisterDriver(kNames[index], this);
-    }
-
     static Ends TakeEnds()
     {
         const hook::Balance balance = hook::TakeBalance();
@@ -237,24 +224,15 @@ class Fixture : public Machine
                 break;
             }
             expected_.push_back(filter.number);
-            ++filter.counters[0];
             switch (filter.conduct) {
             case Conduct::Discard:
-                ++filter.counters[2];
-                return ExpectRelease(packet);
             case Conduct::Capture:
-                ++filter.counters[4];
                 return ExpectRelease(packet);
             case Conduct::Consume:
-                ++filter.counters[3];
                 return;
             case Conduct::Forward:
-                ++filter.counters[3];
                 return ExpectDelivery(packet, false);
-            case Conduct::Bypass:
-                ++filter.counters[1];
-                break;
-            default: // no verdict, or a fault: the next one runs
+            default: // bypass, no verdict, or a fault: the next one runs
                 break;
             }
             if (isGiven && method == kUntil) {
@@ -302,13 +280,11 @@ class Fixture : public Machine
             return;
         }
         FilterAdapter* adapter = input_->Below(8) == 0 ? nullptr : adapters[0];
-        const auto chain = [&](FILTER_TYPE type) {
+        const auto expectChain = [&](FILTER_TYPE type) {
             adapter != nullptr ? ExpectChain(type, packet) : ExpectRelease(packet);
         };
-        const auto delivery = [&](bool toProtocols) {
-            adapter != nullptr ? ExpectDelivery(packet, toProtocols) : ExpectRelease(packet);
-        };
-        switch (input_->Below(10)) {
+        const uint32_t road = input_->Below(10);
+        switch (road) {
         case 0: {
             const auto type = static_cast<FILTER_TYPE>(input_->Below(6)) - 1;
             type >= 0 && type < FILTER_TYPE_COUNT ? ExpectChain(type, packet) : ExpectRelease(packet);
@@ -316,35 +292,23 @@ class Fixture : public Machine
             break;
         }
         case 1:
-            delivery(false);
-            Filter_InjectPacketToAdapterEx(adapter, packet);
-            break;
         case 2:
-            delivery(true);
-            Filter_IndicatePacketToProtocolEx(adapter, packet);
+            adapter != nullptr ? ExpectDelivery(packet, road == 2) : ExpectRelease(packet);
+            (road == 2 ? Filter_IndicatePacketToProtocolEx : Filter_InjectPacketToAdapterEx)(adapter, packet);
             break;
         case 3:
-            chain(FILTER_TYPE_INJECT_TO_ADAPTER);
-            Filter_InjectPacketToAdapter(adapter, packet);
-            break;
         case 4:
-            chain(FILTER_TYPE_INJECT_TO_PROTOCOL);
-            Filter_IndicatePacketToProtocol(adapter, packet);
-            break;
         case 5:
-            chain(FILTER_TYPE_INCOMING_PACKET);
-            Filter_IndicatePacketFromAdapter(adapter, packet);
-            break;
         case 6:
-            chain(FILTER_TYPE_OUTGOING_PACKET);
-            Filter_InjectPacketFromProtocol(adapter, packet);
+            expectChain(kEntrances[road - 3].type);
+            kEntrances[road - 3].enter(adapter, packet);
             break;
         case 7: {
             const ULONG direction = input_->Below(5);
             if (direction == NDIS_FILTER_DIRECTION_TO_ADAPTER ||
                 direction == NDIS_FILTER_DIRECTION_TO_PROTOCOL) {
-                chain(direction == NDIS_FILTER_DIRECTION_TO_ADAPTER ? FILTER_TYPE_INJECT_TO_ADAPTER
-                                                                    : FILTER_TYPE_INJECT_TO_PROTOCOL);
+                expectChain(direction == NDIS_FILTER_DIRECTION_TO_ADAPTER ? FILTER_TYPE_INJECT_TO_ADAPTER
+                                                                          : FILTER_TYPE_INJECT_TO_PROTOCOL);
             } else {
                 ExpectRelease(packet);
             }
@@ -390,47 +354,6 @@ class Fixture : public Machine
         }
     }
 
-    // ---------------------------------------------------------------------------------------------- counters
-
-    // One line of a chain's dump: names and counters, in the order of the chain.
-    void ReadDump(std::string_view text)
-    {
-        static constexpr std::string_view kNames[] = {"m_PacketProcess", "m_PacketBypass", "m_PacketDiscard",
-                                                      "m_PacketConsume", "m_PacketCapture"};
-        const size_t equals = text.find("= ");
-        if (equals == text.npos) {
-            return;
-        }
-        const std::string_view value = text.substr(equals + 2);
-        if (text.find("m_FilterName ") != text.npos) {
-            shown_.push_back(
-                static_cast<uint32_t>(std::stoul(std::string(value.substr(value.find("filter ") + 7)))));
-        }
-        for (const std::string_view name : kNames) {
-            if (text.find(name) != text.npos) {
-                shown_.push_back(static_cast<uint32_t>(std::stoul(std::string(value))));
-            }
-        }
-    }
-
-    void CheckCounters()
-    {
-        for (FILTER_TYPE type = 0; type < FILTER_TYPE_COUNT; ++type) {
-            std::vector<uint32_t> expected;
-            for (const Filter& filter : filters_) {
-                if (filter.type == type) {
-                    expected.push_back(filter.number);
-                    expected.insert(expected.end(), filter.counters.begin(), filter.counters.end());
-                }
-            }
-            if (!expected.empty()) {
-                shown_.clear();
-                RequireEqual(Filter_DumpFilter(type), FILTER_STATUS_SUCCESS, "dumping a chain");
-                Require(shown_ == expected, "the filters of a chain and their counters");
-            }
-        }
-    }
-
     void PutBack()
     {
         if (!bound_) {
@@ -449,7 +372,6 @@ class Fixture : public Machine
     }
 
     Input* input_ = nullptr;
-    std::array<FilterDriver*, kDrivers> drivers_ = {};
     std::list<Filter> filters_; // those of a type in the order of their chain
     uint32_t next_ = 0;
     bool bound_ = true;
@@ -457,7 +379,6 @@ class Fixture : public Machine
     Ends ends_;
     std::vector<FilterPacket*> kept_;     // by filters
     std::vector<FilterPacket*> stranded_; // released while nobody was bound
-    std::vector<uint32_t> shown_;
 };
 
 FILTER_RESULT RunFilter(FilterDriver*, PVOID driverContext, PacketFilter* handle, PVOID context,
@@ -466,7 +387,7 @@ FILTER_RESULT RunFilter(FilterDriver*, PVOID driverContext, PacketFilter* handle
     const auto& filter = *static_cast<const Filter*>(context);
     Require(handle == filter.handle && KeGetCurrentIrql() == DISPATCH_LEVEL,
             "a filter is called as it was registered");
-    return static_cast<Fixture*>(driverContext)->Visit(filter, packet);
+    return static_cast<Fixture*>(static_cast<Machine*>(driverContext))->Visit(filter, packet);
 }
 
 } // namespace

@@ -39,17 +39,9 @@ struct Event {
 
 VOID OnEvent(FilterDriver*, PVOID driverContext, ULONG event, PVOID context, const STRING* name);
 
-class Fixture : public Machine
+class Fixture : public DriversMachine<kDrivers>
 {
   public:
-    Fixture()
-    {
-        for (size_t i = 0; i < kDrivers; ++i) {
-            Register(i);
-        }
-        Accept();
-    }
-
     void Run(Input& input)
     {
         input_ = &input;
@@ -82,12 +74,6 @@ class Fixture : public Machine
     }
 
   private:
-    void Register(size_t index)
-    {
-        static constexpr const char* kDriverNames[kDrivers] = {"one", "two", "three"};
-        drivers_[index] = RegisterDriver(kDriverNames[index], this);
-    }
-
     void Step()
     {
         const size_t driver = input_->Below(kDrivers);
@@ -298,7 +284,6 @@ class Fixture : public Machine
     }
 
     Input* input_ = nullptr;
-    std::array<FilterDriver*, kDrivers> drivers_ = {};
     std::array<IfEventHandler*, kDrivers> handlers_ = {};
     std::vector<size_t> listeners_; // drivers, in the order of their registration
     std::list<Interface> interfaces_;
@@ -309,7 +294,7 @@ class Fixture : public Machine
 
 VOID OnEvent(FilterDriver*, PVOID driverContext, ULONG event, PVOID context, const STRING* name)
 {
-    static_cast<Fixture*>(driverContext)
+    static_cast<Fixture*>(static_cast<Machine*>(driverContext))
         ->Hear(reinterpret_cast<size_t>(context), event, {name->Buffer, name->Length});
 }
 

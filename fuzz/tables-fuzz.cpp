@@ -45,16 +45,16 @@ VOID FreeItem(HashItem* hashItem)
 
 BOOLEAN CompareItem(HashItem* hashItem, const VOID* key)
 {
-    return reinterpret_cast<Record*>(hashItem)->key == *static_cast<const uint8_t*>(key);
+    // Any value that is not zero is a match.
+    return reinterpret_cast<Record*>(hashItem)->key == *static_cast<const uint8_t*>(key) ? 2 : 0;
 }
 
 class Tables
 {
   public:
-    Tables(Input& input, const char* name)
-        : input_(input), size_(input.OneOf(kSizes)), compares_(!input.Flag())
+    explicit Tables(Input& input) : input_(input), size_(input.OneOf(kSizes)), compares_(!input.Flag())
     {
-        table_ = Filter_CreateHashTable(name, size_, FreeItem, compares_ ? CompareItem : nullptr);
+        table_ = Filter_CreateHashTable("things", size_, FreeItem, compares_ ? CompareItem : nullptr);
         Require(table_ != nullptr, "a table");
         // An odd size is raised to the next even one.
         mask_ = size_ == 0 ? 0 : (size_ % 2 != 0 ? size_ + 1u : size_) - 1u;
@@ -263,7 +263,9 @@ class Tables
     void Visit(HashItem* hashItem)
     {
         LeaveCurrent();
-        Require(next_ != walk_.end() && &(*next_)->record->item == hashItem, "the next item of the walk");
+        Require(next_ != walk_.end() && &(*next_)->record->item == hashItem &&
+                    KeGetCurrentIrql() == DISPATCH_LEVEL,
+                "the next item of the walk");
         current_ = *next_++;
         ++current_->held;
         for (uint32_t changes = input_.Below(3); changes > 0; --changes) {
@@ -319,21 +321,13 @@ class Tables
     Item* current_ = nullptr;
 };
 
-class Fixture : public Machine
-{
-  public:
-    void Run(Input input)
-    {
-        Tables(input, "things").Run();
-        CheckAtRest();
-    }
-};
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static Fixture& fixture = *new Fixture;
-    fixture.Run({data, size});
+    static Machine& kernel = *new Machine;
+    Input input(data, size);
+    Tables(input).Run();
+    kernel.CheckAtRest();
     return 0;
 }

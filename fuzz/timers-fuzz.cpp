@@ -2,7 +2,6 @@
 // once, and none other, whatever is started, stopped, freed and deregistered in between.
 #include "support/fuzz.h"
 
-#include <array>
 #include <atomic>
 #include <list>
 #include <memory>
@@ -36,14 +35,11 @@ VOID OnTimer(FilterDriver* driver, PVOID driverContext, FilterTimer* handle, PVO
     ++timer->calls;
 }
 
-class Fixture : public Machine
+class Fixture : public DriversMachine<kDrivers>
 {
   public:
     Fixture()
     {
-        for (size_t i = 0; i < kDrivers; ++i) {
-            Register(i);
-        }
         Timer timer; // the first callback starts threads
         MakeHandle(timer);
         Filter_StartTimer(timer.handle, 1);
@@ -65,16 +61,10 @@ class Fixture : public Machine
     }
 
   private:
-    void Register(size_t index)
-    {
-        static constexpr const char* kNames[kDrivers] = {"first", "second"};
-        drivers_[index] = RegisterDriver(kNames[index], this);
-    }
-
     void MakeHandle(Timer& timer)
     {
         timer.owner = drivers_[timer.driver];
-        timer.driverContext = this;
+        timer.driverContext = static_cast<Machine*>(this);
         RequireEqual(Filter_InitializeTimer(timer.owner, OnTimer, &timer, timer.repeats, &timer.handle),
                      FILTER_STATUS_SUCCESS, "creating a timer");
     }
@@ -183,7 +173,6 @@ class Fixture : public Machine
         }
     }
 
-    std::array<FilterDriver*, kDrivers> drivers_ = {};
     std::list<std::unique_ptr<Timer>> timers_;
     uint64_t now_ = 0;
 };

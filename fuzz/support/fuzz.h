@@ -14,6 +14,7 @@
 #include <machine.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <iterator>
@@ -126,6 +127,27 @@ void ForbidPlainLoads(const void* begin, size_t size);
 
 // Registers a client driver.
 FilterDriver* RegisterDriver(const char* name, void* context = nullptr);
+
+// With some client drivers, whose context it is.
+template <size_t kCount>
+class DriversMachine : public Machine
+{
+  protected:
+    DriversMachine()
+    {
+        for (size_t i = 0; i < kCount; ++i) {
+            Register(i);
+        }
+        Accept();
+    }
+    void Register(size_t index)
+    {
+        drivers_[index] =
+            RegisterDriver(("driver " + std::to_string(index)).c_str(), static_cast<Machine*>(this));
+    }
+
+    std::array<FilterDriver*, kCount> drivers_ = {};
+};
 
 // A packet of an adapter with a frame in it and its headers parsed.
 FilterPacket* MakePacket(FilterAdapter* adapter, std::span<const uint8_t> frame);

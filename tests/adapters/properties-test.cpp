@@ -111,29 +111,6 @@ TEST_F(PropertiesTest, PppAddressesAreZeroUntilSet)
     }
 }
 
-TEST_F(PropertiesTest, TheListIsTheHookDriversAndWithoutOneThereIsNone)
-{
-    const auto list = std::make_unique<AdapterList>();
-    UCHAR state = 99;
-    EXPECT_EQ(Filter_GetTcpIpBoundAdapters(list.get()), FILTER_STATUS_SUCCESS);
-    EXPECT_EQ(list->m_nAdapterCount, 1u);
-    FilterAdapter* const listed = list->m_Adapters[0].m_hAdapter; // by value: entries are not aligned
-    EXPECT_EQ(listed, adapter_);
-
-    ASSERT_EQ(hook::Unbind(), STATUS_SUCCESS);
-    for (int i = 0; i < 2; i++) {
-        EXPECT_EQ(Filter_GetTcpIpBoundAdapters(list.get()), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
-        EXPECT_EQ(Filter_GetAdapterMediaStateByMac(kOwnMac.data(), &state),
-                  FILTER_ERROR_INTERFACE_NOT_ACTIVE);
-        EXPECT_EQ(Filter_SetAdapterMediaStateByMac(kOwnMac.data(), 0), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
-        if (i == 0) { // the same while the framework is not started
-            StopHook();
-            StopFramework();
-            EXPECT_EQ(Filter_GetFirstAdapter(), nullptr);
-        }
-    }
-}
-
 struct AnsweringHookTest : Loaded<FrameworkOnly, 0, DeviceTest> {
     static inline NTSTATUS answer;
 };

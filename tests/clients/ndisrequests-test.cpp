@@ -84,24 +84,4 @@ TEST_F(NdisRequestsTest, HandlesAreChecked)
     EXPECT_EQ(Filter_FreeNdisRequest(request), FILTER_STATUS_SUCCESS);
 }
 
-TEST_F(NdisRequestsTest, WithoutTheHookDriversFunctionsNothingIsActive)
-{
-    using enum hook::Function;
-    FilterAdapter* const adapter = AddAdapter();
-    hook::NdisRequest* const request = Allocate();
-    PVOID none = nullptr;
-    const auto expectInactive = [&] {
-        EXPECT_EQ(Filter_AllocateNdisRequest(&none), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
-        EXPECT_EQ(Filter_MakeNdisRequest(adapter, request, nullptr), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
-        EXPECT_EQ(Filter_FreeNdisRequest(request), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
-        EXPECT_TRUE(Filter_IsValidNdisRequest(request));
-    };
-    EXPECT_EQ(hook::Bind({.without = {AllocateRequest, MakeNdisRequest, FreeRequest}}), STATUS_SUCCESS);
-    expectInactive();
-    EXPECT_EQ(hook::Unbind(), STATUS_SUCCESS);
-    expectInactive();
-    EXPECT_EQ(hook::Bind(), STATUS_SUCCESS);
-    EXPECT_EQ(Filter_FreeNdisRequest(request), FILTER_STATUS_SUCCESS);
-}
-
 } // namespace

@@ -179,23 +179,6 @@ TEST_F(PacketTest, TheReleaseCallbackRunsWhenTheHookDriverFreesThePacket)
     Filter_ClearPacketReleaseCallback(nullptr);
 }
 
-TEST_F(PacketTest, AllocationAndReleaseNeedABoundHookDriver)
-{
-    FilterPacket* packet = Filter_AllocatePacket(adapter);
-    ASSERT_NE(packet, nullptr);
-    EXPECT_EQ(packet->m_hAdapter, adapter);
-    std::vector<FilterPacket*> released;
-    Filter_SetPacketReleaseCallback(packet, NoteRelease, &released);
-
-    ASSERT_EQ(hook::Unbind(), STATUS_SUCCESS);
-    EXPECT_EQ(Filter_AllocatePacket(adapter), nullptr);
-    EXPECT_EQ(Filter_ReleasePacket(packet), FILTER_STATUS_SUCCESS); // and nobody takes it
-    EXPECT_THAT(released, IsEmpty());
-    ASSERT_EQ(hook::Bind(), STATUS_SUCCESS);
-    EXPECT_EQ(Filter_ReleasePacket(packet), FILTER_STATUS_SUCCESS);
-    EXPECT_THAT(released, ElementsAre(packet));
-}
-
 TEST_F(PacketTest, AFaultOfTheHookDriverInAReleaseIsContained)
 {
     FilterPacket* packet = Filter_AllocatePacket(adapter);
@@ -249,10 +232,7 @@ TEST_F(CloneTest, APartlyReadPacketGivesAWholeClone)
         EXPECT_EQ(clone->m_pReleaseContext, nullptr);
         EXPECT_EQ(clone->m_pEthernet, clone->m_Data);
         EXPECT_EQ(clone->m_pDns, clone->m_Data + 14 + 20 + 8);
-        Collector out(adapter, hook::Side::Adapter);
-        EXPECT_EQ(Filter_InjectPacketToAdapterEx(adapter, clone), FILTER_STATUS_SUCCESS);
-        EXPECT_THAT(out.Frames(), testing::ElementsAre(frame));
-        clone = nullptr;
+        Filter_ReleasePacket(std::exchange(clone, nullptr));
     }
 }
 

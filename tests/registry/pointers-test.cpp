@@ -1,5 +1,5 @@
-// Every pointer argument of the registries' exports made to fault, and every handle null, wrong, stale or faulting:
-// the answer is a status, no lock stays held, and nothing is registered or left behind.
+// Every pointer argument of the registries' and the adapters' exports made to fault, and a handle null, wrong, stale or
+// faulting: the answer is a status, no lock stays held, and nothing is registered or left behind.
 #include "support/framework.h"
 
 #include <cstring>
@@ -43,6 +43,13 @@ BOOLEAN FaultOnFilter(PVOID, PacketFilter*)
     return TRUE;
 }
 
+VOID FaultOnEvent(FilterDriver*, PVOID, ULONG event, PVOID, FilterAdapter*)
+{
+    if (event == FILTER_EVENT_IPCONFIG_CHANGED) {
+        FaultOnRead();
+    }
+}
+
 struct PointersTest : FrameworkTest {
     void SetUp() override
     {
@@ -81,6 +88,19 @@ TEST_F(PointersTest, FaultsAreContained)
     ASSERT_EQ(Filter_AdapterToId(adapter, &word), FILTER_STATUS_SUCCESS);
     STRING compared = {4, 4, Unreadable<char>()}; // as long as the names that are registered
     STRING copied = {5, 5, Unreadable<char>()};   // no name is as long: only the copy touches it
+    FilterAdapter noName = {};
+    noName.m_Tag = FILTER_ADAPTER_TAG;
+    noName.m_AdapterName = {8, 8, Unreadable<WCHAR>()};
+    UNICODE_STRING* adapterName = nullptr;
+    const TestDriver listener("listener");
+    EventHandler* handler = nullptr;
+    ASSERT_EQ(Filter_RegisterEventHandler(listener.Handle(), FaultOnEvent, nullptr, &handler),
+              FILTER_STATUS_SUCCESS);
+    IPConfig config = {};
+    config.hAdapter = adapter;
+    config.m_nReserved = 1;
+    const FILTER_IOCTRL_PROC proc = Filter_DefaultIoCtrlHandler;
+    const FILTER_TIMER_PROC timed = [](auto...) {};
     const Export pointers[] = {
         {"GetAPIVersion major", [&](Any p) { return Filter_GetAPIVersion(p, &word); }},
         {"GetAPIVersion minor", [&](Any p) { return Filter_GetAPIVersion(&word, p); }},
@@ -101,6 +121,7 @@ TEST_F(PointersTest, FaultsAreContained)
         {"... output", [&](Any p) { return Filter_FindAdapterByNetCfgInstanceId("{ADAPTER-1}", p); }},
         {"AdapterToId", [&](Any p) { return Filter_AdapterToId(adapter, p); }},
         {"IdToAdapter", [&](Any p) { return Filter_IdToAdapter(word, p); }},
+        {"GetOsVersion", [&](Any p) { return Filter_GetOsVersion(p, &word, &word, &word); }},
         {"text compared", [&](Any) { return Filter_RegisterDriver(&compared, nullptr, 1, 0, &driverOut); }},
         {"text copied", [&](Any) { return Filter_RegisterDriver(&copied, nullptr, 1, 0, &driverOut); }},
         {"text compared", [&](Any) { return RegisterFilter(driver, &compared, &filterOut); }},
@@ -108,6 +129,23 @@ TEST_F(PointersTest, FaultsAreContained)
         {"EnumFilter callback",
          [&](Any) { return Filter_EnumFilter(driver, FaultOnFilter, nullptr, kType); }},
         {"EnumAdapter callback", [&](Any) { return Filter_EnumAdapter(driver, FaultOnAdapter, nullptr); }},
+        {"AcquireAdapterContext", [&](Any p) { return Filter_AcquireAdapterContext(driver, p); }},
+        {"GetAdapterContext", [&](Any p) { return Filter_GetAdapterContext(adapter, 0, p); }},
+        {"RegisterEventHandler",
+         [&](Any p) { return Filter_RegisterEventHandler(driver, FaultOnEvent, nullptr, p); }},
+        {"RegisterIoControl", [&](Any p) { return Filter_RegisterIoControl(driver, proc, nullptr, p); }},
+        {"InitializeTimer", [&](Any p) { return Filter_InitializeTimer(driver, timed, nullptr, 0, p); }},
+        {"GetAdapterCurrentAddress", [&](Any p) { return Filter_GetAdapterCurrentAddress(adapter, p); }},
+        {"GetAdapterMediaState", [&](Any p) { return Filter_GetAdapterMediaState(adapter, p); }},
+        {"GetAdapterMtu", [&](Any p) { return Filter_GetAdapterMtu(adapter, p); }},
+        {"GetAdapterName", [&](Any p) { return Filter_GetAdapterName(adapter, p); }},
+        {"... of no text", [&](Any) { return Filter_GetAdapterName(&noName, &adapterName); }},
+        {"GetAdapterPPPDstMacAddress", [&](Any p) { return Filter_GetAdapterPPPDstMacAddress(adapter, p); }},
+        {"SetAdapterPPPSrcMacAddress", [&](Any p) { return Filter_SetAdapterPPPSrcMacAddress(adapter, p); }},
+        {"GetAdapterPacketDump", [&](Any p) { return Filter_GetAdapterPacketDump(p, p); }},
+        {"... output", [&](Any p) { return Filter_GetAdapterPacketDump(kOwnMac.data(), p); }},
+        {"SetIPConfig", [&](Any p) { return Filter_SetIPConfig(p); }},
+        {"... event", [&](Any) { return Filter_SetIPConfig(&config); }},
     };
     const size_t blocks = machine::TakeCensus().poolBlocks;
     for (const Export& test : pointers) {
@@ -118,76 +156,80 @@ TEST_F(PointersTest, FaultsAreContained)
         ExpectNoLockHeld(test.what);
         EXPECT_EQ(machine::TakeCensus().poolBlocks, blocks);
     }
+    EXPECT_EQ(Filter_GetIPConfig(adapter, Unwritable<IPConfig>()), nullptr);
     EXPECT_FALSE(Filter_IsValidAdapter(Unreadable<FilterAdapter>()));
     Filter_ShowFilter(Unreadable<PacketFilter>(), 0);
-    // What failed half-way has left no name behind.
+    EXPECT_EQ(adapterName, nullptr);
+    // What failed half-way has left no name behind, has taken no slot and registered no handler.
+    EXPECT_EQ(Filter_AcquireAdapterContext(listener.Handle(), &word), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(word, 0u);
+    IoCtrlHandler* control = nullptr;
+    EXPECT_EQ(Filter_RegisterEventHandler(driver, FaultOnEvent, nullptr, &handler), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(Filter_RegisterIoControl(driver, proc, nullptr, &control), FILTER_STATUS_SUCCESS);
     const TestDriver fresh("fresh");
     const TestFilter freshFilter(*driver_, {.name = "fresh", .type = kType});
+}
+
+TEST_F(PointersTest, NullIsAnInvalidArgumentWhateverTheHandle)
+{
+    FilterAdapter none = {}; // no valid handle of any kind
+    const Any bad = {&none};
+    EventHandler* event = nullptr;
+    const FILTER_STATUS answers[] = {
+        Filter_AcquireAdapterContext(bad, nullptr),
+        Filter_SetAdapterContext(bad, nullptr, 0, nullptr),
+        Filter_GetAdapterContext(bad, 0, nullptr),
+        Filter_RegisterEventHandler(bad, nullptr, nullptr, &event),
+        Filter_RegisterIoControl(bad, Filter_DefaultIoCtrlHandler, nullptr, nullptr),
+        Filter_DeregisterEventHandler(bad, nullptr),
+        Filter_DeregisterIoControl(bad, nullptr),
+        Filter_GetAdapterCurrentAddress(bad, nullptr),
+        Filter_GetAdapterName(bad, nullptr),
+        Filter_SetAdapterPPPDstMacAddress(bad, nullptr)};
+    EXPECT_THAT(answers, testing::Each(FILTER_ERROR_INVALID_ARGUMENT));
 }
 
 TEST_F(PointersTest, HandlesThatAreNoneAreRefusedWithAMessageThatSaysWhy)
 {
     FilterDriver* const staleDriver = TestDriver("gone").Handle();
     PacketFilter* const staleFilter = TestFilter(*driver_, {}).Handle();
-    // A filter of no type. The type is what its getter answers; find the word and make it 4.
-    alignas(16) UCHAR copy[112];
+    // A filter of no type: its type is the word that makes the handle none when it is 4.
+    alignas(16) ULONG copy[28];
     memcpy(copy, filter, sizeof(copy));
-    for (size_t at = 20; at < sizeof(copy); at += 4) {
-        FILTER_TYPE type = 0;
-        const ULONG four = 4;
-        ULONG before;
-        memcpy(&before, copy + at, sizeof(before));
-        memcpy(copy + at, &four, sizeof(four));
-        if (Filter_GetFilterType(reinterpret_cast<PacketFilter*>(copy), &type) != FILTER_STATUS_SUCCESS) {
+    for (ULONG& word : std::span(copy).subspan(5)) {
+        const ULONG before = std::exchange(word, 4);
+        if (!Filter_IsValidFilter(Any{copy})) {
             break;
         }
-        memcpy(copy + at, &before, sizeof(before));
+        word = before;
     }
-    const Export ofDrivers[] = {
-        {"IsValidDriver", [](Any p) { return Filter_IsValidDriver(p) ? 1 : 0; }},
-        {"GetDriverName", [&](Any p) { return Filter_GetDriverName(p, reinterpret_cast<STRING**>(&any)); }},
-        {"GetDriverContext", [&](Any p) { return Filter_GetDriverContext(p, &any); }},
-        {"DeregisterDriver", [](Any p) { return Filter_DeregisterDriver(p); }},
-        {"RegisterFilter", [&](Any p) { return RegisterFilter(p, &name, &filterOut); }},
-        {"DeregisterFilter", [&](Any p) { return Filter_DeregisterFilter(p, filter); }},
-        {"EnumFilter", [](Any p) { return Filter_EnumFilter(p, FaultOnFilter, nullptr, kType); }},
-        {"EnumAdapter", [](Any p) { return Filter_EnumAdapter(p, FaultOnAdapter, nullptr); }},
-    };
-    const Export ofFilters[] = {
-        {"IsValidFilter", [](Any p) { return Filter_IsValidFilter(p) ? 1 : 0; }},
-        {"GetFilterName", [&](Any p) { return Filter_GetFilterName(p, reinterpret_cast<STRING**>(&any)); }},
-        {"GetFilterContext", [&](Any p) { return Filter_GetFilterContext(p, &any); }},
-        {"GetFilterType",
-         [&](Any p) { return Filter_GetFilterType(p, reinterpret_cast<FILTER_TYPE*>(&any)); }},
-        {"GetFilterOrder",
-         [&](Any p) { return Filter_GetFilterOrder(p, reinterpret_cast<FILTER_ORDER*>(&any)); }},
-        {"DeregisterFilter", [&](Any p) { return Filter_DeregisterFilter(driver, p); }},
-    };
-    const auto check = [&](std::span<const Export> exports, void* handle, const std::string& why) {
-        const FILTER_STATUS refusal = handle == nullptr             ? FILTER_ERROR_INVALID_ARGUMENT
-                                      : exports.data() == ofDrivers ? FILTER_ERROR_INVALID_DRIVER_HANDLE
-                                                                    : FILTER_ERROR_INVALID_PACKET_FILTER;
-        for (const Export& test : exports) {
-            SCOPED_TRACE(test.what + (": " + why));
-            const bool isQuestion = &test == exports.data();
-            Debug().Take();
-            EXPECT_EQ(test.call({handle}), isQuestion ? FALSE : refusal);
-            EXPECT_EQ(Debug().Contains(exports[0].what + (": " + why)), isQuestion || handle != nullptr);
-            ExpectNoLockHeld(test.what);
-        }
+    const auto check = [&](bool isDriver, void* handle, const std::string& why) {
+        const std::string line = (isDriver ? "Filter_IsValidDriver: " : "Filter_IsValidFilter: ") + why;
+        Debug().Take();
+        EXPECT_FALSE(isDriver ? Filter_IsValidDriver(Any{handle}) : Filter_IsValidFilter(Any{handle})) << why;
+        EXPECT_TRUE(Debug().Contains(line)) << line;
+        Debug().Take();
+        EXPECT_EQ(isDriver ? Filter_GetDriverContext(Any{handle}, &any)
+                           : Filter_GetFilterContext(Any{handle}, &any),
+                  handle == nullptr ? FILTER_ERROR_INVALID_ARGUMENT
+                  : isDriver        ? FILTER_ERROR_INVALID_DRIVER_HANDLE
+                                    : FILTER_ERROR_INVALID_PACKET_FILTER)
+            << why;
+        EXPECT_EQ(Debug().Contains(line), handle != nullptr);
+        ExpectNoLockHeld(why.c_str());
     };
     const auto invalid = [](const void* handle, const char* tag) {
         return "Invalid Handle " + PointerText(handle) + ", bad tag 0x" + tag;
     };
-    check(ofDrivers, nullptr, invalid(nullptr, "ffffffff\n"));
-    check(ofFilters, nullptr, invalid(nullptr, "ffffffff\n"));
-    check(ofDrivers, filter, invalid(filter, "54414733\n"));
-    check(ofFilters, driver, invalid(driver, "54414731\n"));
-    check(ofFilters, copy, invalid(copy, "54414733\n"));
-    check(ofDrivers, staleDriver, invalid(staleDriver, ""));
-    check(ofFilters, staleFilter, invalid(staleFilter, ""));
-    check(ofDrivers, Unreadable<char>(), "exception, code = -1073741819\n");
-    check(ofFilters, Unreadable<char>(), "exception, code = -1073741819\n");
+    check(true, nullptr, invalid(nullptr, "ffffffff\n"));
+    check(false, nullptr, invalid(nullptr, "ffffffff\n"));
+    check(true, filter, invalid(filter, "54414733\n"));
+    check(false, driver, invalid(driver, "54414731\n"));
+    check(false, copy, invalid(copy, "54414733\n"));
+    check(true, staleDriver, invalid(staleDriver, ""));
+    check(false, staleFilter, invalid(staleFilter, ""));
+    check(true, Unreadable<char>(), "exception, code = -1073741819\n");
+    check(false, Unreadable<char>(), "exception, code = -1073741819\n");
     EXPECT_TRUE(Filter_IsValidDriver(driver));
     EXPECT_TRUE(Filter_IsValidFilter(filter));
 }

@@ -141,17 +141,6 @@ TEST_F(ParkedReadTest, ABlockForAnUnknownAdapterWakesNobody)
     read.Cancel();
 }
 
-TEST_F(ParkedReadTest, CompletesWhenTheShareEnds)
-{
-    machine::Request stopped = program.Read();
-    EXPECT_EQ(program.Stop().status, STATUS_SUCCESS);
-    EXPECT_EQ(ResultOf(stopped).status, STATUS_SUCCESS);
-    ASSERT_NE(program.Start(), NDIS_FILTER_SHARE_FAILED);
-    machine::Request closed = program.Read();
-    program.Close();
-    EXPECT_EQ(ResultOf(closed).status, STATUS_SUCCESS);
-}
-
 // A request of a driver, which has its hands on the record that the I/O manager hides from programs.
 struct DriverRequest {
     DriverRequest(PDEVICE_OBJECT target, PFILE_OBJECT file, ULONG code)

@@ -161,7 +161,7 @@ Outcome SendBlocks()
     }
     Random& random = Dice();
     SharedRing& ring = g_program.memory->KernelModeInput;
-    const int32_t read = Index(ring.m_iRead);
+    const int32_t read = Load(ring.m_iRead);
     const bool moved = std::exchange(g_program.seenRead, read) != read;
     for (uint32_t i = 1 + random.Below(20); i > 0; --i) {
         if (support::Next(Load(ring.m_iWrite)) == Load(ring.m_iRead)) {
@@ -188,8 +188,8 @@ uint32_t SpoilRings()
     }
     SharedRing& in = g_program.memory->KernelModeInput;
     SharedRing& out = g_program.memory->KernelModeOutput;
-    Index(in.m_iWrite).store(static_cast<int32_t>(Dice().Next()));
-    Index(out.m_iRead).store(static_cast<int32_t>(Dice().Next()));
+    support::Store(in.m_iWrite, static_cast<int32_t>(Dice().Next()));
+    support::Store(out.m_iRead, static_cast<int32_t>(Dice().Next()));
     Ask(IOCTL_NDIS_FILTER_WRITE_SHARE);
     ClearRings();
     return 1;
