@@ -21,20 +21,12 @@ uint16_t Be16(const uint8_t* at)
 }
 
 // A buffer of exactly `size` bytes, so that the next one is the sanitizer's.
-class Exact
+std::vector<uint8_t> Exactly(std::span<const uint8_t> bytes, size_t size)
 {
-  public:
-    Exact(std::span<const uint8_t> bytes, size_t size) : bytes_(new uint8_t[size]()), size_(size)
-    {
-        std::copy_n(bytes.begin(), std::min(bytes.size(), size), bytes_.get());
-    }
-    uint8_t* Data() { return bytes_.get(); }
-    std::vector<uint8_t> Copy() const { return {bytes_.get(), bytes_.get() + size_}; }
-
-  private:
-    const std::unique_ptr<uint8_t[]> bytes_;
-    const size_t size_;
-};
+    std::vector<uint8_t> buffer(size);
+    std::copy_n(bytes.begin(), std::min(bytes.size(), size), buffer.begin());
+    return buffer;
+}
 
 // -------------------------------------------------------------------------------------------------- checksums
 
@@ -90,11 +82,11 @@ void CheckChecksum(Input& input)
     }
     const Layout layout = LayoutOf(head, selector);
     const size_t size = std::max({sizeof(head), layout.begin + layout.size, layout.field + 2});
-    Exact datagram(given, size);
-    std::copy_n(head, sizeof(head), datagram.Data());
+    std::vector<uint8_t> datagram = Exactly(given, size);
+    std::copy_n(head, sizeof(head), datagram.begin());
 
-    std::vector<uint8_t> expected = datagram.Copy();
-    const FILTER_STATUS status = Filter_CalculatePacketCheckSum(datagram.Data(), selector);
+    std::vector<uint8_t> expected = datagram;
+    const FILTER_STATUS status = Filter_CalculatePacketCheckSum(datagram.data(), selector);
     if (selector == 2) {
         RequireEqual(status, FILTER_ERROR_UNSUPPORTED_PROTOCOL, "the status of an unknown selector");
     } else {
@@ -108,8 +100,7 @@ void CheckChecksum(Input& input)
         const uint16_t checksum = Fold(sum);
         std::memcpy(&expected[layout.field], &checksum, sizeof(checksum));
     }
-    Require(datagram.Copy() == expected,
-            "the datagram with the checksum of RFC 1071, and nothing else changed");
+    Require(datagram == expected, "the datagram with the checksum of RFC 1071, and nothing else changed");
 }
 
 // --------------------------------------------------------------------------------------------------- packets
@@ -187,12 +178,12 @@ void CheckRecord(Input& input)
     const bool elsewhere = input.Flag(), parsed = !input.Flag();
     const uint8_t choices[2] = {input.Byte(), input.Byte()};
     const auto frame = input.Take(sizeof(record->m_Data));
-    Exact outside(frame, kReadableFrame);
+    std::vector<uint8_t> outside = Exactly(frame, kReadableFrame);
     // At the record's end there is room for the frame alone.
     std::copy(frame.begin(), frame.end(), record->m_Data);
     if (parsed) {
-        Filter_InitPacketHeader(record.get(), elsewhere ? outside.Data() : nullptr);
-        CheckHeaders(*record, elsewhere ? outside.Data() : record->m_Data);
+        Filter_InitPacketHeader(record.get(), elsewhere ? outside.data() : nullptr);
+        CheckHeaders(*record, elsewhere ? outside.data() : record->m_Data);
     }
     if (!elsewhere || !parsed) {
         Input rest(choices, sizeof(choices));

@@ -80,7 +80,8 @@ TEST(Exceptions, AreCaughtByTheInnermostGuard)
         {STATUS_INTEGER_DIVIDE_BY_ZERO, [](void*) { support::FaultOnDivision(); }},
         {STATUS_ILLEGAL_INSTRUCTION, [](void*) { asm volatile("ud2"); }},
         {STATUS_ACCESS_VIOLATION, [](void*) { support::CallNowhere(nullptr); }},
-        {STATUS_ACCESS_VIOLATION, [](void* inner) { support::CallNowhere(inner); }}, // memory that holds no code
+        {STATUS_ACCESS_VIOLATION,
+         [](void* inner) { support::CallNowhere(inner); }}, // memory that holds no code
         {STATUS_NO_MEMORY, [](void*) { ExRaiseStatus(STATUS_NO_MEMORY); }},
         {STATUS_CANCELLED,
          [](void* inner) {

@@ -257,16 +257,8 @@ TEST(Serve, TheIndicatorShowsFramesOfAPortAndAnswersForItself)
     EXPECT_THAT(diagnose({"driver"}), HasSubstr("indicator - shows frames"));
 }
 
-TEST(Serve, CapturesAreReplayedOnceOrInALoopWithinTheRate)
+TEST(Serve, ALoopOverACaptureStaysWithinTheRate)
 {
-    LabServer once({kCapture, "--adapter", "lan0=02:00:00:00:00:0c"});
-    EXPECT_TRUE(Eventually([&] { return once.HasSaid("the captures are through"); }));
-    nlohmann::json report = once.Stop();
-    const uint64_t frames = support::ReadCapture(kCapture).size();
-    EXPECT_EQ(report["balance"]["received"].get<uint64_t>() + report["balance"]["sent"].get<uint64_t>(),
-              frames);
-    EXPECT_EQ(report["adapters"][1]["received"]["framesIn"], 0);
-
     constexpr double kRate = 20'000;
     LabServer loop(
         {kCapture, "--loop", "--rate", std::to_string(static_cast<int>(kRate)), "--filter", "indicator"});
@@ -274,9 +266,9 @@ TEST(Serve, CapturesAreReplayedOnceOrInALoopWithinTheRate)
     IndicatorCounters counters = {};
     EXPECT_TRUE(Eventually([&] {
         device->Control(IOCTL_INDICATOR_GET_COUNTERS, {}, Out(counters));
-        return counters.m_nIndicated > 2 * frames;
+        return counters.m_nIndicated > 2 * support::ReadCapture(kCapture).size();
     }));
-    report = loop.Stop();
+    const nlohmann::json report = loop.Stop();
     const double passed =
         report["balance"]["received"].get<double>() + report["balance"]["sent"].get<double>();
     EXPECT_LE(passed, kRate * report["seconds"].get<double>() + 1);
@@ -293,10 +285,6 @@ TEST(Serve, ASocketThatCannotBeHadIsRefused)
     EXPECT_EQ(run(lab.Directory().Path()), 7);
     EXPECT_EQ(run(lab.Directory().File("no/such/directory")), 7);
     EXPECT_NE(lab.Open(), nullptr); // still
-
-    std::string error;
-    EXPECT_EQ(ndisfilter::OpenDevice(lab.Directory().File("nothing"), &error), nullptr);
-    EXPECT_THAT(error, HasSubstr("no lab is running there"));
 }
 
 } // namespace

@@ -4,7 +4,6 @@
 #include "world.h"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <unistd.h>
 
@@ -150,7 +149,7 @@ void SampleMemory()
 
 } // namespace
 
-int RunFrames(uint64_t frames, uint64_t seed, bool json)
+int RunFrames(uint64_t frames, uint64_t seed)
 {
     const machine::Census before = machine::TakeCensus();
     Load();
@@ -197,17 +196,12 @@ int RunFrames(uint64_t frames, uint64_t seed, bool json)
     Unload();
     CheckNothingIsLeft(before);
 
-    nlohmann::json result;
-    result["frames"] = frames;
-    result["seconds"] = seconds;
-    result["framesPerSecond"] = static_cast<double>(frames) / seconds;
-    result["seed"] = seed;
-    result["poolBytes"] = g_pool.most;
-    result["poolGrowth"] = g_pool.most - g_pool.least;
-    result["residentBytes"] = g_resident.most;
-    result["residentGrowth"] = g_resident.most - g_resident.least;
-    result["failures"] = g_failures.load();
-    fmt::print("{}\n", result.dump(json ? 2 : -1));
+    fmt::print("{} frames in {:.0f} s, {:.0f} a second, seed {}: pool {} bytes, grown by {}; resident {} "
+               "bytes, grown by "
+               "{}; {} failures\n",
+               frames, seconds, static_cast<double>(frames) / seconds, seed, g_pool.most,
+               g_pool.most - g_pool.least, g_resident.most, g_resident.most - g_resident.least,
+               g_failures.load());
     return g_failures.load() == 0 ? 0 : 1;
 }
 

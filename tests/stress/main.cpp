@@ -5,7 +5,6 @@
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <chrono>
 #include <cmath>
@@ -57,7 +56,6 @@ struct Options {
     uint64_t seed = std::random_device{}();
     std::optional<uint64_t> round;
     double frames = 0; // so that it may be written 1e9
-    bool json = false;
 };
 
 int RunStress(const Options& options)
@@ -86,48 +84,24 @@ int RunStress(const Options& options)
         }
     } while (!options.round && seconds < options.seconds && g_failures.load() == 0);
 
-    static constexpr const char* kKeys[kCounts] = {"attempts", "successes", "refusals", "illegal",
-                                                   "atDispatch"};
-    nlohmann::json rows = nlohmann::json::array();
     uint64_t calls = 0;
+    fmt::print("{:38} {:>10} {:>10} {:>10} {:>10} {:>10} {:>6}\n", "call", "attempts", "successes",
+               "refusals", "illegal", "dispatch", "floor");
     for (size_t i = 0; i < totals.size(); ++i) {
         const auto& [name, actor, level, floor, legal, illegal, planned] = AllCalls()[i];
         const Tally& tally = totals[i];
-        const bool enough = IsEnough(floor, tally[kAttempts], tally[kSuccesses]);
         calls += tally[kAttempts] + tally[kIllegal];
+        fmt::print("{:38} {:>10} {:>10} {:>10} {:>10} {:>10} {:>5}%\n", name, tally[kAttempts],
+                   tally[kSuccesses], tally[kRefusals], tally[kIllegal], tally[kRaised], floor);
         Require(rounds < kEveryPlan || !legal || tally[kSuccesses] + tally[kRefusals] != 0,
                 fmt::format("{} was never called", name));
         Require(rounds < kEveryPlan || !illegal || tally[kIllegal] != 0,
                 fmt::format("{} was never called wrongly", name));
-        Require(enough,
+        Require(IsEnough(floor, tally[kAttempts], tally[kSuccesses]),
                 fmt::format("{} succeeded {} times of {}", name, tally[kSuccesses], tally[kAttempts]));
-        nlohmann::json row = {{"name", name}, {"floor", floor}, {"enough", enough}};
-        for (size_t count = 0; count < kCounts; ++count) {
-            row[kKeys[count]] = tally[count];
-        }
-        rows.push_back(std::move(row));
-    }
-    const nlohmann::json result = {{"seed", options.seed},
-                                   {"seconds", seconds},
-                                   {"rounds", rounds},
-                                   {"calls", rows},
-                                   {"packets", packets},
-                                   {"stranded", stranded},
-                                   {"failures", g_failures.load()}};
-    if (options.json) {
-        fmt::print("{}\n", result.dump(2));
-        return g_failures.load() == 0 ? 0 : 1;
-    }
-    fmt::print("{:38} {:>10} {:>10} {:>10} {:>10} {:>10} {:>6}\n", "call", "attempts", "successes",
-               "refusals", "illegal", "dispatch", "floor");
-    for (size_t i = 0; i < totals.size(); ++i) {
-        const Tally& tally = totals[i];
-        fmt::print("{:38} {:>10} {:>10} {:>10} {:>10} {:>10} {:>5}%\n", AllCalls()[i].name, tally[kAttempts],
-                   tally[kSuccesses], tally[kRefusals], tally[kIllegal], tally[kRaised], AllCalls()[i].floor);
     }
     fmt::print("{} calls in {} rounds in {:.0f} s, seed {}: {} packets, {} of them stranded while unbound or "
-               "by a closing "
-               "log; {} failures\n",
+               "by a closing log; {} failures\n",
                calls, rounds, seconds, options.seed, packets, stranded, g_failures.load());
     return g_failures.load() == 0 ? 0 : 1;
 }
@@ -145,8 +119,7 @@ int main(int count, char** arguments)
     app.add_option("--seed", options.seed, "of the random streams; by chance otherwise");
     app.add_option("--round", options.round, "this round alone");
     app.add_option("--frames", options.frames, "instead: so many frames through filters, counted exactly");
-    app.add_flag("--json", options.json, "the result as JSON");
     CLI11_PARSE(app, count, arguments);
-    return options.frames > 0 ? RunFrames(static_cast<uint64_t>(options.frames), options.seed, options.json)
+    return options.frames > 0 ? RunFrames(static_cast<uint64_t>(options.frames), options.seed)
                               : RunStress(options);
 }

@@ -112,6 +112,6 @@ machine::File& Device(); // the control device, opened by the user program
 void CloseProgram();     // gives back all that the program has
 
 // frames.cpp: so many frames through filters with random verdicts, counted and compared. Exit status of the program.
-int RunFrames(uint64_t frames, uint64_t seed, bool json);
+int RunFrames(uint64_t frames, uint64_t seed);
 
 } // namespace stress
