@@ -11,7 +11,6 @@ namespace
 constexpr uint32_t kTraceCore = 0x100;
 const std::string kServiceKey = "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\NdisFilter";
 
-using StartUpTest = Loaded<NothingLoaded>;
 using TracedStartUpTest = Loaded<FrameworkOnly, kTraceCore>;
 
 TEST_F(TracedStartUpTest, BuildsUpAndTearsDownInOrder)
@@ -77,49 +76,6 @@ TEST_F(RefusedStartUpTest, NamesTheDeviceOrLinkAndItsStatus)
     EXPECT_TRUE(machine::TakeCensus() == expected) << machine::DescribeCensus(machine::TakeCensus())
                                                    << "\nexpected " << machine::DescribeCensus(expected);
     AcceptLeftovers();
-}
-
-int g_packetsOut = 0;
-
-TEST_F(StartUpTest, UnloadFreesWhatClientsLeft)
-{
-    machine::FailAllFrom(machine::Fault::Thread, 2); // no thread takes packets from the queues
-    ASSERT_EQ(LoadFramework(), STATUS_SUCCESS);
-    machine::ClearFaults();
-    NdisHookAPI record = HookRecord();
-    record.Hook_AllocatePacket = [](FilterAdapter* adapter, PCSTR, ULONG) {
-        g_packetsOut++;
-        auto* packet = new FilterPacket();
-        packet->m_hAdapter = adapter;
-        return packet;
-    };
-    record.Hook_FreePacket = [](FilterPacket* packet, PCSTR, ULONG) {
-        g_packetsOut--;
-        delete packet;
-    };
-    ASSERT_EQ(Exchange(*OpenDevice(), IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK, record).status,
-              STATUS_SUCCESS);
-
-    TestDriver driver;
-    std::vector<std::unique_ptr<TestFilter>> filters;
-    for (FILTER_TYPE type = 0; type < FILTER_TYPE_COUNT; type++) {
-        filters.push_back(std::make_unique<TestFilter>(driver, TestFilter::Options{.type = type}));
-        filters.back()->Forget();
-    }
-    driver.Forget();
-    FilterAdapter adapter = {};
-    for (int i = 0; i < 10; i++) {
-        EXPECT_EQ(Filter_ReportEvent(i, 0, "left %d", i), FILTER_STATUS_SUCCESS);
-        const Ipv4Options sender = {.source = {10, 0, 0, static_cast<uint8_t>(i)}};
-        FilterPacket* packet = MakePacket(
-            &adapter, EthernetFrame(kEtherTypeIpv4, Ipv4Packet(kProtocolUdp, UdpDatagram(1, 2), sender)));
-        ASSERT_NE(packet, nullptr);
-        EXPECT_EQ(Filter_IndicatePacketFromAdapter(&adapter, packet), FILTER_STATUS_SUCCESS);
-    }
-    EXPECT_EQ(Filter_GetInjectPacketCount(), 10u);
-    EXPECT_EQ(g_packetsOut, 10);
-    StopFramework();
-    EXPECT_EQ(g_packetsOut, 0);
 }
 
 } // namespace

@@ -1,13 +1,13 @@
 #include "report.h"
 
+#include <support/exports.h>
+
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <array>
-#include <fstream>
 #include <map>
 #include <set>
-#include <stdexcept>
 
 #include <fnmatch.h>
 
@@ -47,18 +47,6 @@ std::string Describe(const Verdict& verdict)
     }
     return text + "\n";
 }
-
-// What the scenario has to use: the exports of the driver and the control requests of its public header.
-struct List {
-    const char* path;
-    std::string begin; // of the lines with a name, and where the name begins in them
-    size_t at;
-};
-
-const List kLists[] = {
-    {NDISFILTER_SOURCE "/driver/kernel/filter/ndisfilter.exports", "", 0},
-    {NDISFILTER_SOURCE "/driver/kernel/tdi/tdi-client.exports", "", 0},
-    {NDISFILTER_SOURCE "/driver/kernel/filter/include/ndisfilter-user.h", "#define IOCTL_", 8}};
 
 // Calls that are documented not to tell a failure by what they answer.
 struct Silence {
@@ -114,22 +102,16 @@ bool MayStaySilent(const std::string& call, const std::string& kind)
 
 } // namespace
 
+// The scenario has to use the exports of the drivers and the control requests of the public header.
 std::vector<std::string> MissingFrom(const std::vector<Entry>& entries)
 {
-    std::set<std::string> names;
-    for (const List& list : kLists) {
-        std::ifstream file(list.path);
-        if (!file) {
-            throw std::runtime_error(std::string("cannot read ") + list.path);
-        }
-        for (std::string line; std::getline(file, line);) {
-            if (line.starts_with(list.begin)) {
-                line.erase(0, list.at);
-                names.insert(line.substr(0, line.find_first_of("=# ")));
-            }
-        }
+    const std::string driver = NDISFILTER_SOURCE "/driver/kernel/";
+    std::set<std::string> names = support::NamesIn(driver + "filter/ndisfilter.exports");
+    names.merge(support::NamesIn(driver + "tdi/tdi-client.exports"));
+    for (const std::string& code :
+         support::NamesIn(driver + "filter/include/ndisfilter-user.h", "#define IOCTL_")) {
+        names.insert("IOCTL_" + code);
     }
-    names.erase("");
     for (const Entry& entry : entries) {
         names.erase(entry.name);
     }

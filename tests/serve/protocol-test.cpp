@@ -5,7 +5,6 @@
 #include <lab-protocol.h>
 
 #include <algorithm>
-#include <functional>
 #include <random>
 
 #include <gmock/gmock.h>
@@ -21,6 +20,15 @@ namespace
 using labprotocol::MessageType;
 
 constexpr int32_t kStatusInsufficientResources = static_cast<int32_t>(0xC000009A);
+
+template <class Message>
+std::vector<uint8_t> BytesOf(const Message& message, const std::vector<uint8_t>& tail = {})
+{
+    std::vector<uint8_t> bytes(sizeof(message));
+    std::memcpy(bytes.data(), &message, sizeof(message));
+    bytes.insert(bytes.end(), tail.begin(), tail.end());
+    return bytes;
+}
 
 // A connection by hand.
 class RawProgram
@@ -49,10 +57,7 @@ class RawProgram
     template <class Message>
     void Send(const Message& message, const std::vector<uint8_t>& tail = {})
     {
-        std::vector<uint8_t> bytes(sizeof(message));
-        std::memcpy(bytes.data(), &message, sizeof(message));
-        bytes.insert(bytes.end(), tail.begin(), tail.end());
-        SendBytes(bytes);
+        SendBytes(BytesOf(message, tail));
     }
     void SendControl(uint64_t id, uint32_t code, const std::vector<uint8_t>& input, uint32_t outputLength)
     {
@@ -142,27 +147,20 @@ TEST_F(Protocol, WhatIsNoMessageEndsTheConnection)
     badOutput.outputLength = labprotocol::kLongestTransfer + 1;
     labprotocol::Control hugeInput;
     hugeInput.inputLength = 0xFFFFFFFF;
-    const std::vector<uint8_t> tooLong(labprotocol::kLongestMessage + 1, 3);
-    const std::function<void(RawProgram&)> wrongs[] = {
-        [](RawProgram& program) { program.SendBytes({1}); },
-        [](RawProgram& program) {
-            program.SendBytes(std::vector<uint8_t>{3, 0, 0, 0});
-        },
-        [](RawProgram& program) { program.SendBytes(std::vector<uint8_t>(40, 0xFF)); },
-        [&](RawProgram& program) { program.SendBytes(tooLong); },
-        [&](RawProgram& program) {
-            program.Send(badLength, {1, 2, 3, 4});
-        },
-        [&](RawProgram& program) { program.Send(badOutput); },
-        [&](RawProgram& program) { program.Send(hugeInput); },
-        [](RawProgram& program) { program.Send(labprotocol::Cancel(), {0}); },
-        [](RawProgram& program) { program.Send(labprotocol::Mapped(), {0}); },
-        [](RawProgram& program) { program.Send(labprotocol::Close(), {0}); },
-        [](RawProgram& program) { program.Send(labprotocol::Welcome()); },
-    };
-    for (const auto& doWrong : wrongs) {
+    const std::vector<uint8_t> wrongs[] = {{1},
+                                           {3, 0, 0, 0},
+                                           std::vector<uint8_t>(40, 0xFF),
+                                           std::vector<uint8_t>(labprotocol::kLongestMessage + 1, 3),
+                                           BytesOf(badLength, {1, 2, 3, 4}),
+                                           BytesOf(badOutput),
+                                           BytesOf(hugeInput),
+                                           BytesOf(labprotocol::Cancel(), {0}),
+                                           BytesOf(labprotocol::Mapped(), {0}),
+                                           BytesOf(labprotocol::Close(), {0}),
+                                           BytesOf(labprotocol::Welcome())};
+    for (const std::vector<uint8_t>& wrong : wrongs) {
         RawProgram program(lab_);
-        doWrong(program);
+        program.SendBytes(wrong);
         EXPECT_TRUE(program.IsDisconnected());
     }
     EXPECT_THAT(lab_.Errors(),
