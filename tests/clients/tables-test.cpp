@@ -83,7 +83,7 @@ TEST_F(TracedTablesTest, SayWhatTheyDo)
     EXPECT_EQ(Debug().Take(), "Enter Filter_FindHashItem\n" + item +
                                   "++ = 3\nLeave Filter_FindHashItem, pHashItem = " + PointerText(&newer) +
                                   "\n");
-    EXPECT_EQ(Filter_FindHashItemEx(table, 11, nullptr), nullptr);
+    EXPECT_EQ(Filter_FindHashItemEx(table, 11, nullptr), nullptr); // another value of the same bucket
     EXPECT_EQ(Debug().Take(), "Enter Filter_FindHashItemEx\nLeave Filter_FindHashItem, NULL\n");
     Filter_DeleteHashItem(&newer.head);
     Debug().Take();

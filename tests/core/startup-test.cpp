@@ -41,11 +41,9 @@ TEST_F(TracedStartUpTest, BuildsUpAndTearsDownInOrder)
 
 TEST_F(TracedStartUpTest, RequestsOfAHandleOnlyComplete)
 {
-    Debug().Take();
     std::unique_ptr<machine::File> device = OpenDevice();
-    EXPECT_EQ(Debug().Take(), "Enter NdisFilterOpen\nLeave NdisFilterOpen\n");
     EXPECT_EQ(device->SendShutdown().Wait().value().status, STATUS_SUCCESS);
-    EXPECT_EQ(Debug().Take(), "Enter NdisFilterShutdown\nLeave NdisFilterShutdown\n");
+    Debug().Take();
     device.reset();
     EXPECT_EQ(Debug().Take(), "Enter NdisFilterCleanup\nLeave NdisFilterCleanup\n"
                               "Enter NdisFilterClose\nLeave NdisFilterClose\n");
