@@ -1,9 +1,8 @@
 // The four chains, driven by any program of registrations, invocations, injections, bindings and verdicts. A model knows
-// which filters each packet meets in which order, and where each packet ends.
+// which filters each packet meets in which order, what they read of its frame, and where it ends.
 #include "support/fuzz.h"
 
 #include <list>
-#include <memory>
 #include <vector>
 
 using namespace fuzz;
@@ -25,7 +24,7 @@ constexpr struct {
                   {FILTER_TYPE_OUTGOING_PACKET, Filter_InjectPacketFromProtocol}};
 
 // What a filter's procedure does. The first four are the verdicts of those numbers.
-enum class Conduct { Bypass, Discard, Consume, Capture, NoVerdict, Fault, Forward, Count };
+enum class Conduct { Bypass, Discard, Consume, Capture, NoVerdict, Fault, Forward, HandBack, Count };
 
 struct Filter {
     PacketFilter* handle = nullptr;
@@ -62,6 +61,7 @@ class Fixture : public DriversMachine<kDrivers>
             Require(visited_ == expected_, "the filters that packets meet, in their order");
             visited_.clear();
             expected_.clear();
+            delivered_ = false;
         }
         Require(TakeEnds() == ends_, "where packets end");
         PutBack();
@@ -70,6 +70,12 @@ class Fixture : public DriversMachine<kDrivers>
 
     FILTER_RESULT Visit(const Filter& filter, FilterPacket* packet)
     {
+        if (visited_.empty() && delivered_) { // later its buffers may be gone
+            Filter_TransferPacketData(packet);
+            Require(packet->m_nBytesRead == frame_.size() && packet->m_nPacketSize == frame_.size() &&
+                        std::equal(frame_.begin(), frame_.end(), packet->m_Data),
+                    "the whole frame");
+        }
         visited_.push_back(filter.number);
         switch (filter.conduct) {
         case Conduct::Consume:
@@ -81,6 +87,9 @@ class Fixture : public DriversMachine<kDrivers>
             ExRaiseStatus(STATUS_ACCESS_VIOLATION);
         case Conduct::Forward: // from inside the chain, past the others
             Filter_InjectPacketToAdapterEx(adapters[1], packet);
+            return FILTER_RESULT_CONSUME;
+        case Conduct::HandBack: // for a worker to go on behind it
+            Filter_InjectPacketFromFilter(FILTER_METHOD_START_AFTER_THIS_FILTER, filter.handle, packet);
             return FILTER_RESULT_CONSUME;
         default:
             return static_cast<FILTER_RESULT>(filter.conduct);
@@ -232,6 +241,8 @@ class Fixture : public DriversMachine<kDrivers>
                 return;
             case Conduct::Forward:
                 return ExpectDelivery(packet, false);
+            case Conduct::HandBack:
+                return ExpectChain(type, packet, kAfter, &filter);
             default: // bypass, no verdict, or a fault: the next one runs
                 break;
             }
@@ -245,9 +256,18 @@ class Fixture : public DriversMachine<kDrivers>
     void Receive()
     {
         const bool received = input_->Flag();
-        const support::Bytes frame = support::UdpFrame();
-        const hook::Accepted accepted =
-            received ? hook::DeliverReceived(adapters[0], frame) : hook::DeliverSent(adapters[0], frame);
+        frame_.assign(input_->Below(hook::kLongestFrame + 1), input_->Byte());
+        const auto bytes = input_->Take(std::min<size_t>(frame_.size(), 16));
+        std::copy(bytes.begin(), bytes.end(), frame_.begin());
+        hook::FrameOptions options;
+        if (input_->Flag()) { // only a part is in the packet, the rest in pieces
+            options.presentBytes = input_->Below(static_cast<uint32_t>(frame_.size()) + 1);
+            options.pieces = {input_->Byte(), input_->Byte(), input_->Byte()};
+            options.unmappedBuffers = input_->Flag();
+        }
+        delivered_ = true;
+        const hook::Accepted accepted = received ? hook::DeliverReceived(adapters[0], frame_, options)
+                                                 : hook::DeliverSent(adapters[0], frame_, options);
         Require(accepted == (bound_ ? hook::Accepted::Yes : hook::Accepted::NotBound),
                 "frames are taken while bound");
         if (bound_) {
@@ -376,6 +396,8 @@ class Fixture : public DriversMachine<kDrivers>
     uint32_t next_ = 0;
     bool bound_ = true;
     std::vector<uint32_t> visited_, expected_;
+    support::Bytes frame_; // that the hook driver delivers in this step, if any
+    bool delivered_ = false;
     Ends ends_;
     std::vector<FilterPacket*> kept_;     // by filters
     std::vector<FilterPacket*> stranded_; // released while nobody was bound

@@ -1,4 +1,4 @@
-// Frames of the network: parsing, dump, clone and lazy reads of packets, whose record ends with its last byte, and
+// Frames of the network: parsing, dump, clone and verification of packets, whose record ends with its last byte, and
 // checksums of datagrams in buffers of exactly the bytes that the contract asks for, against RFC 1071 word by word.
 #include "support/fuzz.h"
 
@@ -193,76 +193,11 @@ void CheckRecord(Input& input)
     }
 }
 
-struct Expectation {
-    std::vector<uint8_t> frame;
-    Input choices{nullptr, 0};
-    size_t seen = 0;
-    FilterPacket* kept = nullptr;
-} expectation;
-
-FILTER_RESULT Filter(FilterDriver*, PVOID, PacketFilter*, PVOID, FilterPacket* packet)
-{
-    ++expectation.seen;
-    Input choices = expectation.choices;
-    RequireEqual(packet->m_nPacketSize, static_cast<ULONG>(expectation.frame.size()), "a packet's size");
-    if (choices.Flag()) {
-        Examine(packet, choices);
-    }
-    Filter_TransferPacketData(packet);
-    RequireEqual(packet->m_nBytesRead, packet->m_nPacketSize, "bytes read");
-    if (!packet->m_bDirty) {
-        Require(std::equal(expectation.frame.begin(), expectation.frame.end(), packet->m_Data),
-                "the whole frame");
-    }
-    const FILTER_RESULT verdict = choices.Below(4);
-    expectation.kept = verdict == FILTER_RESULT_CONSUME ? packet : nullptr;
-    return verdict;
-}
-
-// A frame that the hook driver delivers, of which only a part may be in the packet and the rest in pieces.
-void CheckDelivery(Input& input)
-{
-    FilterAdapter* adapter = hook::FindAdapter(kAddresses[input.Below(kAdapters)]);
-    hook::FrameOptions options;
-    uint8_t choices[4];
-    for (uint8_t& choice : choices) {
-        choice = input.Byte();
-    }
-    const bool lazy = input.Flag(), received = input.Flag();
-    options.unmappedBuffers = input.Flag();
-    if (lazy) {
-        options.presentBytes = input.Get<uint16_t>() % (hook::kLongestFrame + 1);
-        for (uint32_t count = input.Below(4); count > 0; --count) {
-            options.pieces.push_back(input.Byte());
-        }
-    }
-    const auto frame = input.Take(hook::kLongestFrame);
-    expectation = {{frame.begin(), frame.end()}, {choices, sizeof(choices)}};
-    if (lazy && options.presentBytes > frame.size()) {
-        options.presentBytes = static_cast<uint32_t>(frame.size());
-    }
-    const auto accepted = received ? hook::DeliverReceived(adapter, frame, options)
-                                   : hook::DeliverSent(adapter, frame, options);
-    Require(accepted == hook::Accepted::Yes, "a frame that the hook driver takes");
-    RequireEqual(expectation.seen, 1u, "calls of the filter");
-    if (expectation.kept != nullptr) {
-        Filter_ReleasePacket(expectation.kept);
-    }
-}
-
 class Fixture : public Machine
 {
   public:
     Fixture()
     {
-        FilterDriver* driver = RegisterDriver("client");
-        for (const FILTER_TYPE type : {FILTER_TYPE_INCOMING_PACKET, FILTER_TYPE_OUTGOING_PACKET}) {
-            const STRING name = Counted("filter");
-            PacketFilter* filter = nullptr;
-            RequireEqual(
-                Filter_RegisterFilter(driver, &name, Filter, nullptr, type, FILTER_ORDER_FIRST, &filter),
-                FILTER_STATUS_SUCCESS, "registering a filter");
-        }
         for (const auto& address : kAddresses) {
             Filter_SetAdapterPacketDump(address.data(), TRUE);
         }
@@ -272,16 +207,10 @@ class Fixture : public Machine
 
     void Run(Input input)
     {
-        switch (input.Below(4)) {
-        case 0:
-            CheckRecord(input);
-            break;
-        case 1:
-            CheckDelivery(input);
-            break;
-        default:
+        if (input.Flag()) {
             CheckChecksum(input);
-            break;
+        } else {
+            CheckRecord(input);
         }
         CheckAtRest();
     }

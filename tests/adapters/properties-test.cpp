@@ -134,6 +134,11 @@ TEST_F(AnsweringHookTest, TwoStatusesOfTheHookDriverAreFailures)
     EXPECT_EQ(Filter_GetAdapterMediaStateByMac(kOwnMac.data(), &state), FILTER_ERROR_EXCEPTION);
     EXPECT_EQ(Debug().Take(), "Hook_GetAdapterStatus: exception, code = -1073741819\n");
     EXPECT_EQ(Exchange(*device_, IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK, record).status, STATUS_SUCCESS);
+    AdapterList list;
+    EXPECT_THAT((std::vector{Filter_GetTcpIpBoundAdapters(&list),
+                             Filter_GetAdapterMediaStateByMac(kOwnMac.data(), &state),
+                             Filter_SetAdapterMediaStateByMac(kOwnMac.data(), 0)}),
+                Each(FILTER_ERROR_INTERFACE_NOT_ACTIVE));
 }
 
 // ------------------------------------------------------------------------------------------ IP configuration

@@ -64,6 +64,9 @@ TEST_F(NdisRequestsTest, HandlesAreChecked)
     Debug().Take();
     EXPECT_FALSE(Filter_IsValidNdisRequest(nullptr));
     EXPECT_EQ(Debug().Take(), "Filter_IsValidNdisRequest: Invalid Handle 0x0000000000000000, NULL pointer\n");
+    EXPECT_FALSE(Filter_IsValidNdisRequest(reinterpret_cast<PVOID>(24)));
+    EXPECT_EQ(Debug().Take(),
+              "Filter_IsValidNdisRequest: Invalid Handle 0x0000000000000000, bad tag 0xffffffff\n");
     EXPECT_FALSE(Filter_IsValidNdisRequest(Unreadable<char>() + 64));
     EXPECT_EQ(Debug().Take(), "Filter_IsValidNdisRequest: exception, code = -1073741819\n");
     uint32_t bytes[16] = {1, 2, 3, 4, 5, 6, 7};
@@ -75,6 +78,15 @@ TEST_F(NdisRequestsTest, HandlesAreChecked)
     EXPECT_EQ(Filter_MakeNdisRequest(reinterpret_cast<FilterAdapter*>(bytes), bytes + 6, nullptr),
               FILTER_ERROR_INVALID_ADAPTER_HANDLE);
     EXPECT_EQ(Filter_AllocateNdisRequest(Unwritable<PVOID>()), FILTER_ERROR_EXCEPTION);
+    PVOID none = nullptr;
+    machine::FailCall(machine::Fault::Pool, 1);
+    EXPECT_EQ(Filter_AllocateNdisRequest(&none), FILTER_ERROR_OUT_OF_MEMORY);
+    using enum hook::Function;
+    EXPECT_EQ(hook::Bind({.without = {AllocateRequest, MakeNdisRequest, FreeRequest}}), STATUS_SUCCESS);
+    EXPECT_EQ(Filter_AllocateNdisRequest(&none), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
+    EXPECT_EQ(Filter_MakeNdisRequest(AddAdapter(), request, nullptr), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
+    EXPECT_EQ(Filter_FreeNdisRequest(request), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
+    EXPECT_EQ(hook::Bind(), STATUS_SUCCESS);
     EXPECT_EQ(Filter_FreeNdisRequest(request), FILTER_STATUS_SUCCESS);
 }
 

@@ -86,7 +86,7 @@ TEST_F(TracedTablesTest, SayWhatTheyDo)
     EXPECT_EQ(Filter_FindHashItemEx(table, 11, nullptr), nullptr); // another value of the same bucket
     EXPECT_EQ(Debug().Take(), "Enter Filter_FindHashItemEx\nLeave Filter_FindHashItem, NULL\n");
     Filter_DeleteHashItem(&newer.head);
-    Debug().Take();
+    EXPECT_THAT(Debug().Take(), HasSubstr("\n" + item + "-- = 2\n" + item + "-- = 1\nLeave"));
     Filter_DeleteHashItem(&newer.head);
     EXPECT_EQ(Debug().Take(), "Enter Filter_DeleteHashItem\n"
                               "DeleteHashItem: double delete hash item, try release hash item\n" +

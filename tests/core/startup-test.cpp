@@ -41,15 +41,55 @@ TEST_F(TracedStartUpTest, BuildsUpAndTearsDownInOrder)
 
 TEST_F(TracedStartUpTest, RequestsOfAHandleOnlyComplete)
 {
+    Debug().Take();
     std::unique_ptr<machine::File> device = OpenDevice();
     EXPECT_EQ(device->SendShutdown().Wait().value().status, STATUS_SUCCESS);
-    Debug().Take();
+    EXPECT_EQ(Debug().Take(), "Enter NdisFilterOpen\nLeave NdisFilterOpen\n"
+                              "Enter NdisFilterShutdown\nLeave NdisFilterShutdown\n");
     device.reset();
     EXPECT_EQ(Debug().Take(), "Enter NdisFilterCleanup\nLeave NdisFilterCleanup\n"
                               "Enter NdisFilterClose\nLeave NdisFilterClose\n");
 }
 
 using RefusedStartUpTest = Loaded<NothingLoaded, kTraceCore>;
+
+TEST_F(RefusedStartUpTest, IsSilentWithoutTheRegistryPath)
+{
+    machine::FailCall(machine::Fault::Pool, 1);
+    EXPECT_EQ(LoadFramework(), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(Debug().Take(), "");
+}
+
+int g_packetsOut = 0;
+
+TEST_F(RefusedStartUpTest, PacketsThatNoThreadTakesAreReleasedByTheUnload)
+{
+    machine::FailAllFrom(machine::Fault::Thread, 2); // the first one is the share's
+    ASSERT_EQ(LoadFramework(), STATUS_SUCCESS);
+    machine::ClearFaults();
+    NdisHookAPI record = HookRecord(); // of a hook driver that does not hold the framework loaded
+    record.Hook_AllocatePacket = [](FilterAdapter* adapter, PCSTR, ULONG) {
+        g_packetsOut++;
+        auto* const packet = new FilterPacket();
+        packet->m_hAdapter = adapter;
+        return packet;
+    };
+    record.Hook_FreePacket = [](FilterPacket* packet, PCSTR, ULONG) {
+        g_packetsOut--;
+        delete packet;
+    };
+    Exchange(*OpenDevice(), IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK, record);
+    FilterAdapter adapter = {};
+    for (const uint8_t octet : {10, 11}) { // for each queue
+        const Bytes frame = EthernetFrame(
+            kEtherTypeIpv4, Ipv4Packet(kProtocolUdp, UdpDatagram(1, 2), {.source = {octet, 0, 0, 1}}));
+        Filter_IndicatePacketFromAdapter(&adapter, MakePacket(&adapter, frame));
+    }
+    EXPECT_EQ(Filter_GetInjectPacketCount(), 2u);
+    EXPECT_EQ(g_packetsOut, 2);
+    StopFramework();
+    EXPECT_EQ(g_packetsOut, 0);
+}
 
 TEST_F(RefusedStartUpTest, NamesTheDeviceOrLinkAndItsStatus)
 {

@@ -130,6 +130,11 @@ std::string NameOf(const std::vector<Point>& points)
 void Report::CheckOutcomes()
 {
     for (Verdict& verdict : singles) {
+        if (verdict.call == "DriverEntry" && verdict.outcome == Outcome::Said &&
+            !Matches("pool:1|device:*|link:*", NameOf(verdict.points))) {
+            verdict.bad.push_back("a start that can go without is refused");
+            verdict.outcome = Outcome::Bad;
+        }
         if ((verdict.outcome == Outcome::Unmade || verdict.outcome == Outcome::Same) &&
             !MayStaySilent(verdict.call, Kinds()[verdict.points[0].kind].name)) {
             verdict.bad.push_back(

@@ -232,7 +232,9 @@ TEST_F(CloneTest, APartlyReadPacketGivesAWholeClone)
         EXPECT_EQ(clone->m_pReleaseContext, nullptr);
         EXPECT_EQ(clone->m_pEthernet, clone->m_Data);
         EXPECT_EQ(clone->m_pDns, clone->m_Data + 14 + 20 + 8);
-        Filter_ReleasePacket(std::exchange(clone, nullptr));
+        const Collector out(adapter, hook::Side::Adapter);
+        Filter_InjectPacketToAdapterEx(adapter, std::exchange(clone, nullptr));
+        EXPECT_THAT(out.Frames(), ElementsAre(frame));
     }
 }
 

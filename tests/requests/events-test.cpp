@@ -127,13 +127,22 @@ TEST_F(EventRequestsTest, TheDumpPrintsTheWholeStateInOrder)
              "- Type = NdisFilterDeviceExtension\n- Size = ",
              "- m_DeviceSymbolicLink = \\DosDevices\\NdisFilter\n- m_bSymbolicLinkCreated = TRUE\n",
              "- m_NdisHookAPI.m_Size = 0x00000000000000A8\n",
-             "  - m_pUserModeVirtualAddress = 0x0000000000000000\n  - m_pMdl = 0x", "  - m_nSize = 1724496\n",
+             "- m_NdisHookAPI.Hook_MmUnmapLockedPages = 0x",
+             "  - m_pUserModeVirtualAddress = 0x0000000000000000\n  - m_pMdl = 0x",
+             "  - m_nSize = 1724496\n",
              "- m_SharedMemory.KernelModeInput\n  - m_iBlockSize = 1684\n  - m_iBlockCount = 512\n"
              "  - m_iBaseOffset = 862208\n",
-             "- m_nNdisHelperWorkThread = 3\n", "- m_nAdapterCount = 1\n- m_AdapterList[0] = 0x",
-             "- m_pContextDriver[15] = 0x0000000000000000\n", "- m_DriverName = dumped-client\n",
-             "Dumping Packet Filter(Type = 0 - ", PointerText(filter.Handle()),
-             "  - LastAllocateMisses = ", "- m_nEvent1 = 4711\n", "- m_bDiagInProgress = FALSE\n",
+             "- m_nNdisHelperWorkThread = 3\n",
+             "- m_nAdapterCount = 1\n- m_AdapterList[0] = 0x",
+             "- m_pContextDriver[15] = 0x0000000000000000\n",
+             "- m_DriverName = dumped-client\n",
+             "Dumping Packet Filter(Type = 0 - ",
+             PointerText(filter.Handle()),
+             "- m_InjectPacketEvent[1] = 0x",
+             "- m_IfEventHandlerList = 0x",
+             "  - LastAllocateMisses = ",
+             "- m_nEvent1 = 4711\n",
+             "- m_bDiagInProgress = FALSE\n",
              "- m_pDriverToAppEthrLog = 0x0000000000000000\n"}) {
         const size_t found = text.find(line, at);
         EXPECT_NE(found, std::string::npos) << line;

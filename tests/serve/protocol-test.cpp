@@ -198,6 +198,23 @@ TEST_F(Protocol, RandomMessagesHurtNobody)
     }
 }
 
+TEST_F(Protocol, RequestsOfAnyLengthComeToAnEnd)
+{
+    RawProgram program(lab_);
+    uint64_t id = 0;
+    for (uint32_t function = 0x800; function <= 0x910; ++function) {
+        for (const uint32_t length : {0u, 7u, 60u, 10'000u}) {
+            if (NDIS_FILTER_CTL_CODE(function) != IOCTL_NDIS_FILTER_START_SHARE) { // that asks for a mapping
+                program.SendControl(++id, NDIS_FILTER_CTL_CODE(function), std::vector<uint8_t>(length, 7),
+                                    length);
+                const size_t size = program.ReceiveBytes().size();
+                ASSERT_GE(size, sizeof(labprotocol::Reply)) << std::hex << function;
+                EXPECT_LE(size, sizeof(labprotocol::Reply) + length) << std::hex << function;
+            }
+        }
+    }
+}
+
 TEST_F(Protocol, TheAddressThatAProgramReportsComesBackAndIsNotUsed)
 {
     RawProgram program(lab_);

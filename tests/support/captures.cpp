@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 
 #include <gtest/gtest.h>
 #include <pcap/pcap.h>

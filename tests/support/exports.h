@@ -13,9 +13,6 @@ namespace support
 inline std::set<std::string> NamesIn(const std::string& path, const std::string& prefix = "")
 {
     std::ifstream file(path);
-    if (!file) {
-        throw std::runtime_error("cannot read " + path);
-    }
     std::set<std::string> names;
     for (std::string line; std::getline(file, line);) {
         if (line.starts_with(prefix)) {
@@ -24,6 +21,9 @@ inline std::set<std::string> NamesIn(const std::string& path, const std::string&
         }
     }
     names.erase("");
+    if (names.empty()) {
+        throw std::runtime_error("no names in " + path);
+    }
     return names;
 }
 
