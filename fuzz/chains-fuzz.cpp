@@ -416,7 +416,5 @@ FILTER_RESULT RunFilter(FilterDriver*, PVOID driverContext, PacketFilter* handle
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static Fixture& fixture = *new Fixture;
-    fixture.Run({data, size});
-    return 0;
+    return RunOn<Fixture>(data, size);
 }

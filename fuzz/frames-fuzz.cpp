@@ -223,7 +223,5 @@ class Fixture : public Machine
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static Fixture& fixture = *new Fixture;
-    fixture.Run({data, size});
-    return 0;
+    return RunOn<Fixture>(data, size);
 }

@@ -42,7 +42,7 @@ VOID OnEvent(FilterDriver*, PVOID driverContext, ULONG event, PVOID context, con
 class Fixture : public DriversMachine<kDrivers>
 {
   public:
-    void Run(Input& input)
+    void Run(Input input)
     {
         input_ = &input;
         for (size_t step = 0; step < kSteps && !input.IsEmpty(); ++step) {
@@ -302,8 +302,5 @@ VOID OnEvent(FilterDriver*, PVOID driverContext, ULONG event, PVOID context, con
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static Fixture& fixture = *new Fixture;
-    Input input(data, size);
-    fixture.Run(input);
-    return 0;
+    return RunOn<Fixture>(data, size);
 }

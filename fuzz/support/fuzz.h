@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <iterator>
 #include <span>
 #include <string>
@@ -150,5 +151,14 @@ class DriversMachine : public Machine
 
 // A packet of an adapter with a frame in it and its headers parsed.
 FilterPacket* MakePacket(FilterAdapter* adapter, std::span<const uint8_t> frame);
+
+// An input for a fixture that is made once and lives as long as the process: for what libFuzzer calls.
+template <class Fixture>
+int RunOn(const uint8_t* data, size_t size)
+{
+    static Fixture& fixture = *new Fixture;
+    fixture.Run({data, size});
+    return 0;
+}
 
 } // namespace fuzz
