@@ -7,6 +7,7 @@
 
 #include <ndisfilter-user.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <memory>
@@ -82,8 +83,7 @@ inline void Fill(SharedBlock& block, uint32_t adapterId, uint32_t direction, std
     block.m_nAdapterId = adapterId;
     block.m_nDirection = direction;
     block.m_nPacketSize = static_cast<uint32_t>(frame.size());
-    std::memcpy(reinterpret_cast<uint8_t*>(&block) + offsetof(SharedBlock, m_Data), frame.data(),
-                frame.size());
+    std::ranges::copy(frame, reinterpret_cast<uint8_t*>(&block) + offsetof(SharedBlock, m_Data));
 }
 
 } // namespace support
