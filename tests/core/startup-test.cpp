@@ -52,6 +52,7 @@ TEST_F(TracedStartUpTest, RequestsOfAHandleOnlyComplete)
 }
 
 using RefusedStartUpTest = Loaded<NothingLoaded, kTraceCore>;
+using UnloadTest = Loaded<NothingLoaded>;
 
 TEST_F(RefusedStartUpTest, IsSilentWithoutTheRegistryPath)
 {
@@ -62,7 +63,7 @@ TEST_F(RefusedStartUpTest, IsSilentWithoutTheRegistryPath)
 
 int g_packetsOut = 0;
 
-TEST_F(RefusedStartUpTest, PacketsThatNoThreadTakesAreReleasedByTheUnload)
+TEST_F(UnloadTest, ReleasesPacketsThatNoThreadTakes)
 {
     machine::FailAllFrom(machine::Fault::Thread, 2); // the first one is the share's
     ASSERT_EQ(LoadFramework(), STATUS_SUCCESS);
