@@ -1,5 +1,7 @@
 #include "framework.h"
 
+#include "eventually.h"
+
 #include <cstdio>
 #include <cstring>
 
@@ -97,7 +99,7 @@ FilterAdapter* FrameworkTest::AddAdapter(const std::string& name, const MacAddre
 void FrameworkTest::ExpectNoLockHeld(const char* where)
 {
     machine::CheckReturnToUser(where);
-    EXPECT_EQ(machine::TakeCensus().locksHeld, 0u) << where;
+    EXPECT_TRUE(Eventually([] { return machine::TakeCensus().locksHeld == 0; })) << where;
 }
 
 std::unique_ptr<machine::File> FrameworkTest::OpenDevice()

@@ -70,7 +70,8 @@ class FrameworkTest : public testing::Test
     // What is left behind at this moment is what the test expects to stay; it has asserted what that is.
     void AcceptLeftovers() { before_ = machine::TakeCensus(); }
 
-    // No lock is held by anybody, and this thread is at PASSIVE_LEVEL.
+    // No lock is held by this thread, which is at PASSIVE_LEVEL, and none stays held: the framework's own threads take
+    // theirs at any time.
     void ExpectNoLockHeld(const char* where);
 
     // The control device, opened by the user program; fails the test when it cannot be.
