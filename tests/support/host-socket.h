@@ -23,7 +23,7 @@ class HostSocket
         const sockaddr_in address = Loopback(0);
         bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
         if (type == SOCK_STREAM && listens) {
-            listen(descriptor_, 5);
+            listen(descriptor_, SOMAXCONN); // with a full queue the host would hold up callers for minutes
         }
     }
     // Who calls a listening one.
