@@ -17,13 +17,15 @@ namespace support
 class HostSocket
 {
   public:
-    // A stream socket that does not listen holds its port and refuses who calls it.
-    explicit HostSocket(int type, bool listens = true) : descriptor_(socket(AF_INET, type | SOCK_CLOEXEC, 0))
+    // A stream socket listens, with a queue for so many callers and one; whoever calls a full one waits for minutes.
+    // With kRefuses it holds its port and refuses who calls it.
+    static constexpr int kRefuses = -1;
+    explicit HostSocket(int type, int callers = SOMAXCONN) : descriptor_(socket(AF_INET, type | SOCK_CLOEXEC, 0))
     {
         const sockaddr_in address = Loopback(0);
         bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-        if (type == SOCK_STREAM && listens) {
-            listen(descriptor_, SOMAXCONN); // with a full queue the host would hold up callers for minutes
+        if (type == SOCK_STREAM && callers != kRefuses) {
+            listen(descriptor_, callers);
         }
     }
     // Who calls a listening one.

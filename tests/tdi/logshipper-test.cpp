@@ -51,7 +51,7 @@ TEST(LogShipperTest, ShipsALineForEachEventBothWays)
 
 TEST(LogShipperTest, AServerThatIsNotThereCostsLinesAndNothingElse)
 {
-    const HostSocket nobody(SOCK_STREAM, false);
+    const HostSocket nobody(SOCK_STREAM, HostSocket::kRefuses);
     const std::string output = RunLab(nobody.Port(), true);
     EXPECT_THAT(output, testing::HasSubstr("logshipper: cannot reach the log server, status 0xC0000236"));
     EXPECT_THAT(output, testing::HasSubstr("logshipper: 0 lines handed to the transport"));

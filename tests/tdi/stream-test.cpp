@@ -69,7 +69,8 @@ TEST_F(TdiTest, AThousandConnectionsLeaveNothingBehind)
 
 TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
 {
-    HostSocket* const listener = new HostSocket(SOCK_STREAM);
+    constexpr int kCallers = 5;
+    HostSocket* const listener = new HostSocket(SOCK_STREAM, kCallers);
     echo::Connection connection;
     ASSERT_EQ(connection.Open(), STATUS_SUCCESS);
     KS_CONNECTION_ENDPOINT& endpoint = connection.endpoint;
@@ -154,7 +155,7 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
     }
     {
         // A peer that does not answer, as its queue is full: an abort ends the waiting for it.
-        std::vector<echo::Connection> queued(6);
+        std::vector<echo::Connection> queued(kCallers + 1);
         for (echo::Connection& one : queued) {
             ASSERT_EQ(one.Open(), STATUS_SUCCESS);
             ASSERT_EQ(one.Connect(listener->Port()), STATUS_SUCCESS);
@@ -169,7 +170,7 @@ TEST_F(TdiTest, WhatThePeerDoesIsToldByTheStatus)
         }
     }
     delete listener;
-    const HostSocket nobody(SOCK_STREAM, false);
+    const HostSocket nobody(SOCK_STREAM, HostSocket::kRefuses);
     EXPECT_EQ(connection.Connect(nobody.Port()), STATUS_CONNECTION_REFUSED);
     TA_IP_ADDRESS far;
     KS_InitIPAddress(&far, htonl(0x08080808), KS_htons(53));
@@ -253,7 +254,7 @@ TEST_F(TdiTest, AClientOfTheKernelServesCallersWithEventHandlers)
                                       Listener::OnDisconnect, nullptr, Listener::OnReceive, nullptr, nullptr),
                   row.set);
         {
-            const HostSocket caller(SOCK_STREAM, false);
+            const HostSocket caller(SOCK_STREAM, HostSocket::kRefuses);
             caller.Connect(support::AskPort(listener.connection.address)); // that it chose
             listener.own.Wait();
             caller.Send("abcdefgh");
